@@ -1,0 +1,29 @@
+#include "binder/Binder.h"
+
+#include "binder/IInterface.h"
+#include "binder/Parcel.h"
+
+namespace android {
+
+sp<IInterface> IBinder::queryLocalInterface(const String16& /*descriptor*/) {
+    return nullptr;
+}
+
+const String16& BBinder::getInterfaceDescriptor() const {
+    static const String16 none;
+    return none;
+}
+
+status_t BBinder::transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
+    data.setDataPosition(0);
+    const status_t status = onTransact(code, data, reply, flags);
+    if (reply != nullptr) reply->setDataPosition(0);
+    return status;
+}
+
+status_t BBinder::onTransact(uint32_t /*code*/, const Parcel& /*data*/, Parcel* /*reply*/,
+                             uint32_t /*flags*/) {
+    return UNKNOWN_TRANSACTION;
+}
+
+}  // namespace android

@@ -1,0 +1,48 @@
+#include "binder/ProcessState.h"
+
+#include <unistd.h>
+
+#include <thread>
+
+#include "binder/IPCThreadState.h"
+#include "binder/caller.h"
+#include "binder/transport.h"
+
+namespace android {
+
+sp<ProcessState> ProcessState::self() {
+    static const sp<ProcessState> instance = sp<ProcessState>::make();
+    return instance;
+}
+
+status_t ProcessState::setThreadPoolMaxThreadCount(size_t maxThreads) {
+    mMaxThreads = maxThreads;
+    return OK;
+}
+
+void ProcessState::startThreadPool() {
+    if (mStarted) return;
+    mStarted = true;
+    for (size_t i = 0; i < mMaxThreads; ++i) {
+        std::thread([] { IPCThreadState::self()->joinThreadPool(false); }).detach();
+    }
+}
+
+IPCThreadState* IPCThreadState::self() {
+    static IPCThreadState instance;  // without state of its own: the caller is the thread's
+    return &instance;
+}
+
+void IPCThreadState::joinThreadPool(bool /*isMain*/) {
+    host::Transport::self().serve();
+}
+
+uid_t IPCThreadState::getCallingUid() const {
+    return host::currentCaller().uid;
+}
+
+pid_t IPCThreadState::getCallingPid() const {
+    return host::currentCaller().pid;
+}
+
+}  // namespace android

@@ -1,0 +1,97 @@
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <string>
+
+#include "binder/IServiceManager.h"
+#include "binder/remote_binder.h"
+#include "binder/service_directory.h"
+#include "binder/transport.h"
+#include "root/run_dir.h"
+#include "utils/utf.h"
+
+namespace android {
+namespace host {
+
+std::string fileNameOf(const String16& name) {
+    std::string text = utf16ToUtf8({name.c_str(), name.size()});
+    const bool usable = text.size() <= 64 && text.find('/') == std::string::npos &&
+                        text.find('\0') == std::string::npos && text[0] != '.';
+    return usable ? text : std::string();
+}
+
+sockaddr_un socketAddress(const UniqueFd& directory, const std::string& name) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    snprintf(address.sun_path, sizeof(address.sun_path), "/proc/self/fd/%d/%s.sock",
+             directory.get(), name.c_str());
+    return address;
+}
+
+namespace {
+
+/// Claims `name` for the life of this process, or for that of the descriptor that comes back.
+UniqueFd claim(const UniqueFd& directory, const std::string& name) {
+    UniqueFd lock(openat(directory.get(), (name + ".lock").c_str(),
+                         O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (lock.valid() && flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+        const int error = errno;
+        lock.reset();
+        errno = error;
+    }
+    return lock;
+}
+
+/// A socket that listens under `name`, in place of what a dead process may have left there.
+UniqueFd listenAt(const UniqueFd& directory, const std::string& name) {
+    UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!socket.valid()) return socket;
+    if (unlinkat(directory.get(), (name + ".sock").c_str(), 0) != 0 && errno != ENOENT) return {};
+    const sockaddr_un address = socketAddress(directory, name);
+    if (bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+        listen(socket.get(), SOMAXCONN) != 0) {
+        return {};
+    }
+    return socket;
+}
+
+class ServiceManager : public IServiceManager {
+  public:
+    status_t addService(const String16& name, const sp<IBinder>& service, bool /*allowIsolated*/,
+                        int /*dumpsysFlags*/) override {
+        const std::string fileName = fileNameOf(name);
+        if (fileName.empty() || service == nullptr) return BAD_VALUE;
+        const int run = openPrivateDirectory(runDirectory(), true);
+        if (run < 0) return run;
+        const UniqueFd directory(run);
+
+        UniqueFd lock = claim(directory, fileName);
+        if (!lock.valid()) return errno == EWOULDBLOCK ? ALREADY_EXISTS : -errno;
+        UniqueFd socket = listenAt(directory, fileName);
+        if (!socket.valid()) return -errno;
+        const status_t status = Transport::self().listen(std::move(socket), service);
+        if (status == OK) lock.release();  // held until the process ends
+        return status;
+    }
+
+    sp<IBinder> checkService(const String16& name) const override {
+        const std::string fileName = fileNameOf(name);
+        if (fileName.empty()) return nullptr;
+        const sp<RemoteBinder> service = sp<RemoteBinder>::make(fileName);
+        if (!service->isAlive()) return nullptr;
+        return service;
+    }
+};
+
+}  // namespace
+}  // namespace host
+
+sp<IServiceManager> defaultServiceManager() {
+    static const sp<IServiceManager> instance = sp<host::ServiceManager>::make();
+    return instance;
+}
+
+}  // namespace android

@@ -1,0 +1,82 @@
+#include "f2fs_io/copy.h"
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <vector>
+
+#include "f2fs_io/xattrs.h"
+
+namespace android::host {
+namespace {
+
+constexpr size_t kPiece = 256U << 10;  // bytes a read
+
+int writeFully(int file, const char* bytes, size_t size, off_t offset) {
+    while (size > 0) {
+        const ssize_t written = pwrite(file, bytes, size, offset);
+        if (written < 0 && errno != EINTR) return errno;
+        if (written <= 0) continue;
+        bytes += written;
+        size -= static_cast<size_t>(written);
+        offset += written;
+    }
+    return 0;
+}
+
+/// Copies the bytes from `start` to `end`.
+int copyRange(int from, int to, off_t start, off_t end, const std::function<bool()>& interrupted) {
+    thread_local std::vector<char> piece(kPiece);
+    while (start < end) {
+        const auto wanted = static_cast<size_t>(std::min<off_t>(end - start, kPiece));
+        const ssize_t got = pread(from, piece.data(), wanted, start);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return errno;
+        if (got == 0) return ESTALE;  // shorter than its status said
+        if (const int error = writeFully(to, piece.data(), static_cast<size_t>(got), start);
+            error != 0) {
+            return error;
+        }
+        if (interrupted()) return EBUSY;
+        start += got;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int copyContent(int from, int to, const struct stat& source,
+                const std::function<bool()>& interrupted) {
+    if (ioctl(to, FICLONE, from) == 0) return 0;
+    for (off_t end = 0; end < source.st_size;) {
+        const off_t start = lseek(from, end, SEEK_DATA);
+        if (start < 0 && errno == ENXIO) break;  // only a hole is left
+        if (start < 0) return errno;
+        end = lseek(from, start, SEEK_HOLE);
+        if (end < 0) return errno;
+        if (const int error = copyRange(from, to, start, end, interrupted); error != 0)
+            return error;
+    }
+    return ftruncate(to, source.st_size) == 0 ? 0 : errno;
+}
+
+int copyMetadata(int from, int to, const struct stat& source) {
+    Xattrs attributes;
+    if (const int error = readXattrs(from, &attributes); error != 0) return error;
+    // In this order: a change of owner clears capabilities and set-user-ID bits, and whatever
+    // changes the file at all changes its times.
+    struct stat copy = {};
+    if (fstat(to, &copy) != 0) return errno;
+    const bool sameOwner = copy.st_uid == source.st_uid && copy.st_gid == source.st_gid;
+    if (!sameOwner && fchown(to, source.st_uid, source.st_gid) != 0) return errno;
+    if (const int error = writeXattrs(to, attributes); error != 0) return error;
+    if (fchmod(to, source.st_mode & 07777) != 0) return errno;
+    const timespec times[] = {source.st_atim, source.st_mtim};
+    return futimens(to, times) == 0 ? 0 : errno;
+}
+
+}  // namespace android::host

@@ -1,0 +1,67 @@
+#include "f2fs_io/entry.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+
+#include "f2fs_io/compare.h"
+#include "f2fs_io/md5.h"
+
+namespace android::host {
+
+int openToRead(int directory, const char* path, int flags, UniqueFd* file) {
+    const int all = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | flags;
+    file->reset(openat(directory, path, all | O_NOATIME));
+    if (!file->valid() && errno == EPERM) file->reset(openat(directory, path, all));
+    return file->valid() ? 0 : errno;
+}
+
+int Entry::open(const char* path) {
+    const std::string whole = path;
+    const size_t slash = whole.rfind('/');
+    name = slash == std::string::npos ? whole : whole.substr(slash + 1);
+    if (whole.empty()) return ENOENT;
+    if (name.empty() || name == "." || name == "..") return EINVAL;
+    std::string parent = ".";
+    if (slash != std::string::npos) parent = whole.substr(0, slash + 1);
+    directory.reset(::open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    return directory.valid() ? 0 : errno;
+}
+
+int Entry::openFile(UniqueFd* file, struct stat* st) const {
+    const int error = openToRead(directory.get(), name.c_str(), O_NOFOLLOW, file);
+    if (error != 0) return error == ENXIO ? EINVAL : error;  // ENXIO: a socket
+    if (fstat(file->get(), st) != 0) return errno;
+    return S_ISREG(st->st_mode) ? 0 : EINVAL;
+}
+
+int Entry::status(const std::string& other, struct stat* st) const {
+    return fstatat(directory.get(), other.c_str(), st, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
+}
+
+std::string Entry::besideName(const char* kind) const {
+    return std::string(".rux-") + kind + "-" + md5OfText(name);
+}
+
+int Entry::removeLeftovers() const {
+    unlinkat(directory.get(), partName().c_str(), 0);  // there is none, as a rule
+    const std::string swap = swapName();
+    struct stat left = {};
+    if (const int error = status(swap, &left); error != 0) return error == ENOENT ? 0 : error;
+
+    // Another name holds the content too, be it this entry's or that of another member of its
+    // group?
+    bool spare = left.st_nlink > 1;
+    if (!spare) {
+        UniqueFd ours;
+        UniqueFd theirs;
+        struct stat st = {};
+        const int error = openToRead(directory.get(), swap.c_str(), O_NOFOLLOW, &theirs);
+        spare = error == 0 && openFile(&ours, &st) == 0 && st.st_size == left.st_size &&
+                compareBytes(ours.get(), theirs.get(), nullptr) == 0;
+    }
+    if (!spare) return EEXIST;
+    return unlinkat(directory.get(), swap.c_str(), 0) == 0 || errno == ENOENT ? 0 : errno;
+}
+
+}  // namespace android::host

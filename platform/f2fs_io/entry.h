@@ -1,0 +1,58 @@
+/// A name in an open directory: the means by which the library keeps hold of what it works on.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <string>
+
+#include "utils/unique_fd.h"
+
+namespace android::host {
+
+/// Which file, whatever its names.
+struct FileId {
+    dev_t device = 0;
+    ino_t inode = 0;
+    bool operator==(const FileId&) const = default;
+};
+
+inline FileId idOf(const struct stat& st) {
+    return {st.st_dev, st.st_ino};
+}
+
+/// The directory is opened once and everything else is done relative to it, so that no component of
+/// the path that is swapped later leads anywhere else.
+struct Entry {
+    UniqueFd directory;
+    std::string name;
+
+    /// 0 or an errno; EINVAL for a path that ends in no name.
+    int open(const char* path);
+
+    /// Opens the file itself for reading; ELOOP for a symbolic link, which is never followed,
+    /// EINVAL for what is not a regular file. Fills `st`.
+    int openFile(UniqueFd* file, struct stat* st) const;
+
+    /// Status of `other`, a name in the same directory, links not followed.
+    int status(const std::string& other, struct stat* st) const;
+
+    /// The two names that the library uses beside `name`: for a complete file that is about to be
+    /// exchanged with it, and for a copy that is not complete yet. Both start with ".rux-" and hold
+    /// a digest of `name`, so that a call finds what an interrupted one left.
+    std::string swapName() const { return besideName("swap"); }
+    std::string partName() const { return besideName("part"); }
+
+    /// Removes what an interrupted call on this entry left. EEXIST when that is the only name of a
+    /// content that differs from the file's own: then a writer that was open while the call was
+    /// killed has written there, and it is kept.
+    int removeLeftovers() const;
+
+  private:
+    std::string besideName(const char* kind) const;
+};
+
+/// Opens `path` below `directory` for reading, without changing its access time where the owner's
+/// rights allow that, and without waiting for the other end of a pipe. 0 or an errno.
+int openToRead(int directory, const char* path, int flags, UniqueFd* file);
+
+}  // namespace android::host

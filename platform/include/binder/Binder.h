@@ -1,0 +1,21 @@
+/// The server side of a binder object.
+#pragma once
+
+#include "binder/IBinder.h"
+
+namespace android {
+
+class BBinder : public IBinder {
+  public:
+    const String16& getInterfaceDescriptor() const override;
+
+    /// Hands the request, read from its start, to `onTransact`, and leaves `reply` at its start.
+    status_t transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags = 0) final;
+
+  protected:
+    /// Answers one transaction; the default knows none and returns `UNKNOWN_TRANSACTION`.
+    virtual status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply,
+                                uint32_t flags = 0);
+};
+
+}  // namespace android

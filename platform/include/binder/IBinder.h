@@ -1,0 +1,36 @@
+/// What both ends of a transaction have in common.
+#pragma once
+
+#include <cstdint>
+
+#include "utils/Errors.h"
+#include "utils/RefBase.h"
+#include "utils/String16.h"
+#include "utils/StrongPointer.h"
+
+namespace android {
+
+class IInterface;
+class Parcel;
+
+/// An object that takes transactions: the service's own, or a client's proxy for it.
+class IBinder : public virtual RefBase {
+  public:
+    enum : uint32_t {
+        FIRST_CALL_TRANSACTION = 1,
+        /// The caller does not wait, and gets no reply.
+        FLAG_ONEWAY = 1,
+    };
+
+    virtual const String16& getInterfaceDescriptor() const = 0;
+
+    /// Carries out transaction `code` with the request `data`; `reply` (may be null) receives what
+    /// the object answers. Returns the transaction's status.
+    virtual status_t transact(uint32_t code, const Parcel& data, Parcel* reply,
+                              uint32_t flags = 0) = 0;
+
+    /// The interface that this object itself implements, when that is `descriptor`; null otherwise.
+    virtual sp<IInterface> queryLocalInterface(const String16& descriptor);
+};
+
+}  // namespace android
