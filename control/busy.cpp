@@ -1,0 +1,31 @@
+#include "control/busy.h"
+
+#include <atomic>
+
+namespace rux {
+namespace {
+
+std::atomic<uint32_t> busyFlags{0};
+
+}  // namespace
+
+bool isAnyBusy() {
+    return busyFlags.load(std::memory_order_acquire) != 0;
+}
+
+bool isBusy(Operation operation) {
+    return (busyFlags.load(std::memory_order_acquire) & static_cast<uint32_t>(operation)) != 0;
+}
+
+BusyGuard::BusyGuard(Operation operation) {
+    uint32_t none = 0;
+    // Acquire and release: what the operation before left in memory is seen by this one.
+    mAdmitted = busyFlags.compare_exchange_strong(none, static_cast<uint32_t>(operation),
+                                                  std::memory_order_acq_rel);
+}
+
+BusyGuard::~BusyGuard() {
+    if (mAdmitted) busyFlags.store(0, std::memory_order_release);
+}
+
+}  // namespace rux

@@ -1,0 +1,41 @@
+/// The entries of the images: what they hold, and reading them whatever they hold.
+#pragma once
+
+#include <json/json.h>
+
+#include <cstdint>
+#include <string>
+
+namespace rux {
+
+/// The "f_list" of a group record, an array of the paths of its members in the order in which they
+/// joined; null when the record has none.
+const Json::Value* groupPaths(const Json::Value& group);
+
+/// The "f_size" of a group record, the size in bytes of one member; never negative.
+int64_t groupFileBytes(const Json::Value& group);
+
+/// A member's path as "f_list" holds it; empty, which no file is called, for what cannot be a path.
+std::string pathOf(const Json::Value& entry);
+
+/// Whether a file of that name exists, symbolic links followed.
+bool pathExists(const std::string& path);
+
+/// A new record of a file that has no digest yet. `mtimeSeconds` is its modification time since the
+/// epoch, `suffix` the kind of file that its name gives.
+Json::Value newFileRecord(int64_t mtimeSeconds, const std::string& suffix);
+
+/// A new group of one member, whose size in bytes is `fileBytes`.
+Json::Value newGroup(int64_t fileBytes, const std::string& path);
+
+/// The "s_time" of the record of `path` in DB1, in seconds since the epoch; 0 without a record.
+int64_t recordedMtimeSeconds(const std::string& path);
+
+/// Notes in DB4 that `path` was restored, or that the group it led was retired.
+enum class Mark : int { Retired = 0, Restored = 1 };
+void markModified(const std::string& path, Mark mark);
+
+/// `sum` + `factor` × `count` in bytes, at most what 64 bits hold.
+int64_t addBytes(int64_t sum, int64_t factor, int64_t count);
+
+}  // namespace rux

@@ -1,0 +1,89 @@
+#include "scan/fingerprint.h"
+
+#include <algorithm>
+#include <string_view>
+
+#include "control/log.h"
+#include "control/properties.h"
+#include "db/images.h"
+#include "db/json_text.h"
+#include "db/records.h"
+#include "db/space.h"
+#include "tavo_f2fs_io.h"
+
+namespace rux {
+namespace {
+
+/// What has to be done for a file. Decided from the path and the images alone, without any effect.
+enum class Need { Nothing, NotStorable, RecordOnly, Digest };
+
+/// The names under which the I/O library keeps a file for the moment in which it exchanges it:
+/// ".rux-", "swap" or "part", and 32 digits. One that a kill has left is nobody's file.
+bool isLeftover(std::string_view path) {
+    const std::string_view name = path.substr(path.rfind('/') + 1);
+    return name.size() == 42 && (name.starts_with(".rux-swap-") || name.starts_with(".rux-part-"));
+}
+
+bool hasDigest(const std::string& path) {
+    const Json::Value* record = memberOf(fileInfoDB, path);
+    const Json::Value* flag = record != nullptr ? memberOf(*record, "is_md5") : nullptr;
+    return flag != nullptr && integerOf(*flag) == 1;
+}
+
+Need needOf(const std::string& path, const PatternList& regs, const PatternList& blackList) {
+    if (hasDigest(path) || !regs.matches(path) || isLeftover(path)) return Need::Nothing;
+    if (!isStorablePath(path)) return Need::NotStorable;
+    return blackList.matches(path) ? Need::RecordOnly : Need::Digest;
+}
+
+/// The text after the last "." when that looks like the kind of a file, otherwise "nosuffix".
+std::string suffixOf(const std::string& name) {
+    constexpr size_t kLongest = 10;
+    const size_t point = name.rfind('.');
+    if (point == std::string::npos) return "nosuffix";
+    std::string suffix = name.substr(point + 1);
+    const bool fits =
+            !suffix.empty() && suffix.size() <= kLongest && suffix.find('/') == std::string::npos;
+    return fits ? suffix : "nosuffix";
+}
+
+void joinGroup(const char* digest, int64_t fileBytes, const std::string& path) {
+    Json::Value& group = asObject(checkNoCompressDB)[digest];
+    if (!group.isObject()) {
+        group = newGroup(fileBytes, path);
+        return;
+    }
+    Json::Value& paths = group["f_list"];
+    if (!paths.isArray()) paths = Json::Value(Json::arrayValue);
+    const bool known = std::any_of(paths.begin(), paths.end(), [&path](const Json::Value& member) {
+        return member.isString() && member.asString() == path;
+    });
+    if (!known) paths.append(path);
+}
+
+}  // namespace
+
+void calculateFileMD5(const std::string& path, const std::string& name, const struct stat& st,
+                      const PatternList& regs, const PatternList& blackList) {
+    const Need need = needOf(path, regs, blackList);
+    if (need == Need::Nothing) return;
+    if (need == Need::NotStorable) {
+        RUX_LOGD("the path %s is not valid UTF-8, skip", path.c_str());
+        return;
+    }
+    Json::Value& record = asObject(fileInfoDB)[path];
+    record = newFileRecord(st.st_mtime, suffixOf(name.empty() ? path : name));
+    if (need == Need::RecordOnly) {
+        RUX_LOGD("the file is in black list");
+        return;
+    }
+    const FileMD5Result digest = computeFileMD5(path.c_str(), toolLogEnabled);
+    if (digest.code != 0) {
+        RUX_LOGD("cal md5 error code != 0, continue");
+        return;
+    }
+    record["is_md5"] = 1;
+    joinGroup(digest.md5, st.st_size, path);
+}
+
+}  // namespace rux
