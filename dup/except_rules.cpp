@@ -1,0 +1,63 @@
+#include "dup/except_rules.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <mutex>
+
+#include "control/log.h"
+#include "db/database_root.h"
+#include "db/json_text.h"
+#include "db/space.h"
+
+namespace rux {
+namespace {
+
+bool isListOfStrings(const Json::Value& rules) {
+    return rules.isArray() && !rules.empty() &&
+           std::all_of(rules.begin(), rules.end(),
+                       [](const Json::Value& rule) { return rule.isString(); });
+}
+
+/// Writes `text` and has it on disk when it returns.
+bool writeDurably(int file, const std::string& text) {
+    for (size_t done = 0; done < text.size();) {
+        const ssize_t written = write(file, text.data() + done, text.size() - done);
+        if (written < 0 && errno != EINTR) return false;
+        if (written > 0) done += static_cast<size_t>(written);
+    }
+    return fsync(file) == 0;
+}
+
+}  // namespace
+
+void Rux_setRUXExceptRulesImp(const std::string& rules) {
+    Json::Value value;
+    if (!parseJson(rules, value)) {
+        RUX_LOGE("Rux_setRUXExceptRulesImp analysis fail");
+        return;
+    }
+    if (!isListOfStrings(value)) {
+        RUX_LOGD("Rux_setRUXExceptRulesImp is empty");
+        return;
+    }
+    static std::mutex writing;  // no busy flag keeps two setters apart
+    const std::lock_guard lock(writing);
+    const std::string path = exceptRulesPath();
+    const std::string unfinished = databaseRoot() + ".RUXExceptRules.json.new";
+    const int file = open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (file < 0) {
+        RUX_LOGE("the exceptPath open fail");
+        return;
+    }
+    const bool written = writeDurably(file, value.toStyledString());
+    if (close(file) != 0 || !written || rename(unfinished.c_str(), path.c_str()) != 0) {
+        RUX_LOGE("the exceptPath write fail");
+        unlink(unfinished.c_str());
+    }
+}
+
+}  // namespace rux
