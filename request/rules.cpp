@@ -1,0 +1,43 @@
+#include "request/rules.h"
+
+#include "db/json_text.h"
+
+namespace rux {
+namespace {
+
+SpaceRule ruleOf(const Json::Value& element) {
+    SpaceRule rule;
+    if (!element.isObject()) return rule;
+    const Json::Value* id = memberOf(element, "sid");
+    const Json::Value* patterns = memberOf(element, "regs");
+    const Json::Value* places = memberOf(element, "dirs");
+    if (id == nullptr) {
+        rule.id = SpaceRule::Id::Absent;
+    } else if (id->isString()) {
+        rule.id = SpaceRule::Id::Given;
+        rule.spaceId = id->asString();
+    }
+    if (patterns != nullptr) rule.patterns = stringsOf(*patterns);
+    if (places != nullptr && places->isArray()) rule.places = stringsOf(*places);
+    return rule;
+}
+
+}  // namespace
+
+bool readSpaceRules(const std::string& text, std::vector<SpaceRule>& rules) {
+    Json::Value request;
+    if (!parseJson(text, request)) return false;
+    if (!request.isArray()) return true;
+    rules.reserve(request.size());
+    for (const Json::Value& element : request) rules.push_back(ruleOf(element));
+    return true;
+}
+
+bool readStrings(const std::string& text, std::vector<std::string>& strings) {
+    Json::Value request;
+    if (!parseJson(text, request)) return false;
+    strings = stringsOf(request);
+    return true;
+}
+
+}  // namespace rux

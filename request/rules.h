@@ -1,0 +1,28 @@
+/// Requests, read from their JSON texts into typed values.
+///
+/// A top level that is no array has no elements; a list that is no array counts as absent; entries
+/// that are no strings are left out.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace rux {
+
+/// What a request says about one space: an element of a scan's, a listing's or a restore's request.
+struct SpaceRule {
+    /// `Malformed`: the element is no object, or its "sid" no string.
+    enum class Id { Given, Absent, Malformed } id = Id::Malformed;
+    std::string spaceId;                             ///< "sid", when it is given.
+    std::vector<std::string> patterns;               ///< "regs"; empty also when absent.
+    std::optional<std::vector<std::string>> places;  ///< "dirs": starting paths or path fragments.
+};
+
+/// Reads a request of space rules. False when `text` is not JSON.
+bool readSpaceRules(const std::string& text, std::vector<SpaceRule>& rules);
+
+/// Reads a request that is a list of strings (space ids). False when `text` is not JSON.
+bool readStrings(const std::string& text, std::vector<std::string>& strings);
+
+}  // namespace rux

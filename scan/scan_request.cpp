@@ -1,0 +1,99 @@
+#include "scan/scan_request.h"
+
+#include <sys/stat.h>
+
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+#include "android-base/properties.h"
+#include "control/busy.h"
+#include "control/log.h"
+#include "control/properties.h"
+#include "db/images.h"
+#include "db/json_text.h"
+#include "db/records.h"
+#include "db/space.h"
+#include "request/patterns.h"
+#include "request/rules.h"
+#include "scan/walk.h"
+
+namespace rux {
+namespace {
+
+void load(const std::string& SpaceID_DBPath) {
+    DBReaderInit(SpaceID_DBPath, true, true, false, true);
+}
+void save(const std::string& SpaceID_DBPath) {
+    DBWriteUpdate(SpaceID_DBPath, true, true, false, true);
+}
+
+/// The exception rules; none when their file is missing or cannot be read.
+std::vector<std::string> getExceptRiles() {
+    const std::string path = exceptRulesPath();
+    if (!pathExists(path)) return {};
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        RUX_LOGE("the except file open fail");
+        return {};
+    }
+    const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    Json::Value rules;
+    if (!parseJson(text, rules)) {
+        RUX_LOGE("the except rules analysis fail");
+        return {};
+    }
+    return stringsOf(rules);
+}
+
+}  // namespace
+
+void Rux_scanDuplicateFilesImp(const std::string& scanRules) {
+    const BusyGuard busy(Operation::Scan);
+    if (!busy.admitted()) {
+        RUX_LOGD("the scan has been started");
+        return;
+    }
+    android::base::SetProperty(kStopScan, "false");
+    std::vector<SpaceRule> rules;
+    if (!readSpaceRules(scanRules, rules)) {
+        RUX_LOGE("scan rules analysis fail");
+        return;
+    }
+    isEnableToolLog();
+    const PatternList exceptions(getExceptRiles());
+
+    std::string SpaceID_DBPath;  // of the space whose images are loaded; empty before there is one
+    for (const SpaceRule& rule : rules) {
+        if (rule.id == SpaceRule::Id::Given) {
+            SpaceID_DBPath = spaceDirectory(rule.spaceId);
+            if (!pathExists(SpaceID_DBPath) && mkdir(SpaceID_DBPath.c_str(), 0755) != 0) {
+                RUX_LOGE("scan rules mkdir SpaceID_DBPath fail");
+                SpaceID_DBPath.clear();
+                continue;
+            }
+            load(SpaceID_DBPath);
+        } else {
+            RUX_LOGD("scanRules Incorrect format");
+            if (rule.id == SpaceRule::Id::Malformed || SpaceID_DBPath.empty()) continue;
+        }
+        if (rule.patterns.empty()) continue;
+        if (!rule.places || rule.places->empty()) {
+            RUX_LOGE("scanRules Incorrect format");
+            save(SpaceID_DBPath);
+            continue;
+        }
+        const PatternList patterns(rule.patterns);
+        for (const std::string& path : *rule.places) {
+            if (getStopProp(kStopScan)) {
+                RUX_LOGD("stop.");
+                save(SpaceID_DBPath);
+                return;
+            }
+            if (scanSpaceID(path, patterns, exceptions) != 0) RUX_LOGE("scanSpaceID fail");
+        }
+        save(SpaceID_DBPath);
+    }
+}
+
+}  // namespace rux
