@@ -1,0 +1,136 @@
+#include "compress/compress_request.h"
+
+#include <cstdint>
+#include <vector>
+
+#include "android-base/properties.h"
+#include "control/busy.h"
+#include "control/log.h"
+#include "control/properties.h"
+#include "db/images.h"
+#include "db/json_text.h"
+#include "db/records.h"
+#include "db/space.h"
+#include "request/rules.h"
+#include "tavo_f2fs_io.h"
+
+namespace rux {
+namespace {
+
+constexpr int32_t kProgressStep = 100;  // links between two writes of the progress property
+
+/// What a request has done so far, over all of its spaces.
+struct Tally {
+    int32_t linkedFiles = 0;
+    int64_t compressedGroupCount = 0;
+    int64_t linkedBytes = 0;
+};
+
+void load(const std::string& SpaceID_DBPath) {
+    DBReaderInit(SpaceID_DBPath, false, true, true, false);
+}
+void save(const std::string& SpaceID_DBPath) {
+    DBWriteUpdate(SpaceID_DBPath, false, true, true, false);
+}
+
+/// The index of the first path that exists; the number of paths when none does.
+Json::ArrayIndex firstExisting(const Json::Value& paths) {
+    Json::ArrayIndex index = 0;
+    while (index < paths.size() && !pathExists(pathOf(paths[index]))) ++index;
+    return index;
+}
+
+void countLink(int64_t fileBytes, Tally& tally) {
+    tally.linkedFiles += 1;
+    tally.linkedBytes = addBytes(tally.linkedBytes, fileBytes, 1);
+    if (tally.linkedFiles % kProgressStep == 0) {
+        android::base::SetProperty(kCompressionProgress, std::to_string(tally.linkedFiles));
+    }
+}
+
+void moveToCompressed(const std::string& digest) {
+    Json::Value group;
+    checkNoCompressDB.removeMember(digest, &group);
+    asObject(checkACompressDB)[digest] = std::move(group);
+}
+
+/// Compresses the groups of the loaded space. True when the stop property ended it.
+bool compressFile(Tally& tally) {
+    if (!checkNoCompressDB.isObject()) return false;
+    for (const std::string& digest : checkNoCompressDB.getMemberNames()) {
+        const Json::Value& group = checkNoCompressDB[digest];
+        const Json::Value* paths = groupPaths(group);
+        if (digest.empty() || paths == nullptr || paths->size() < 2) continue;
+
+        const Json::ArrayIndex keptIndex = firstExisting(*paths);
+        if (keptIndex + 1 >= paths->size()) {
+            RUX_LOGD("the group is deleted");
+            continue;
+        }
+        const std::string kept = pathOf((*paths)[keptIndex]);
+        bool anyLinked = false;
+        for (Json::ArrayIndex i = keptIndex + 1; i < paths->size(); ++i) {
+            const std::string duplicate = pathOf((*paths)[i]);
+            if (!pathExists(duplicate)) {
+                RUX_LOGD("file %s is deleted", duplicate.c_str());
+                continue;
+            }
+            const int32_t code = createHardLink(kept.c_str(), duplicate.c_str(), toolLogEnabled);
+            if (code != 0) {
+                RUX_LOGE("createHardLink fail, error code %d", code);
+            } else {
+                countLink(groupFileBytes(group), tally);
+                anyLinked = true;
+            }
+            if (getStopProp(kStopCompression)) {
+                if (tally.compressedGroupCount == 0) {
+                    RUX_LOGD("the compressedGroupCount is 0, selfadd.");
+                    tally.compressedGroupCount = 1;
+                }
+                RUX_LOGD("compress stop.");
+                return true;
+            }
+        }
+        moveToCompressed(digest);
+        if (anyLinked) tally.compressedGroupCount += 1;
+    }
+    return false;
+}
+
+}  // namespace
+
+std::string Rux_compressDuplicateFilesImp(const std::string& request) {
+    const BusyGuard busy(Operation::Compression);
+    if (!busy.admitted()) {
+        RUX_LOGD("the Compress has been started,return");
+        return "0,0";
+    }
+    android::base::SetProperty(kCompressionProgress, "0");
+    android::base::SetProperty(kStopCompression, "false");
+    std::vector<std::string> spaceIds;
+    if (!readStrings(request, spaceIds)) {
+        RUX_LOGE("getDuplicateFilesRules analysis fail");
+        return "0,0";
+    }
+    isEnableToolLog();
+    Tally tally;
+    for (const std::string& spaceId : spaceIds) {
+        const std::string SpaceID_DBPath = spaceDirectory(spaceId);
+        if (!pathExists(SpaceID_DBPath)) {
+            RUX_LOGD("the space id DB path is not access");
+            continue;
+        }
+        load(SpaceID_DBPath);
+        compressFile(tally);
+        const bool stopped = getStopProp(kStopCompression);
+        if (stopped) RUX_LOGD("compress stop.");
+        save(SpaceID_DBPath);
+        if (stopped) break;
+    }
+    std::string result =
+            std::to_string(tally.compressedGroupCount) + "," + std::to_string(tally.linkedBytes);
+    RUX_LOGD("compress result %s.", result.c_str());
+    return result;
+}
+
+}  // namespace rux
