@@ -1,0 +1,39 @@
+// The service process: registers the one service object and serves it for as long as it lives.
+
+#include "android/log.h"
+#include "binder/IPCThreadState.h"
+#include "binder/IServiceManager.h"
+#include "binder/ProcessState.h"
+#include "service/RuxNativeService.h"
+
+namespace {
+
+constexpr char kTag[] = "rux";
+constexpr size_t kMaxPoolThreads = 4;
+
+android::sp<android::RuxNativeService> instance;
+
+}  // namespace
+
+int main() {
+    using android::IServiceManager;
+    using android::ProcessState;
+
+    __android_log_print(ANDROID_LOG_DEBUG, kTag, "%s:%d: RUXStarting rux", __func__, __LINE__);
+    const android::sp<IServiceManager> manager = android::defaultServiceManager();
+    if (instance == nullptr) instance = android::sp<android::RuxNativeService>::make();
+    const android::sp<android::RuxNativeService> service = instance;
+    const android::status_t registered =
+            manager->addService(android::String16("RuxNativeService"), service, false,
+                                IServiceManager::DUMP_FLAG_PRIORITY_DEFAULT);
+    if (registered != android::OK) {
+        __android_log_print(ANDROID_LOG_ERROR, kTag, "%s:%d: Couldn't register rux binder service!",
+                            __func__, __LINE__);
+        return -1;
+    }
+    const android::sp<ProcessState> process = ProcessState::self();
+    process->setThreadPoolMaxThreadCount(kMaxPoolThreads);
+    process->startThreadPool();
+    android::IPCThreadState::self()->joinThreadPool(true);
+    return 0;
+}
