@@ -1,0 +1,70 @@
+/// The client's side of the service's interface.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "binder/IBinder.h"
+#include "binder/Parcel.h"
+
+namespace ruxctl {
+
+/// Exit statuses of the program.
+enum Exit : int { kDone = 0, kFailed = 1, kUsage = 2, kNoService = 3 };
+
+/// The service's transactions.
+enum Code : uint32_t {
+    kScan = 1,
+    kList = 2,
+    kCompress = 3,
+    kRestore = 4,
+    kStopScan = 5,
+    kSetExceptRules = 6,
+    kStopCompress = 7,
+};
+
+/// A transaction's outcome.
+struct Answer {
+    android::status_t status = android::OK;
+    android::Parcel reply;
+};
+
+/// What went wrong with a call, in words; `exit` is the program's exit status for it.
+struct Failure {
+    Exit exit = kFailed;
+    std::string message;
+};
+
+class Client {
+  public:
+    /// The running service; nothing when there is none.
+    static std::optional<Client> connect();
+
+    /// Sends `parcel` as it is.
+    Answer send(uint32_t code, const android::Parcel& parcel) const;
+
+    /// Calls a method with its argument. Fills `text` or `number` when the method has such a
+    /// result. Nothing when all went well.
+    std::optional<Failure> call(uint32_t code, const std::optional<std::string>& argument,
+                                std::string* text = nullptr, int64_t* number = nullptr) const;
+
+  private:
+    explicit Client(android::sp<android::IBinder> service) : mService(std::move(service)) {}
+
+    android::sp<android::IBinder> mService;
+};
+
+/// Why an answer is not a success: a status or an exception. Leaves the reply behind its status.
+std::optional<Failure> failureOf(const Answer& answer);
+
+/// Whether `call` with this code brings a text, or a number.
+constexpr bool answersText(uint32_t code) {
+    return code == kList || code == kCompress;
+}
+constexpr bool answersNumber(uint32_t code) {
+    return code == kRestore;
+}
+
+}  // namespace ruxctl
