@@ -3,12 +3,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstddef>
 #include <fstream>
 #include <iterator>
 
 #include "control/log.h"
+#include "db/files.h"
 #include "db/json_text.h"
 
 namespace rux {
@@ -33,15 +33,6 @@ const Image kImages[] = {
         {4, "/RUXModifyFileInfo.json", modifyFileInfoDB},
 };
 
-bool writeFully(int file, const std::string& text) {
-    for (size_t done = 0; done < text.size();) {
-        const ssize_t written = write(file, text.data() + done, text.size() - done);
-        if (written < 0 && errno != EINTR) return false;
-        if (written > 0) done += static_cast<size_t>(written);
-    }
-    return true;
-}
-
 }  // namespace
 
 Json::Value readFileDBJson(const std::string& path) {
@@ -51,13 +42,12 @@ Json::Value readFileDBJson(const std::string& path) {
         if (!created) RUX_LOGE("the file %s creat fail.", path.c_str());
         created << "{}\n";
     }
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
+    const std::optional<std::string> text = readWholeFile(path);
+    if (!text) {
         RUX_LOGE("the file %s open fail.", path.c_str());
         return value;
     }
-    const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    if (!parseJson(text, value)) RUX_LOGE("the file %s read fail", path.c_str());
+    if (!parseJson(*text, value)) RUX_LOGE("the file %s read fail", path.c_str());
     return value;
 }
 

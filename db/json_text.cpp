@@ -19,10 +19,11 @@ size_t endOfString(std::string_view text, size_t at) {
 
 /// The end of the comment at `at`; `at + 1` when there is none.
 size_t endOfComment(std::string_view text, size_t at) {
-    size_t end = at + 1;
-    if (text.substr(at, 2) == "//") end = text.find_first_of("\r\n", at);
-    if (text.substr(at, 2) == "/*") end = text.find("*/", at + 2);
-    return std::min(end, text.size());
+    const std::string_view start = text.substr(at, 2);
+    if (start == "//") return std::min(text.find_first_of("\r\n", at), text.size());
+    if (start != "/*") return at + 1;
+    const size_t last = text.find("*/", at + 2);
+    return last == std::string_view::npos ? text.size() : last + 2;
 }
 
 /// How deep the arrays and objects of `text` nest, whatever else is wrong with it.

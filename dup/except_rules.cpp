@@ -4,12 +4,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <mutex>
 
 #include "control/log.h"
 #include "db/database_root.h"
+#include "db/files.h"
 #include "db/json_text.h"
 #include "db/space.h"
 
@@ -20,16 +20,6 @@ bool isListOfStrings(const Json::Value& rules) {
     return rules.isArray() && !rules.empty() &&
            std::all_of(rules.begin(), rules.end(),
                        [](const Json::Value& rule) { return rule.isString(); });
-}
-
-/// Writes `text` and has it on disk when it returns.
-bool writeDurably(int file, const std::string& text) {
-    for (size_t done = 0; done < text.size();) {
-        const ssize_t written = write(file, text.data() + done, text.size() - done);
-        if (written < 0 && errno != EINTR) return false;
-        if (written > 0) done += static_cast<size_t>(written);
-    }
-    return fsync(file) == 0;
 }
 
 }  // namespace
@@ -53,7 +43,7 @@ void Rux_setRUXExceptRulesImp(const std::string& rules) {
         RUX_LOGE("the exceptPath open fail");
         return;
     }
-    const bool written = writeDurably(file, value.toStyledString());
+    const bool written = writeFully(file, value.toStyledString()) && fsync(file) == 0;
     if (close(file) != 0 || !written || rename(unfinished.c_str(), path.c_str()) != 0) {
         RUX_LOGE("the exceptPath write fail");
         unlink(unfinished.c_str());

@@ -17,7 +17,8 @@
 namespace rux {
 namespace {
 
-constexpr size_t kPageBytes = size_t{600} * 1024;  // a page whose text is longer than that is closed
+constexpr size_t kPageBytes =
+        size_t{600} * 1024;  // a page whose text is longer than that is closed
 
 // The listing's state between calls; touched only with its busy flag held.
 std::deque<std::string> dupPageList;  // texts of the pages to be handed out, the next one first

@@ -2,14 +2,13 @@
 
 #include <sys/stat.h>
 
-#include <fstream>
-#include <iterator>
 #include <vector>
 
 #include "android-base/properties.h"
 #include "control/busy.h"
 #include "control/log.h"
 #include "control/properties.h"
+#include "db/files.h"
 #include "db/images.h"
 #include "db/json_text.h"
 #include "db/records.h"
@@ -32,14 +31,13 @@ void save(const std::string& SpaceID_DBPath) {
 std::vector<std::string> getExceptRiles() {
     const std::string path = exceptRulesPath();
     if (!pathExists(path)) return {};
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
+    const std::optional<std::string> text = readWholeFile(path);
+    if (!text) {
         RUX_LOGE("the except file open fail");
         return {};
     }
-    const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
     Json::Value rules;
-    if (!parseJson(text, rules)) {
+    if (!parseJson(*text, rules)) {
         RUX_LOGE("the except rules analysis fail");
         return {};
     }

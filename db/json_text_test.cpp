@@ -1,0 +1,61 @@
+#include "db/json_text.h"
+
+#include <gtest/gtest.h>
+
+#include "db/space.h"
+
+namespace rux {
+namespace {
+
+TEST(JsonTextTest, KeepsWhatWasReadBeforeAnError) {
+    Json::Value value;
+    EXPECT_FALSE(parseJson(R"({"a":1,"b":[2,)", value));
+    EXPECT_EQ(integerOf(value["a"]), 1);
+    EXPECT_FALSE(parseJson("", value));
+    EXPECT_TRUE(value.isNull());
+}
+
+TEST(JsonTextTest, NestingStopsShortOfTheLibrarysOwnLimit) {
+    Json::Value value;
+    const auto nested = [](size_t depth, const std::string& inside) {
+        return std::string(depth, '[') + inside + std::string(depth, ']');
+    };
+    EXPECT_TRUE(parseJson(nested(999, "1"), value));
+    EXPECT_FALSE(parseJson(nested(1000, "1"), value));
+    EXPECT_FALSE(parseJson(nested(100000, ""), value));
+    // Brackets in strings and comments do not nest.
+    EXPECT_TRUE(parseJson("[\"" + std::string(5000, '[') + "\\\"[\"]", value));
+    const std::string comment = "/*" + std::string(5000, '[') + "*/";
+    EXPECT_TRUE(parseJson("// " + std::string(5000, '{') + "\n[" + comment + "1]", value));
+    // But brackets behind a comment do.
+    EXPECT_FALSE(parseJson("/**//**/" + nested(1000, "1"), value));
+    EXPECT_FALSE(parseJson("//\n" + nested(1000, "1"), value));
+}
+
+TEST(JsonTextTest, ReadsNumbersOfAnySize) {
+    Json::Value value;
+    ASSERT_TRUE(parseJson(
+            R"([1, -2, 3.9, 1e300, -1e300, 9223372036854775807, 18446744073709551615, "4", null, {}])",
+            value));
+    const int64_t expected[] = {1, -2, 3, 0, 0, INT64_MAX, 0, 0, 0, 0};
+    for (Json::ArrayIndex i = 0; i < value.size(); ++i) EXPECT_EQ(integerOf(value[i]), expected[i]);
+}
+
+TEST(SpaceTest, StorablePathsAreValidUtf8) {
+    for (const char* good :
+         {"/a", "/\xc3\xa9", "/\xe2\x82\xac", "/\xf0\x9f\x98\x80", "/\xef\xbf\xbd"}) {
+        EXPECT_TRUE(isStorablePath(good)) << good;
+    }
+    for (const char* bad :
+         {"\x80", "\xc3", "\xc0\xaf", "\xe0\x9f\xbf", "\xed\xa0\x80", "\xf0\x8f\xbf\xbf",
+          "\xf4\x90\x80\x80", "\xf8\x88\x80\x80", "\xff", "a\xe2\x82"}) {
+        EXPECT_FALSE(isStorablePath(bad)) << bad;
+        // Indeed the JSON library does not give such a text back.
+        Json::Value back;
+        parseJson(Json::FastWriter().write(Json::Value(bad)), back);
+        EXPECT_NE(back.asString(), bad);
+    }
+}
+
+}  // namespace
+}  // namespace rux

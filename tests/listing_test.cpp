@@ -1,0 +1,156 @@
+// Listings: what they count, what they retire, and how they come in pages.
+
+#include <fcntl.h>
+
+#include <filesystem>
+#include <thread>
+
+#include "tests/support/sandbox.h"
+
+namespace rux::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kGroups[] = "RUXCheckNoCompress.json";
+constexpr char kModified[] = "RUXModifyFileInfo.json";
+
+class ListingTest : public ServiceTest {
+  protected:
+    Json list(const Json& regs = {".*"}, const Json& dirs = Json::array()) const {
+        const Json page = Json::parse(call(2, rule("s", regs, dirs)));
+        EXPECT_EQ(page["isEnd"], 1);
+        return page["s"];
+    }
+    static Json counts(int groups, int files, int64_t bytes) {
+        return {{"gCount", groups}, {"fileCount", files}, {"size", bytes}};
+    }
+    /// Makes `path` look modified since the scan.
+    static void touch(const std::string& path) {
+        const timespec times[] = {{1, 0}, {1, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    }
+};
+
+TEST_F(ListingTest, CountsWhatLinkingWouldGiveBack) {
+    for (const char* name : {"a1", "a2", "a3"}) sandbox.write(name, std::string(1000, 'a'));
+    for (const char* name : {"b1", "b2"}) sandbox.write(name, std::string(10, 'b'));
+    sandbox.write("single", "s");
+    scanTree();
+    EXPECT_EQ(list(), counts(2, 5, 2010));
+    EXPECT_EQ(list({".*/a[12]", ".*/a1"}), counts(1, 2, 1000));
+    EXPECT_EQ(list({"a.*"}), counts(0, 0, 0)) << "a pattern is matched against the whole path";
+    // Every pass looks at all groups, and each group counts once.
+    EXPECT_EQ(list({".*"}, {sandbox.tree(), "/elsewhere"}), counts(2, 5, 2010));
+    // Members that have gone are passed over, those that share their data give nothing back.
+    fs::remove(sandbox.path("b2"));
+    fs::remove(sandbox.path("a3"));
+    EXPECT_EQ(list(), counts(1, 2, 1000));
+    EXPECT_EQ(database(kGroups).size(), 3U);
+    EXPECT_GE(logged("file no exist."), 2);
+    const struct stat st = statusOf(sandbox.path("a1"));
+    fs::remove(sandbox.path("a2"));
+    fs::create_hard_link(sandbox.path("a1"), sandbox.path("a2"));
+    EXPECT_EQ(statusOf(sandbox.path("a1")).st_mtime, st.st_mtime);
+    fs::create_hard_link(sandbox.path("a1"), sandbox.path("outside"));  // more links than members
+    EXPECT_EQ(list(), counts(1, 2, 0));
+}
+
+TEST_F(ListingTest, RetiresGroupsWithModifiedMembers) {
+    for (const char* name : {"a1", "a2", "a3"}) sandbox.write(name, "same");
+    scanTree();
+    const std::string digest = md5sum(sandbox.path("a1"));
+    const Json group = database(kGroups)[digest];
+    const std::string first = group["f_list"][0];
+    touch(group["f_list"][2].get<std::string>());
+    EXPECT_EQ(list(), counts(1, 2, 4)) << "counted from the members before the modified one";
+    EXPECT_EQ(database(kGroups), Json::object());
+    EXPECT_EQ(database(kModified), Json({{first, {{"V", 1}, {"r_flag", 0}}}}));
+    EXPECT_EQ(logged("file " + group["f_list"][2].get<std::string>() + " is modified."), 1);
+    EXPECT_EQ(list(), counts(0, 0, 0));
+    scanTree();  // does not form it again
+    EXPECT_EQ(database(kGroups), Json::object());
+}
+
+TEST_F(ListingTest, StopsWithoutRetiringAnything) {
+    const std::string modified = sandbox.write("a1", "same");
+    const std::string a2 = sandbox.write("a2", "same");
+    const std::string b = sandbox.write("b", "other");
+    scanTree();
+    touch(modified);
+    const auto group = [](const std::vector<std::string>& paths) {
+        return Json({{"V", 1}, {"f_size", 4}, {"f_list", paths}});
+    };
+    const Json groups = {{"0", group({a2, modified})},
+                         {"1", group({a2, a2})},
+                         {"2", group(std::vector<std::string>(200000, b))}};
+    writeFile(sandbox.database("s", kGroups), groups.dump());
+    Json page;
+    std::jthread client([&] { page = Json::parse(call(2, rule("s", {".*"}, {"1", "2"}))); });
+    ASSERT_TRUE(waitFor([this] { return logged("is modified.") == 1; }));
+    setProperty("sys.ruxservice.stop_get_duplicate_files", "true");  // in group "1" or "2"
+    client.join();
+    EXPECT_LE(page["s"]["gCount"], 1) << "the group under examination is not counted";
+    EXPECT_EQ(page["isEnd"], 1);
+    EXPECT_EQ(logged("[RUX-NATIVE] stop."), 1);
+    EXPECT_EQ(logged("get dup stop."), 2);
+    EXPECT_EQ(database(kGroups), groups);
+    EXPECT_EQ(database(kModified), Json({{a2, {{"V", 1}, {"r_flag", 0}}}}));
+}
+
+TEST_F(ListingTest, AnswersEveryKindOfRule) {
+    sandbox.write("a1", "same");
+    sandbox.write("a2", "same");
+    scanTree();
+    const std::string groups = sandbox.database("s", kGroups);
+    EXPECT_EQ(call(2, "[]"), "{\"isEnd\":1}\n");
+    EXPECT_EQ(call(2, "not JSON"), "");
+    EXPECT_EQ(logged("getDuplicateFilesRules analysis fail"), 1);
+    fs::remove(sandbox.database("s", kModified));
+    const Json none = Json::object({{"isEnd", 1}});
+    EXPECT_EQ(Json::parse(call(2, rule("s", Json::array(), Json::array()))), none);
+    EXPECT_EQ(Json::parse(call(2, rule("unknown", {".*"}, Json::array()))), none);
+    EXPECT_EQ(Json::parse(call(2, rule("..", {".*"}, Json::array()))), none);
+    EXPECT_EQ(logged("the getDupFileRules reg is empty"), 1);
+    EXPECT_EQ(logged("E rux     : Rux_getDuplicateFilesImp"), 3);
+    const Json rules = Json::array({{{"sid", "s"}, {"regs", {".*"}}, {"dirs", Json::array()}},
+                                    {{"sid", "s"}, {"regs", {".*"}}}});
+    EXPECT_EQ(Json::parse(call(2, rules))["s"], counts(0, 0, 0)) << "the later rule's entry stays";
+    EXPECT_EQ(logged("sameMD5GroupCount 1, canCompressSize 4, dupFileCount 2."), 1);
+    EXPECT_EQ(logged("sameMD5GroupCount 0, canCompressSize 0, dupFileCount 0."), 1);
+}
+
+TEST_F(ListingTest, ComesInPages) {
+    // Control characters take six bytes each in a reply, so a page needs fewer spaces.
+    const std::string padding(240, '\x01');
+    const std::string zeros = R"({"fileCount":0,"gCount":0,"size":0})";
+    const size_t entryBytes = 2 + 240 * 6 + 5 + 1 + zeros.size() + 1;  // with its comma
+    const size_t perPage = 614400 / entryBytes + 1;                    // the first that is too many
+    ASSERT_GT(perPage * entryBytes + 2, 614400U);
+    Json rules = Json::array();
+    for (size_t i = 0; i < 2 * perPage; ++i) {
+        const std::string space = padding + std::to_string(10000 + i);
+        fs::create_directory(sandbox.database(space));
+        rules.push_back({{"sid", space}, {"regs", {".*"}}});
+    }
+    const std::string first = call(2, rules);
+    EXPECT_EQ(first.size(), perPage * entryBytes + 2 + std::string("\"isEnd\":0,").size());
+    EXPECT_EQ(Json::parse(first).size(), perPage + 1);
+    EXPECT_EQ(Json::parse(first)["isEnd"], 0);
+    scanTree();  // other operations may run between two pages
+    const Json second = Json::parse(call(2, "garbage"));
+    EXPECT_EQ(second.size(), perPage + 1);
+    EXPECT_EQ(second["isEnd"], 0);
+    EXPECT_EQ(call(2, "{"), "{\"isEnd\":1}\n");
+    EXPECT_EQ(logged("Rux_getDuplicateFilesImp is transfer"), 2);
+    EXPECT_EQ(logged("the size is larger"), 2);
+    EXPECT_EQ(logged("analysis fail"), 0);
+    EXPECT_EQ(list(), counts(0, 0, 0)) << "the next call starts a new listing";
+
+    // The client puts pages together, its own after what somebody else has left.
+    call(2, rules);
+    EXPECT_EQ(ruxctl({"list", "--space", "s"}).out, "s: 0 groups, 0 files, 0 bytes to give back\n");
+}
+
+}  // namespace
+}  // namespace rux::test

@@ -1,0 +1,104 @@
+// Restores: linked files get data of their own again.
+
+#include <sys/xattr.h>
+
+#include <fcntl.h>
+
+#include <filesystem>
+
+#include "tests/support/sandbox.h"
+
+namespace rux::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kLinked[] = "RUXCheckACompress.json";
+constexpr char kModified[] = "RUXModifyFileInfo.json";
+
+class RestoreTest : public ServiceTest {
+  protected:
+    void SetUp() override {
+        ServiceTest::SetUp();
+        for (const char* name : {"x/a1", "x/a2", "y/a3"}) sandbox.write(name, std::string(10, 'a'));
+        for (const char* name : {"x/b1", "z/b2"}) sandbox.write(name, std::string(100, 'b'));
+        scanTree();
+        EXPECT_EQ(call(3, Json::array({"s"})), "2,120");
+    }
+    std::string restore(const Json& regs, const Json& dirs) const {
+        return call(4, rule("s", regs, dirs));
+    }
+    nlink_t links(const std::string& name) const { return statusOf(sandbox.path(name)).st_nlink; }
+};
+
+TEST_F(RestoreTest, GivesEveryFileOfASelectedGroupItsOwnData) {
+    const std::string a1 = sandbox.path("x/a1");
+    chmod(a1.c_str(), 0640);
+    const timespec times[] = {{1000000000, 123456789}, {1100000000, 987654321}};
+    utimensat(AT_FDCWD, a1.c_str(), times, 0);
+    const bool hasXattr = setxattr(a1.c_str(), "user.note", "kept", 4, 0) == 0;
+    EXPECT_EQ(restore({".*"}, Json::array()), "120\n");
+    std::set<ino_t> inodes;
+    for (const char* name : {"x/a1", "x/a2", "y/a3"}) {
+        const struct stat st = statusOf(sandbox.path(name));
+        inodes.insert(st.st_ino);
+        EXPECT_EQ(st.st_nlink, 1U);
+        EXPECT_EQ(st.st_mode & 07777, 0640U);
+        EXPECT_EQ(st.st_mtim.tv_sec, times[1].tv_sec);
+        EXPECT_EQ(st.st_mtim.tv_nsec, times[1].tv_nsec);
+        EXPECT_EQ(st.st_atim.tv_sec, times[0].tv_sec);
+        EXPECT_EQ(st.st_atim.tv_nsec, times[0].tv_nsec);
+        char note[8] = {};
+        if (hasXattr) {
+            EXPECT_EQ(getxattr(sandbox.path(name).c_str(), "user.note", note, sizeof(note)), 4);
+        }
+        EXPECT_EQ(readFile(sandbox.path(name)), std::string(10, 'a'));
+    }
+    EXPECT_EQ(inodes.size(), 3U);
+    EXPECT_EQ(database(kLinked), Json::object());
+    EXPECT_EQ(database(kModified).size(), 5U);
+    EXPECT_EQ(database(kModified)[a1], Json({{"V", 1}, {"r_flag", 1}}));
+    EXPECT_EQ(logged("restoreFile:"), 2 + 2 * 5);
+    EXPECT_EQ(logged("restoreLinkFile success"), 5);
+    EXPECT_EQ(logged("restoreLinkFile path: " + a1 + "."), 1);
+    EXPECT_EQ(restore({".*"}, Json::array()), "0\n");
+    scanTree();  // restored groups are not formed again
+    EXPECT_EQ(database("RUXCheckNoCompress.json"), Json::object());
+}
+
+TEST_F(RestoreTest, SelectsByPatternAndFragment) {
+    EXPECT_EQ(restore(Json::array(), Json::array()), "0\n");
+    EXPECT_EQ(restore({"a1", "(", ".*/a"}, Json::array()), "0\n");
+    EXPECT_EQ(logged("invalid pattern ("), 1);
+    EXPECT_EQ(restore({".*"}, {"/nowhere/"}), "0\n");
+    EXPECT_EQ(links("x/a1"), 3U);
+    // One path matches, another one holds the fragment; two fragments select the group once.
+    EXPECT_EQ(restore({".*/a1"}, {"/y/", "/x/"}), "20\n");
+    EXPECT_EQ(links("x/a1"), 1U);
+    EXPECT_EQ(links("x/b1"), 2U);
+    EXPECT_EQ(database(kLinked).size(), 1U);
+    EXPECT_EQ(ruxctl({"restore", "--space", "s", "--match", ".*/none", ".*b.", "--under", "z/"})
+                      .out,
+              "100 bytes taken up again\n");
+    EXPECT_EQ(links("x/b1"), 1U);
+}
+
+TEST_F(RestoreTest, CountsAndMarksWhatCannotBeRestored) {
+    fs::remove(sandbox.path("x/a2"));
+    const std::string listed = sandbox.database("s", kModified);
+    writeFile(listed, Json({{sandbox.path("x/a2"), {{"r_flag", 0}, {"other", 5}}}}).dump());
+    EXPECT_EQ(restore({".*/a."}, Json::array()), "20\n");
+    EXPECT_EQ(logged("restoreLinkFile fail, error code 2\n"), 1);
+    EXPECT_EQ(database(kModified)[sandbox.path("x/a2")],
+              Json({{"V", 1}, {"r_flag", 1}, {"other", 5}}));
+    EXPECT_EQ(links("x/a1") + links("y/a3"), 2U);
+
+    EXPECT_EQ(call(4, "nonsense"), "0\n");
+    EXPECT_EQ(logged("getDuplicateFilesRules analysis fail"), 1);
+    EXPECT_EQ(call(4, R"([{"regs":[".*"]}, 5, {"sid":"unknown","regs":[".*"]}])"), "0\n");
+    EXPECT_EQ(logged("comDupFileRules Incorrect format"), 2);
+    EXPECT_EQ(logged("E rux     : Rux_restoreDuplicateFilesImp"), 4);
+}
+
+}  // namespace
+}  // namespace rux::test
