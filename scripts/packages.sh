@@ -1,0 +1,23 @@
+# Installs the Debian packages that the given names stand for, those that are missing only.
+# Sourced by the other scripts.
+
+# install_packages NAME...
+install_packages() {
+    local missing=() name
+    for name in "$@"; do
+        dpkg-query -W -f '${Status}' "$name" 2>/dev/null | grep -q 'ok installed' || missing+=("$name")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    echo "Installing Debian packages: ${missing[*]}"
+    local become=()
+    if [ "$(id -u)" -ne 0 ]; then
+        command -v sudo >/dev/null || { echo "root or sudo is needed to install them" >&2; return 1; }
+        become=(sudo)
+    fi
+    "${become[@]}" apt-get update -qq &&
+        "${become[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq \
+            --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+build_packages=(g++ cmake ninja-build libjsoncpp-dev libssl-dev libcli11-dev)
+test_packages=(libgtest-dev nlohmann-json3-dev python3 findutils coreutils)
