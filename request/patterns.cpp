@@ -3,6 +3,7 @@
 #include <linux/limits.h>
 
 #include <algorithm>
+#include <regex>
 
 #include "control/log.h"
 
@@ -23,26 +24,27 @@ PatternList::PatternList(const std::vector<std::string>& expressions) {
 
 bool PatternList::matches(const std::string& path) const {
     if (path.size() > PATH_MAX) return false;
-    return std::any_of(mPatterns.begin(), mPatterns.end(), [&path](const Pattern& pattern) {
-        switch (pattern.kind) {
-            case Pattern::Kind::Anything:
-                return isOneLine(path);
-            case Pattern::Kind::Expression:
-                return std::regex_match(path, pattern.expression);
-            case Pattern::Kind::Invalid:
-                break;
-        }
-        return false;
-    });
+    return std::any_of(mPatterns.begin(), mPatterns.end(),
+                       [&path](const Pattern& pattern) { return matches(pattern, path); });
 }
 
-PatternList::Pattern PatternList::compile(const std::string& expression) {
-    if (expression == ".*") return {Pattern::Kind::Anything, {}};  // the client's own default
+bool PatternList::matches(const Pattern& pattern, const std::string& path) {
+    if (pattern.isAnything) return isOneLine(path);
+    if (!pattern.expression) return false;
+    const Expression::Result result = pattern.expression->match(path);
+    if (result == Expression::Result::TooLong) {
+        RUX_LOGE("pattern %s takes too long for %s", pattern.text.c_str(), path.c_str());
+    }
+    return result == Expression::Result::Match;
+}
+
+PatternList::Pattern PatternList::compile(const std::string& text) {
+    if (text == ".*") return {text, true, {}};
     try {
-        return {Pattern::Kind::Expression, std::regex(expression)};
+        return {text, false, Expression(text)};
     } catch (const std::regex_error& error) {
-        RUX_LOGE("invalid pattern %s: %s", expression.c_str(), error.what());
-        return {Pattern::Kind::Invalid, {}};
+        RUX_LOGE("invalid pattern %s: %s", text.c_str(), error.what());
+        return {text, false, {}};
     }
 }
 

@@ -1,9 +1,11 @@
 /// Pattern lists: which paths an operation is about.
 #pragma once
 
-#include <regex>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "request/expression.h"
 
 namespace rux {
 
@@ -11,7 +13,8 @@ namespace rux {
 /// path.
 ///
 /// Compiled once, when the list is made. An invalid expression is named in the log and matches
-/// nothing; the others go on.
+/// nothing; the others go on. So does one that takes too long for a path: a match is limited to a
+/// fraction of a second.
 class PatternList {
   public:
     PatternList() = default;
@@ -26,10 +29,12 @@ class PatternList {
 
   private:
     struct Pattern {
-        enum class Kind { Anything, Expression, Invalid } kind;
-        std::regex expression;
+        std::string text;
+        bool isAnything = false;               // ".*", by far the most frequent one
+        std::optional<Expression> expression;  // none when it is invalid
     };
-    static Pattern compile(const std::string& expression);
+    static Pattern compile(const std::string& text);
+    static bool matches(const Pattern& pattern, const std::string& path);
 
     std::vector<Pattern> mPatterns;
 };
