@@ -1,5 +1,7 @@
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 
 #include <cerrno>
 #include <cstring>
@@ -14,12 +16,18 @@
 namespace android::host {
 namespace {
 
+/// Whether the file only looks like one: /proc/kcore claims more bytes than anybody will ever read.
+bool isKernelInterface(int file) {
+    struct statfs fs = {};
+    return fstatfs(file, &fs) == 0 && (fs.f_type == PROC_SUPER_MAGIC || fs.f_type == SYSFS_MAGIC);
+}
+
 int digestOf(const char* path, std::string* digest) {
     UniqueFd file;
     if (const int error = openToRead(AT_FDCWD, path, 0, &file); error != 0) return error;
     struct stat before = {};
     if (fstat(file.get(), &before) != 0) return errno;
-    if (!S_ISREG(before.st_mode)) return EINVAL;
+    if (!S_ISREG(before.st_mode) || isKernelInterface(file.get())) return EINVAL;
     posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     if (const int error = md5OfFile(file.get(), digest); error != 0) return error;
     struct stat after = {};

@@ -24,6 +24,10 @@ int openKept(const char* path, UniqueFd* file, struct stat* st) {
 /// Makes `name` in the entry's directory one more name of the open file `kept`: of exactly that
 /// file, whatever its path leads to by now.
 int linkOpenFile(int kept, const Entry& entry, const std::string& name) {
+    // Not every kernel lets every process link a bare descriptor, but then there is its name in
+    // /proc.
+    if (linkat(kept, "", entry.directory.get(), name.c_str(), AT_EMPTY_PATH) == 0) return 0;
+    if (errno != ENOENT && errno != EPERM) return errno;
     char path[32];
     snprintf(path, sizeof(path), "/proc/self/fd/%d", kept);
     return linkat(AT_FDCWD, path, entry.directory.get(), name.c_str(), AT_SYMLINK_FOLLOW) == 0
