@@ -1,0 +1,160 @@
+#!/usr/bin/env python3
+"""Kills the service at random moments of scans, compressions and restores of 3,000 files.
+
+After each kill every path must open and have its digest; the service must start again; the operation,
+run once more, must complete; no temporary name may be left then, and the groups must be right.
+
+A kill in the middle of saving may tear or part the database files, which are rewritten in place. That
+costs knowledge, never content: the space is then scanned anew. How often it happened is printed.
+
+usage: kill_test.py RUX [ROUNDS]     20 by default; 200 for the long form
+"""
+
+import json
+import os
+import random
+import shutil
+import sys
+import threading
+import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from support.service import Service, groups_of, md5sums  # noqa: E402
+
+FILES = 3000
+
+
+def make_tree(tree, pick):
+    """Groups of one to nine files, from one byte to 300 KB."""
+    count = 0
+    while count < FILES:
+        content = pick.randbytes(pick.choice([1, 20, 1000, 4096, 5000, 30000]) if pick.random() < 0.98 else 300000)
+        for _ in range(pick.randrange(1, 10)):
+            folder = f"{tree}/{count % 37}"
+            os.makedirs(folder, exist_ok=True)
+            with open(f"{folder}/{count}", "wb") as file:
+                file.write(content)
+            count += 1
+
+
+class Round:
+    """One kill of one operation, and everything that must hold afterwards."""
+
+    def __init__(self, service, digests):
+        self.service, self.digests = service, digests
+        self.groups = groups_of(digests)
+        self.torn = 0
+        self.duration = {}
+
+    def database(self, name):
+        """A database file's groups or records; nothing when a kill has torn it."""
+        try:
+            with open(f"{self.service.space}/{name}", encoding="utf-8") as file:
+                return json.load(file)
+        except (ValueError, OSError):
+            return None
+
+    def is_whole(self):
+        """Whether every file with a finished record is in a group of one of the two files."""
+        records = self.database("RUXFileInfo.json")
+        groups = [self.database("RUXCheckNoCompress.json"), self.database("RUXCheckACompress.json")]
+        if records is None or groups[0] is None or (groups[1] is None and os.path.exists(
+                f"{self.service.space}/RUXCheckACompress.json")):
+            return False
+        grouped = {path for part in groups for group in (part or {}).values() for path in group["f_list"]}
+        return {path for path, record in records.items() if record["is_md5"] == 1} <= grouped
+
+    def rebuild(self):
+        shutil.rmtree(self.service.space, ignore_errors=True)
+        self.service.scan()
+
+    def separate(self):
+        """Gives every file data of its own, without the service: the next round starts from there."""
+        for path in self.digests:
+            if os.stat(path).st_nlink > 1:
+                shutil.copy2(path, self.service.base + "/copy")
+                os.rename(self.service.base + "/copy", path)
+
+    def inodes(self):
+        return {path: os.stat(path).st_ino for path in self.digests}
+
+    def check_scanned(self):
+        groups = self.database("RUXCheckNoCompress.json")
+        assert {digest: set(group["f_list"]) for digest, group in groups.items()} == self.groups
+
+    def check_linked(self):
+        inodes = self.inodes()
+        assert all(len({inodes[path] for path in paths}) == 1 for paths in self.groups.values())
+
+    def check_restored(self):
+        assert len(set(self.inodes().values())) == len(self.digests)
+
+    def prepare(self, operation):
+        self.rebuild()
+        if operation == "scan":
+            shutil.rmtree(self.service.space)
+        elif operation == "restore":
+            self.service.compress()
+            self.check_linked()
+
+    def run(self, operation, pick):
+        act = getattr(self.service, operation)
+        check = {"scan": self.check_scanned, "compress": self.check_linked, "restore": self.check_restored}[operation]
+        self.prepare(operation)
+        if operation not in self.duration:  # once undisturbed, to know how long it takes
+            start = time.monotonic()
+            act()
+            self.duration[operation] = time.monotonic() - start
+            self.prepare(operation)
+
+        def attempt():
+            try:
+                act()
+            except OSError:
+                pass  # the connection dies with the service
+        thread = threading.Thread(target=attempt)
+        thread.start()
+        time.sleep(pick.uniform(0, self.duration[operation] * 1.05))
+        self.service.kill()
+        thread.join()
+        after = md5sums(self.service.tree)
+        assert all(after.get(path) == digest for path, digest in self.digests.items()), "content has changed"
+
+        self.service.start()
+        if operation != "restore" and not self.is_whole() and os.path.exists(self.service.space):
+            # Nothing is whole before the first save, which a scan that starts over makes good.
+            act()
+            if not self.is_whole():
+                self.torn += 1
+                self.rebuild()
+        act()
+        if operation == "restore" and len(set(self.inodes().values())) != len(self.digests):
+            self.torn += 1
+            self.rebuild()
+            self.service.compress()
+            self.service.restore()
+        check()
+        assert md5sums(self.service.tree) == self.digests
+        assert not self.service.leftovers(), self.service.leftovers()
+        self.separate()
+
+
+def main():
+    rux, rounds = sys.argv[1], int(sys.argv[2]) if len(sys.argv) > 2 else 20
+    print(f"seed {(seed := random.randrange(1 << 30))}")
+    pick = random.Random(seed)
+    with Service(rux) as service:
+        make_tree(service.tree, pick)
+        test = Round(service, md5sums(service.tree))
+        left = 0
+        for number in range(rounds):
+            operation = ("scan", "compress", "restore")[number % 3]
+            test.run(operation, pick)
+        print(f"{rounds} kills, {len(test.digests)} files in {len(test.groups)} groups; "
+              f"undisturbed {({name: round(took, 2) for name, took in test.duration.items()})} s; "
+              f"{test.torn} times a database file was torn or behind the other")
+    print("ok")
+
+
+if __name__ == "__main__":
+    main()

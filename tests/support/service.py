@@ -1,0 +1,145 @@
+"""A service process in a root of its own, and a client for it that shares no code with the project."""
+
+import os
+import re
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import tempfile
+import time
+
+SCAN, LIST, COMPRESS, RESTORE, STOP_SCAN, EXCEPT, STOP_COMPRESS = range(1, 8)
+REQUEST_MAGIC, REPLY_MAGIC = 0x51585552, 0x41585552
+
+
+def string16(text):
+    """A string as parcels hold it."""
+    units = text.encode("utf-16-le")
+    data = struct.pack("<i", len(units) // 2) + units + b"\0\0"
+    return data + b"\0" * (-len(data) % 4)
+
+
+TOKEN = struct.pack("<iii", 0, -1, 0x53595354) + string16("tavo.rux.IRux")
+
+
+class Service:
+    """Use as a context: the process is killed and everything removed at its end."""
+
+    def __init__(self, binary):
+        self.binary = binary
+        self.base = tempfile.mkdtemp(prefix="rux-")
+        self.root, self.tree = self.base + "/root", self.base + "/tree"
+        self.space = self.root + "/data/local/zel/s"
+        os.makedirs(self.root + "/data/local/zel")
+        os.makedirs(self.tree)
+        self.process = None
+
+    def __enter__(self):
+        self.start()
+        return self
+
+    def __exit__(self, *_):
+        self.kill()
+        shutil.rmtree(self.base, ignore_errors=True)
+
+    def start(self):
+        environment = {**os.environ, "RUX_ROOT": self.root}
+        environment.pop("ANDROID_LOG_TAGS", None)
+        with open(self.base + "/log", "ab") as log:
+            self.process = subprocess.Popen([self.binary], env=environment, stderr=log)
+        deadline = time.monotonic() + 30
+        while True:
+            try:
+                return self.call(STOP_SCAN)
+            except OSError:
+                if time.monotonic() > deadline or self.process.poll() is not None:
+                    raise
+                time.sleep(0.005)
+
+    def kill(self):
+        """Ends the service with SIGKILL; it must not have ended by itself."""
+        ended = self.process.poll()
+        self.process.send_signal(signal.SIGKILL)
+        self.process.wait()
+        assert ended is None, f"the service has ended by itself: {ended}"
+
+    def connect(self):
+        connection = socket.socket(socket.AF_UNIX)
+        # Through a descriptor: the path may be longer than an address.
+        directory = os.open(self.root + "/run/rux", os.O_PATH)
+        try:
+            connection.connect(f"/proc/self/fd/{directory}/RuxNativeService.sock")
+        except OSError:
+            connection.close()
+            raise
+        finally:
+            os.close(directory)
+        return connection
+
+    def transact(self, code, parcel):
+        """Sends a parcel; returns the status and the reply's parcel."""
+        with self.connect() as connection:
+            connection.sendall(struct.pack("<IIII", REQUEST_MAGIC, len(parcel), code, 0) + parcel)
+            magic, size, status = struct.unpack("<IIi", self.receive(connection, 12))
+            assert magic == REPLY_MAGIC
+            return status, self.receive(connection, size)
+
+    @staticmethod
+    def receive(connection, size):
+        data = b""
+        while len(data) < size:
+            piece = connection.recv(size - len(data))
+            if not piece:
+                raise ConnectionError("the service has closed the connection")
+            data += piece
+        return data
+
+    def call(self, code, request=None):
+        """Calls a method; returns its result."""
+        status, reply = self.transact(code, TOKEN + (b"" if request is None else string16(request)))
+        assert status == 0 and reply[:4] == b"\0\0\0\0", (code, status, reply)
+        if code in (LIST, COMPRESS):
+            count = struct.unpack_from("<i", reply, 4)[0]
+            return reply[8:8 + 2 * count].decode("utf-16-le")
+        return struct.unpack_from("<q", reply, 4)[0] if code == RESTORE else None
+
+    def rule(self):
+        return f'[{{"sid":"s","regs":[".*"],"dirs":["{self.tree}"]}}]'
+
+    def scan(self):
+        self.call(SCAN, self.rule())
+
+    def compress(self):
+        return self.call(COMPRESS, '["s"]')
+
+    def restore(self):
+        return self.call(RESTORE, '[{"sid":"s","regs":[".*"]}]')
+
+    def resident_kib(self):
+        with open(f"/proc/{self.process.pid}/status", encoding="ascii") as status:
+            return int(re.search(r"VmRSS:\s+(\d+)", status.read()).group(1))
+
+    def descriptors(self):
+        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
+
+    def leftovers(self):
+        """Temporary names below the tree."""
+        return [name for _, _, names in os.walk(self.tree) for name in names if name.startswith(".rux-")]
+
+
+def md5sums(tree):
+    """{path: digest} of the files with content, as md5sum gives them."""
+    text = subprocess.run(
+        ["sh", "-c", 'find "$0" -type f -size +0 -print0 | xargs -0 -r md5sum -z', tree],
+        check=True, stdout=subprocess.PIPE).stdout.decode()
+    return {line[34:]: line[:32] for line in text.split("\0")[:-1]}
+
+
+def groups_of(digests):
+    """{digest: set of paths}"""
+    groups = {}
+    for path, digest in digests.items():
+        groups.setdefault(digest, set()).add(path)
+    return groups
