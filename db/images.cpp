@@ -1,11 +1,15 @@
 #include "db/images.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <fstream>
 #include <iterator>
+#include <utility>
+#include <vector>
 
 #include "control/log.h"
 #include "db/files.h"
@@ -31,6 +35,50 @@ const Image kImages[] = {
         {2, "/RUXCheckNoCompress.json", checkNoCompressDB},
         {3, "/RUXCheckACompress.json", checkACompressDB},
         {4, "/RUXModifyFileInfo.json", modifyFileInfoDB},
+};
+
+/// A file that is about to be rewritten in place.
+class Rewrite {
+  public:
+    Rewrite(int imageNumber, const std::string& path)
+          : number(imageNumber), mFile(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666)) {
+        struct stat st = {};
+        if (mFile >= 0 && fstat(mFile, &st) == 0) mOldSize = st.st_size;
+    }
+    Rewrite(Rewrite&& other) noexcept
+          : number(other.number),
+            text(std::move(other.text)),
+            mFile(std::exchange(other.mFile, -1)),
+            mOldSize(other.mOldSize) {}
+    Rewrite& operator=(Rewrite&&) = delete;
+    ~Rewrite() {
+        if (mFile >= 0) close(mFile);
+    }
+
+    bool isOpen() const { return mFile >= 0; }
+
+    /// Has the disk set aside what the text needs, where the file system can do that.
+    bool reserve() const {
+        const auto size = static_cast<off_t>(text.size());
+        return size <= mOldSize || fallocate(mFile, FALLOC_FL_KEEP_SIZE, 0, size) == 0 ||
+               errno == EOPNOTSUPP;
+    }
+
+    /// Leaves the file as it was.
+    void giveBack() const {
+        if (ftruncate(mFile, mOldSize) != 0) return;  // the room stays set aside, for the next time
+    }
+
+    bool write() const {
+        return writeFully(mFile, text) && ftruncate(mFile, static_cast<off_t>(text.size())) == 0;
+    }
+
+    int number;  // of the image
+    std::string text;
+
+  private:
+    int mFile;
+    off_t mOldSize = 0;
 };
 
 }  // namespace
@@ -62,16 +110,31 @@ void DBReaderInit(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db
 
 void DBWriteUpdate(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db3, bool db4) {
     const bool selected[] = {db1, db2, db3, db4};
+    std::vector<Rewrite> rewrites;
     for (size_t i = 0; i < std::size(kImages); ++i) {
         if (!selected[i]) continue;
-        const std::string path = SpaceID_DBPath + kImages[i].fileName;
-        const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-        if (file < 0) {
-            RUX_LOGE("The DB%d open fail.", kImages[i].number);
+        const Image& image = kImages[i];
+        Rewrite rewrite(image.number, SpaceID_DBPath + image.fileName);
+        if (!rewrite.isOpen()) {
+            RUX_LOGE("The DB%d open fail.", image.number);
             continue;
         }
-        const bool written = writeFully(file, Json::FastWriter().write(kImages[i].value));
-        if (close(file) != 0 || !written) RUX_LOGE("The DB%d write fail.", kImages[i].number);
+        rewrite.text = Json::FastWriter().write(image.value);
+        rewrites.push_back(std::move(rewrite));
+    }
+    // The files go together: on a full disk none of them changes.
+    bool fit = true;
+    for (const Rewrite& rewrite : rewrites) {
+        if (rewrite.reserve()) continue;
+        RUX_LOGE("The DB%d write fail.", rewrite.number);
+        fit = false;
+    }
+    for (const Rewrite& rewrite : rewrites) {
+        if (!fit) {
+            rewrite.giveBack();
+        } else if (!rewrite.write()) {
+            RUX_LOGE("The DB%d write fail.", rewrite.number);
+        }
     }
 }
 

@@ -27,7 +27,9 @@ Json::Value readFileDBJson(const std::string& path);
 void DBReaderInit(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db3, bool db4);
 
 /// Writes each selected image over its file in `SpaceID_DBPath`, as compact JSON and a line feed.
-/// A file that cannot be written is logged, and the others are still written.
+///
+/// A file that cannot be opened is logged, and the others are still written. When the disk has no
+/// room for all of them, that is logged and all keep what they hold.
 void DBWriteUpdate(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db3, bool db4);
 
 }  // namespace rux

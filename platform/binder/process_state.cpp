@@ -1,7 +1,6 @@
 #include "binder/ProcessState.h"
 
-#include <unistd.h>
-
+#include <csignal>
 #include <thread>
 
 #include "binder/IPCThreadState.h"
@@ -23,6 +22,7 @@ status_t ProcessState::setThreadPoolMaxThreadCount(size_t maxThreads) {
 void ProcessState::startThreadPool() {
     if (mStarted) return;
     mStarted = true;
+    signal(SIGXFSZ, SIG_IGN);  // a limit on file size is an error of the write, not the process's end
     for (size_t i = 0; i < mMaxThreads; ++i) {
         std::thread([] { IPCThreadState::self()->joinThreadPool(false); }).detach();
     }

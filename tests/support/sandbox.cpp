@@ -14,6 +14,9 @@
 #include <iterator>
 #include <sstream>
 
+#include "binder/IServiceManager.h"
+#include "binder/Parcel.h"
+
 namespace rux::test {
 namespace {
 
@@ -188,6 +191,18 @@ std::string ServiceTest::call(int code, const std::string& request) const {
     const Outcome outcome = ruxctl({"call", std::to_string(code), "-"}, request);
     EXPECT_EQ(outcome.exit, 0) << outcome.err;
     return outcome.out;
+}
+
+void ServiceTest::transact(int code, const Json& request) const {
+    setenv("RUX_ROOT", sandbox.root().c_str(), 1);
+    const auto service =
+            android::defaultServiceManager()->checkService(android::String16("RuxNativeService"));
+    ASSERT_TRUE(service != nullptr);
+    android::Parcel data;
+    android::Parcel reply;
+    data.writeInterfaceToken(android::String16("tavo.rux.IRux"));
+    data.writeUtf8AsUtf16(request.dump());
+    ASSERT_EQ(service->transact(static_cast<uint32_t>(code), data, &reply, 0), android::OK);
 }
 
 Json ServiceTest::rule(const std::string& space, const Json& regs, const Json& dirs) {

@@ -1,0 +1,204 @@
+// Bad luck: full disks, limits, things that vanish, files cut anywhere. Every fault has its outcome
+// in the log, the service lives, and no content is lost.
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+#include "tests/support/sandbox.h"
+
+namespace rux::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// A small file system in memory for the length of a scope. Needs root.
+class SmallDisk {
+  public:
+    SmallDisk(std::string at, const std::string& options) : mAt(std::move(at)) {
+        fs::create_directories(mAt);
+        mMounted = mount("none", mAt.c_str(), "tmpfs", 0, options.c_str()) == 0;
+    }
+    ~SmallDisk() {
+        if (mMounted) umount2(mAt.c_str(), MNT_DETACH);
+    }
+    SmallDisk(const SmallDisk&) = delete;
+    SmallDisk& operator=(const SmallDisk&) = delete;
+
+    bool mounted() const { return mMounted; }
+    bool remount(unsigned long flags, const std::string& options) const {
+        return mount("none", mAt.c_str(), "tmpfs", MS_REMOUNT | flags, options.c_str()) == 0;
+    }
+
+  private:
+    std::string mAt;
+    bool mMounted;
+};
+
+class FaultsTest : public ServiceTest {
+  protected:
+    std::string compress() const { return call(3, Json::array({"s"})); }
+    std::string restore() const { return call(4, rule("s", {".*"}, Json::array())); }
+    /// Runs every operation once.
+    void runEverything() const {
+        for (const int code : {1, 2, 3, 4}) {
+            transact(code, code == 3 ? Json::array({"s"}) : rule("s", {".*"}, {sandbox.tree()}));
+        }
+    }
+    void limit(__rlimit_resource resource, rlim_t value) const {
+        rlimit limit = {};
+        ASSERT_EQ(prlimit(pid(), resource, nullptr, &limit), 0);
+        limit.rlim_cur = value;
+        ASSERT_EQ(prlimit(pid(), resource, &limit, nullptr), 0);
+    }
+};
+
+TEST_F(FaultsTest, FullDiskDuringASave) {
+    const SmallDisk disk(sandbox.root() + "/data/local/zel", "size=64k");
+    if (!disk.mounted()) GTEST_SKIP() << "needs root";
+    sandbox.write("a", "same");
+    sandbox.write("b", "same");
+    scanTree();
+    const std::string records = readFile(sandbox.database("s", "RUXFileInfo.json"));
+    const std::string groups = readFile(sandbox.database("s", "RUXCheckNoCompress.json"));
+    for (int i = 0; i < 1000; ++i) sandbox.write("many/" + std::to_string(i), std::to_string(i));
+    scanTree();
+    EXPECT_GE(logged("DBWriteUpdate"), 1);
+    EXPECT_EQ(logged("DBWriteUpdate"), logged(" write fail."));
+    EXPECT_EQ(readFile(sandbox.database("s", "RUXFileInfo.json")), records);
+    EXPECT_EQ(readFile(sandbox.database("s", "RUXCheckNoCompress.json")), groups);
+    // What the disk did not take is found again once there is room.
+    ASSERT_TRUE(disk.remount(0, "size=8m"));
+    scanTree();
+    EXPECT_EQ(database("RUXFileInfo.json").size(), 1002U);
+    EXPECT_EQ(database("RUXCheckNoCompress.json").size(), 1001U);
+}
+
+TEST_F(FaultsTest, FullOrReadOnlyDiskUnderTheFiles) {
+    const SmallDisk disk(sandbox.path("disk"), "size=3m,nr_inodes=20");
+    if (!disk.mounted()) GTEST_SKIP() << "needs root";
+    const std::string content(1 << 20, 'x');
+    sandbox.write("disk/a", content);
+    sandbox.write("disk/b", content);
+    scanTree();
+    // Every name takes an inode there: with none left there is no link.
+    for (int i = 0; i < 20; ++i)
+        close(creat(sandbox.path("disk/" + std::to_string(i)).c_str(), 0600));
+    EXPECT_EQ(compress(), "0,0");
+    EXPECT_EQ(logged("createHardLink fail, error code 28"), 1);
+    EXPECT_EQ(run({"sh", "-c", "rm " + sandbox.path("disk/[0-9]*")}).exit, 0);
+
+    fs::remove_all(sandbox.database("s"));
+    scanTree();
+    ASSERT_TRUE(disk.remount(MS_RDONLY, "size=3m"));
+    EXPECT_EQ(compress(), "0,0");
+    EXPECT_EQ(logged("createHardLink fail, error code 30"), 1);
+    ASSERT_TRUE(disk.remount(0, "size=3m"));
+    fs::remove_all(sandbox.database("s"));
+    scanTree();
+    EXPECT_EQ(compress(), "1,1048576");
+
+    sandbox.write("disk/filler", std::string(3 << 19, 'f'));
+    EXPECT_EQ(restore(), "1048576\n");
+    EXPECT_EQ(logged("restoreLinkFile fail, error code 28"), 2);
+    EXPECT_EQ(inodeOf(sandbox.path("disk/a")), inodeOf(sandbox.path("disk/b")));
+    EXPECT_EQ(readFile(sandbox.path("disk/a")), content);
+    EXPECT_EQ(run({"ls", "-A", sandbox.path("disk")}).out, "a\nb\nfiller\n");
+}
+
+TEST_F(FaultsTest, LimitsOnFileSizeAndDescriptors) {
+    std::string deep = "d";
+    for (int i = 0; i < 60; ++i) deep += "/d";
+    sandbox.write("a", std::string(5000, 'x'));
+    sandbox.write("b", std::string(5000, 'x'));
+    sandbox.write(deep + "/c", "deep");
+    scanTree();
+    EXPECT_EQ(compress(), "1,5000");
+    limit(RLIMIT_FSIZE, 4000);
+    EXPECT_EQ(restore(), "5000\n");
+    EXPECT_EQ(logged("restoreLinkFile fail, error code 27"), 2);
+    EXPECT_EQ(statusOf(sandbox.path("a")).st_nlink, 2U);
+    for (int i = 0; i < 100; ++i) sandbox.write("many/" + std::to_string(i), std::to_string(i));
+    scanTree();
+    EXPECT_GE(logged(" write fail."), 1);
+
+    kill();
+    start();
+    fs::remove_all(sandbox.database("s"));
+    limit(RLIMIT_NOFILE, 30);
+    scanTree();
+    EXPECT_GE(logged("[RUX-NATIVE:opendir] The directory cannot be opened."), 1);
+    EXPECT_FALSE(database("RUXFileInfo.json").contains(sandbox.path(deep + "/c")));
+    limit(RLIMIT_NOFILE, 1024);
+    scanTree();
+    EXPECT_TRUE(database("RUXFileInfo.json").contains(sandbox.path(deep + "/c")));
+    EXPECT_TRUE(isRunning());
+}
+
+TEST_F(FaultsTest, ThingsVanishWhileTheyAreWorkedOn) {
+    for (int i = 0; i < 300; ++i) {
+        sandbox.write("d" + std::to_string(i % 10) + "/" + std::to_string(i), "same");
+    }
+    {
+        // Directories come and go, and so does the whole database.
+        int turn = 0;
+        std::error_code ignored;
+        const Hammer vanish([&] {
+            const std::string directory = sandbox.path("d" + std::to_string(turn++ % 10));
+            rename(directory.c_str(), (directory + "-gone").c_str());
+            if (turn % 7 == 0) fs::remove_all(sandbox.database("s"), ignored);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            rename((directory + "-gone").c_str(), directory.c_str());
+        });
+        for (int round = 0; round < 30; ++round) runEverything();
+    }
+    ASSERT_TRUE(isRunning());
+    EXPECT_EQ(md5sumsBelow(sandbox.tree()).size(), 300U);
+    fs::remove_all(sandbox.database("s"));
+    scanTree();
+    EXPECT_EQ(database("RUXCheckNoCompress.json").size(), 1U);
+    compress();
+    restore();
+    EXPECT_EQ(run({"find", sandbox.tree(), "-name", ".rux-*"}).out, "");
+    for (int i = 0; i < 300; ++i) {
+        const std::string name = "d" + std::to_string(i % 10) + "/" + std::to_string(i);
+        EXPECT_EQ(readFile(sandbox.path(name)), "same");
+    }
+}
+
+TEST_F(FaultsTest, DatabaseFilesCutAtEveryByte) {
+    const std::string a = sandbox.write("a", "same");
+    const std::string b = sandbox.write("b", "same");
+    scanTree();
+    const std::string records = readFile(sandbox.database("s", "RUXFileInfo.json"));
+    const std::string groups = readFile(sandbox.database("s", "RUXCheckNoCompress.json"));
+    const std::pair<const char*, std::string> files[] = {{"RUXFileInfo.json", records},
+                                                         {"RUXCheckNoCompress.json", groups},
+                                                         {"RUXCheckACompress.json", groups},
+                                                         {"RUXModifyFileInfo.json",
+                                                          "{\"" + a +
+                                                                  "\":{\"V\":1,\"r_flag\":0}}\n"}};
+    for (const auto& [cut, whole] : files) {
+        for (size_t size = 0; size <= whole.size(); ++size) {
+            for (const auto& [file, content] : files) {
+                writeFile(sandbox.database("s", file),
+                          file == cut ? whole.substr(0, size) : content);
+            }
+            runEverything();
+            ASSERT_TRUE(isRunning()) << cut << " cut at " << size;
+            ASSERT_EQ(readFile(a) + readFile(b), "samesame") << cut << " cut at " << size;
+        }
+    }
+    fs::remove_all(sandbox.database("s"));
+    scanTree();
+    EXPECT_EQ(compress(), "1,4");
+}
+
+}  // namespace
+}  // namespace rux::test
