@@ -25,7 +25,7 @@ std::optional<Make> made(const std::string& pattern) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string input(reinterpret_cast<const char*>(data), size);
     const size_t nul = input.find('\0');
-    if (nul == std::string::npos || nul > 24 || size - nul > 12) return 0;
+    if (nul == std::string::npos || nul > 24 || size - nul > 7) return 0;
     const std::string pattern = input.substr(0, nul);
     const std::string path = input.substr(nul + 1);
     const auto ours = made<rux::Expression>(pattern);

@@ -95,6 +95,7 @@ TEST_F(BadDataTest, DatabaseFilesOfTheWrongShape) {
             Json({{"", group}, {"d", {{"f_size", "x"}, {"f_list", {5, cut, ""}}}}}).dump(),
             Json({{"d", {{"f_size", -5}, {"f_list", {cut, a, b}}}}}).dump(),
             Json({{"d", {{"f_size", INT64_MAX}, {"f_list", {a, b, a, b, a}}}}}).dump(),
+            "{\"\xff\":{\"f_list\":[\"\xc0\xaf\",\"\xff\"]}}",
             "// comment\n" + Json({{"d", group}}).dump(),
     };
     for (const std::string& content : contents) {

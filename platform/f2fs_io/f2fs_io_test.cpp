@@ -1,8 +1,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <thread>
 
@@ -216,6 +218,158 @@ TEST_F(FileIoTest, RefusesToRestoreWhatIsNoLinkedFile) {
     close(writer);
     EXPECT_EQ(namesIn(sandbox.tree()),
               (std::vector<std::string>{"alias", "duplicate", "kept", "linked"}));
+}
+
+/// The library's names beside `name`: ".rux-KIND-" and the digest of the name.
+std::string besideName(const std::string& kind, const std::string& name) {
+    const auto digest = rux::test::run({"md5sum"}, "", name).out.substr(0, 32);
+    return ".rux-" + kind + "-" + digest;
+}
+
+TEST_F(FileIoTest, CleansUpAfterAKilledCall) {
+    const std::string swap = sandbox.path(besideName("swap", "duplicate"));
+    const std::string part = sandbox.path(besideName("part", "duplicate"));
+    const std::vector<std::string> clean = {"duplicate", "kept"};
+    // Killed before the exchange: the name stands for the kept file.
+    fs::create_hard_link(kept, swap);
+    rux::test::writeFile(part, "half a copy");
+    EXPECT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), 0);
+    EXPECT_EQ(namesIn(sandbox.tree()), clean);
+    EXPECT_EQ(statusOf(kept).st_nlink, 2U);
+    // Killed after it: the name stands for the old file, or for the shared one after a restore.
+    rux::test::writeFile(swap, readFile(kept));
+    EXPECT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), 0);
+    EXPECT_EQ(namesIn(sandbox.tree()), clean);
+    rux::test::writeFile(part, "half a copy");
+    EXPECT_EQ(restoreLinkFile(duplicate.c_str(), false), 0);
+    fs::create_hard_link(kept, swap);
+    EXPECT_EQ(restoreLinkFile(duplicate.c_str(), false), 0);
+    EXPECT_EQ(namesIn(sandbox.tree()), clean);
+    // Somebody wrote to the old file while the call was killed: that content has no other name.
+    rux::test::writeFile(swap, "written meanwhile");
+    EXPECT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), EEXIST);
+    EXPECT_EQ(restoreLinkFile(duplicate.c_str(), false), EEXIST);
+    EXPECT_EQ(readFile(swap), "written meanwhile");
+    EXPECT_EQ(readFile(duplicate), std::string(300000, 'k'));
+}
+
+TEST_F(FileIoTest, GivesWayToAWriterThatComesWhileBytesAreCompared) {
+    // The writer waits in open until the call has given up its leases, and then finds its file.
+    const off_t size = 256 << 20;  // sparse, and long to compare
+    ASSERT_EQ(truncate(kept.c_str(), size), 0);
+    ASSERT_EQ(truncate(duplicate.c_str(), size), 0);
+    for (const std::string& path : {kept, duplicate}) {
+        int32_t code = -1;
+        std::thread call([&] { code = createHardLink(kept.c_str(), duplicate.c_str(), false); });
+        // Once a lease is there, an impatient writer is told so.
+        ASSERT_TRUE(rux::test::waitFor([&path] {
+            const int impatient = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+            if (impatient >= 0) close(impatient);
+            return impatient < 0 && errno == EWOULDBLOCK;
+        })) << "the comparison was over too soon";
+        const int writer = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+        ASSERT_GE(writer, 0);
+        call.join();
+        EXPECT_EQ(code, EBUSY);
+        struct stat st = {};
+        ASSERT_EQ(fstat(writer, &st), 0);
+        EXPECT_EQ(st.st_nlink, 1U);
+        EXPECT_EQ(st.st_ino, inodeOf(path));
+        close(writer);
+    }
+    EXPECT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), 0);
+}
+
+TEST_F(FileIoTest, TheNewestOfFilesRenamedOverTheDuplicateStays) {
+    // Files of the same content are renamed over both names while they are linked and restored.
+    std::atomic<int> newest{0};
+    std::atomic<bool> done{false};
+    std::thread renamer([&] {
+        for (int i = 1; !done; ++i) {
+            const std::string content =
+                    std::string(300000, 'k') + (i % 3 == 0 ? "" : std::to_string(i));
+            const std::string fresh = sandbox.write("fresh", content);
+            rename(fresh.c_str(), duplicate.c_str());
+            newest = i % 3 == 0 ? 0 : i;
+        }
+    });
+    int linked = 0;
+    for (int round = 0; round < 2000 || (linked == 0 && round < 100000); ++round) {
+        linked += createHardLink(kept.c_str(), duplicate.c_str(), false) == 0 ? 1 : 0;
+        restoreLinkFile(duplicate.c_str(), false);
+    }
+    done = true;
+    renamer.join();
+    EXPECT_GT(linked, 0);
+    EXPECT_EQ(readFile(duplicate),
+              std::string(300000, 'k') + (newest == 0 ? "" : std::to_string(newest)));
+    EXPECT_EQ(readFile(kept), std::string(300000, 'k'));
+    EXPECT_EQ(namesIn(sandbox.tree()), (std::vector<std::string>{"duplicate", "kept"}));
+}
+
+TEST_F(FileIoTest, GroupsWithLinksOfEveryKindNeedOneRun) {
+    fs::create_directory_symlink(".", sandbox.path("here"));
+    fs::create_symlink("kept", sandbox.path("alias"));
+    fs::create_hard_link(duplicate, sandbox.path("partner"));  // partly linked already
+    const std::vector<std::string> members = {sandbox.path("alias"),
+                                              kept,
+                                              sandbox.path("here/duplicate"),
+                                              duplicate,
+                                              sandbox.path("here/kept"),
+                                              sandbox.path("partner")};
+    for (int run = 0; run < 2; ++run) {
+        for (size_t i = 1; i < members.size(); ++i) {
+            EXPECT_EQ(createHardLink(members[0].c_str(), members[i].c_str(), false), 0)
+                    << members[i];
+        }
+        for (const std::string& member : members)
+            EXPECT_EQ(readFile(member), std::string(300000, 'k'));
+        EXPECT_EQ(statusOf(kept).st_nlink, 3U);
+        EXPECT_TRUE(fs::is_symlink(sandbox.path("alias")));
+        EXPECT_EQ(inodeOf(kept), inodeOf(sandbox.path("partner")));
+    }
+}
+
+TEST_F(FileIoTest, SwappedComponentsLeadNowhereElse) {
+    const std::string same = sandbox.write("x/file", std::string(300000, 'k'));
+    const std::string other = sandbox.write("y/file", "something else");
+    const std::string x = sandbox.path("x");
+    const std::string y = sandbox.path("y");
+    {
+        const rux::test::Hammer swap(
+                [&] { renameat2(AT_FDCWD, x.c_str(), AT_FDCWD, y.c_str(), RENAME_EXCHANGE); });
+        for (int round = 0; round < 2000; ++round) {
+            createHardLink(kept.c_str(), same.c_str(), false);
+            restoreLinkFile(same.c_str(), false);
+        }
+    }
+    std::string contents[] = {readFile(same), readFile(other)};
+    std::sort(std::begin(contents), std::end(contents));
+    EXPECT_EQ(contents[0], std::string(300000, 'k'));
+    EXPECT_EQ(contents[1], "something else");
+    EXPECT_EQ(namesIn(x), std::vector<std::string>{"file"});
+    EXPECT_EQ(namesIn(y), std::vector<std::string>{"file"});
+}
+
+TEST_F(FileIoTest, RefusesLinksThatTheFileSystemDoesNotTake) {
+    const std::string mounted = sandbox.path("mounted");
+    fs::create_directories(mounted);
+    fs::create_directories(sandbox.path("inside"));
+    fs::rename(duplicate, sandbox.path("inside/duplicate"));
+    if (mount(sandbox.path("inside").c_str(), mounted.c_str(), nullptr, MS_BIND, nullptr) == 0) {
+        // The same device, and still another mount.
+        EXPECT_EQ(createHardLink(kept.c_str(), (mounted + "/duplicate").c_str(), false), EXDEV);
+        umount2(mounted.c_str(), MNT_DETACH);
+    }
+    fs::rename(sandbox.path("inside/duplicate"), duplicate);
+    int links = 1;
+    while (links < 70000 &&
+           link(kept.c_str(), sandbox.path("l" + std::to_string(links)).c_str()) == 0) {
+        ++links;
+    }
+    if (links < 70000) {
+        EXPECT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), EMLINK);
+    }
 }
 
 }  // namespace

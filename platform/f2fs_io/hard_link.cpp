@@ -7,6 +7,7 @@
 #include "f2fs_io/compare.h"
 #include "f2fs_io/entry.h"
 #include "f2fs_io/lease.h"
+#include "f2fs_io/settle.h"
 #include "f2fs_io/swap.h"
 #include "f2fs_io/tool_log.h"
 #include "tavo_f2fs_io.h"
@@ -77,6 +78,7 @@ int linkDuplicate(const char* keptPath, const char* duplicatePath) {
         if (const int error = compareAttributes(keptFile.get(), duplicateFile.get()); error != 0) {
             return error == EBADE ? ESTALE : error;
         }
+        letInterruptedTasksRun();
         return disturbed() ? EBUSY : 0;  // last: whoever comes later finds the kept file
     });
 }

@@ -8,6 +8,7 @@
 #include "f2fs_io/copy.h"
 #include "f2fs_io/entry.h"
 #include "f2fs_io/lease.h"
+#include "f2fs_io/settle.h"
 #include "f2fs_io/swap.h"
 #include "f2fs_io/tool_log.h"
 #include "tavo_f2fs_io.h"
@@ -64,6 +65,7 @@ int giveOwnData(const char* path) {
         if (const int error = compareAttributes(file.get(), copy.get()); error != 0) {
             return error == EBADE ? ESTALE : error;
         }
+        letInterruptedTasksRun();
         return disturbed() ? EBUSY : 0;
     });
 }

@@ -25,15 +25,17 @@ void removeSwap(const Entry& entry, const std::string& swap) {
 
 /// Takes an exchange back that put `previous` under the entry's name.
 ///
-/// What an exchange brings out must be what the one before it put in. If it is not, somebody has
-/// renamed a file over the entry in between; that file is the newest and goes back in its turn.
+/// When the name leads elsewhere by now, or nowhere, somebody has replaced or removed it: so it
+/// stays, and the file that came out is as good as replaced. And what an exchange brings out must
+/// be what the one before it put in. If it is not, somebody has renamed a file over the entry in
+/// between; that file is the newest and goes back in its turn.
 void undo(const Entry& entry, const std::string& swap, FileId previous) {
     struct stat st = {};
     if (entry.status(swap, &st) != 0) return;
     FileId inHand = idOf(st);
     for (int round = 0; round < kMaxUndo; ++round) {
-        // A name that somebody has removed stays removed.
-        if (exchangeNames(entry, swap) != 0) return removeSwap(entry, swap);
+        const bool isOurs = entry.status(entry.name, &st) == 0 && idOf(st) == previous;
+        if (!isOurs || exchangeNames(entry, swap) != 0) return removeSwap(entry, swap);
         if (entry.status(swap, &st) != 0) return;
         if (idOf(st) == previous) return removeSwap(entry, swap);
         previous = inHand;

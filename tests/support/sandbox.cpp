@@ -160,10 +160,11 @@ std::vector<std::string> md5sumsBelow(const std::string& directory) {
     return lines;
 }
 
-void ServiceTest::start() {
+void ServiceTest::start(std::vector<std::string> prefix) {
+    prefix.emplace_back(RUX_BINARY);
     const int log = open(mLog.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
-    mPid = spawn({RUX_BINARY}, sandbox.root(), null, null, log);
+    mPid = spawn(prefix, sandbox.root(), null, null, log);
     close(log);
     close(null);
     mProperties = std::make_unique<android::host::PropertyStore>(sandbox.root() + "/run/rux");

@@ -70,8 +70,8 @@ class ServiceTest : public testing::Test {
     void SetUp() override { start(); }
     void TearDown() override { kill(); }
 
-    /// Starts the service and waits until it answers.
-    void start();
+    /// Starts the service, with `prefix` before its command, and waits until it answers.
+    void start(std::vector<std::string> prefix = {});
     /// Ends the service (SIGKILL).
     void kill();
     bool isRunning() const;

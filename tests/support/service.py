@@ -67,7 +67,7 @@ class Service:
 
     def connect(self):
         connection = socket.socket(socket.AF_UNIX)
-        # Through a descriptor: the path may be longer than an address.
+#Through a descriptor : the path may be longer than an address.
         directory = os.open(self.root + "/run/rux", os.O_PATH)
         try:
             connection.connect(f"/proc/self/fd/{directory}/RuxNativeService.sock")

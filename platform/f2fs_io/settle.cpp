@@ -1,0 +1,41 @@
+#include "f2fs_io/settle.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "utils/unique_fd.h"
+
+namespace android::host {
+namespace {
+
+constexpr int kMaxWaits = 100;
+constexpr timespec kWait = {0, 500'000};  // nanoseconds; 50 ms in all
+
+/// How many tasks run or would like to, this one included (proc_loadavg(5)); 0 when that is not
+/// known.
+long runnableTasks() {
+    static const UniqueFd loadavg(open("/proc/loadavg", O_RDONLY | O_CLOEXEC));
+    char text[128];
+    const ssize_t got = pread(loadavg.get(), text, sizeof(text) - 1, 0);
+    if (got <= 0) return 0;
+    text[got] = '\0';
+    const char* field = text;  // the fourth: "0.20 0.18 0.12 1/80 11206"
+    for (int i = 0; i < 3 && field != nullptr; ++i) {
+        field = strchr(field, ' ');
+        if (field != nullptr) ++field;
+    }
+    return field != nullptr ? strtol(field, nullptr, 10) : 0;
+}
+
+}  // namespace
+
+void letInterruptedTasksRun() {
+    static const long processors = sysconf(_SC_NPROCESSORS_ONLN);
+    for (int i = 0; i < kMaxWaits && runnableTasks() > processors; ++i) nanosleep(&kWait, nullptr);
+}
+
+}  // namespace android::host
