@@ -7,8 +7,6 @@
 #include <cstring>
 #include <vector>
 
-#include "f2fs_io/xattrs.h"
-
 namespace android::host {
 namespace {
 
@@ -57,16 +55,13 @@ int compareBytes(int first, int second, const std::function<bool()>& interrupted
     }
 }
 
-int compareAttributes(int first, int second) {
-    struct stat a = {};
-    struct stat b = {};
-    if (fstat(first, &a) != 0 || fstat(second, &b) != 0) return errno;
-    if (a.st_uid != b.st_uid || a.st_gid != b.st_gid || a.st_mode != b.st_mode) return EBADE;
-    Xattrs ofFirst;
-    Xattrs ofSecond;
-    if (const int error = readXattrs(first, &ofFirst); error != 0) return error;
-    if (const int error = readXattrs(second, &ofSecond); error != 0) return error;
-    return ofFirst == ofSecond ? 0 : EBADE;
+int readAttributes(int file, Attributes* attributes) {
+    struct stat st = {};
+    if (fstat(file, &st) != 0) return errno;
+    attributes->uid = st.st_uid;
+    attributes->gid = st.st_gid;
+    attributes->mode = st.st_mode;
+    return readXattrs(file, &attributes->xattrs);
 }
 
 }  // namespace android::host

@@ -5,6 +5,8 @@
 
 #include <functional>
 
+#include "f2fs_io/xattrs.h"
+
 namespace android::host {
 
 /// Whether nobody has written between two readings of one file's status.
@@ -14,8 +16,16 @@ bool sameContentStamp(const struct stat& before, const struct stat& after);
 /// (may be null) is asked after each piece; once it says true the result is EBUSY.
 int compareBytes(int first, int second, const std::function<bool()>& interrupted);
 
-/// 0 when owner, group, mode and all extended attributes (among them the access-control list and
-/// the security label) are the same, EBADE when they are not, else an errno.
-int compareAttributes(int first, int second);
+/// Who may do what with a file.
+struct Attributes {
+    uid_t uid = 0;
+    gid_t gid = 0;
+    mode_t mode = 0;
+    Xattrs xattrs;  // among them the access-control list and the security label
+    bool operator==(const Attributes&) const = default;
+};
+
+/// 0 or an errno.
+int readAttributes(int file, Attributes* attributes);
 
 }  // namespace android::host

@@ -6,7 +6,7 @@
 
 #include "f2fs_io/compare.h"
 #include "f2fs_io/entry.h"
-#include "f2fs_io/lease.h"
+#include "f2fs_io/leased_file.h"
 #include "f2fs_io/settle.h"
 #include "f2fs_io/swap.h"
 #include "f2fs_io/tool_log.h"
@@ -36,51 +36,37 @@ int linkOpenFile(int kept, const Entry& entry, const std::string& name) {
                    : errno;
 }
 
-int unchanged(int file, const struct stat& before) {
-    struct stat now = {};
-    if (fstat(file, &now) != 0) return errno;
-    return sameContentStamp(before, now) ? 0 : ESTALE;
-}
-
 int linkDuplicate(const char* keptPath, const char* duplicatePath) {
-    Entry duplicate;
-    if (const int error = duplicate.open(duplicatePath); error != 0) return error;
-    UniqueFd keptFile;
-    UniqueFd duplicateFile;
-    struct stat kept = {};
-    struct stat old = {};
-    if (const int error = duplicate.openFile(&duplicateFile, &old); error != 0) return error;
-    if (const int error = openKept(keptPath, &keptFile, &kept); error != 0) return error;
-    if (const int error = duplicate.removeLeftovers(); error != 0) return error;
-    if (idOf(kept) == idOf(old)) return 0;
-    if (kept.st_dev != old.st_dev) return EXDEV;
-    if (kept.st_size != old.st_size) return EILSEQ;
+    Entry entry;
+    LeasedFile kept;
+    LeasedFile old;
+    if (const int error = entry.open(duplicatePath); error != 0) return error;
+    if (const int error = entry.openFile(&old.file, &old.status); error != 0) return error;
+    if (const int error = openKept(keptPath, &kept.file, &kept.status); error != 0) return error;
+    if (const int error = entry.removeLeftovers(); error != 0) return error;
+    if (kept.id() == old.id()) return 0;
+    if (kept.status.st_dev != old.status.st_dev) return EXDEV;
+    if (kept.status.st_size != old.status.st_size) return EILSEQ;
 
-    ReadLease keptLease;
-    ReadLease oldLease;
-    if (const int error = keptLease.take(keptFile.get()); error != 0) return error;
-    if (const int error = oldLease.take(duplicateFile.get()); error != 0) return error;
-    const auto disturbed = [&] { return !keptLease.held() || !oldLease.held(); };
-    if (const int error = compareAttributes(keptFile.get(), duplicateFile.get()); error != 0) {
+    if (const int error = kept.takeLease(); error != 0) return error;
+    if (const int error = old.takeLease(); error != 0) return error;
+    if (!(kept.attributes == old.attributes)) return EBADE;
+    const auto interrupted = [&] { return kept.isInUse() || old.isInUse(); };
+    if (const int error = compareBytes(kept.file.get(), old.file.get(), interrupted); error != 0) {
         return error;
     }
-    if (const int error = compareBytes(keptFile.get(), duplicateFile.get(), disturbed);
-        error != 0) {
+    if (const int error = kept.undisturbed(); error != 0) return error;
+    if (const int error = linkOpenFile(kept.file.get(), entry, entry.swapName()); error != 0) {
         return error;
     }
-    if (const int error = linkOpenFile(keptFile.get(), duplicate, duplicate.swapName());
-        error != 0) {
-        return error;
-    }
-    return exchange(duplicate, idOf(kept), idOf(old), [&] {
-        if (const int error = unchanged(keptFile.get(), kept); error != 0) return error;
-        if (const int error = unchanged(duplicateFile.get(), old); error != 0) return error;
-        if (const int error = compareAttributes(keptFile.get(), duplicateFile.get()); error != 0) {
-            return error == EBADE ? ESTALE : error;
-        }
+    // From the exchange on whoever opens the name finds the kept file, linked: that is all right.
+    // Only the old file must have been left alone to its end.
+    const auto oldUndisturbed = [&old] {
         letInterruptedTasksRun();
-        return disturbed() ? EBUSY : 0;  // last: whoever comes later finds the kept file
-    });
+        return old.undisturbed();
+    };
+    return exchange(entry, kept.id(), old.id(),
+                    {oldUndisturbed, [&kept] { return kept.isInUse(); }});
 }
 
 }  // namespace

@@ -4,10 +4,9 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "f2fs_io/compare.h"
 #include "f2fs_io/copy.h"
 #include "f2fs_io/entry.h"
-#include "f2fs_io/lease.h"
+#include "f2fs_io/leased_file.h"
 #include "f2fs_io/settle.h"
 #include "f2fs_io/swap.h"
 #include "f2fs_io/tool_log.h"
@@ -16,19 +15,21 @@
 namespace android::host {
 namespace {
 
-/// Makes the copy, whole and on disk, under the entry's swap name; nothing is left on failure.
-int makeCopy(const Entry& entry, int file, const struct stat& source,
-             const std::function<bool()>& interrupted, UniqueFd* copy) {
+/// Makes the copy, whole and on disk, under the entry's swap name, and opens it anew for reading
+/// only, as a lease demands. Nothing is left on failure.
+int makeCopy(const Entry& entry, const LeasedFile& source, LeasedFile* copy) {
     const int directory = entry.directory.get();
     const std::string part = entry.partName();
-    copy->reset(openat(directory, part.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                       0600));
-    if (!copy->valid()) return errno;
-    int error = copyContent(file, copy->get(), source, interrupted);
-    if (error == 0) error = copyMetadata(file, copy->get(), source);
-    if (error == 0 && fsync(copy->get()) != 0) error = errno;
-    // From here on the name says that the copy is complete.
     const std::string swap = entry.swapName();
+    const UniqueFd written(openat(directory, part.c_str(),
+                                  O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!written.valid()) return errno;
+    const int from = source.file.get();
+    int error = copyContent(from, written.get(), source.status, [&] { return source.isInUse(); });
+    if (error == 0) error = copyMetadata(from, written.get(), source.status);
+    if (error == 0 && fsync(written.get()) != 0) error = errno;
+    if (error == 0) error = openToRead(directory, part.c_str(), O_NOFOLLOW, &copy->file);
+    // From here on the name says that the copy is complete.
     if (error == 0 &&
         renameat2(directory, part.c_str(), directory, swap.c_str(), RENAME_NOREPLACE) != 0) {
         error = errno;
@@ -39,35 +40,27 @@ int makeCopy(const Entry& entry, int file, const struct stat& source,
 
 int giveOwnData(const char* path) {
     Entry entry;
+    LeasedFile shared;
+    LeasedFile copy;
     if (const int error = entry.open(path); error != 0) return error;
-    UniqueFd file;
-    struct stat shared = {};
-    if (const int error = entry.openFile(&file, &shared); error != 0) return error;
+    if (const int error = entry.openFile(&shared.file, &shared.status); error != 0) return error;
     if (const int error = entry.removeLeftovers(); error != 0) return error;
     // Read again: the leftover of an interrupted call counted as a link.
-    if (fstat(file.get(), &shared) != 0) return errno;
-    if (shared.st_nlink == 1) return 0;
+    if (fstat(shared.file.get(), &shared.status) != 0) return errno;
+    if (shared.status.st_nlink == 1) return 0;
 
-    ReadLease lease;
-    if (const int error = lease.take(file.get()); error != 0) return error;
-    const auto disturbed = [&] { return !lease.held(); };
-    if (fstat(file.get(), &shared) != 0) return errno;
-    UniqueFd copy;
-    if (const int error = makeCopy(entry, file.get(), shared, disturbed, &copy); error != 0) {
+    if (const int error = shared.takeLease(); error != 0) return error;
+    if (const int error = makeCopy(entry, shared, &copy); error != 0) return error;
+    if (const int error = copy.takeLease(); error != 0) {
+        unlinkat(entry.directory.get(), entry.swapName().c_str(), 0);
         return error;
     }
-    struct stat own = {};
-    if (fstat(copy.get(), &own) != 0) return errno;
-    return exchange(entry, idOf(own), idOf(shared), [&] {
-        struct stat now = {};
-        if (fstat(file.get(), &now) != 0) return errno;
-        if (!sameContentStamp(shared, now)) return ESTALE;
-        if (const int error = compareAttributes(file.get(), copy.get()); error != 0) {
-            return error == EBADE ? ESTALE : error;
-        }
+    const auto sharedUndisturbed = [&shared] {
         letInterruptedTasksRun();
-        return disturbed() ? EBUSY : 0;
-    });
+        return shared.undisturbed();
+    };
+    return exchange(entry, copy.id(), shared.id(),
+                    {sharedUndisturbed, [&copy] { return copy.isInUse(); }});
 }
 
 }  // namespace

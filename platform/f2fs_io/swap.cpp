@@ -46,7 +46,7 @@ void undo(const Entry& entry, const std::string& swap, FileId previous) {
 }  // namespace
 
 int exchange(const Entry& entry, const FileId& incoming, const FileId& outgoing,
-             const std::function<int()>& verify) {
+             const ExchangeChecks& checks) {
     const std::string swap = entry.swapName();
     struct stat st = {};
     int error = entry.status(entry.name, &st);
@@ -58,7 +58,11 @@ int exchange(const Entry& entry, const FileId& incoming, const FileId& outgoing,
     }
     error = entry.status(swap, &st);
     if (error == 0 && idOf(st) != outgoing) error = ESTALE;
-    if (error == 0) error = verify();
+    if (error == 0) {
+        error = checks.outgoing();
+        // A file with another name is not lost with this one, while the other might be.
+        if (error != 0 && st.st_nlink > 1 && checks.incomingInUse()) error = 0;
+    }
     if (error != 0) {
         undo(entry, swap, incoming);
         return error;

@@ -12,7 +12,8 @@ std::string rootPrefix();
 std::string runDirectory();
 
 /// Opens the directory `path`, made with mode 0700 (and its parent with 0755) when it is missing
-/// and `create` is set. Refuses with EPERM a directory that other users own or may enter.
+/// and `create` is set. Refuses with EPERM a directory that other users may enter or, but for root,
+/// own.
 ///
 /// Returns a descriptor or a negated errno.
 int openPrivateDirectory(const std::string& path, bool create);

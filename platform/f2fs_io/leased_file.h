@@ -1,0 +1,32 @@
+/// A file that the library works on, and what it was like when writers were shut out.
+#pragma once
+
+#include <sys/stat.h>
+
+#include "f2fs_io/compare.h"
+#include "f2fs_io/entry.h"
+#include "f2fs_io/lease.h"
+#include "utils/unique_fd.h"
+
+namespace android::host {
+
+struct LeasedFile {
+    UniqueFd file;  ///< open for reading only
+    struct stat status = {};
+    Attributes attributes;
+    ReadLease lease;
+
+    FileId id() const { return idOf(status); }
+
+    /// Takes the lease, then reads status and attributes: so they are what nobody is changing.
+    /// 0 or an errno, EBUSY for a file that is open for writing.
+    int takeLease();
+
+    /// 0 while nobody has changed the file or wants to; ESTALE or EBUSY, or an errno.
+    int undisturbed() const;
+
+    /// Whether somebody has opened the file, or waits to, for writing.
+    bool isInUse() const { return !lease.held(); }
+};
+
+}  // namespace android::host
