@@ -102,7 +102,10 @@ class Matcher {
                 case Kind::Progress:
                     // Without it an empty turn would follow the other for ever; where states are
                     // remembered none can.
-                    if (mProgram.hasBackReferences && mRegisters[at.value] == place) ++code;
+                    if (mProgram.hasBackReferences && mRegisters[at.value] == place) {
+                        code = jump;
+                        continue;
+                    }
                     break;
                 case Kind::BackReference:
                     if (!passReference(at.value, &place)) return false;

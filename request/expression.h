@@ -36,7 +36,7 @@ class Expression {
             NotBoundary,    // neither
             Save,           // notes the place in register `value`
             BackReference,  // what registers `value` and `value` + 1 enclose
-            Progress,       // leaves a loop whose turn has consumed nothing since register `value`
+            Progress,       // goes on at `jump` when nothing was consumed since register `value`
             LookAhead,      // the program from here to `jump` must match at this place
             LookPast,       // it must not
             Accept,         // the end of a look-ahead's program, or of the whole

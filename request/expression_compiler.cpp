@@ -285,12 +285,12 @@ void ExpressionCompiler::appendCopy(const std::vector<Expression::Instruction>& 
     mProgram.code.insert(mProgram.code.end(), term.begin(), term.end());
 }
 
-/// Makes the code from `start` to the end one turn of a loop that is run any number of times.
+/// Makes the code from `start` to the end the turn of a loop, run once or more.
 void ExpressionCompiler::wrapLoop(size_t start) {
     const uint32_t loop = kLoopRegister | mLoopCount++;
     insert(start, {Kind::Save, 0, loop});
-    emit(Kind::Progress, loop);
-    insert(start, {Kind::Split, static_cast<int32_t>(size() + 2 - start), 0});
+    emit(Kind::Progress, loop, 3);
+    emit(Kind::Split, 0, 2);
     emit(Kind::Jump, 0, -static_cast<int32_t>(size() - start));
 }
 
@@ -302,12 +302,15 @@ void ExpressionCompiler::repeatTerm(uint32_t least, uint32_t most) {
                                                     mProgram.code.end());
     if (term.empty()) return;  // nothing, however often
     mProgram.code.resize(start);
-    for (uint32_t i = 0; i < least; ++i) appendCopy(term);
     if (most == kUnbounded) {
+        for (uint32_t i = 1; i < least; ++i) appendCopy(term);
         const size_t loop = size();
         appendCopy(term);
-        return wrapLoop(loop);
+        wrapLoop(loop);
+        if (least == 0) insert(loop, {Kind::Split, static_cast<int32_t>(size() + 1 - loop), 0});
+        return;
     }
+    for (uint32_t i = 0; i < least; ++i) appendCopy(term);
     // The rest is optional, each turn only after the one before: a chain of choices to leave.
     const uint32_t rest = most - least;
     if (rest > kMaxProgram) fail(std::regex_constants::error_space);
