@@ -18,6 +18,7 @@ TEST(BusyTest, AdmitsOneOfAllThatAskAtOnce) {
         std::atomic<int> admitted{0};
         std::barrier together(kThreads);
         std::vector<std::thread> threads;
+        threads.reserve(kThreads);
         for (int i = 0; i < kThreads; ++i) {
             threads.emplace_back([&, kind = kinds[i % 4]] {
                 together.arrive_and_wait();

@@ -215,7 +215,7 @@ class UnprivilegedTest : public ServiceTest {
         start(user);
     }
     std::string writeAsUser(const std::string& name, const std::string& content) const {
-        const std::string path = sandbox.write(name, content);
+        std::string path = sandbox.write(name, content);
         EXPECT_EQ(run({"chown", "-R", "12345:12345", sandbox.tree()}).exit, 0);
         return path;
     }

@@ -22,7 +22,7 @@ status_t ProcessState::setThreadPoolMaxThreadCount(size_t maxThreads) {
 void ProcessState::startThreadPool() {
     if (mStarted) return;
     mStarted = true;
-    signal(SIGXFSZ, SIG_IGN);  // a limit on file size is an error of the write, not the process's end
+    signal(SIGXFSZ, SIG_IGN);  // a limit on file size fails the write, not the process
     for (size_t i = 0; i < mMaxThreads; ++i) {
         std::thread([] { IPCThreadState::self()->joinThreadPool(false); }).detach();
     }

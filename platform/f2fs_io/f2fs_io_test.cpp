@@ -72,6 +72,7 @@ TEST_F(FileIoTest, DigestsEqualMd5sums) {
 TEST_F(FileIoTest, DigestsAreComputedByManyThreadsAtOnce) {
     const std::string expected = md5sum(kept);
     std::vector<std::thread> threads;
+    threads.reserve(8);
     for (int i = 0; i < 8; ++i) {
         threads.emplace_back([&] {
             for (int round = 0; round < 50; ++round) {
@@ -123,7 +124,7 @@ TEST_F(FileIoTest, RefusesToLinkWhatIsNotTheSame) {
 }
 
 TEST_F(FileIoTest, RefusesToLinkWhatIsNoFileOfItsOwn) {
-    const auto link = [this](const std::string& from, const std::string& to) {
+    const auto link = [](const std::string& from, const std::string& to) {
         return createHardLink(from.c_str(), to.c_str(), false);
     };
     fs::create_symlink("kept", sandbox.path("alias"));

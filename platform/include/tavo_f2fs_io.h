@@ -17,8 +17,8 @@ static_assert(sizeof(FileMD5Result) == 40);
 
 /// The MD5 digest of the content of a regular file, symbolic links followed, in constant memory.
 ///
-/// EINVAL for what is not a regular file or only looks like one (in /proc and /sys), EAGAIN for a file that changed while it was read, else
-/// the error of opening or reading it.
+/// EINVAL for what is not a regular file or only looks like one (in /proc and /sys), EAGAIN for a
+/// file that changed while it was read, else the error of opening or reading it.
 FileMD5Result computeFileMD5(const char* path, bool enableLog);
 
 /// Makes `duplicatePath` a hard link to the file that `keptPath` leads to, after comparing the two
