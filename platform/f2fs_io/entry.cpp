@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "f2fs_io/compare.h"
+#include "f2fs_io/lease.h"
 #include "f2fs_io/md5.h"
 
 namespace android::host {
@@ -49,16 +50,17 @@ int Entry::removeLeftovers() const {
     struct stat left = {};
     if (const int error = status(swap, &left); error != 0) return error == ENOENT ? 0 : error;
 
-    // Another name holds the content too, be it this entry's or that of another member of its
-    // group?
+    // Does another name hold the content too, be it this entry's or that of another member?
     bool spare = left.st_nlink > 1;
     if (!spare) {
         UniqueFd ours;
         UniqueFd theirs;
+        ReadLease lease;  // a program may have had the file open all the while
         struct stat st = {};
         const int error = openToRead(directory.get(), swap.c_str(), O_NOFOLLOW, &theirs);
         spare = error == 0 && openFile(&ours, &st) == 0 && st.st_size == left.st_size &&
-                compareBytes(ours.get(), theirs.get(), nullptr) == 0;
+                lease.take(theirs.get()) == 0 &&
+                compareBytes(ours.get(), theirs.get(), nullptr) == 0 && lease.held();
     }
     if (!spare) return EEXIST;
     return unlinkat(directory.get(), swap.c_str(), 0) == 0 || errno == ENOENT ? 0 : errno;

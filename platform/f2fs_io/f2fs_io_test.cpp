@@ -246,6 +246,14 @@ TEST_F(FileIoTest, CleansUpAfterAKilledCall) {
     fs::create_hard_link(kept, swap);
     EXPECT_EQ(restoreLinkFile(duplicate.c_str(), false), 0);
     EXPECT_EQ(namesIn(sandbox.tree()), clean);
+    // Somebody has had the old file open all the while, and may still write to it.
+    rux::test::writeFile(swap, readFile(kept));
+    const int writer = open(swap.c_str(), O_WRONLY | O_CLOEXEC);
+    EXPECT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), EEXIST);
+    close(writer);
+    EXPECT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), 0);
+    EXPECT_EQ(restoreLinkFile(duplicate.c_str(), false), 0);
+    EXPECT_EQ(namesIn(sandbox.tree()), clean);
     // Somebody wrote to the old file while the call was killed: that content has no other name.
     rux::test::writeFile(swap, "written meanwhile");
     EXPECT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), EEXIST);

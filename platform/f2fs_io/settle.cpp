@@ -12,8 +12,8 @@
 namespace android::host {
 namespace {
 
-constexpr int kMaxWaits = 100;
-constexpr timespec kWait = {0, 500'000};  // nanoseconds; 50 ms in all
+constexpr int kMaxWaits = 20;
+constexpr timespec kWait = {0, 500'000};  // nanoseconds; 10 ms in all
 
 /// How many tasks run or would like to, this one included (proc_loadavg(5)); 0 when that is not
 /// known.

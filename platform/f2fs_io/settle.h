@@ -3,7 +3,7 @@
 
 namespace android::host {
 
-/// Returns when no runnable task is without a processor, or after 50 milliseconds.
+/// Returns when no runnable task is without a processor, or after 10 milliseconds.
 ///
 /// A program that opens a file looks its name up first and meets the lease a microsecond later. One
 /// that was interrupted in between would come back with a file whose name has gone to another,
