@@ -8,10 +8,11 @@ namespace {
 
 using Error = std::regex_constants::error_type;
 
-constexpr size_t kMaxProgram = 100000;  // instructions; the library has such a limit too
-constexpr size_t kMaxNesting = 1000;    // groups in groups
-constexpr size_t kMaxSets = 4096;       // different atoms
-constexpr size_t kMaxBracket = 65536;   // bytes of one bracket expression
+/// Instructions. The library stops at 100,000 states, each of which takes one to three of them.
+constexpr size_t kMaxProgram = 300000;
+constexpr size_t kMaxNesting = 1000;   // groups in groups
+constexpr size_t kMaxSets = 4096;      // different atoms
+constexpr size_t kMaxBracket = 65536;  // bytes of one bracket expression
 constexpr uint32_t kUnbounded = UINT32_MAX;
 
 /// Bits of a loop's register number; those of groups are below. The two are told apart until the

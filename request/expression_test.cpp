@@ -91,6 +91,7 @@ TEST(ExpressionTest, RefusesWhatWouldBeTooLargeInsteadOfBreaking) {
     EXPECT_THROW(Expression(repeated("[", 1000000)), std::regex_error);
     EXPECT_EQ(Expression(repeated("(", 900) + "a" + repeated(")*", 900)).match("aa"),
               Result::Match);
+    EXPECT_EQ(Expression("(b||)*{92}*{92}").match("bb"), Result::Match) << "near the limit";
     EXPECT_EQ(Expression("." + repeated("+", 40) + repeated("?", 40)).match("abc"), Result::Match);
     EXPECT_EQ(Expression(repeated("a", 4095)).match(repeated("a", 4095)), Result::Match);
 }
