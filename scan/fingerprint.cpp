@@ -56,7 +56,10 @@ void joinGroup(const char* digest, int64_t fileBytes, const std::string& path) {
     Json::Value& paths = group["f_list"];
     if (!paths.isArray()) paths = Json::Value(Json::arrayValue);
     const bool known = std::any_of(paths.begin(), paths.end(), [&path](const Json::Value& member) {
-        return member.isString() && member.asString() == path;
+        const char* begin = nullptr;
+        const char* end = nullptr;
+        return member.isString() && member.getString(&begin, &end) &&
+               path == std::string_view(begin, static_cast<size_t>(end - begin));
     });
     if (!known) paths.append(path);
 }
