@@ -96,6 +96,8 @@ TEST_F(ClientsTest, SilentAndHalfFinishedOnes) {
     expectHonestClientIsServed();
     const size_t descriptorsBefore = descriptors();
     const long memoryBefore = residentKib();
+    // Twice what unfinished frames may take; sanitizers keep what has been freed for a while.
+    const long allowance = RUX_SANITIZED ? 8L << 20 : 128L << 10;
     {
         std::vector<UniqueFd> clients;
         for (int i = 0; i < 1000; ++i) {
@@ -107,11 +109,11 @@ TEST_F(ClientsTest, SilentAndHalfFinishedOnes) {
         }
         expectHonestClientIsServed();
         EXPECT_LT(descriptors(), 600U);
-        EXPECT_LT(residentKib(), memoryBefore + (128 << 10));
+        EXPECT_LT(residentKib(), memoryBefore + allowance);
     }
     EXPECT_TRUE(waitFor([&] { return descriptors() <= descriptorsBefore; }));
     expectHonestClientIsServed();
-    EXPECT_LT(residentKib(), memoryBefore + (16 << 10));
+    EXPECT_LT(residentKib(), memoryBefore + allowance / 8);
 }
 
 TEST_F(ClientsTest, OnesThatSendNoFrames) {
@@ -146,14 +148,13 @@ TEST_F(ClientsTest, OnesThatDoNotWaitForTheirReply) {
         sendTo(hasty, request);
     }
     expectHonestClientIsServed();
-    // The call of a client that died has been carried out all the same.
-    sandbox.write("a", "x");
+    // The call of a client that died is carried out all the same; this one is never refused.
     {
         const UniqueFd client = connect();
-        sendTo(client, requestFor(1, rule("s", {".*"}, {sandbox.tree()}).dump()));
+        sendTo(client, requestFor(6, "[\"from the grave\"]"));
     }
     EXPECT_TRUE(waitFor([this] {
-        return run({"test", "-s", sandbox.database("s", "RUXFileInfo.json")}).exit == 0;
+        return run({"test", "-s", sandbox.database("RUXExceptRules.json")}).exit == 0;
     }));
     EXPECT_TRUE(isRunning());
 }
