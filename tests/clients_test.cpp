@@ -75,7 +75,8 @@ class ClientsTest : public ServiceTest {
     void expectHonestClientIsServed() const {
         const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(ruxctl({"call", "5"}).exit, 0);
-        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+        EXPECT_LT(std::chrono::steady_clock::now() - start,
+                  std::chrono::seconds(RUX_SANITIZED ? 10 : 1));
     }
     size_t descriptors() const {
         const std::string names = run({"ls", "/proc/" + std::to_string(pid()) + "/fd"}).out;
