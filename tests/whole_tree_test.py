@@ -6,7 +6,6 @@ Every expectation comes from md5sum, stat and du, and from Python's own JSON rea
 usage: whole_tree_test.py RUX RUXCTL
 """
 
-import collections
 import json
 import os
 import shutil
@@ -15,6 +14,9 @@ import subprocess
 import sys
 import tempfile
 import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from support.service import groups_of, md5sums  # noqa: E402
 
 FILES = 20000
 LARGEST = 256 * 1024  # bytes; larger files of the machine are left out, to keep the copy small
@@ -47,13 +49,6 @@ def copy_real_tree(tree):
 
 def output_of(*command):
     return subprocess.run(command, check=True, stdout=subprocess.PIPE).stdout
-
-
-def digests_below(tree):
-    """{path: digest} as find and md5sum give them."""
-    text = output_of("sh", "-c", 'find "$0" -type f -size +0 -print0 | xargs -0 md5sum -z', tree)
-    lines = text.decode().split("\0")[:-1]
-    return {line[34:]: line[:32] for line in lines}
 
 
 def statuses_below(tree, form):
@@ -94,11 +89,9 @@ def main():
 
     try:
         copy_real_tree(tree)
-        digests = digests_below(tree)
+        digests = md5sums(tree)
         sizes = {path: int(size) for path, size in statuses_below(tree, "%s").items()}
-        groups = collections.defaultdict(set)
-        for path, digest in digests.items():
-            groups[digest].add(path)
+        groups = groups_of(digests)
         duplicates = {digest: paths for digest, paths in groups.items() if len(paths) > 1}
         spare = sum((len(paths) - 1) * sizes[next(iter(paths))] for paths in duplicates.values())
         copies = sum(len(paths) for paths in duplicates.values())
@@ -134,7 +127,7 @@ def main():
         result = client("call", "3", '["s"]')
         check(result == f"{len(duplicates)},{spare}", f"the compression gives back {spare} bytes")
         check(in_use - bytes_in_use(tree) == spare, "du agrees")
-        check(digests_below(tree) == digests, "every path has the digest it had")
+        check(md5sums(tree) == digests, "every path has the digest it had")
         inodes = statuses_below(tree, "%i")
         check(all(len({inodes[path] for path in paths}) == 1 for paths in groups.values()),
               "every group is one inode")
@@ -146,7 +139,7 @@ def main():
         kept = statuses_below(tree, "%a:%U:%G:%.9Y")
         result = client("call", "4", '[{"sid":"s","regs":[".*"]}]')
         check(result == f"{spare}\n", "the restore takes the bytes up again")
-        check(digests_below(tree) == digests, "every path has the digest it had")
+        check(md5sums(tree) == digests, "every path has the digest it had")
         inodes = statuses_below(tree, "%i")
         check(len(set(inodes.values())) == len(inodes), "and an inode of its own")
         check(statuses_below(tree, "%a:%U:%G:%.9Y") == kept, "modes, owners and times are as before")
