@@ -24,10 +24,9 @@ bool isKernelInterface(int file) {
 
 int digestOf(const char* path, std::string* digest) {
     UniqueFd file;
-    if (const int error = openToRead(AT_FDCWD, path, 0, &file); error != 0) return error;
     struct stat before = {};
-    if (fstat(file.get(), &before) != 0) return errno;
-    if (!S_ISREG(before.st_mode) || isKernelInterface(file.get())) return EINVAL;
+    if (const int error = openRegular(AT_FDCWD, path, 0, &file, &before); error != 0) return error;
+    if (isKernelInterface(file.get())) return EINVAL;
     posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
     if (const int error = md5OfFile(file.get(), digest); error != 0) return error;
     struct stat after = {};

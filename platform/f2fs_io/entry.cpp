@@ -17,6 +17,13 @@ int openToRead(int directory, const char* path, int flags, UniqueFd* file) {
     return file->valid() ? 0 : errno;
 }
 
+int openRegular(int directory, const char* path, int flags, UniqueFd* file, struct stat* st) {
+    const int error = openToRead(directory, path, flags, file);
+    if (error != 0) return error == ENXIO ? EINVAL : error;  // ENXIO: a socket
+    if (fstat(file->get(), st) != 0) return errno;
+    return S_ISREG(st->st_mode) ? 0 : EINVAL;
+}
+
 int Entry::open(const char* path) {
     const std::string whole = path;
     const size_t slash = whole.rfind('/');
@@ -30,10 +37,7 @@ int Entry::open(const char* path) {
 }
 
 int Entry::openFile(UniqueFd* file, struct stat* st) const {
-    const int error = openToRead(directory.get(), name.c_str(), O_NOFOLLOW, file);
-    if (error != 0) return error == ENXIO ? EINVAL : error;  // ENXIO: a socket
-    if (fstat(file->get(), st) != 0) return errno;
-    return S_ISREG(st->st_mode) ? 0 : EINVAL;
+    return openRegular(directory.get(), name.c_str(), O_NOFOLLOW, file, st);
 }
 
 int Entry::status(const std::string& other, struct stat* st) const {

@@ -55,4 +55,7 @@ struct Entry {
 /// rights allow that, and without waiting for the other end of a pipe. 0 or an errno.
 int openToRead(int directory, const char* path, int flags, UniqueFd* file);
 
+/// The same for a regular file, EINVAL for what is none. Fills `st`.
+int openRegular(int directory, const char* path, int flags, UniqueFd* file, struct stat* st);
+
 }  // namespace android::host

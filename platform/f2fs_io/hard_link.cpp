@@ -15,13 +15,6 @@
 namespace android::host {
 namespace {
 
-/// Opens the file that `path` leads to, symbolic links followed. 0 or an errno.
-int openKept(const char* path, UniqueFd* file, struct stat* st) {
-    if (const int error = openToRead(AT_FDCWD, path, 0, file); error != 0) return error;
-    if (fstat(file->get(), st) != 0) return errno;
-    return S_ISREG(st->st_mode) ? 0 : EINVAL;
-}
-
 /// Makes `name` in the entry's directory one more name of the open file `kept`: of exactly that
 /// file, whatever its path leads to by now.
 int linkOpenFile(int kept, const Entry& entry, const std::string& name) {
@@ -42,7 +35,10 @@ int linkDuplicate(const char* keptPath, const char* duplicatePath) {
     LeasedFile old;
     if (const int error = entry.open(duplicatePath); error != 0) return error;
     if (const int error = entry.openFile(&old.file, &old.status); error != 0) return error;
-    if (const int error = openKept(keptPath, &kept.file, &kept.status); error != 0) return error;
+    if (const int error = openRegular(AT_FDCWD, keptPath, 0, &kept.file, &kept.status);
+        error != 0) {
+        return error;
+    }
     if (const int error = entry.removeLeftovers(); error != 0) return error;
     if (kept.id() == old.id()) return 0;
     if (kept.status.st_dev != old.status.st_dev) return EXDEV;
