@@ -6,7 +6,7 @@
 
 #include "f2fs_io/compare.h"
 #include "f2fs_io/lease.h"
-#include "f2fs_io/md5.h"
+#include "f2fs_io/digest/md5.h"
 
 namespace android::host {
 

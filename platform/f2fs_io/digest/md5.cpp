@@ -1,7 +1,6 @@
-#include "f2fs_io/md5.h"
+#include "f2fs_io/digest/md5.h"
 
 #include <openssl/evp.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <memory>
@@ -28,12 +27,8 @@ class Md5 {
         unsigned char digest[EVP_MAX_MD_SIZE];
         unsigned int size = 0;
         if (!mUsable || EVP_DigestFinal_ex(context(), digest, &size) != 1) return {};
-        constexpr char kDigits[] = "0123456789abcdef";
-        std::string text;
-        for (unsigned int i = 0; i < size; ++i) {
-            text += kDigits[digest[i] >> 4];
-            text += kDigits[digest[i] & 15];
-        }
+        std::string text(size_t{2} * size, '\0');
+        writeHex(digest, size, text.data());
         return text;
     }
 
@@ -57,20 +52,29 @@ std::string md5OfText(std::string_view text) {
     return md5.finish();
 }
 
-int md5OfFile(int file, std::string* digest) {
+int md5Of(const DigestSource& source, std::string* digest) {
     thread_local std::vector<unsigned char> piece(kPiece);
     Md5 md5;
-    while (true) {
-        const ssize_t got = read(file, piece.data(), piece.size());
+    off_t done = 0;
+    while (done <= source.size()) {
+        const ssize_t got = source.read(piece.data(), piece.size());
+        if (got < 0) return errno;
         if (got == 0) break;
-        if (got > 0) {
-            md5.add(piece.data(), static_cast<size_t>(got));
-        } else if (errno != EINTR) {
-            return errno;
-        }
+        md5.add(piece.data(), static_cast<size_t>(got));
+        done += got;
     }
+    if (done > source.size()) return EAGAIN;  // it may go on growing for ever
     *digest = md5.finish();
     return digest->empty() ? ENOTSUP : 0;
+}
+
+void writeHex(const void* bytes, size_t size, char* text) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    for (size_t i = 0; i < size; ++i) {
+        const unsigned char byte = static_cast<const unsigned char*>(bytes)[i];
+        *text++ = kDigits[byte >> 4];
+        *text++ = kDigits[byte & 15];
+    }
 }
 
 }  // namespace android::host

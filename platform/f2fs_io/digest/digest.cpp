@@ -1,0 +1,42 @@
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "f2fs_io/digest/kernel.h"
+#include "f2fs_io/digest/lanes.h"
+#include "f2fs_io/digest/md5.h"
+#include "f2fs_io/digest/source.h"
+#include "f2fs_io/tool_log.h"
+#include "tavo_f2fs_io.h"
+#include "tavo_f2fs_io_batch.h"
+
+namespace android::host {
+namespace {
+
+int digestOf(const char* path, std::string* digest) {
+    DigestSource source;
+    if (const int error = source.open(path); error != 0) return error;
+    if (const int error = md5Of(source, digest); error != 0) return error;
+    return source.close();
+}
+
+}  // namespace
+}  // namespace android::host
+
+FileMD5Result computeFileMD5(const char* path, bool enableLog) {
+    FileMD5Result result = {};
+    std::string digest;
+    result.code = android::host::digestOf(path, &digest);
+    if (result.code == 0) memcpy(result.md5, digest.c_str(), digest.size() + 1);
+    android::host::logTool(enableLog, "computeFileMD5", path, result.code);
+    return result;
+}
+
+// In one object file with the other form: a caller's weak reference alone would not bring it in.
+void computeFileMD5Batch(void* caller,
+                         const char* (*next)(void* caller, bool idle, uint64_t* ticket),
+                         void (*done)(void* caller, uint64_t ticket, const FileMD5Result* result),
+                         bool (*isAbandoned)(void* caller), bool enableLog) {
+    android::host::digestInLanes(android::host::md5Kernels(),
+                                 {caller, next, done, isAbandoned, enableLog});
+}

@@ -1,0 +1,20 @@
+#include "f2fs_io/digest/vectors.h"
+
+namespace android::host {
+namespace {
+
+using HalfVector = uint32_t __attribute__((vector_size(16)));
+using Vector = uint32_t __attribute__((vector_size(32)));
+
+constexpr Md5Kernel kKernels[] = {
+        {1, Lanes<uint32_t>::run<1>},
+        {4, Lanes<HalfVector>::run<1>},
+        {8, Lanes<Vector>::run<1>},
+        {24, Lanes<Vector>::run<3>},
+};
+
+}  // namespace
+
+const Md5Kernels kMd5Kernels256 = {kKernels, sizeof(kKernels) / sizeof(kKernels[0])};
+
+}  // namespace android::host

@@ -1,0 +1,198 @@
+#include "f2fs_io/digest/lanes.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "f2fs_io/digest/md5.h"
+#include "f2fs_io/digest/source.h"
+#include "f2fs_io/tool_log.h"
+
+namespace android::host {
+namespace {
+
+constexpr size_t kPiece = size_t{128} << 10;  // bytes a read
+constexpr size_t kLengthBytes = 8;            // of the message's length, the last of its last block
+// A piece, what is left of the one before, and the padding. No multiple of a page: the same place
+// in all buffers then is not in the same line of the cache.
+constexpr size_t kBufferBytes = kPiece + 3 * kMd5BlockBytes;
+
+constexpr uint32_t kInitialState[4] = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476};
+
+/// A file in hand and the piece of it that waits to be digested.
+class Lane {
+  public:
+    explicit Lane(unsigned char* buffer) : mBuffer(buffer) {}
+
+    /// 0 or an errno.
+    int begin(const char* path, uint64_t ticket) {
+        *this = Lane(mBuffer);
+        mPath = path;
+        mTicket = ticket;
+        if (const int error = mSource.open(path); error != 0) return error;
+        const size_t wanted = wantedBytes();
+        const ssize_t got = mSource.readAtOnce(mBuffer, wanted);
+        if (got > 0) take(static_cast<size_t>(got), wanted);
+        return 0;
+    }
+
+    /// Reads on until there are blocks. 0 or an errno.
+    int fill() {
+        while (mBlocks == 0) {
+            // A file that outgrows the size it had has changed, and may go on growing for ever.
+            if (mRead > static_cast<uint64_t>(mSource.size())) return EAGAIN;
+            memmove(mBuffer, mBuffer + mAt, mRest);
+            mAt = 0;
+            const size_t wanted = wantedBytes();
+            const ssize_t got = mSource.read(mBuffer + mRest, wanted);
+            if (got < 0) return errno;
+            take(static_cast<size_t>(got), wanted);
+        }
+        return 0;
+    }
+
+    const unsigned char* data() const { return mBuffer + mAt; }
+    size_t blocks() const { return mBlocks; }
+    void advance(size_t blocks) {
+        mAt += blocks * kMd5BlockBytes;
+        mBlocks -= blocks;
+    }
+    bool isFinished() const { return mEnded && mBlocks == 0; }
+
+    /// 0 when the file has stayed the same from its opening to now, else an errno.
+    int end() { return mSource.close(); }
+
+    const char* path() const { return mPath; }
+    uint64_t ticket() const { return mTicket; }
+
+  private:
+    /// One byte more than there should be: a read that brings less has met the end, and no further
+    /// one is needed to see it.
+    size_t wantedBytes() const {
+        const auto left = static_cast<uint64_t>(mSource.size()) - mRead;
+        return static_cast<size_t>(std::min<uint64_t>(left + 1, kPiece));
+    }
+
+    /// Counts `got` bytes that were read behind the rest.
+    void take(size_t got, size_t wanted) {
+        mRead += got;
+        mRest += got;
+        mEnded = got == 0 || (got < wanted && mRead == static_cast<uint64_t>(mSource.size()));
+        if (mEnded) pad();
+        mBlocks = mRest / kMd5BlockBytes;
+        mRest %= kMd5BlockBytes;
+    }
+
+    /// Appends a one bit, zeros up to the end of a block, and in its last bytes the length in bits.
+    void pad() {
+        const size_t end =
+                (mRest + kLengthBytes) / kMd5BlockBytes * kMd5BlockBytes + kMd5BlockBytes;
+        memset(mBuffer + mRest, 0, end - mRest);
+        mBuffer[mRest] = 0x80;
+        const uint64_t bits = mRead * 8;
+        memcpy(mBuffer + end - kLengthBytes, &bits, kLengthBytes);
+        mRest = end;
+    }
+
+    DigestSource mSource;
+    unsigned char* mBuffer;
+    const char* mPath = nullptr;
+    uint64_t mTicket = 0;
+    uint64_t mRead = 0;  // bytes of the file so far
+    size_t mAt = 0;      // where the next block starts
+    size_t mBlocks = 0;  // whole blocks from there on
+    size_t mRest = 0;    // bytes behind them, less than a block
+    bool mEnded = false;
+};
+
+/// The files in hand: the first `mActive` lanes, so that few of them need but a narrow kernel.
+class Batch {
+  public:
+    Batch(const Md5Kernels& kernels, const BatchCaller& caller)
+          : mKernels(kernels),
+            mCaller(caller),
+            mBuffers(new unsigned char[kernels.maxLanes() * kBufferBytes]) {
+        mLanes.reserve(kernels.maxLanes());
+        for (size_t i = 0; i < kernels.maxLanes(); ++i)
+            mLanes.emplace_back(mBuffers.get() + i * kBufferBytes);
+    }
+
+    void run() {
+        while (!mCaller.isAbandoned(mCaller.caller)) {
+            takeFiles();
+            if (mActive == 0) return;
+            fill();
+            if (mActive > 0) advance();
+        }
+        while (mActive > 0) finish(mActive - 1, ECANCELED);
+    }
+
+  private:
+    void takeFiles() {
+        while (mActive < mLanes.size()) {
+            uint64_t ticket = 0;
+            const char* path = mCaller.next(mCaller.caller, mActive == 0, &ticket);
+            if (path == nullptr) return;
+            const size_t lane = mActive++;
+            for (size_t word = 0; word < 4; ++word) mStates.words[word][lane] = kInitialState[word];
+            if (const int error = mLanes[lane].begin(path, ticket); error != 0) finish(lane, error);
+        }
+    }
+
+    void fill() {
+        for (size_t i = mActive; i-- > 0;) {  // from the end, because a finished one makes room
+            if (const int error = mLanes[i].fill(); error != 0) finish(i, error);
+        }
+    }
+
+    /// Digests as many blocks as all lanes have.
+    void advance() {
+        const Md5Kernel& kernel = mKernels.forMessages(mActive);
+        const unsigned char* data[kMaxMd5Lanes];
+        size_t blocks = SIZE_MAX;
+        for (size_t i = 0; i < mActive; ++i) {
+            data[i] = mLanes[i].data();
+            blocks = std::min(blocks, mLanes[i].blocks());
+        }
+        std::fill(data + mActive, data + kernel.lanes, data[0]);  // digested in vain
+        kernel.run(mStates, data, blocks);
+        for (size_t i = mActive; i-- > 0;) {
+            mLanes[i].advance(blocks);
+            if (mLanes[i].isFinished()) finish(i, mLanes[i].end());
+        }
+    }
+
+    /// Gives the outcome of a lane to the caller and its place to the last one.
+    void finish(size_t lane, int error) {
+        FileMD5Result result = {};
+        result.code = error;
+        if (error == 0) {
+            uint32_t digest[4];
+            for (size_t word = 0; word < 4; ++word) digest[word] = mStates.words[word][lane];
+            writeHex(digest, sizeof(digest), result.md5);
+        }
+        logTool(mCaller.enableLog, "computeFileMD5", mLanes[lane].path(), error);
+        mCaller.done(mCaller.caller, mLanes[lane].ticket(), &result);
+        const size_t last = --mActive;
+        std::swap(mLanes[lane], mLanes[last]);
+        for (auto& word : mStates.words) word[lane] = word[last];
+    }
+
+    const Md5Kernels& mKernels;
+    const BatchCaller& mCaller;
+    std::unique_ptr<unsigned char[]> mBuffers;
+    std::vector<Lane> mLanes;
+    size_t mActive = 0;
+    Md5States mStates = {};
+};
+
+}  // namespace
+
+void digestInLanes(const Md5Kernels& kernels, const BatchCaller& caller) {
+    Batch(kernels, caller).run();
+}
+
+}  // namespace android::host

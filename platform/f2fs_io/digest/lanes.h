@@ -1,0 +1,21 @@
+/// The digests of many files, which advance beside each other.
+#pragma once
+
+#include "f2fs_io/digest/kernel.h"
+#include "tavo_f2fs_io_batch.h"
+
+namespace android::host {
+
+/// What `computeFileMD5Batch` is called with.
+struct BatchCaller {
+    void* caller;
+    const char* (*next)(void* caller, bool idle, uint64_t* ticket);
+    void (*done)(void* caller, uint64_t ticket, const FileMD5Result* result);
+    bool (*isAbandoned)(void* caller);
+    bool enableLog;
+};
+
+/// Computes the digests of the files that `caller` gives until it gives no more.
+void digestInLanes(const Md5Kernels& kernels, const BatchCaller& caller);
+
+}  // namespace android::host

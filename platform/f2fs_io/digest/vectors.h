@@ -1,0 +1,151 @@
+/// The block function of kernel.h in the compiler's vector types, for any width.
+///
+/// Included by one source file for each width, which is compiled for the processors that have it.
+/// So nothing that is used here may be shared with other files: no inline function of the standard
+/// library, which the linker could then take for all of them.
+#pragma once
+
+#include <cstring>
+#include <utility>
+
+#include "f2fs_io/digest/kernel.h"
+
+namespace android::host {
+namespace {
+
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "message words are read as they lie");
+
+constexpr size_t kSteps = 64;
+constexpr size_t kBlockWords = 16;
+
+/// The integer parts of 2^32 times the sines of 1 to 64.
+constexpr uint32_t kSines[kSteps] = {0xd76aa478, 0xe8c7b756, 0x242070db, 0xc1bdceee, 0xf57c0faf,
+                                     0x4787c62a, 0xa8304613, 0xfd469501, 0x698098d8, 0x8b44f7af,
+                                     0xffff5bb1, 0x895cd7be, 0x6b901122, 0xfd987193, 0xa679438e,
+                                     0x49b40821, 0xf61e2562, 0xc040b340, 0x265e5a51, 0xe9b6c7aa,
+                                     0xd62f105d, 0x02441453, 0xd8a1e681, 0xe7d3fbc8, 0x21e1cde6,
+                                     0xc33707d6, 0xf4d50d87, 0x455a14ed, 0xa9e3e905, 0xfcefa3f8,
+                                     0x676f02d9, 0x8d2a4c8a, 0xfffa3942, 0x8771f681, 0x6d9d6122,
+                                     0xfde5380c, 0xa4beea44, 0x4bdecfa9, 0xf6bb4b60, 0xbebfbc70,
+                                     0x289b7ec6, 0xeaa127fa, 0xd4ef3085, 0x04881d05, 0xd9d4d039,
+                                     0xe6db99e5, 0x1fa27cf8, 0xc4ac5665, 0xf4292244, 0x432aff97,
+                                     0xab9423a7, 0xfc93a039, 0x655b59c3, 0x8f0ccc92, 0xffeff47d,
+                                     0x85845dd1, 0x6fa87e4f, 0xfe2ce6e0, 0xa3014314, 0x4e0811a1,
+                                     0xf7537e82, 0xbd3af235, 0x2ad7d2bb, 0xeb86d391};
+constexpr unsigned kShifts[4][4] = {{7, 12, 17, 22},
+                                    {5, 9, 14, 20},
+                                    {4, 11, 16, 23},
+                                    {6, 10, 15, 21}};
+
+/// The message word that a step adds.
+constexpr size_t wordOf(size_t step) {
+    constexpr size_t kFactor[] = {1, 5, 3, 7};
+    constexpr size_t kOffset[] = {0, 1, 5, 0};
+    return (kFactor[step / 16] * step + kOffset[step / 16]) % kBlockWords;
+}
+
+template <typename Vector>
+struct Lanes {
+    static constexpr size_t kWidth = sizeof(Vector) / sizeof(uint32_t);
+
+    struct State {
+        Vector words[4];
+    };
+
+    template <size_t kRound>
+    static inline Vector mix(Vector b, Vector c, Vector d) {
+        if constexpr (kRound == 0) return d ^ (b & (c ^ d));
+        if constexpr (kRound == 1) return (b & d) | (c & ~d);
+        if constexpr (kRound == 2) return b ^ c ^ d;
+        return c ^ (b | ~d);
+    }
+
+    template <size_t kStep>
+    static inline void step(State& s, const Vector* message) {
+        constexpr unsigned kShift = kShifts[kStep / 16][kStep % 4];
+        Vector& a = s.words[(kSteps - kStep) % 4];
+        const Vector b = s.words[(kSteps - kStep + 1) % 4];
+        const Vector c = s.words[(kSteps - kStep + 2) % 4];
+        const Vector d = s.words[(kSteps - kStep + 3) % 4];
+        const Vector sum = (message[wordOf(kStep)] + kSines[kStep] + a) + mix<kStep / 16>(b, c, d);
+        a = b + ((sum << kShift) | (sum >> (32 - kShift)));
+    }
+
+    /// All steps, each for every chain before the next: the chains do not wait for each other.
+    template <size_t kChains, size_t... kStep>
+    static inline void steps(State* chains, const Vector (*messages)[kBlockWords],
+                             std::index_sequence<kStep...> /*steps*/) {
+        const auto forAll = [&]<size_t kOne>() {
+            for (size_t i = 0; i < kChains; ++i) step<kOne>(chains[i], messages[i]);
+        };
+        (forAll.template operator()<kStep>(), ...);
+    }
+
+    /// Of two vectors, the elements of which bit `kDistance` of the number is clear (or set), in
+    /// turn.
+    template <size_t kDistance, size_t... kElement>
+    static inline void exchange(Vector& low, Vector& high,
+                                std::index_sequence<kElement...> /*elements*/) {
+        const Vector a = low;
+        const Vector b = high;
+        low = __builtin_shufflevector(a, b,
+                                      ((kElement & kDistance) ? kWidth + kElement - kDistance
+                                                              : kElement)...);
+        high = __builtin_shufflevector(a, b,
+                                       ((kElement & kDistance) ? kWidth + kElement
+                                                               : kElement + kDistance)...);
+    }
+
+    /// Turns rows into columns.
+    template <size_t kDistance = 1>
+    static inline void transpose(Vector* rows) {
+        for (size_t i = 0; i < kWidth; ++i) {
+            if ((i & kDistance) == 0) {
+                exchange<kDistance>(rows[i], rows[i + kDistance],
+                                    std::make_index_sequence<kWidth>());
+            }
+        }
+        if constexpr (kDistance * 2 < kWidth) transpose<kDistance * 2>(rows);
+    }
+
+    /// The words of one block of each lane: vector i holds word i of all of them.
+    static inline void gather(const unsigned char* const* data, size_t offset, Vector* message) {
+        for (size_t first = 0; first < kBlockWords; first += kWidth) {
+            for (size_t lane = 0; lane < kWidth; ++lane) {
+                memcpy(&message[first + lane], data[lane] + offset + first * sizeof(uint32_t),
+                       sizeof(Vector));
+            }
+            if constexpr (kWidth > 1) transpose(message + first);
+        }
+    }
+
+    template <size_t kChains>
+    static void run(Md5States& states, const unsigned char* const* data, size_t blocks) {
+        static_assert(kChains * kWidth <= kMaxMd5Lanes);
+        State chains[kChains];
+        for (size_t i = 0; i < kChains; ++i) {
+            for (size_t word = 0; word < 4; ++word)
+                memcpy(&chains[i].words[word], states.words[word] + i * kWidth, sizeof(Vector));
+        }
+        for (size_t block = 0; block < blocks; ++block) {
+            Vector messages[kChains][kBlockWords];
+            State before[kChains];
+            for (size_t i = 0; i < kChains; ++i) {
+                gather(data + i * kWidth, block * kMd5BlockBytes, messages[i]);
+                before[i] = chains[i];
+            }
+            steps<kChains>(chains, messages, std::make_index_sequence<kSteps>());
+            for (size_t i = 0; i < kChains; ++i) {
+                for (size_t word = 0; word < 4; ++word)
+                    chains[i].words[word] += before[i].words[word];
+            }
+        }
+        for (size_t i = 0; i < kChains; ++i) {
+            for (size_t word = 0; word < 4; ++word)
+                memcpy(states.words[word] + i * kWidth, &chains[i].words[word], sizeof(Vector));
+        }
+    }
+};
+
+}  // namespace
+}  // namespace android::host
