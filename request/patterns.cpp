@@ -2,7 +2,6 @@
 
 #include <linux/limits.h>
 
-#include <algorithm>
 #include <regex>
 
 #include "control/log.h"
@@ -23,19 +22,27 @@ PatternList::PatternList(const std::vector<std::string>& expressions) {
 }
 
 bool PatternList::matches(const std::string& path) const {
-    if (path.size() > PATH_MAX) return false;
-    return std::any_of(mPatterns.begin(), mPatterns.end(),
-                       [&path](const Pattern& pattern) { return matches(pattern, path); });
+    std::vector<const std::string*> tooLong;
+    const bool matched = matches(path, tooLong);
+    for (const std::string* pattern : tooLong)
+        RUX_LOGE("pattern %s takes too long for %s", pattern->c_str(), path.c_str());
+    return matched;
 }
 
-bool PatternList::matches(const Pattern& pattern, const std::string& path) {
-    if (pattern.isAnything) return isOneLine(path);
-    if (!pattern.expression) return false;
-    const Expression::Result result = pattern.expression->match(path);
-    if (result == Expression::Result::TooLong) {
-        RUX_LOGE("pattern %s takes too long for %s", pattern.text.c_str(), path.c_str());
+bool PatternList::matches(const std::string& path, std::vector<const std::string*>& tooLong) const {
+    if (path.size() > PATH_MAX) return false;
+    for (const Pattern& pattern : mPatterns) {
+        const Expression::Result result = match(pattern, path);
+        if (result == Expression::Result::Match) return true;
+        if (result == Expression::Result::TooLong) tooLong.push_back(&pattern.text);
     }
-    return result == Expression::Result::Match;
+    return false;
+}
+
+Expression::Result PatternList::match(const Pattern& pattern, const std::string& path) {
+    using Result = Expression::Result;
+    if (pattern.isAnything) return isOneLine(path) ? Result::Match : Result::NoMatch;
+    return pattern.expression ? pattern.expression->match(path) : Result::NoMatch;
 }
 
 PatternList::Pattern PatternList::compile(const std::string& text) {

@@ -25,7 +25,11 @@ class PatternList {
 
     /// Whether one of the expressions matches all of `path`; tried in their order. A path longer
     /// than the system's PATH_MAX matches nothing.
+    /// One that takes too long for the path is named in the log.
     bool matches(const std::string& path) const;
+
+    /// The same without a word: expressions that take too long are appended to `tooLong`.
+    bool matches(const std::string& path, std::vector<const std::string*>& tooLong) const;
 
   private:
     struct Pattern {
@@ -34,7 +38,7 @@ class PatternList {
         std::optional<Expression> expression;  // none when it is invalid
     };
     static Pattern compile(const std::string& text);
-    static bool matches(const Pattern& pattern, const std::string& path);
+    static Expression::Result match(const Pattern& pattern, const std::string& path);
 
     std::vector<Pattern> mPatterns;
 };

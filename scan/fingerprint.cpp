@@ -14,9 +14,6 @@
 namespace rux {
 namespace {
 
-/// What has to be done for a file. Decided from the path and the images alone, without any effect.
-enum class Need { Nothing, NotStorable, RecordOnly, Digest };
-
 /// The names under which the I/O library keeps a file for the moment in which it exchanges it:
 /// ".rux-", "swap" or "part", and 32 digits. One that a kill has left is nobody's file.
 bool isLeftover(std::string_view path) {
@@ -28,12 +25,6 @@ bool hasDigest(const std::string& path) {
     const Json::Value* record = memberOf(fileInfoDB, path);
     const Json::Value* flag = record != nullptr ? memberOf(*record, "is_md5") : nullptr;
     return flag != nullptr && integerOf(*flag) == 1;
-}
-
-Need needOf(const std::string& path, const PatternList& regs, const PatternList& blackList) {
-    if (hasDigest(path) || !regs.matches(path) || isLeftover(path)) return Need::Nothing;
-    if (!isStorablePath(path)) return Need::NotStorable;
-    return blackList.matches(path) ? Need::RecordOnly : Need::Digest;
 }
 
 /// The text after the last "." when that looks like the kind of a file, otherwise "nosuffix".
@@ -66,27 +57,41 @@ void joinGroup(const char* digest, int64_t fileBytes, const std::string& path) {
 
 }  // namespace
 
+Judgement judge(const std::string& path, const PatternList& regs, const PatternList& blackList) {
+    Judgement judgement;
+    if (hasDigest(path) || !regs.matches(path, judgement.tooLong) || isLeftover(path))
+        return judgement;
+    if (!isStorablePath(path)) {
+        judgement.need = Need::NotStorable;
+    } else {
+        judgement.need = blackList.matches(path, judgement.tooLong) ? Need::Record : Need::Digest;
+    }
+    return judgement;
+}
+
 void calculateFileMD5(const std::string& path, const std::string& name, const struct stat& st,
-                      const PatternList& regs, const PatternList& blackList) {
-    const Need need = needOf(path, regs, blackList);
-    if (need == Need::Nothing) return;
-    if (need == Need::NotStorable) {
+                      const Judgement& judgement, const std::function<FileMD5Result()>& digest) {
+    if (hasDigest(path)) return;  // the same path has been met twice
+    for (const std::string* pattern : judgement.tooLong)
+        RUX_LOGE("pattern %s takes too long for %s", pattern->c_str(), path.c_str());
+    if (judgement.need == Need::Nothing) return;
+    if (judgement.need == Need::NotStorable) {
         RUX_LOGD("the path %s is not valid UTF-8, skip", path.c_str());
         return;
     }
     Json::Value& record = asObject(fileInfoDB)[path];
     record = newFileRecord(st.st_mtime, suffixOf(name.empty() ? path : name));
-    if (need == Need::RecordOnly) {
+    if (judgement.need == Need::Record) {
         RUX_LOGD("the file is in black list");
         return;
     }
-    const FileMD5Result digest = computeFileMD5(path.c_str(), toolLogEnabled);
-    if (digest.code != 0) {
+    const FileMD5Result result = digest();
+    if (result.code != 0) {
         RUX_LOGD("cal md5 error code != 0, continue");
         return;
     }
     record["is_md5"] = 1;
-    joinGroup(digest.md5, st.st_size, path);
+    joinGroup(result.md5, st.st_size, path);
 }
 
 }  // namespace rux

@@ -3,21 +3,38 @@
 
 #include <sys/stat.h>
 
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "request/patterns.h"
+#include "tavo_f2fs_io.h"
 
 namespace rux {
 
-/// Takes up one file that the walk has met.
+/// What has to be done for a file.
+enum class Need {
+    Nothing,      // it has a digest, or no pattern selects it
+    NotStorable,  // its path cannot be held by a database file
+    Record,       // it is an exception
+    Digest,
+};
+struct Judgement {
+    Need need = Need::Nothing;
+    std::vector<const std::string*> tooLong;  ///< patterns that took too long for the path
+};
+
+/// Decides what a file needs, from its path and the images alone and without any effect: so it can
+/// be asked ahead of the file's turn. One of `regs` must match the path, and none of `blackList`.
+Judgement judge(const std::string& path, const PatternList& regs, const PatternList& blackList);
+
+/// Takes up one file that the walk has met: writes its record into DB1 and, when it needs a digest,
+/// its path into the group of that digest in DB2. `digest` is called at most once, and only then.
 ///
-/// A file that already has a digest costs one look-up. Otherwise, when one of `regs` matches its
-/// path, it gets a record in DB1, and unless one of `blackList` matches it too, its digest is
-/// computed and its path joins the group of that digest in DB2.
-///
-/// `name` is the directory entry's, empty when the walk was started on the file itself; `st` is the
-/// file's status as the walk read it.
+/// A file that has got a digest since it was judged is left alone. `name` is the directory entry's,
+/// empty when the walk was started on the file itself; `st` is the file's status from before its
+/// digest was begun.
 void calculateFileMD5(const std::string& path, const std::string& name, const struct stat& st,
-                      const PatternList& regs, const PatternList& blackList);
+                      const Judgement& judgement, const std::function<FileMD5Result()>& digest);
 
 }  // namespace rux

@@ -60,6 +60,7 @@ void Rux_scanDuplicateFilesImp(const std::string& scanRules) {
     }
     isEnableToolLog();
     const PatternList exceptions(getExceptRiles());
+    Preparation preparation;
 
     std::string SpaceID_DBPath;  // of the space whose images are loaded; empty before there is one
     for (const SpaceRule& rule : rules) {
@@ -88,7 +89,8 @@ void Rux_scanDuplicateFilesImp(const std::string& scanRules) {
                 save(SpaceID_DBPath);
                 return;
             }
-            if (scanSpaceID(path, patterns, exceptions) != 0) RUX_LOGE("scanSpaceID fail");
+            if (scanSpaceID(path, patterns, exceptions, preparation) != 0)
+                RUX_LOGE("scanSpaceID fail");
         }
         save(SpaceID_DBPath);
     }

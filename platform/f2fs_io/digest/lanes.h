@@ -1,8 +1,8 @@
 /// The digests of many files, which advance beside each other.
 #pragma once
 
+#include "f2fs_io/digest/batch.h"
 #include "f2fs_io/digest/kernel.h"
-#include "tavo_f2fs_io_batch.h"
 
 namespace android::host {
 

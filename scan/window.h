@@ -1,0 +1,72 @@
+/// What a scan has in preparation.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "request/patterns.h"
+#include "scan/digests.h"
+#include "scan/entry_stream.h"
+#include "scan/fingerprint.h"
+#include "scan/known_files.h"
+#include "scan/look_ahead.h"
+
+namespace rux {
+
+/// What the walks of one request share.
+struct Preparation {
+    Digests digests{lookAhead.workers};
+    KnownFiles knownFiles;
+};
+
+/// The entries of a walk that have been read ahead, and the digests of their files.
+///
+/// Nothing that is done here can be observed: an entry has its effects when its turn comes.
+class Window {
+  public:
+    Window(EntryStream& stream, Preparation& preparation, const PatternList& regs,
+           const PatternList& blackList);
+    ~Window();
+    Window(const Window&) = delete;
+    Window& operator=(const Window&) = delete;
+
+    /// The entry whose turn it is; null at the end of the walk. Valid until `pop`.
+    const Entry* next();
+    void pop();
+
+    /// What has to be done for the file whose turn it is, as it looked when it was met.
+    const Judgement& judgement() const { return mItems.front().judgement; }
+
+    /// The digest of the file whose turn it is. Waits for it.
+    FileMD5Result digest();
+
+    /// Leaves out everything up to the end of the directory of the entry whose turn it is, which
+    /// lies `depth` levels below the start.
+    void leaveDirectory(size_t depth);
+
+  private:
+    struct Item {
+        explicit Item(Entry entryRead) : entry(std::move(entryRead)) {}
+        Entry entry;
+        Judgement judgement;
+        bool isShared = false;  // the digest is that of another name of the file
+        bool hasJob = false;
+        DigestJob job;
+    };
+
+    bool refill(bool wait);
+    void dropAll();
+    void prepare(Item& item, std::vector<DigestJob*>& jobs);
+
+    EntryStream& mStream;
+    Preparation& mPreparation;
+    const PatternList& mRegs;
+    const PatternList& mBlackList;
+    std::deque<Item> mItems;     // in the order of the walk
+    std::deque<Entry> mEntries;  // read, but not looked at
+    int64_t mBytes = 0;          // of the items' files that have jobs
+};
+
+}  // namespace rux
