@@ -50,15 +50,15 @@ void countLink(int64_t fileBytes, Tally& tally) {
 
 void moveToCompressed(const std::string& digest) {
     Json::Value group;
-    checkNoCompressDB.removeMember(digest, &group);
-    asObject(checkACompressDB)[digest] = std::move(group);
+    checkNoCompressDB.change().removeMember(digest, &group);
+    asObject(checkACompressDB.change())[digest] = std::move(group);
 }
 
 /// Compresses the groups of the loaded space. True when the stop property ended it.
 bool compressFile(Tally& tally) {
-    if (!checkNoCompressDB.isObject()) return false;
-    for (const std::string& digest : checkNoCompressDB.getMemberNames()) {
-        const Json::Value& group = checkNoCompressDB[digest];
+    if (!checkNoCompressDB->isObject()) return false;
+    for (const std::string& digest : checkNoCompressDB->getMemberNames()) {
+        const Json::Value& group = (*checkNoCompressDB)[digest];
         const Json::Value* paths = groupPaths(group);
         if (digest.empty() || paths == nullptr || paths->size() < 2) continue;
 

@@ -39,13 +39,13 @@ bool isSelected(const Json::Value& paths, const std::string& fragment,
 
 /// Restores the groups of the loaded space that are selected, and adds their bytes to `restored`.
 void restoreFile(const std::string& fragment, const PatternList& patterns, int64_t& restored) {
-    if (!checkACompressDB.isObject()) return;
-    for (const std::string& digest : checkACompressDB.getMemberNames()) {
+    if (!checkACompressDB->isObject()) return;
+    for (const std::string& digest : checkACompressDB->getMemberNames()) {
         if (digest.empty()) {
             RUX_LOGD("md5 is empty");
             continue;
         }
-        const Json::Value& group = checkACompressDB[digest];
+        const Json::Value& group = (*checkACompressDB)[digest];
         const Json::Value* paths = groupPaths(group);
         if (paths == nullptr || !isSelected(*paths, fragment, patterns)) continue;
 
@@ -62,7 +62,7 @@ void restoreFile(const std::string& fragment, const PatternList& patterns, int64
             }
             markModified(path, Mark::Restored);
         }
-        checkACompressDB.removeMember(digest);
+        checkACompressDB.change().removeMember(digest);
     }
 }
 

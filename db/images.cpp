@@ -4,63 +4,93 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <fstream>
+#include <future>
 #include <iterator>
+#include <string_view>
+#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "control/log.h"
 #include "db/files.h"
 #include "db/json_text.h"
+#include "db/json_writer.h"
 
 namespace rux {
 
-Json::Value fileInfoDB;
-Json::Value checkNoCompressDB;
-Json::Value checkACompressDB;
-Json::Value modifyFileInfoDB;
+Image fileInfoDB;
+Image checkNoCompressDB;
+Image checkACompressDB;
+Image modifyFileInfoDB;
 
 namespace {
 
-struct Image {
+/// What belongs to an image on disk.
+struct Slot {
     int number;  // as save errors give it
     const char* fileName;
-    Json::Value& value;
+    Image& image;
 };
 
-const Image kImages[] = {
+const Slot kSlots[] = {
         {1, "/RUXFileInfo.json", fileInfoDB},
         {2, "/RUXCheckNoCompress.json", checkNoCompressDB},
         {3, "/RUXCheckACompress.json", checkACompressDB},
         {4, "/RUXModifyFileInfo.json", modifyFileInfoDB},
 };
 
+uint64_t loads = 0;
+
+TextStamp stampOfText(std::string_view text) {
+    TextStamp stamp;
+    for (; !text.empty(); text.remove_prefix(std::min(kJsonPiece, text.size())))
+        stamp.add(text.substr(0, kJsonPiece));
+    return stamp;
+}
+
+constexpr uint64_t kMaxKeptBytes = uint64_t{16} << 20;  // of a text, between its two uses
+
 /// A file that is about to be rewritten in place.
 class Rewrite {
   public:
-    Rewrite(int imageNumber, const std::string& path)
-          : number(imageNumber), mFile(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666)) {
+    Rewrite(const Slot& slot, const std::string& path)
+          : mSlot(slot), mFile(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666)) {
         struct stat st = {};
         if (mFile >= 0 && fstat(mFile, &st) == 0) mOldSize = st.st_size;
     }
     Rewrite(Rewrite&& other) noexcept
-          : number(other.number),
-            text(std::move(other.text)),
+          : mSlot(other.mSlot),
             mFile(std::exchange(other.mFile, -1)),
-            mOldSize(other.mOldSize) {}
+            mOldSize(other.mOldSize),
+            mText(other.mText),
+            mKept(std::move(other.mKept)) {}
     Rewrite& operator=(Rewrite&&) = delete;
     ~Rewrite() {
         if (mFile >= 0) close(mFile);
     }
 
+    int number() const { return mSlot.number; }
     bool isOpen() const { return mFile >= 0; }
+
+    /// Finds out what the text is. Pieces of it are kept as long as they are few.
+    void prepare() {
+        writeJson(*mSlot.image, [this](std::string_view piece) {
+            mText.add(piece);
+            if (mText.bytes <= kMaxKeptBytes) {
+                mKept.emplace_back(piece);
+            } else {
+                mKept.clear();
+            }
+        });
+    }
 
     /// Has the disk set aside what the text needs, where the file system can do that.
     bool reserve() const {
-        const auto size = static_cast<off_t>(text.size());
-        return size <= mOldSize || fallocate(mFile, FALLOC_FL_KEEP_SIZE, 0, size) == 0 ||
+        return size() <= mOldSize || fallocate(mFile, FALLOC_FL_KEEP_SIZE, 0, size()) == 0 ||
                errno == EOPNOTSUPP;
     }
 
@@ -69,21 +99,50 @@ class Rewrite {
         if (ftruncate(mFile, mOldSize) != 0) return;  // the room stays set aside, for the next time
     }
 
-    bool write() const {
-        return writeFully(mFile, text) && ftruncate(mFile, static_cast<off_t>(text.size())) == 0;
+    /// Writes the text, and says whether the disk has taken it.
+    void write() {
+        mWritten = true;
+        const auto writePiece = [this](std::string_view piece) {
+            mWritten = mWritten && writeFully(mFile, piece);
+        };
+        if (mText.bytes <= kMaxKeptBytes) {
+            std::for_each(mKept.begin(), mKept.end(), writePiece);
+        } else {
+            writeJson(*mSlot.image, writePiece);
+        }
+        mWritten = mWritten && ftruncate(mFile, size()) == 0;
+        if (mWritten) mSlot.image.setWritten(mText);
     }
-
-    int number;  // of the image
-    std::string text;
+    bool isWritten() const { return mWritten; }
 
   private:
+    off_t size() const { return static_cast<off_t>(mText.bytes); }
+
+    const Slot& mSlot;
     int mFile;
     off_t mOldSize = 0;
+    TextStamp mText;
+    std::vector<std::string> mKept;
+    bool mWritten = false;
 };
+
+/// Calls `step` for every file, for all at once where there are threads to be had.
+void forAll(std::vector<Rewrite>& rewrites, void (Rewrite::*step)()) {
+    std::vector<std::future<void>> others;
+    for (size_t i = 1; i < rewrites.size(); ++i) {
+        try {
+            others.push_back(std::async(std::launch::async, step, &rewrites[i]));
+        } catch (const std::system_error&) {
+            (rewrites[i].*step)();
+        }
+    }
+    if (!rewrites.empty()) (rewrites.front().*step)();
+    for (std::future<void>& other : others) other.get();
+}
 
 }  // namespace
 
-Json::Value readFileDBJson(const std::string& path) {
+Json::Value readFileDBJson(const std::string& path, std::optional<TextStamp>* stamp) {
     Json::Value value;
     if (access(path.c_str(), F_OK) != 0) {
         std::ofstream created(path, std::ios::app);
@@ -95,46 +154,63 @@ Json::Value readFileDBJson(const std::string& path) {
         RUX_LOGE("the file %s open fail.", path.c_str());
         return value;
     }
-    if (!parseJson(*text, value)) RUX_LOGE("the file %s read fail", path.c_str());
+    if (!parseJson(*text, value)) {
+        RUX_LOGE("the file %s read fail", path.c_str());
+    } else if (stamp != nullptr) {
+        *stamp = stampOfText(*text);
+    }
     return value;
+}
+
+uint64_t loadCount() {
+    return loads;
 }
 
 void DBReaderInit(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db3, bool db4) {
     const bool selected[] = {db1, db2, db3, db4};
-    for (size_t i = 0; i < std::size(kImages); ++i) {
+    ++loads;
+    for (size_t i = 0; i < std::size(kSlots); ++i) {
         if (!selected[i]) continue;
-        kImages[i].value = Json::Value();  // first, so that two contents are never held at once
-        kImages[i].value = readFileDBJson(SpaceID_DBPath + kImages[i].fileName);
+        Image& image = kSlots[i].image;
+        const std::string path = SpaceID_DBPath + kSlots[i].fileName;
+        const std::optional<TextStamp> stamp = stampOf(path, kJsonPiece);
+        if (stamp && image.isReadFrom(*stamp)) continue;
+        image.replace({}, {});  // first, so that two contents are never held at once
+        std::optional<TextStamp> text;
+        Json::Value value = readFileDBJson(path, &text);
+        image.replace(std::move(value), text);
     }
 }
 
 void DBWriteUpdate(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db3, bool db4) {
     const bool selected[] = {db1, db2, db3, db4};
     std::vector<Rewrite> rewrites;
-    for (size_t i = 0; i < std::size(kImages); ++i) {
+    for (size_t i = 0; i < std::size(kSlots); ++i) {
         if (!selected[i]) continue;
-        const Image& image = kImages[i];
-        Rewrite rewrite(image.number, SpaceID_DBPath + image.fileName);
+        const std::string path = SpaceID_DBPath + kSlots[i].fileName;
+        Rewrite rewrite(kSlots[i], path);
         if (!rewrite.isOpen()) {
-            RUX_LOGE("The DB%d open fail.", image.number);
+            RUX_LOGE("The DB%d open fail.", rewrite.number());
             continue;
         }
-        rewrite.text = Json::FastWriter().write(image.value);
-        rewrites.push_back(std::move(rewrite));
+        const std::optional<TextStamp> stamp = stampOf(path, kJsonPiece);
+        if (!stamp || !kSlots[i].image.isWrittenAs(*stamp)) rewrites.push_back(std::move(rewrite));
     }
     // The files go together: on a full disk none of them changes.
     bool fit = true;
+    forAll(rewrites, &Rewrite::prepare);
     for (const Rewrite& rewrite : rewrites) {
         if (rewrite.reserve()) continue;
-        RUX_LOGE("The DB%d write fail.", rewrite.number);
+        RUX_LOGE("The DB%d write fail.", rewrite.number());
         fit = false;
     }
+    if (!fit) {
+        for (const Rewrite& rewrite : rewrites) rewrite.giveBack();
+        return;
+    }
+    forAll(rewrites, &Rewrite::write);
     for (const Rewrite& rewrite : rewrites) {
-        if (!fit) {
-            rewrite.giveBack();
-        } else if (!rewrite.write()) {
-            RUX_LOGE("The DB%d write fail.", rewrite.number);
-        }
+        if (!rewrite.isWritten()) RUX_LOGE("The DB%d write fail.", rewrite.number());
     }
 }
 

@@ -7,26 +7,71 @@
 
 #include <json/json.h>
 
+#include <cstdint>
+#include <optional>
 #include <string>
+
+#include "db/files.h"
 
 namespace rux {
 
-extern Json::Value fileInfoDB;  ///< DB1, "RUXFileInfo.json": a record for each file, by path.
-extern Json::Value checkNoCompressDB;  ///< DB2, "RUXCheckNoCompress.json": groups, by digest.
-extern Json::Value checkACompressDB;   ///< DB3, "RUXCheckACompress.json": linked groups, by digest.
-extern Json::Value
-        modifyFileInfoDB;  ///< DB4, "RUXModifyFileInfo.json": retired and restored paths.
+/// A JSON value and the text that it is known to be the same as.
+///
+/// Loading a file whose text the image holds already, and saving an image over a file that holds
+/// its text already, then need no more than a look at the file.
+class Image {
+  public:
+    const Json::Value& operator*() const { return mValue; }
+    const Json::Value* operator->() const { return &mValue; }
+
+    /// The value, to be changed.
+    Json::Value& change() {
+        mText.reset();
+        return mValue;
+    }
+
+    /// Replaces the value; `text` is what it was read from, nothing when that was no JSON.
+    void replace(Json::Value value, const std::optional<TextStamp>& text) {
+        mValue = std::move(value);
+        mText = text;
+        mIsAsWritten = false;
+    }
+
+    /// Notes the text that the value was written as.
+    void setWritten(const TextStamp& text) {
+        mText = text;
+        mIsAsWritten = true;
+    }
+
+    bool isReadFrom(const TextStamp& text) const { return mText && *mText == text; }
+    bool isWrittenAs(const TextStamp& text) const { return mIsAsWritten && isReadFrom(text); }
+
+  private:
+    Json::Value mValue;
+    std::optional<TextStamp> mText;
+    bool mIsAsWritten = false;  // so as it would be written again
+};
+
+extern Image fileInfoDB;         ///< DB1, "RUXFileInfo.json": a record for each file, by path.
+extern Image checkNoCompressDB;  ///< DB2, "RUXCheckNoCompress.json": groups, by digest.
+extern Image checkACompressDB;   ///< DB3, "RUXCheckACompress.json": linked groups, by digest.
+extern Image modifyFileInfoDB;   ///< DB4, "RUXModifyFileInfo.json": retired and restored paths.
 
 /// One database file as JSON; a missing one is created as an empty object.
 ///
 /// Problems are logged and leave the value null (cannot be opened, is empty) or with what was read
-/// before the error (is not JSON).
-Json::Value readFileDBJson(const std::string& path);
+/// before the error (is not JSON). Otherwise `stamp`, when it is given, tells the text.
+Json::Value readFileDBJson(const std::string& path, std::optional<TextStamp>* stamp = nullptr);
 
 /// Replaces each selected image by the content of its file in `SpaceID_DBPath`.
 void DBReaderInit(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db3, bool db4);
 
-/// Writes each selected image over its file in `SpaceID_DBPath`, as compact JSON and a line feed.
+/// How often images have been loaded: what somebody has derived from them holds as long as this
+/// does.
+uint64_t loadCount();
+
+/// Writes each selected image over its file in `SpaceID_DBPath`, as compact JSON and a line feed;
+/// one whose file holds just that already is left alone.
 ///
 /// A file that cannot be opened is logged, and the others are still written. When the disk has no
 /// room for all of them, that is logged and all keep what they hold.

@@ -54,7 +54,7 @@ bool parseJson(std::string_view text, Json::Value& value) {
     if (nestingOf(text) > kMaxNesting) return false;
     try {
         Json::Reader reader;
-        return reader.parse(text.data(), text.data() + text.size(), value);
+        return reader.parse(text.data(), text.data() + text.size(), value, false);
     } catch (const std::exception&) {
         return false;
     }

@@ -12,6 +12,17 @@ namespace {
 
 constexpr int kVersion = 1;  // of every entry, in "V"
 
+// Names that the library need not copy into every record.
+const Json::StaticString kVersionName("V");
+const Json::StaticString kTime("s_time");
+const Json::StaticString kCompressed("c_flag");
+const Json::StaticString kWritten("w_flag");
+const Json::StaticString kSuffix("reg");
+const Json::StaticString kHasDigest("is_md5");
+const Json::StaticString kFileBytes("f_size");
+const Json::StaticString kPaths("f_list");
+const Json::StaticString kMark("r_flag");
+
 }  // namespace
 
 const Json::Value* groupPaths(const Json::Value& group) {
@@ -36,36 +47,53 @@ bool pathExists(const std::string& path) {
     return access(path.c_str(), F_OK) == 0;
 }
 
-Json::Value newFileRecord(int64_t mtimeSeconds, const std::string& suffix) {
-    Json::Value record(Json::objectValue);
-    record["V"] = kVersion;
-    record["s_time"] = static_cast<Json::Int64>(mtimeSeconds);
-    record["c_flag"] = 0;
-    record["w_flag"] = 0;
-    record["reg"] = suffix;
-    record["is_md5"] = 0;
-    return record;
+void makeFileRecord(Json::Value& record, int64_t mtimeSeconds, const std::string& suffix) {
+    static const Json::Value kModel = [] {
+        Json::Value model(Json::objectValue);
+        for (const Json::StaticString& name : {kCompressed, kWritten, kHasDigest}) model[name] = 0;
+        model[kVersionName] = kVersion;
+        model[kTime] = 0;
+        model[kSuffix] = "";
+        return model;
+    }();
+    record = kModel;  // a copy takes less time than six insertions
+    record[kTime] = static_cast<Json::Int64>(mtimeSeconds);
+    record[kSuffix] = suffix;
 }
 
-Json::Value newGroup(int64_t fileBytes, const std::string& path) {
-    Json::Value group(Json::objectValue);
-    group["V"] = kVersion;
-    group["f_size"] = static_cast<Json::Int64>(fileBytes);
-    group["f_list"].append(path);
-    return group;
+void makeGroup(Json::Value& group, int64_t fileBytes, const std::string& path) {
+    static const Json::Value kModel = [] {
+        Json::Value model(Json::objectValue);
+        model[kVersionName] = kVersion;
+        model[kFileBytes] = 0;
+        model[kPaths].append("");
+        return model;
+    }();
+    group = kModel;
+    group[kFileBytes] = static_cast<Json::Int64>(fileBytes);
+    group[kPaths][0] = path;
+}
+
+bool hasDigest(const Json::Value& record) {
+    const Json::Value* flag = memberOf(record, "is_md5");
+    return flag != nullptr && integerOf(*flag) == 1;
+}
+
+void setHasDigest(Json::Value& record) {
+    record[kHasDigest] = 1;
 }
 
 int64_t recordedMtimeSeconds(const std::string& path) {
-    const Json::Value* record = memberOf(fileInfoDB, path);
+    const Json::Value* record = memberOf(*fileInfoDB, path);
     const Json::Value* time = record != nullptr ? memberOf(*record, "s_time") : nullptr;
     return time != nullptr ? integerOf(*time) : 0;
 }
 
 void markModified(const std::string& path, Mark mark) {
     if (path.empty()) return;
-    Json::Value& entry = asObject(asObject(modifyFileInfoDB)[path]);
-    entry["V"] = kVersion;
-    entry["r_flag"] = static_cast<int>(mark);
+    Json::Value& entry = asObject(asObject(modifyFileInfoDB.change())[path]);
+    entry[kVersionName] = kVersion;
+    entry[kMark] = static_cast<int>(mark);
 }
 
 int64_t addBytes(int64_t sum, int64_t factor, int64_t count) {

@@ -21,12 +21,16 @@ std::string pathOf(const Json::Value& entry);
 /// Whether a file of that name exists, symbolic links followed.
 bool pathExists(const std::string& path);
 
-/// A new record of a file that has no digest yet. `mtimeSeconds` is its modification time since the
-/// epoch, `suffix` the kind of file that its name gives.
-Json::Value newFileRecord(int64_t mtimeSeconds, const std::string& suffix);
+/// Makes `record` that of a file without a digest. `mtimeSeconds` is the file's modification time
+/// since the epoch, `suffix` the kind of file that its name gives.
+void makeFileRecord(Json::Value& record, int64_t mtimeSeconds, const std::string& suffix);
 
-/// A new group of one member, whose size in bytes is `fileBytes`.
-Json::Value newGroup(int64_t fileBytes, const std::string& path);
+/// Whether a record says that its file has been entered in a group; and the saying of it.
+bool hasDigest(const Json::Value& record);
+void setHasDigest(Json::Value& record);
+
+/// Makes `group` one of a single member, whose size in bytes is `fileBytes`.
+void makeGroup(Json::Value& group, int64_t fileBytes, const std::string& path);
 
 /// The "s_time" of the record of `path` in DB1, in seconds since the epoch; 0 without a record.
 int64_t recordedMtimeSeconds(const std::string& path);

@@ -27,9 +27,9 @@ void count(const std::string& digest, int32_t matches, const struct stat& st, Du
 }  // namespace
 
 void readDupFiles(const PatternList& patterns, DupCounts& counts) {
-    if (!checkNoCompressDB.isObject()) return;
+    if (!checkNoCompressDB->isObject()) return;
     std::vector<std::string> retired;
-    for (auto group = checkNoCompressDB.begin(); group != checkNoCompressDB.end(); ++group) {
+    for (auto group = checkNoCompressDB->begin(); group != checkNoCompressDB->end(); ++group) {
         const std::string digest = group.name();
         const Json::Value* paths = groupPaths(*group);
         if (digest.empty() || paths == nullptr || paths->size() < 2) continue;
@@ -60,7 +60,7 @@ void readDupFiles(const PatternList& patterns, DupCounts& counts) {
         }
         if (matches >= 2) count(digest, matches, first, counts);
     }
-    for (const std::string& digest : retired) checkNoCompressDB.removeMember(digest);
+    for (const std::string& digest : retired) checkNoCompressDB.change().removeMember(digest);
 }
 
 }  // namespace rux

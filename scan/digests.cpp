@@ -106,11 +106,13 @@ void Digests::start(const std::vector<DigestJob*>& jobs) {
     if (jobs.empty()) return;
     if (mThreads.empty()) startThreads();
     if (mThreads.empty()) return;
+    bool isAwaited = false;
     {
         const std::lock_guard lock(mMutex);
         mQueue.insert(mQueue.end(), jobs.begin(), jobs.end());
+        isAwaited = mIdle > 0;
     }
-    mWork.notify_all();
+    if (isAwaited) mWork.notify_all();
 }
 
 void Digests::waitFor(DigestJob& job) {
@@ -142,17 +144,20 @@ void Digests::startThreads() {
 
 bool Digests::waitForWork() {
     std::unique_lock lock(mMutex);
+    waitForWork(lock);
+    return !mEnd;
+}
+
+void Digests::waitForWork(std::unique_lock<std::mutex>& lock) {
+    ++mIdle;
     mProgress.notify_one();
     mWork.wait(lock, [this] { return !mQueue.empty() || mEnd; });
-    return !mEnd;
+    --mIdle;
 }
 
 DigestJob* Digests::take(size_t inHand, bool mayWait) {
     std::unique_lock lock(mMutex);
-    if (mQueue.empty() && mayWait) {
-        mProgress.notify_one();
-        mWork.wait(lock, [this] { return !mQueue.empty() || mEnd; });
-    }
+    if (mQueue.empty() && mayWait) waitForWork(lock);
     if (mQueue.empty()) return nullptr;
     // Of few files every worker takes its share, and no more.
     const size_t share = (mQueue.size() + mUnderWay + mThreads.size() - 1) / mThreads.size();

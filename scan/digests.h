@@ -47,6 +47,7 @@ class Digests {
 
     void startThreads();
     bool waitForWork();
+    void waitForWork(std::unique_lock<std::mutex>& lock);
     DigestJob* take(size_t inHand, bool mayWait);
     static void finish(DigestJob& job, const FileMD5Result& result);
 
@@ -58,6 +59,7 @@ class Digests {
     std::deque<DigestJob*> mQueue;
     std::atomic<size_t> mUnderWay{0};  // jobs that workers have in hand
     std::atomic<bool> mAbandoned{false};
+    unsigned mIdle = 0;  // workers that wait for jobs
     bool mEnd = false;
 };
 

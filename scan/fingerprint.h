@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "request/patterns.h"
@@ -26,7 +27,9 @@ struct Judgement {
 
 /// Decides what a file needs, from its path and the images alone and without any effect: so it can
 /// be asked ahead of the file's turn. One of `regs` must match the path, and none of `blackList`.
-Judgement judge(const std::string& path, const PatternList& regs, const PatternList& blackList);
+/// Without `mayBeFinished` the path is known to be new, and the image is not asked.
+Judgement judge(const std::string& path, const PatternList& regs, const PatternList& blackList,
+                bool mayBeFinished = true);
 
 /// Takes up one file that the walk has met: writes its record into DB1 and, when it needs a digest,
 /// its path into the group of that digest in DB2. `digest` is called at most once, and only then.
@@ -34,7 +37,7 @@ Judgement judge(const std::string& path, const PatternList& regs, const PatternL
 /// A file that has got a digest since it was judged is left alone. `name` is the directory entry's,
 /// empty when the walk was started on the file itself; `st` is the file's status from before its
 /// digest was begun.
-void calculateFileMD5(const std::string& path, const std::string& name, const struct stat& st,
+void calculateFileMD5(const std::string& path, std::string_view name, const struct stat& st,
                       const Judgement& judgement, const std::function<FileMD5Result()>& digest);
 
 }  // namespace rux

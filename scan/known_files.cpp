@@ -2,15 +2,17 @@
 
 #include <cstring>
 #include <ctime>
-#include <functional>
-#include <utility>
 
 namespace rux {
 namespace {
 
-constexpr size_t kMaxGeneration = 32768;    // files
+constexpr size_t kPlaces = 1 << 16;         // for files; a power of two
 constexpr int64_t kSettled = 100'000'000;   // nanoseconds
 constexpr int64_t kSecond = 1'000'000'000;  // nanoseconds
+
+bool isSameTime(const timespec& a, const timespec& b) {
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
 
 /// Whether the file's times would tell if it were changed from now on. The clock of a file system
 /// stands still for some milliseconds, and two changes within them leave the same times.
@@ -23,52 +25,44 @@ bool isSettled(const struct stat& status) {
 
 }  // namespace
 
-size_t KnownFiles::Hash::operator()(const Key& key) const {
-    return std::hash<uint64_t>()(key.inode * 0x9e3779b97f4a7c15U ^ key.device);
+KnownFiles::KnownFiles() : mFiles(new File[kPlaces]()) {}
+
+KnownFiles::File& KnownFiles::placeOf(const struct stat& status) const {
+    return mFiles[(status.st_ino ^ status.st_dev * 0x9e3779b1U) % kPlaces];
 }
 
-KnownFiles::Key KnownFiles::keyOf(const struct stat& status) {
-    return {status.st_dev,
-            status.st_ino,
-            status.st_size,
-            {status.st_mtim.tv_sec, status.st_mtim.tv_nsec},
-            {status.st_ctim.tv_sec, status.st_ctim.tv_nsec}};
+bool KnownFiles::isSame(const File& file, const struct stat& status) {
+    return file.inode == status.st_ino && file.device == status.st_dev &&
+           file.size == status.st_size && isSameTime(file.mtime, status.st_mtim) &&
+           isSameTime(file.ctime, status.st_ctim);
 }
 
-std::string* KnownFiles::find(const Key& key) {
-    for (Digests* generation : {&mNewer, &mOlder}) {
-        if (auto found = generation->find(key); found != generation->end()) return &found->second;
-    }
-    return nullptr;
-}
-
-bool KnownFiles::isExpected(const struct stat& status) {
-    return find(keyOf(status)) != nullptr;
+bool KnownFiles::isExpected(const struct stat& status) const {
+    const File& file = placeOf(status);
+    return file.isPromised && isSame(file, status);
 }
 
 void KnownFiles::promise(const struct stat& status) {
-    if (!isSettled(status)) return;
-    if (mNewer.size() >= kMaxGeneration) {
-        mOlder = std::exchange(mNewer, {});
-    }
-    mNewer.emplace(keyOf(status), std::string());
+    File& file = placeOf(status);
+    const bool isShared = status.st_nlink > 1;
+    // A file with other names will be met again; one with a single name perhaps, by way of a link.
+    if ((file.isPromised && file.isShared && !isShared) || !isSettled(status)) return;
+    file = {status.st_dev,  status.st_ino, status.st_size, status.st_mtim,
+            status.st_ctim, true,          isShared,       ""};
 }
 
 void KnownFiles::settle(const struct stat& status, const FileMD5Result& result) {
-    const Key key = keyOf(status);
-    if (result.code != 0) {
-        mNewer.erase(key);
-        mOlder.erase(key);
-    } else if (std::string* digest = find(key); digest != nullptr) {
-        *digest = result.md5;
-    }
+    File& file = placeOf(status);
+    if (!file.isPromised || !isSame(file, status)) return;
+    file.isPromised = result.code == 0;
+    memcpy(file.digest, result.md5, sizeof(file.digest));
 }
 
-bool KnownFiles::find(const struct stat& status, FileMD5Result* result) {
-    const std::string* digest = find(keyOf(status));
-    if (digest == nullptr || digest->empty() || digest->size() >= sizeof(result->md5)) return false;
+bool KnownFiles::find(const struct stat& status, FileMD5Result* result) const {
+    const File& file = placeOf(status);
+    if (!file.isPromised || file.digest[0] == '\0' || !isSame(file, status)) return false;
     result->code = 0;
-    memcpy(result->md5, digest->c_str(), digest->size() + 1);
+    memcpy(result->md5, file.digest, sizeof(file.digest));
     return true;
 }
 

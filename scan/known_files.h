@@ -3,9 +3,8 @@
 
 #include <sys/stat.h>
 
-#include <cstddef>
-#include <string>
-#include <unordered_map>
+#include <cstdint>
+#include <memory>
 
 #include "tavo_f2fs_io.h"
 
@@ -13,11 +12,13 @@ namespace rux {
 
 /// Remembers by device, inode, size and both times the digests that one request has computed, so
 /// that the other names of a file (hard links, symbolic links, overlapping starting paths) need no
-/// second reading. Remembers the last ones only, so its memory is bounded.
+/// second reading. Holds a fixed number of files; a newer one takes the place of an older.
 class KnownFiles {
   public:
-    /// Whether the digest of such a file is known or promised.
-    bool isExpected(const struct stat& status);
+    KnownFiles();
+
+    /// Whether the digest of such a file is known, or has been promised.
+    bool isExpected(const struct stat& status) const;
 
     /// Says that the digest of such a file is being computed.
     void promise(const struct stat& status);
@@ -26,28 +27,24 @@ class KnownFiles {
     void settle(const struct stat& status, const FileMD5Result& result);
 
     /// Fills `result` with the digest. False when it is not known.
-    bool find(const struct stat& status, FileMD5Result* result);
+    bool find(const struct stat& status, FileMD5Result* result) const;
 
   private:
-    struct Key {
+    struct File {
         dev_t device;
         ino_t inode;
         off_t size;
-        int64_t mtime[2];  // seconds and nanoseconds
-        int64_t ctime[2];
-        bool operator==(const Key&) const = default;
+        timespec mtime;
+        timespec ctime;
+        bool isPromised;
+        bool isShared;  // it has several names
+        char digest[sizeof(FileMD5Result::md5)];
     };
-    struct Hash {
-        size_t operator()(const Key& key) const;
-    };
-    using Digests = std::unordered_map<Key, std::string, Hash>;  // an empty text is a promise
 
-    static Key keyOf(const struct stat& status);
-    std::string* find(const Key& key);
+    File& placeOf(const struct stat& status) const;
+    static bool isSame(const File& file, const struct stat& status);
 
-    // Two generations: when the newer is full, the older goes.
-    Digests mNewer;
-    Digests mOlder;
+    std::unique_ptr<File[]> mFiles;  // each in the one place that its inode gives it
 };
 
 }  // namespace rux

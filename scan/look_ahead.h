@@ -9,7 +9,7 @@ namespace rux {
 
 /// What may be in preparation at once; it bounds the scan's memory beyond the images.
 struct LookAhead {
-    size_t entries = 4096;               ///< of directories, read ahead of their turn
+    size_t entries = 8192;               ///< of directories, read ahead of their turn
     int64_t bytes = int64_t{512} << 20;  ///< of files whose digests are under way or wait to be
     unsigned workers = std::thread::hardware_concurrency();  ///< threads that compute digests
 };

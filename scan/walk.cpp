@@ -71,8 +71,10 @@ int scanSpaceID(const std::string& path, const PatternList& regs, const PatternL
                 RUX_LOG(ANDROID_LOG_ERROR, ":opendir", "The directory cannot be opened.");
                 break;
             case Entry::Kind::File:
-                calculateFileMD5(entry->path, entry->path.substr(entry->nameStart), entry->status,
-                                 window.judgement(), [&window] { return window.digest(); });
+                calculateFileMD5(entry->path,
+                                 std::string_view(entry->path).substr(entry->nameStart),
+                                 entry->status, window.judgement(),
+                                 [&window] { return window.digest(); });
                 break;
         }
         window.pop();

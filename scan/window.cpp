@@ -3,12 +3,17 @@
 #include <iterator>
 
 #include "control/properties.h"
+#include "db/images.h"
 
 namespace rux {
 
 Window::Window(EntryStream& stream, Preparation& preparation, const PatternList& regs,
                const PatternList& blackList)
-      : mStream(stream), mPreparation(preparation), mRegs(regs), mBlackList(blackList) {}
+      : mStream(stream),
+        mPreparation(preparation),
+        mRegs(regs),
+        mBlackList(blackList),
+        mMayBeFinished(!fileInfoDB->empty()) {}
 
 Window::~Window() {
     dropAll();
@@ -40,7 +45,7 @@ bool Window::refill(bool wait) {
 void Window::prepare(Item& item, std::vector<DigestJob*>& jobs) {
     const Entry& entry = item.entry;
     if (entry.kind != Entry::Kind::File) return;
-    item.judgement = judge(entry.path, mRegs, mBlackList);
+    item.judgement = judge(entry.path, mRegs, mBlackList, mMayBeFinished);
     if (item.judgement.need != Need::Digest) return;
     item.isShared = mPreparation.knownFiles.isExpected(entry.status);
     if (item.isShared) return;

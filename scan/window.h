@@ -64,6 +64,7 @@ class Window {
     Preparation& mPreparation;
     const PatternList& mRegs;
     const PatternList& mBlackList;
+    const bool mMayBeFinished;   // there were records before this walk, which meets each path once
     std::deque<Item> mItems;     // in the order of the walk
     std::deque<Entry> mEntries;  // read, but not looked at
     int64_t mBytes = 0;          // of the items' files that have jobs
