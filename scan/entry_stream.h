@@ -26,6 +26,7 @@ struct Entry {
         File,        // with content
         Directory,   // the entries that follow are its own, up to its End
         End,         // no entry: there are no more in this directory
+        Unresolved,  // its status has not been read; never given to the reader
     };
     Kind kind = Kind::End;
     std::string path;      // of a file
@@ -36,8 +37,9 @@ struct Entry {
 /// Walks a tree depth first, in the order of the directories, symbolic links followed; a directory
 /// that is on the current path already is not entered again.
 ///
-/// A thread of its own reads ahead, up to a number of entries. It has no effect: what the entries
-/// bring about is its reader's business.
+/// A thread of its own reads ahead, up to a number of entries, and the reader lends a hand when it
+/// would have to wait. Neither has any effect: what the entries bring about is the reader's
+/// business.
 class EntryStream {
   public:
     /// Opens the directory `start`. `lookAhead` is the number of entries to read ahead; 0 for none,
@@ -72,11 +74,21 @@ class EntryStream {
         ino_t inode;
         size_t pathLength;  // of its own path, to which the entries' names are added
     };
-    using Chunk = std::vector<Entry>;
+    /// Entries that change hands together. Reading them is cheap and goes in order; their status is
+    /// read by whoever has time.
+    struct Chunk {
+        std::vector<Entry> entries;
+        enum class State : uint8_t { Unresolved, InWork, Resolved } state = State::Unresolved;
+    };
 
     Entry nextEntry();
-    Entry::Kind enter(const char* name, const struct stat& status);
+    std::unique_ptr<Chunk> nextChunk();
+    static void resolve(Entry& entry);
+    static void resolve(Chunk& chunk);
+    Entry::Kind enter(const char* name);
     bool isOnPath(const struct stat& status) const;
+    bool readOnOwnThread(std::deque<Entry>& entries);
+    Chunk* oldestUnresolved();
 
     void startThread();
     void stopThread();
@@ -91,9 +103,9 @@ class EntryStream {
     std::thread mThread;
     std::mutex mMutex;
     std::condition_variable mChanged;
-    std::deque<Chunk> mChunks;       // read ahead
-    std::atomic<bool> mStop{false};  // the thread is to end
-    bool mDone = false;              // it has read everything
+    std::deque<std::unique_ptr<Chunk>> mChunks;  // read ahead
+    std::atomic<bool> mStop{false};              // the thread is to end
+    bool mDone = false;                          // it has read everything
     std::exception_ptr mFailure;
 };
 

@@ -60,6 +60,7 @@ int scanSpaceID(const std::string& path, const PatternList& regs, const PatternL
         switch (entry->kind) {
             case Entry::Kind::Dot:
             case Entry::Kind::End:
+            case Entry::Kind::Unresolved:
                 break;
             case Entry::Kind::Directory:
                 ++depth;
