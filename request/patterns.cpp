@@ -3,19 +3,11 @@
 #include <linux/limits.h>
 
 #include <regex>
+#include <utility>
 
 #include "control/log.h"
 
 namespace rux {
-namespace {
-
-/// What ".*" matches: everything without a line terminator.
-bool isOneLine(const std::string& path) {
-    return path.find_first_of("\r\n") == std::string::npos;
-}
-
-}  // namespace
-
 PatternList::PatternList(const std::vector<std::string>& expressions) {
     mPatterns.reserve(expressions.size());
     for (const std::string& expression : expressions) mPatterns.push_back(compile(expression));
@@ -41,17 +33,20 @@ bool PatternList::matches(const std::string& path, std::vector<const std::string
 
 Expression::Result PatternList::match(const Pattern& pattern, const std::string& path) {
     using Result = Expression::Result;
-    if (pattern.isAnything) return isOneLine(path) ? Result::Match : Result::NoMatch;
+    if (pattern.wildcard) {
+        return pattern.wildcard->matches(path) ? Result::Match : Result::NoMatch;
+    }
     return pattern.expression ? pattern.expression->match(path) : Result::NoMatch;
 }
 
 PatternList::Pattern PatternList::compile(const std::string& text) {
-    if (text == ".*") return {text, true, {}};
+    if (std::optional<Wildcard> wildcard = Wildcard::of(text))
+        return {text, std::move(wildcard), {}};
     try {
-        return {text, false, Expression(text)};
+        return {text, {}, Expression(text)};
     } catch (const std::regex_error& error) {
         RUX_LOGE("invalid pattern %s: %s", text.c_str(), error.what());
-        return {text, false, {}};
+        return {text, {}, {}};
     }
 }
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "request/expression.h"
+#include "request/wildcard.h"
 
 namespace rux {
 
@@ -34,8 +35,8 @@ class PatternList {
   private:
     struct Pattern {
         std::string text;
-        bool isAnything = false;               // ".*", by far the most frequent one
-        std::optional<Expression> expression;  // none when it is invalid
+        std::optional<Wildcard> wildcard;      // when it has such a shape
+        std::optional<Expression> expression;  // otherwise, unless it is invalid
     };
     static Pattern compile(const std::string& text);
     static Expression::Result match(const Pattern& pattern, const std::string& path);

@@ -1,0 +1,212 @@
+// What each part costs by itself: digests, patterns, polls, loading, saving, grouping.
+//
+// usage: parts_bench [--benchmark_filter=REGEX ...]
+
+#include <benchmark/benchmark.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "android-base/properties.h"
+#include "control/properties.h"
+#include "db/database_root.h"
+#include "db/images.h"
+#include "db/json_text.h"
+#include "db/json_writer.h"
+#include "dup/grouping.h"
+#include "f2fs_io/digest/batch.h"
+#include "f2fs_io/digest/kernel.h"
+#include "request/patterns.h"
+#include "scan/fingerprint.h"
+#include "tavo_f2fs_io.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// A root of its own, removed at the end.
+struct Root {
+    std::string path;
+    Root() {
+        char name[] = "/tmp/rux-parts-XXXXXX";
+        if (mkdtemp(name) == nullptr) abort();
+        path = name;
+        setenv("RUX_ROOT", name, 1);
+        fs::create_directories(path + "/data/local/zel/s");
+    }
+    ~Root() { fs::remove_all(path); }
+} root;
+
+std::string pathOf(int64_t number) {
+    char text[64];
+    snprintf(text, sizeof(text), "/data/media/0/album%03d/photo_%07d.jpg",
+             static_cast<int>(number / 200), static_cast<int>(number));
+    return text;
+}
+
+/// Fills the images with records and groups of two.
+void fillImages(int64_t files) {
+    rux::fileInfoDB.replace(Json::Value(Json::objectValue), {});
+    rux::checkNoCompressDB.replace(Json::Value(Json::objectValue), {});
+    const rux::PatternList all({".*"});
+    const rux::PatternList none;
+    struct stat st = {};
+    st.st_size = 5000;
+    for (int64_t i = 0; i < files; ++i) {
+        const std::string path = pathOf(i * 7919 % files);
+        rux::calculateFileMD5(path, path, st, rux::judge(path, all, none), [i] {
+            FileMD5Result result = {};
+            snprintf(result.md5, sizeof(result.md5), "%032llx",
+                     static_cast<unsigned long long>(i / 2) * 0x9e3779b97f4a7c15ULL);
+            return result;
+        });
+    }
+}
+
+void recordFiles(benchmark::State& state) {
+    for (auto _ : state) fillImages(state.range(0));
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(recordFiles)->Arg(10'000)->Arg(100'000)->Unit(benchmark::kMillisecond);
+
+void saveImages(benchmark::State& state) {
+    fillImages(state.range(0));
+    for (auto _ : state) {
+        rux::fileInfoDB.change();
+        rux::checkNoCompressDB.change();
+        rux::DBWriteUpdate(rux::databaseRoot() + "s", true, true, false, false);
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(saveImages)->Arg(10'000)->Arg(100'000)->Unit(benchmark::kMillisecond);
+
+void loadImages(benchmark::State& state) {
+    const bool isKnown = state.range(1) != 0;
+    fillImages(state.range(0));
+    rux::DBWriteUpdate(rux::databaseRoot() + "s", true, true, false, false);
+    for (auto _ : state) {
+        if (!isKnown) {
+            rux::fileInfoDB.replace({}, {});
+            rux::checkNoCompressDB.replace({}, {});
+        }
+        rux::DBReaderInit(rux::databaseRoot() + "s", true, true, false, false);
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+    state.SetLabel(isKnown ? "as the service left them" : "anew");
+}
+BENCHMARK(loadImages)->Args({100'000, 0})->Args({100'000, 1})->Unit(benchmark::kMillisecond);
+
+void writeJson(benchmark::State& state) {
+    fillImages(state.range(0));
+    int64_t bytes = 0;
+    for (auto _ : state)
+        rux::writeJson(*rux::fileInfoDB, [&bytes](std::string_view piece) { bytes += piece.size(); });
+    state.SetBytesProcessed(bytes);
+}
+BENCHMARK(writeJson)->Arg(100'000)->Unit(benchmark::kMillisecond);
+
+/// A listing's pass over groups whose files are there.
+void groupingPass(benchmark::State& state) {
+    const std::string tree = root.path + "/tree";
+    fs::create_directories(tree);
+    Json::Value groups(Json::objectValue);
+    Json::Value records(Json::objectValue);
+    for (int64_t i = 0; i < state.range(0); ++i) {
+        const std::string path = tree + "/" + std::to_string(i);
+        std::ofstream(path) << "x";
+        struct stat st = {};
+        stat(path.c_str(), &st);
+        records[path]["s_time"] = static_cast<Json::Int64>(st.st_mtime);
+        groups[std::to_string(i / 2)]["f_list"].append(path);
+    }
+    rux::fileInfoDB.replace(std::move(records), {});
+    rux::checkNoCompressDB.replace(std::move(groups), {});
+    const rux::PatternList patterns({".*"});
+    for (auto _ : state) {
+        rux::DupCounts counts;
+        rux::readDupFiles(patterns, counts);
+        if (counts.dupFileCount != state.range(0)) state.SkipWithError("not all were counted");
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(groupingPass)->Arg(10'000)->Unit(benchmark::kMillisecond);
+
+void pollStopProperty(benchmark::State& state) {
+    android::base::SetProperty(rux::kStopScan, "false");
+    for (auto _ : state) benchmark::DoNotOptimize(rux::getStopProp(rux::kStopScan));
+}
+BENCHMARK(pollStopProperty);
+
+void matchPattern(benchmark::State& state, const char* pattern) {
+    const rux::PatternList patterns({pattern});
+    const std::string path = pathOf(123456);
+    for (auto _ : state) benchmark::DoNotOptimize(patterns.matches(path));
+}
+BENCHMARK_CAPTURE(matchPattern, anything, ".*");
+BENCHMARK_CAPTURE(matchPattern, suffix, R"(.*\.jpg)");
+BENCHMARK_CAPTURE(matchPattern, directory, "/data/media/0/.*");
+BENCHMARK_CAPTURE(matchPattern, both, R"(/data/media/0/.*\.jpg)");
+BENCHMARK_CAPTURE(matchPattern, alternatives, R"(.*\.(jpe?g|png|heic))");
+
+/// The block function alone, for all of its lanes.
+void digestKernel(benchmark::State& state, const android::host::Md5Kernels& kernels) {
+    constexpr size_t kBytes = 16 << 10;
+    const size_t lanes = kernels.maxLanes();
+    const std::vector<unsigned char> bytes(lanes * (kBytes + 64), 'x');
+    const unsigned char* data[android::host::kMaxMd5Lanes];
+    for (size_t i = 0; i < lanes; ++i) data[i] = bytes.data() + i * (kBytes + 64);
+    android::host::Md5States states = {};
+    for (auto _ : state) kernels.forMessages(lanes).run(states, data, kBytes / 64);
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * lanes * kBytes));
+}
+BENCHMARK_CAPTURE(digestKernel, vectors128, android::host::kMd5Kernels128);
+#if defined(__x86_64__)
+BENCHMARK_CAPTURE(digestKernel, best, android::host::md5Kernels());
+#endif
+
+/// Files of one size, all at once and one by one.
+void digestFiles(benchmark::State& state) {
+    const bool isBatch = state.range(1) != 0;
+    const auto size = static_cast<size_t>(state.range(0));
+    struct Files {
+        std::vector<std::string> paths;
+        size_t next = 0;
+    } files;
+    fs::create_directories(root.path + "/digests");
+    for (size_t i = 0; i < std::max<size_t>(64, (16U << 20) / size); ++i) {
+        files.paths.push_back(root.path + "/digests/" + std::to_string(i));
+        std::ofstream(files.paths.back()) << std::string(size, static_cast<char>('a' + i % 26));
+    }
+    for (auto _ : state) {
+        files.next = 0;
+        if (!isBatch) {
+            for (const std::string& path : files.paths)
+                benchmark::DoNotOptimize(computeFileMD5(path.c_str(), false));
+            continue;
+        }
+        computeFileMD5Batch(
+                &files,
+                [](void* all, bool /*idle*/, uint64_t* /*ticket*/) -> const char* {
+                    Files& from = *static_cast<Files*>(all);
+                    return from.next < from.paths.size() ? from.paths[from.next++].c_str() : nullptr;
+                },
+                [](void* /*all*/, uint64_t /*ticket*/, const FileMD5Result* result) {
+                    if (result->code != 0) abort();
+                },
+                [](void* /*all*/) { return false; }, false);
+    }
+    state.SetBytesProcessed(
+            static_cast<int64_t>(state.iterations() * files.paths.size() * size));
+    state.SetLabel(isBatch ? "many at once" : "one by one");
+    fs::remove_all(root.path + "/digests");
+}
+BENCHMARK(digestFiles)->ArgsProduct({{1000, 5000, 100'000, 3'000'000}, {0, 1}});
+
+}  // namespace
+
+BENCHMARK_MAIN();
