@@ -5,31 +5,48 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <future>
+#include <system_error>
 #include <vector>
 
 namespace android::host {
 namespace {
 
-constexpr size_t kPiece = 128U << 10;  // bytes a read and file
+constexpr off_t kPiece = 128 << 10;          // bytes a read and file
+constexpr off_t kWorthAThread = 1024 << 10;  // bytes of which a second thread compares half
 
 bool sameTime(const timespec& a, const timespec& b) {
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
-/// Reads `size` bytes at `offset`, fewer only at the end of the file; -1 with errno on failure.
-ssize_t readFully(int file, char* bytes, size_t size, off_t offset) {
-    size_t done = 0;
-    while (done < size) {
-        const ssize_t got =
-                pread(file, bytes + done, size - done, offset + static_cast<off_t>(done));
-        if (got == 0) break;
-        if (got > 0) {
-            done += static_cast<size_t>(got);
-        } else if (errno != EINTR) {
-            return -1;
-        }
+/// Reads all of `size` bytes at `offset`. 0 or an errno, EILSEQ when the file ends before.
+int readFully(int file, char* bytes, size_t size, off_t offset) {
+    while (size > 0) {
+        const ssize_t got = pread(file, bytes, size, offset);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return got == 0 ? EILSEQ : errno;
+        bytes += got;
+        size -= static_cast<size_t>(got);
+        offset += got;
     }
-    return static_cast<ssize_t>(done);
+    return 0;
+}
+
+int compareRange(int first, int second, off_t begin, off_t end,
+                 const std::function<bool()>& interrupted) {
+    thread_local std::vector<char> firstPiece(kPiece);
+    thread_local std::vector<char> secondPiece(kPiece);
+    while (begin < end) {
+        const auto size = static_cast<size_t>(std::min<off_t>(end - begin, kPiece));
+        if (const int error = readFully(first, firstPiece.data(), size, begin); error != 0)
+            return error;
+        if (const int error = readFully(second, secondPiece.data(), size, begin); error != 0)
+            return error;
+        if (memcmp(firstPiece.data(), secondPiece.data(), size) != 0) return EILSEQ;
+        if (interrupted && interrupted()) return EBUSY;
+        begin += static_cast<off_t>(size);
+    }
+    return 0;
 }
 
 }  // namespace
@@ -38,26 +55,21 @@ bool sameContentStamp(const struct stat& before, const struct stat& after) {
     return before.st_size == after.st_size && sameTime(before.st_mtim, after.st_mtim);
 }
 
-int compareBytes(int first, int second, const std::function<bool()>& interrupted) {
-    thread_local std::vector<char> firstPiece(kPiece);
-    thread_local std::vector<char> secondPiece(kPiece);
-    for (off_t offset = 0;; offset += kPiece) {
-        const ssize_t firstSize = readFully(first, firstPiece.data(), kPiece, offset);
-        if (firstSize < 0) return errno;
-        const ssize_t secondSize = readFully(second, secondPiece.data(), kPiece, offset);
-        if (secondSize < 0) return errno;
-        if (firstSize != secondSize ||
-            memcmp(firstPiece.data(), secondPiece.data(), static_cast<size_t>(firstSize)) != 0) {
-            return EILSEQ;
-        }
-        if (interrupted && interrupted()) return EBUSY;
-        if (static_cast<size_t>(firstSize) < kPiece) return 0;
+int compareBytes(int first, int second, off_t size, const std::function<bool()>& interrupted) {
+    const off_t half = size / 2;
+    if (size < kWorthAThread) return compareRange(first, second, 0, size, interrupted);
+    std::future<int> rest;
+    try {
+        rest = std::async(std::launch::async, compareRange, first, second, half, size, interrupted);
+    } catch (const std::system_error&) {
+        return compareRange(first, second, 0, size, interrupted);
     }
+    const int error = compareRange(first, second, 0, half, interrupted);
+    const int restError = rest.get();
+    return error != 0 ? error : restError;
 }
 
-int readAttributes(int file, Attributes* attributes) {
-    struct stat st = {};
-    if (fstat(file, &st) != 0) return errno;
+int readAttributes(int file, const struct stat& st, Attributes* attributes) {
     attributes->uid = st.st_uid;
     attributes->gid = st.st_gid;
     attributes->mode = st.st_mode;

@@ -12,9 +12,10 @@ namespace android::host {
 /// Whether nobody has written between two readings of one file's status.
 bool sameContentStamp(const struct stat& before, const struct stat& after);
 
-/// 0 when both files hold the same bytes, EILSEQ when they do not, else an errno. `interrupted`
-/// (may be null) is asked after each piece; once it says true the result is EBUSY.
-int compareBytes(int first, int second, const std::function<bool()>& interrupted);
+/// 0 when the first `size` bytes of both files are the same, EILSEQ when they are not or one of
+/// them is shorter, else an errno. `interrupted` (may be null) is asked after each piece, from
+/// several threads when the files are large; once it says true the result is EBUSY.
+int compareBytes(int first, int second, off_t size, const std::function<bool()>& interrupted);
 
 /// Who may do what with a file.
 struct Attributes {
@@ -25,7 +26,7 @@ struct Attributes {
     bool operator==(const Attributes&) const = default;
 };
 
-/// 0 or an errno.
-int readAttributes(int file, Attributes* attributes);
+/// Those of an open file whose status is `st`. 0 or an errno.
+int readAttributes(int file, const struct stat& st, Attributes* attributes);
 
 }  // namespace android::host

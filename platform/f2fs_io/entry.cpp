@@ -5,8 +5,8 @@
 #include <cerrno>
 
 #include "f2fs_io/compare.h"
-#include "f2fs_io/lease.h"
 #include "f2fs_io/digest/md5.h"
+#include "f2fs_io/lease.h"
 
 namespace android::host {
 
@@ -64,7 +64,7 @@ int Entry::removeLeftovers() const {
         const int error = openToRead(directory.get(), swap.c_str(), O_NOFOLLOW, &theirs);
         spare = error == 0 && openFile(&ours, &st) == 0 && st.st_size == left.st_size &&
                 lease.take(theirs.get()) == 0 &&
-                compareBytes(ours.get(), theirs.get(), nullptr) == 0 && lease.held();
+                compareBytes(ours.get(), theirs.get(), st.st_size, nullptr) == 0 && lease.held();
     }
     if (!spare) return EEXIST;
     return unlinkat(directory.get(), swap.c_str(), 0) == 0 || errno == ENOENT ? 0 : errno;

@@ -39,8 +39,9 @@ int linkDuplicate(const char* keptPath, const char* duplicatePath) {
         error != 0) {
         return error;
     }
-    if (const int error = entry.removeLeftovers(); error != 0) return error;
-    if (kept.id() == old.id()) return 0;
+    // One file already; a call that was killed right after the exchange may have left the other
+    // one.
+    if (kept.id() == old.id()) return entry.removeLeftovers();
     if (kept.status.st_dev != old.status.st_dev) return EXDEV;
     if (kept.status.st_size != old.status.st_size) return EILSEQ;
 
@@ -48,13 +49,19 @@ int linkDuplicate(const char* keptPath, const char* duplicatePath) {
     if (const int error = old.takeLease(); error != 0) return error;
     if (!(kept.attributes == old.attributes)) return EBADE;
     const auto interrupted = [&] { return kept.isInUse() || old.isInUse(); };
-    if (const int error = compareBytes(kept.file.get(), old.file.get(), interrupted); error != 0) {
+    if (const int error =
+                compareBytes(kept.file.get(), old.file.get(), old.status.st_size, interrupted);
+        error != 0) {
         return error;
     }
     if (const int error = kept.undisturbed(); error != 0) return error;
-    if (const int error = linkOpenFile(kept.file.get(), entry, entry.swapName()); error != 0) {
-        return error;
+    int error = linkOpenFile(kept.file.get(), entry, entry.swapName());
+    if (error == EEXIST) {  // left by a call that was killed; looked for only now, as there is none
+                            // as a rule
+        error = entry.removeLeftovers();
+        if (error == 0) error = linkOpenFile(kept.file.get(), entry, entry.swapName());
     }
+    if (error != 0) return error;
     // From the exchange on whoever opens the name finds the kept file, linked: that is all right.
     // Only the old file must have been left alone to its end.
     const auto oldUndisturbed = [&old] {

@@ -7,14 +7,14 @@ namespace android::host {
 int LeasedFile::takeLease() {
     if (const int error = lease.take(file.get()); error != 0) return error;
     if (fstat(file.get(), &status) != 0) return errno;
-    return readAttributes(file.get(), &attributes);
+    return readAttributes(file.get(), status, &attributes);
 }
 
 int LeasedFile::undisturbed() const {
     struct stat now = {};
     Attributes attributesNow;
     if (fstat(file.get(), &now) != 0) return errno;
-    if (const int error = readAttributes(file.get(), &attributesNow); error != 0) return error;
+    if (const int error = readAttributes(file.get(), now, &attributesNow); error != 0) return error;
     if (!sameContentStamp(status, now) || !(attributes == attributesNow)) return ESTALE;
     return isInUse() ? EBUSY : 0;
 }

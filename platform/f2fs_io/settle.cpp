@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -12,8 +13,14 @@
 namespace android::host {
 namespace {
 
-constexpr int kMaxWaits = 20;
-constexpr timespec kWait = {0, 500'000};  // nanoseconds; 10 ms in all
+constexpr timespec kWait = {0, 20'000};  // nanoseconds
+constexpr int64_t kMaxNanoseconds = 10'000'000;
+
+int64_t nowNanoseconds() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * int64_t{1'000'000'000} + now.tv_nsec;
+}
 
 /// How many tasks run or would like to, this one included (proc_loadavg(5)); 0 when that is not
 /// known.
@@ -35,7 +42,11 @@ long runnableTasks() {
 
 void letInterruptedTasksRun() {
     static const long processors = sysconf(_SC_NPROCESSORS_ONLN);
-    for (int i = 0; i < kMaxWaits && runnableTasks() > processors; ++i) nanosleep(&kWait, nullptr);
+    if (runnableTasks() <= processors) return;
+    const int64_t end = nowNanoseconds() + kMaxNanoseconds;
+    do {
+        nanosleep(&kWait, nullptr);
+    } while (runnableTasks() > processors && nowNanoseconds() < end);
 }
 
 }  // namespace android::host
