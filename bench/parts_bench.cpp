@@ -69,14 +69,14 @@ void fillImages(int64_t files) {
 }
 
 void recordFiles(benchmark::State& state) {
-    for (auto _ : state) fillImages(state.range(0));
+    while (state.KeepRunning()) fillImages(state.range(0));
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 BENCHMARK(recordFiles)->Arg(10'000)->Arg(100'000)->Unit(benchmark::kMillisecond);
 
 void saveImages(benchmark::State& state) {
     fillImages(state.range(0));
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         rux::fileInfoDB.change();
         rux::checkNoCompressDB.change();
         rux::DBWriteUpdate(rux::databaseRoot() + "s", true, true, false, false);
@@ -89,7 +89,7 @@ void loadImages(benchmark::State& state) {
     const bool isKnown = state.range(1) != 0;
     fillImages(state.range(0));
     rux::DBWriteUpdate(rux::databaseRoot() + "s", true, true, false, false);
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         if (!isKnown) {
             rux::fileInfoDB.replace({}, {});
             rux::checkNoCompressDB.replace({}, {});
@@ -104,8 +104,10 @@ BENCHMARK(loadImages)->Args({100'000, 0})->Args({100'000, 1})->Unit(benchmark::k
 void writeJson(benchmark::State& state) {
     fillImages(state.range(0));
     int64_t bytes = 0;
-    for (auto _ : state)
-        rux::writeJson(*rux::fileInfoDB, [&bytes](std::string_view piece) { bytes += piece.size(); });
+    while (state.KeepRunning())
+        rux::writeJson(*rux::fileInfoDB, [&bytes](std::string_view piece) {
+            bytes += static_cast<int64_t>(piece.size());
+        });
     state.SetBytesProcessed(bytes);
 }
 BENCHMARK(writeJson)->Arg(100'000)->Unit(benchmark::kMillisecond);
@@ -127,7 +129,7 @@ void groupingPass(benchmark::State& state) {
     rux::fileInfoDB.replace(std::move(records), {});
     rux::checkNoCompressDB.replace(std::move(groups), {});
     const rux::PatternList patterns({".*"});
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         rux::DupCounts counts;
         rux::readDupFiles(patterns, counts);
         if (counts.dupFileCount != state.range(0)) state.SkipWithError("not all were counted");
@@ -138,14 +140,14 @@ BENCHMARK(groupingPass)->Arg(10'000)->Unit(benchmark::kMillisecond);
 
 void pollStopProperty(benchmark::State& state) {
     android::base::SetProperty(rux::kStopScan, "false");
-    for (auto _ : state) benchmark::DoNotOptimize(rux::getStopProp(rux::kStopScan));
+    while (state.KeepRunning()) benchmark::DoNotOptimize(rux::getStopProp(rux::kStopScan));
 }
 BENCHMARK(pollStopProperty);
 
 void matchPattern(benchmark::State& state, const char* pattern) {
     const rux::PatternList patterns({pattern});
     const std::string path = pathOf(123456);
-    for (auto _ : state) benchmark::DoNotOptimize(patterns.matches(path));
+    while (state.KeepRunning()) benchmark::DoNotOptimize(patterns.matches(path));
 }
 BENCHMARK_CAPTURE(matchPattern, anything, ".*");
 BENCHMARK_CAPTURE(matchPattern, suffix, R"(.*\.jpg)");
@@ -161,7 +163,7 @@ void digestKernel(benchmark::State& state, const android::host::Md5Kernels& kern
     const unsigned char* data[android::host::kMaxMd5Lanes];
     for (size_t i = 0; i < lanes; ++i) data[i] = bytes.data() + i * (kBytes + 64);
     android::host::Md5States states = {};
-    for (auto _ : state) kernels.forMessages(lanes).run(states, data, kBytes / 64);
+    while (state.KeepRunning()) kernels.forMessages(lanes).run(states, data, kBytes / 64);
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * lanes * kBytes));
 }
 BENCHMARK_CAPTURE(digestKernel, vectors128, android::host::kMd5Kernels128);
@@ -182,7 +184,7 @@ void digestFiles(benchmark::State& state) {
         files.paths.push_back(root.path + "/digests/" + std::to_string(i));
         std::ofstream(files.paths.back()) << std::string(size, static_cast<char>('a' + i % 26));
     }
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         files.next = 0;
         if (!isBatch) {
             for (const std::string& path : files.paths)
@@ -193,15 +195,15 @@ void digestFiles(benchmark::State& state) {
                 &files,
                 [](void* all, bool /*idle*/, uint64_t* /*ticket*/) -> const char* {
                     Files& from = *static_cast<Files*>(all);
-                    return from.next < from.paths.size() ? from.paths[from.next++].c_str() : nullptr;
+                    return from.next < from.paths.size() ? from.paths[from.next++].c_str()
+                                                         : nullptr;
                 },
                 [](void* /*all*/, uint64_t /*ticket*/, const FileMD5Result* result) {
                     if (result->code != 0) abort();
                 },
                 [](void* /*all*/) { return false; }, false);
     }
-    state.SetBytesProcessed(
-            static_cast<int64_t>(state.iterations() * files.paths.size() * size));
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * files.paths.size() * size));
     state.SetLabel(isBatch ? "many at once" : "one by one");
     fs::remove_all(root.path + "/digests");
 }

@@ -35,11 +35,11 @@ Json::Value anyValue(std::mt19937& random, int depth) {
         case 1:
             return random() % 2 == 0;
         case 2:
-            return Json::Int64(random()) * (random() % 2 == 0 ? 1 : -0x123456789);
+            return Json::Int64(random()) * (random() % 2 == 0 ? 1 : -0x1234567);
         case 3:
             return Json::Value(Json::LargestUInt(-1) - random());
         case 4:
-            return random() / 1e3;
+            return static_cast<double>(random()) / 1e3;
         case 5:
             return Json::Value(Json::LargestInt(INT64_MIN));
         case 6:

@@ -52,6 +52,13 @@ struct World {
 };
 World* world = nullptr;
 
+std::string formatted(const char* fmt, va_list args) {
+    char text[8192];
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the caller has started it
+    vsnprintf(text, sizeof(text), fmt, args);
+    return text;
+}
+
 std::set<ino_t> badFiles;  // their content cannot be read
 
 /// Whether the file is a bad one. Counts the attempt.
@@ -76,10 +83,9 @@ bool android::base::SetProperty(const std::string& /*key*/, const std::string& /
 }
 
 extern "C" int __android_log_print(int prio, const char* /*tag*/, const char* fmt, ...) {
-    char text[8192];
     va_list args;
     va_start(args, fmt);
-    vsnprintf(text, sizeof(text), fmt, args);
+    const std::string text = formatted(fmt, args);
     va_end(args);
     world->note(std::to_string(prio) + " " + text);
     return 1;

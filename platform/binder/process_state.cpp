@@ -24,8 +24,8 @@ status_t ProcessState::setThreadPoolMaxThreadCount(size_t maxThreads) {
 void ProcessState::startThreadPool() {
     if (mStarted) return;
     mStarted = true;
-    // What one pool thread allocates another frees, a whole database at times. With an arena for each
-    // thread, memory that is free in one would be of no use to the others.
+    // What one pool thread allocates another frees, a whole database at times. With an arena for
+    // each thread, memory that is free in one would be of no use to the others.
     mallopt(M_ARENA_MAX, 1);
     signal(SIGXFSZ, SIG_IGN);  // a limit on file size fails the write, not the process
     for (size_t i = 0; i < mMaxThreads; ++i) {

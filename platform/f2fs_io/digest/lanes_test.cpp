@@ -139,7 +139,8 @@ TEST_P(LanesTest, GivesAnErrorToTheFileThatHasItAlone) {
     std::vector<std::string> paths = {shrinks,       grows,    changes,
                                       breaks,        replaced, sandbox.path("missing"),
                                       sandbox.tree()};
-    for (int i = 0; i < 40; ++i) paths.push_back(write("good" + std::to_string(i), 3000 * i));
+    paths.reserve(64);
+    for (size_t i = 0; i < 40; ++i) paths.push_back(write("good" + std::to_string(i), 3000 * i));
     ASSERT_EQ(mkfifo(sandbox.path("pipe").c_str(), 0600), 0);
     paths.push_back(sandbox.path("pipe"));
     brokenInode = rux::test::inodeOf(breaks);
@@ -172,6 +173,7 @@ TEST_P(LanesTest, GivesAnErrorToTheFileThatHasItAlone) {
 
 TEST_P(LanesTest, AbandonsWhatIsInHand) {
     std::vector<std::string> paths;
+    paths.reserve(5);
     for (int i = 0; i < 5; ++i) paths.push_back(write(std::to_string(i), 1 << 20));
     Files files(paths);
     files.onTurn = [](int turn) { return turn == 2; };
