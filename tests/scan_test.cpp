@@ -51,6 +51,27 @@ TEST_F(ScanTest, RecordsFilesAndGroupsEqualOnes) {
     EXPECT_EQ(database(kGroups)[md5sum(a)]["f_list"].size(), 3U);
 }
 
+TEST_F(ScanTest, FindsMembersOfLargeGroupsAgain) {
+    for (int i = 0; i < 50; ++i)
+        sandbox.write("d" + std::to_string(i % 7) + "/" + std::to_string(i), "x");
+    scanTree();
+    // Without the records all members are met anew; one that is edited into the group is there
+    // already.
+    Json groups = database(kGroups);
+    const std::string digest = md5sum(sandbox.path("d0/0"));
+    EXPECT_EQ(groups[digest]["f_list"].size(), 50U);
+    const std::string added = sandbox.write("e/added", "x");
+    groups[digest]["f_list"].push_back(added);
+    writeFile(sandbox.database("s", kGroups), groups.dump());
+    scanTree();
+    EXPECT_EQ(database(kGroups), groups);
+    EXPECT_EQ(database(kRecords)[added]["is_md5"], 1);
+    fs::remove(sandbox.database("s", kRecords));
+    scanTree();
+    EXPECT_EQ(database(kGroups), groups);
+    EXPECT_EQ(database(kRecords).size(), 51U);
+}
+
 TEST_F(ScanTest, DerivesSuffixesFromNames) {
     const std::pair<const char*, const char*> expected[] = {
             {"archive.tar.gz", "gz"},       {".profile", "profile"},
