@@ -120,8 +120,8 @@ void calculateFileMD5(const std::string& path, std::string_view name, const stru
         RUX_LOGD("cal md5 error code != 0, continue");
         return;
     }
-    setHasDigest(record);
     joinGroup(result.md5, st.st_size, path);
+    setHasDigest(record);  // last: until then the path may be found to be an unfinished member
 }
 
 }  // namespace rux
