@@ -52,6 +52,11 @@ TextStamp stampOfText(std::string_view text) {
     return stamp;
 }
 
+/// Whether the file holds the text of the image. Reads it only when the image has one.
+bool holdsTextOf(const Image& image, const std::string& path) {
+    return image.text() && stampOf(path, kJsonPiece) == image.text();
+}
+
 constexpr uint64_t kMaxKeptBytes = uint64_t{16} << 20;  // of a text, between its two uses
 
 /// A file that is about to be rewritten in place.
@@ -173,8 +178,7 @@ void DBReaderInit(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db
         if (!selected[i]) continue;
         Image& image = kSlots[i].image;
         const std::string path = SpaceID_DBPath + kSlots[i].fileName;
-        const std::optional<TextStamp> stamp = stampOf(path, kJsonPiece);
-        if (stamp && image.isReadFrom(*stamp)) continue;
+        if (holdsTextOf(image, path)) continue;
         image.replace({}, {});  // first, so that two contents are never held at once
         std::optional<TextStamp> text;
         Json::Value value = readFileDBJson(path, &text);
@@ -193,8 +197,9 @@ void DBWriteUpdate(const std::string& SpaceID_DBPath, bool db1, bool db2, bool d
             RUX_LOGE("The DB%d open fail.", rewrite.number());
             continue;
         }
-        const std::optional<TextStamp> stamp = stampOf(path, kJsonPiece);
-        if (!stamp || !kSlots[i].image.isWrittenAs(*stamp)) rewrites.push_back(std::move(rewrite));
+        const Image& image = kSlots[i].image;
+        if (image.isAsWritten() && holdsTextOf(image, path)) continue;
+        rewrites.push_back(std::move(rewrite));
     }
     // The files go together: on a full disk none of them changes.
     bool fit = true;

@@ -43,13 +43,15 @@ class Image {
         mIsAsWritten = true;
     }
 
-    bool isReadFrom(const TextStamp& text) const { return mText && *mText == text; }
-    bool isWrittenAs(const TextStamp& text) const { return mIsAsWritten && isReadFrom(text); }
+    /// The text that the value is known to be the same as.
+    const std::optional<TextStamp>& text() const { return mText; }
+    /// Whether that text is also what the value would be written as.
+    bool isAsWritten() const { return mText && mIsAsWritten; }
 
   private:
     Json::Value mValue;
     std::optional<TextStamp> mText;
-    bool mIsAsWritten = false;  // so as it would be written again
+    bool mIsAsWritten = false;
 };
 
 extern Image fileInfoDB;         ///< DB1, "RUXFileInfo.json": a record for each file, by path.

@@ -104,8 +104,8 @@ Digests::~Digests() {
 
 void Digests::start(const std::vector<DigestJob*>& jobs) {
     if (jobs.empty()) return;
-    if (mThreads.empty()) startThreads();
-    if (mThreads.empty()) return;
+    startThreads();
+    if (mThreads.empty()) return;  // each is computed when it is awaited
     bool isAwaited = false;
     {
         const std::lock_guard lock(mMutex);
@@ -132,7 +132,10 @@ void Digests::dropAll() {
     mAbandoned = false;
 }
 
+/// Once: jobs that found no threads are in no queue, and threads that came later would not know
+/// them.
 void Digests::startThreads() {
+    if (std::exchange(mStarted, true)) return;
     try {
         while (mThreads.size() < mWorkers) {
             mThreads.emplace_back([this] { Worker(*this).run(); });

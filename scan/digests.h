@@ -52,6 +52,7 @@ class Digests {
     static void finish(DigestJob& job, const FileMD5Result& result);
 
     const unsigned mWorkers;
+    bool mStarted = false;  // whether threads have been asked for
     std::vector<std::thread> mThreads;
     std::mutex mMutex;
     std::condition_variable mWork;      // for the workers: jobs, or the end

@@ -9,14 +9,14 @@
 /// `computeFileMD5` for many files, several times as fast as one by one: the files advance beside
 /// each other in the processor's vector unit. Runs on the calling thread and calls back from it:
 ///
-/// - `next` gives the path of the next file, which stays valid until the file is done, and in
-/// `ticket`
-///   a number of the caller's own for it. Null: no further file now. With `idle` no file is in
-///   hand, so `next` may wait for one, and null ends the batch.
-/// - `done` takes the outcome of a file, as `computeFileMD5` would give it; in any order.
-/// - `isAbandoned` is asked often; once true, the files in hand are done with ECANCELED and the
-/// batch
-///   ends.
+/// `next` gives the path of the next file, which stays valid until the file is done, and the
+/// caller's own number for it in `ticket`. Null: no further file now. With `idle` no file is in
+/// hand, so `next` may wait for one, and null ends the batch.
+///
+/// `done` takes the outcome of a file, as `computeFileMD5` would give it; in any order.
+///
+/// `isAbandoned` is asked often; once true, the files in hand are done with ECANCELED and the batch
+/// ends.
 ///
 /// Memory: 128 KiB for each of at most 32 files in hand. May be called from many threads at once.
 void computeFileMD5Batch(void* caller,
