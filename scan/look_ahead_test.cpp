@@ -60,13 +60,21 @@ std::string formatted(const char* fmt, va_list args) {
 }
 
 std::set<ino_t> badFiles;  // their content cannot be read
+std::chrono::milliseconds firstReading{0};  // how long it takes
+size_t readMeanwhile = 0;                   // files, the first one included
 
 /// Whether the file is a bad one. Counts the attempt.
 bool isBad(const char* path) {
     struct stat status = {};
     stat(path, &status);
-    const std::lock_guard lock(world->mutex);
+    std::unique_lock lock(world->mutex);
     world->readings.insert(status.st_ino);
+    if (world->readings.size() == 1) {
+        lock.unlock();
+        std::this_thread::sleep_for(firstReading);
+        lock.lock();
+        readMeanwhile = world->readings.size();
+    }
     return badFiles.count(status.st_ino) != 0;
 }
 
@@ -297,6 +305,20 @@ TEST_F(LookAheadTest, ReadsAFileOnceWhateverItsNames) {
     }
     // Within one request: the next one reads again.
     EXPECT_EQ(scan(request, LookAhead{4096, 1 << 30, 2}).readings.count(test::inodeOf(file)), 1U);
+}
+
+TEST_F(LookAheadTest, PreparesNoMoreThanItMayWhileAFileTakesLong) {
+    for (int i = 0; i < 500; ++i) sandbox.write(std::to_string(i), "content");
+    const Json request = Json::array({{{"sid", "s"},
+                                       {"regs", Json::array({".*"})},
+                                       {"dirs", Json::array({sandbox.tree()})}}});
+    firstReading = std::chrono::milliseconds(300);
+    for (const LookAhead& ahead : {LookAhead{50, 1 << 30, 2}, LookAhead{4096, 50 * 7, 2}}) {
+        scan(request, ahead);
+        EXPECT_LE(readMeanwhile, 50U);
+        EXPECT_GT(readMeanwhile, 20U);
+    }
+    firstReading = std::chrono::milliseconds(0);
 }
 
 }  // namespace

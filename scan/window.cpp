@@ -29,10 +29,11 @@ const Entry* Window::next() {
 /// Looks at further entries and has digests begun, as far as there is room. False when nothing
 /// came.
 bool Window::refill(bool wait) {
+    if (!hasRoom()) return false;
     if (mEntries.empty() && (!mStream.read(mEntries, wait) || mEntries.empty())) return false;
     std::vector<DigestJob*> jobs;
     bool any = false;
-    while (!mEntries.empty() && (mItems.empty() || mBytes < lookAhead.bytes)) {
+    while (!mEntries.empty() && hasRoom()) {
         mItems.emplace_back(std::move(mEntries.front()));
         mEntries.pop_front();
         prepare(mItems.back(), jobs);
@@ -40,6 +41,10 @@ bool Window::refill(bool wait) {
     }
     mPreparation.digests.start(jobs);
     return any;
+}
+
+bool Window::hasRoom() const {
+    return mItems.empty() || (mItems.size() < lookAhead.entries && mBytes < lookAhead.bytes);
 }
 
 void Window::prepare(Item& item, std::vector<DigestJob*>& jobs) {

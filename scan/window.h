@@ -57,6 +57,7 @@ class Window {
     };
 
     bool refill(bool wait);
+    bool hasRoom() const;
     void dropAll();
     void prepare(Item& item, std::vector<DigestJob*>& jobs);
 

@@ -4,6 +4,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <thread>
@@ -18,6 +19,7 @@ using rux::test::inodeOf;
 using rux::test::md5sum;
 using rux::test::readFile;
 using rux::test::statusOf;
+using rux::test::writeFile;
 
 /// The names in a directory, sorted.
 std::vector<std::string> namesIn(const std::string& directory) {
@@ -98,6 +100,28 @@ TEST_F(FileIoTest, LinksEqualFiles) {
     EXPECT_EQ(statusOf(kept).st_nlink, 3U);
     EXPECT_EQ(namesIn(sandbox.tree()),
               (std::vector<std::string>{"alias", "duplicate", "here", "kept", "third"}));
+}
+
+TEST_F(FileIoTest, LetsGoOfTheFilesThatItReplaced) {
+    const auto isHeld = [](const fs::directory_entry& file) {
+        std::error_code gone;
+        return fs::read_symlink(file, gone).string().ends_with(" (deleted)");
+    };
+    const fs::directory_iterator none;
+    // More than wait to be closed at a time, and one with another name, which is open to writers.
+    const std::string other = sandbox.path("other");
+    fs::create_hard_link(duplicate, other);
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), 0);
+        if (i == 0) writeFile(other, "written at once");
+        sandbox.write("duplicate.new", std::string(300000, 'k'));
+        fs::rename(sandbox.path("duplicate.new"), duplicate);
+    }
+    for (int i = 0; i < 1000; ++i) {
+        if (std::none_of(fs::directory_iterator("/proc/self/fd"), none, isHeld)) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_TRUE(std::none_of(fs::directory_iterator("/proc/self/fd"), none, isHeld));
 }
 
 TEST_F(FileIoTest, RefusesToLinkWhatIsNotTheSame) {

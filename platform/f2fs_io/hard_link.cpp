@@ -3,8 +3,10 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <utility>
 
 #include "f2fs_io/compare.h"
+#include "f2fs_io/discard.h"
 #include "f2fs_io/entry.h"
 #include "f2fs_io/leased_file.h"
 #include "f2fs_io/settle.h"
@@ -68,8 +70,13 @@ int linkDuplicate(const char* keptPath, const char* duplicatePath) {
         letInterruptedTasksRun();
         return old.undisturbed();
     };
-    return exchange(entry, kept.id(), old.id(),
-                    {oldUndisturbed, [&kept] { return kept.isInUse(); }});
+    error = exchange(entry, kept.id(), old.id(),
+                     {oldUndisturbed, [&kept] { return kept.isInUse(); }});
+    if (error == 0) {
+        old.lease.giveUp();
+        closeReplaced(std::move(old.file));
+    }
+    return error;
 }
 
 }  // namespace

@@ -16,9 +16,7 @@ class ReadLease {
     ReadLease() = default;
     ReadLease(const ReadLease&) = delete;
     ReadLease& operator=(const ReadLease&) = delete;
-    ~ReadLease() {
-        if (mFile >= 0) fcntl(mFile, F_SETLEASE, F_UNLCK);
-    }
+    ~ReadLease() { giveUp(); }
 
     /// 0 or an errno: EBUSY when the file is open for writing. `file` must be open for reading only
     /// and stay open as long as the lease.
@@ -29,6 +27,11 @@ class ReadLease {
         if (fcntl(file, F_SETLEASE, F_RDLCK) != 0) return errno == EAGAIN ? EBUSY : errno;
         mFile = file;
         return 0;
+    }
+
+    void giveUp() {
+        if (mFile >= 0) fcntl(mFile, F_SETLEASE, F_UNLCK);
+        mFile = -1;
     }
 
     bool held() const { return fcntl(mFile, F_GETLEASE) == F_RDLCK; }

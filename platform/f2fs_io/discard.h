@@ -1,0 +1,12 @@
+/// Closing files that nobody can reach any more.
+#pragma once
+
+#include "utils/unique_fd.h"
+
+namespace android::host {
+
+/// Closes `file`, whose last name is gone. The file system frees the blocks as it does so, and may
+/// wait for its journal: that is left to a thread of its own, unless it has fallen behind.
+void closeReplaced(UniqueFd file);
+
+}  // namespace android::host
