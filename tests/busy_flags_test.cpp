@@ -38,8 +38,8 @@ class BusyFlagsTest : public ServiceTest {
         mkdir(sandbox.database("long").c_str(), 0700);
         writeFile(sandbox.database("long", "RUXFileInfo.json"),
                   readFile(sandbox.database("s", "RUXFileInfo.json")));
-        writeFile(sandbox.database("long", "RUXCheckNoCompress.json"), groupOf(50000));
-        writeFile(sandbox.database("long", "RUXCheckACompress.json"), groupOf(50000));
+        writeFile(sandbox.database("long", "RUXCheckNoCompress.json"), groupOf(150000));
+        writeFile(sandbox.database("long", "RUXCheckACompress.json"), groupOf(150000));
         // And a directory of many names, to be walked very often.
         const std::string many = sandbox.root() + "/many";
         mkdir(many.c_str(), 0700);
