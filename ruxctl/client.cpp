@@ -41,10 +41,8 @@ std::optional<Client> Client::connect() {
     return Client(service);
 }
 
-Answer Client::send(uint32_t code, const Parcel& parcel) const {
-    Answer answer;
-    answer.status = mService->transact(code, parcel, &answer.reply);
-    return answer;
+void Client::send(uint32_t code, const Parcel& parcel, Answer* answer) const {
+    answer->status = mService->transact(code, parcel, &answer->reply);
 }
 
 std::optional<Failure> failureOf(const Answer& answer) {
@@ -58,8 +56,8 @@ std::optional<Failure> failureOf(const Answer& answer) {
         return Failure{kFailed, "the reply is cut short"};
     if (status.isOk()) return std::nullopt;
     return Failure{kFailed, "exception " + std::to_string(status.exceptionCode()) +
-                                    (status.exceptionMessage().empty() ? "" : ": ") +
-                                    status.exceptionMessage()};
+                                    (status.exceptionMessage().size() == 0 ? "" : ": ") +
+                                    status.exceptionMessage().c_str()};
 }
 
 std::optional<Failure> Client::call(uint32_t code, const std::optional<std::string>& argument,
@@ -69,7 +67,8 @@ std::optional<Failure> Client::call(uint32_t code, const std::optional<std::stri
     if (argument && parcel.writeUtf8AsUtf16(*argument) != OK) {
         return Failure{kUsage, "the request is not valid UTF-8"};
     }
-    const Answer answer = send(code, parcel);
+    Answer answer;
+    send(code, parcel, &answer);
     if (auto failure = failureOf(answer); failure) return failure;
     const bool complete = (text == nullptr || answer.reply.readUtf8FromUtf16(text) == OK) &&
                           (number == nullptr || answer.reply.readInt64(number) == OK);

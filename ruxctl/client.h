@@ -42,8 +42,8 @@ class Client {
     /// The running service; nothing when there is none.
     static std::optional<Client> connect();
 
-    /// Sends `parcel` as it is.
-    Answer send(uint32_t code, const android::Parcel& parcel) const;
+    /// Sends `parcel` as it is, and waits for the answer.
+    void send(uint32_t code, const android::Parcel& parcel, Answer* answer) const;
 
     /// Calls a method with its argument. Fills `text` or `number` when the method has such a
     /// result. Nothing when all went well.

@@ -94,7 +94,8 @@ int callHex(uint32_t code, const std::string& hex) {
     if (!client) return noService();
     android::Parcel parcel;
     parcel.setData(bytes->data(), bytes->size());
-    const Answer answer = client->send(code, parcel);
+    Answer answer;
+    client->send(code, parcel, &answer);
     std::cout << "status " << answer.status << "\n"
               << toHex(answer.reply.data(), answer.reply.dataSize()) << "\n"
               << std::flush;

@@ -224,7 +224,7 @@ test::Sandbox* LookAheadTest::shared = nullptr;
 
 TEST_F(LookAheadTest, CannotBeObserved) {
     rux::test::writeFile(sandbox.database("RUXExceptRules.json"), R"([".*\\.private"])");
-    for (int round = 0; round < (RUX_SANITIZED ? 6 : 30); ++round) {
+    for (int round = 0; round < (RUX_SLOW_AND_LARGE ? 6 : 30); ++round) {
         files.clear();
         badFiles.clear();
         directories = {sandbox.tree(), sandbox.tree() + "/"};

@@ -20,4 +20,4 @@ install_packages() {
 }
 
 build_packages=(g++ cmake ninja-build libjsoncpp-dev libssl-dev libcli11-dev)
-test_packages=(libgtest-dev nlohmann-json3-dev python3 findutils coreutils)
+test_packages=(libgtest-dev nlohmann-json3-dev python3 findutils coreutils aidl checkpolicy m4)

@@ -33,6 +33,7 @@ namespace tavo::rux {
 namespace {
 
 using android::Parcel;
+using android::status_t;
 using android::binder::Status;
 
 /// A service whose methods note their names and answer with `status`.
@@ -69,11 +70,12 @@ class FakeService : public BnRux {
     }
 };
 
-Parcel request(bool withText) {
-    Parcel parcel;
-    parcel.writeInterfaceToken(android::String16("tavo.rux.IRux"));
-    if (withText) parcel.writeUtf8AsUtf16("x");
-    return parcel;
+/// A transaction whose request has the argument "x" or none.
+status_t transact(FakeService& service, uint32_t code, bool withText, Parcel* reply) {
+    Parcel request;
+    request.writeInterfaceToken(android::String16("tavo.rux.IRux"));
+    if (withText) request.writeUtf8AsUtf16("x");
+    return service.transact(code, request, reply);
 }
 
 TEST(BnRuxTest, CallsTheMethodOfEachCodeInsideItsTraceSection) {
@@ -95,7 +97,7 @@ TEST(BnRuxTest, CallsTheMethodOfEachCodeInsideItsTraceSection) {
     for (const auto& [code, called, method, replySize] : expected) {
         traced.clear();
         Parcel reply;
-        EXPECT_EQ(service->transact(code, request(code != 5 && code != 7), &reply), android::OK);
+        EXPECT_EQ(transact(*service, code, code != 5 && code != 7, &reply), android::OK);
         EXPECT_EQ(service->called, called);
         EXPECT_EQ(reply.dataSize(), replySize) << called;
         const std::string section = std::string("+AIDL::cpp::IRux::") + method + "::cppServer";
@@ -104,7 +106,7 @@ TEST(BnRuxTest, CallsTheMethodOfEachCodeInsideItsTraceSection) {
         // With an exception there is no result.
         service->status = Status::fromExceptionCode(-8, "no");
         Parcel refusal;
-        EXPECT_EQ(service->transact(code, request(code != 5 && code != 7), &refusal), android::OK);
+        EXPECT_EQ(transact(*service, code, code != 5 && code != 7, &refusal), android::OK);
         EXPECT_EQ(refusal.dataSize(), 4U + 4 + 8 + 4) << called;
         service->status = Status::ok();
     }
@@ -115,7 +117,7 @@ TEST(BnRuxTest, ClosesTheSectionWhenTheArgumentIsMissingAndOpensNoneForStrangers
     for (const uint32_t code : {1U, 2U, 3U, 4U, 6U}) {
         traced.clear();
         Parcel reply;
-        EXPECT_EQ(service->transact(code, request(false), &reply), android::OK);
+        EXPECT_EQ(transact(*service, code, false, &reply), android::OK);
         EXPECT_EQ(traced.size(), 2U);
         EXPECT_EQ(service->transact(code, Parcel(), &reply), android::BAD_TYPE);
         EXPECT_EQ(traced.size(), 2U);

@@ -76,7 +76,7 @@ class ClientsTest : public ServiceTest {
         const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(ruxctl({"call", "5"}).exit, 0);
         EXPECT_LT(std::chrono::steady_clock::now() - start,
-                  std::chrono::seconds(RUX_SANITIZED ? 10 : 1));
+                  std::chrono::seconds(RUX_SLOW_AND_LARGE ? 10 : 1));
     }
     size_t descriptors() const {
         const std::string names = run({"ls", "/proc/" + std::to_string(pid()) + "/fd"}).out;
@@ -98,7 +98,7 @@ TEST_F(ClientsTest, SilentAndHalfFinishedOnes) {
     const size_t descriptorsBefore = descriptors();
     const long memoryBefore = residentKib();
     // Twice what unfinished frames may take; sanitizers keep what has been freed for a while.
-    const long allowance = RUX_SANITIZED ? 8L << 20 : 128L << 10;
+    const long allowance = RUX_SLOW_AND_LARGE ? 8L << 20 : 128L << 10;
     {
         std::vector<UniqueFd> clients;
         for (int i = 0; i < 1000; ++i) {

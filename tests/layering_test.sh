@@ -5,7 +5,7 @@ set -u
 cd "${1:?usage: layering_test.sh SOURCE_DIR}" || exit 2
 
 platform_headers='android/log.h android-base/properties.h utils/Errors.h utils/RefBase.h
-utils/StrongPointer.h utils/String16.h binder/IBinder.h binder/Binder.h binder/IInterface.h
+utils/StrongPointer.h utils/String16.h utils/String8.h binder/IBinder.h binder/Binder.h binder/IInterface.h
 binder/Parcel.h binder/Status.h binder/Stability.h binder/Trace.h binder/IServiceManager.h
 binder/ProcessState.h binder/IPCThreadState.h tavo_f2fs_io.h'
 failures=0

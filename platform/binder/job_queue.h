@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <optional>
 
@@ -19,7 +20,7 @@ struct Job {
     uint32_t code;
     uint32_t flags;
     Caller caller;
-    Parcel request;
+    std::unique_ptr<Parcel> request;
 };
 
 class JobQueue {

@@ -127,9 +127,9 @@ status_t Parcel::readUtf8FromUtf16(std::string* text) const {
 
 binder::Status Parcel::enforceNoDataAvail() const {
     if (dataAvail() == 0) return binder::Status::ok();
-    return binder::Status::fromExceptionCode(binder::Status::EX_BAD_PARCELABLE,
-                                             "Parcel data not fully consumed, unread size: " +
-                                                     std::to_string(dataAvail()));
+    const std::string message =
+            "Parcel data not fully consumed, unread size: " + std::to_string(dataAvail());
+    return binder::Status::fromExceptionCode(binder::Status::EX_BAD_PARCELABLE, message.c_str());
 }
 
 }  // namespace android

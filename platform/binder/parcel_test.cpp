@@ -69,7 +69,7 @@ TEST(ParcelTest, CarriesStatusesWithTheirMessages) {
     binder::Status status;
     EXPECT_EQ(status.readFromParcel(parcel), OK);
     EXPECT_EQ(status.exceptionCode(), binder::Status::EX_NULL_POINTER);
-    EXPECT_EQ(status.exceptionMessage(), "m");
+    EXPECT_STREQ(status.exceptionMessage().c_str(), "m");
 }
 
 TEST(BinderTest, TheServiceObjectIsItsOwnInterface) {

@@ -84,6 +84,9 @@ class ServiceManager : public IServiceManager {
         if (!service->isAlive()) return nullptr;
         return service;
     }
+
+  protected:
+    IBinder* onAsBinder() override { return nullptr; }  // a directory, no object of a process
 };
 
 }  // namespace

@@ -86,10 +86,11 @@ void Transport::serve() {
         Caller& caller = currentCaller();
         const Caller self = caller;
         caller = job->caller;
-        Reply reply = {job->connection, (job->flags & IBinder::FLAG_ONEWAY) == 0, OK, {}};
-        reply.status = job->target->transact(job->code, job->request, &reply.parcel, job->flags);
+        Reply reply = {job->connection, (job->flags & IBinder::FLAG_ONEWAY) == 0, OK,
+                       std::make_unique<Parcel>()};
+        reply.status = job->target->transact(job->code, *job->request, reply.parcel.get(), job->flags);
         caller = self;
-        if (reply.status != OK) reply.parcel.setDataSize(0);
+        if (reply.status != OK) reply.parcel->setDataSize(0);
         job.reset();
         {
             const std::lock_guard lock(mMutex);
@@ -189,8 +190,8 @@ void Transport::onReadable(uint64_t id, Connection& connection) {
         case Connection::Progress::Done:
             break;
     }
-    Job job = {id, connection.target(), 0, 0, connection.caller(), {}};
-    const RequestHeader request = connection.takeRequest(&job.request);
+    Job job = {id, connection.target(), 0, 0, connection.caller(), std::make_unique<Parcel>()};
+    const RequestHeader request = connection.takeRequest(job.request.get());
     job.code = request.code;
     job.flags = request.flags;
     watch(id, connection);
@@ -221,7 +222,7 @@ void Transport::deliverReplies() {
         Connection& connection = *found->second;
         connection.lastActivity = mClock;
         if (reply.wanted) {
-            connection.startReply(reply.status, reply.parcel);
+            connection.startReply(reply.status, *reply.parcel);
             onWritable(reply.connection, connection);
             keepWithinBudget(reply.connection);
         } else {

@@ -34,7 +34,7 @@ class Transport {
         uint64_t connection;
         bool wanted;  // false after a one-way request
         status_t status;
-        Parcel parcel;
+        std::unique_ptr<Parcel> parcel;
     };
     struct Listener {
         UniqueFd socket;

@@ -8,7 +8,7 @@ extern "C" {
 #endif
 
 /// Priorities of a line, the platform's own numbers.
-enum {
+typedef enum android_LogPriority {
     ANDROID_LOG_UNKNOWN = 0,
     ANDROID_LOG_DEFAULT,
     ANDROID_LOG_VERBOSE,
@@ -18,7 +18,7 @@ enum {
     ANDROID_LOG_ERROR,
     ANDROID_LOG_FATAL,
     ANDROID_LOG_SILENT,
-};
+} android_LogPriority;
 
 /// Writes one line with priority `prio` under `tag`; a null tag stands for the program's short
 /// name.

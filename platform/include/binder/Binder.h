@@ -13,6 +13,8 @@ class BBinder : public IBinder {
     status_t transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags = 0) final;
 
   protected:
+    ~BBinder() override = default;
+
     /// Answers one transaction; the default knows none and returns `UNKNOWN_TRANSACTION`.
     virtual status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply,
                                 uint32_t flags = 0);

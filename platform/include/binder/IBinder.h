@@ -16,11 +16,15 @@ class Parcel;
 /// An object that takes transactions: the service's own, or a client's proxy for it.
 class IBinder : public virtual RefBase {
   public:
-    enum : uint32_t {
-        FIRST_CALL_TRANSACTION = 1,
+    enum {
+        FIRST_CALL_TRANSACTION = 0x00000001,
+        LAST_CALL_TRANSACTION = 0x00ffffff,
         /// The caller does not wait, and gets no reply.
-        FLAG_ONEWAY = 1,
+        FLAG_ONEWAY = 0x00000001,
     };
+
+    /// The interface that this object itself implements, when that is `descriptor`; null otherwise.
+    virtual sp<IInterface> queryLocalInterface(const String16& descriptor);
 
     virtual const String16& getInterfaceDescriptor() const = 0;
 
@@ -29,8 +33,8 @@ class IBinder : public virtual RefBase {
     virtual status_t transact(uint32_t code, const Parcel& data, Parcel* reply,
                               uint32_t flags = 0) = 0;
 
-    /// The interface that this object itself implements, when that is `descriptor`; null otherwise.
-    virtual sp<IInterface> queryLocalInterface(const String16& descriptor);
+  protected:
+    ~IBinder() override = default;
 };
 
 }  // namespace android

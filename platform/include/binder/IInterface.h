@@ -7,6 +7,8 @@ namespace android {
 
 class IInterface : public virtual RefBase {
   protected:
+    // Declared here, because it has the first place in the table of virtual functions.
+    ~IInterface() override = default;
     virtual IBinder* onAsBinder() = 0;
 };
 

@@ -1,13 +1,16 @@
 /// Where services register and clients find them.
 #pragma once
 
-#include "binder/IBinder.h"
+#include "binder/IInterface.h"
 
 namespace android {
 
-class IServiceManager : public virtual RefBase {
+class IServiceManager : public IInterface {
   public:
-    enum : int { DUMP_FLAG_PRIORITY_DEFAULT = 8 };
+    static const int DUMP_FLAG_PRIORITY_DEFAULT = 1 << 3;
+
+    /// A proxy for the service `name`, or null when no process serves it.
+    virtual sp<IBinder> checkService(const String16& name) const = 0;
 
     /// Registers `service` under `name`, reachable as soon as the call returns and served once the
     /// process has pool threads.
@@ -17,9 +20,6 @@ class IServiceManager : public virtual RefBase {
     virtual status_t addService(const String16& name, const sp<IBinder>& service,
                                 bool allowIsolated = false,
                                 int dumpsysFlags = DUMP_FLAG_PRIORITY_DEFAULT) = 0;
-
-    /// A proxy for the service `name`, or null when no process serves it.
-    virtual sp<IBinder> checkService(const String16& name) const = 0;
 };
 
 /// The one service manager of the device; on a host, the directory of sockets of this root.

@@ -22,6 +22,10 @@ class Status;
 
 class Parcel {
   public:
+    Parcel() = default;
+    Parcel(const Parcel&) = delete;
+    Parcel& operator=(const Parcel&) = delete;
+
     const uint8_t* data() const { return mData.data(); }
     size_t dataSize() const { return mData.size(); }
     /// Bytes between the read position and the end.

@@ -2,9 +2,9 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 
 #include "utils/Errors.h"
+#include "utils/String8.h"
 
 namespace android {
 
@@ -14,7 +14,7 @@ namespace binder {
 
 class Status final {
   public:
-    enum Exception : int32_t {
+    enum Exception {
         EX_NONE = 0,
         EX_BAD_PARCELABLE = -2,
         EX_NULL_POINTER = -4,
@@ -22,11 +22,12 @@ class Status final {
 
     static Status ok() { return {}; }
     static Status fromExceptionCode(int32_t exceptionCode);
-    static Status fromExceptionCode(int32_t exceptionCode, const std::string& message);
+    static Status fromExceptionCode(int32_t exceptionCode, const String8& message);
+    static Status fromExceptionCode(int32_t exceptionCode, const char* message);
 
     bool isOk() const { return mException == EX_NONE; }
     int32_t exceptionCode() const { return mException; }
-    const std::string& exceptionMessage() const { return mMessage; }
+    const String8& exceptionMessage() const { return mMessage; }
 
     /// The exception code and, when that is not 0, the message and a zero (no remote stack trace).
     status_t writeToParcel(Parcel* parcel) const;
@@ -37,7 +38,7 @@ class Status final {
 
   private:
     int32_t mException = EX_NONE;
-    std::string mMessage;
+    String8 mMessage;
 };
 
 }  // namespace binder

@@ -8,7 +8,7 @@ namespace android {
 
 using status_t = int32_t;
 
-enum : status_t {
+enum {
     OK = 0,
     UNKNOWN_ERROR = INT32_MIN,
     BAD_TYPE = INT32_MIN + 1,

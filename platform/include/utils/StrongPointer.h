@@ -9,7 +9,6 @@ template <typename T>
 class sp {
   public:
     sp() = default;
-    sp(std::nullptr_t) {}  // NOLINT(google-explicit-constructor): null is a reference to nothing
     sp(T* object) : mObject(object) {  // NOLINT(google-explicit-constructor): as on the platform
         if (mObject != nullptr) mObject->incStrong(this);
     }
