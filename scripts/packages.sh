@@ -9,14 +9,21 @@ install_packages() {
     done
     [ ${#missing[@]} -eq 0 ] && return 0
     echo "Installing Debian packages: ${missing[*]}"
-    local become=()
-    if [ "$(id -u)" -ne 0 ]; then
-        command -v sudo >/dev/null || { echo "root or sudo is needed to install them" >&2; return 1; }
-        become=(sudo)
-    fi
-    "${become[@]}" apt-get update -qq &&
-        "${become[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq \
+    as_root apt-get update -qq &&
+        as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq \
             --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# as_root COMMAND...
+as_root() {
+    if [ "$(id -u)" -eq 0 ]; then
+        "$@"
+    elif command -v sudo >/dev/null; then
+        sudo "$@"
+    else
+        echo "root or sudo is needed for: $*" >&2
+        return 1
+    fi
 }
 
 build_packages=(g++ cmake ninja-build libjsoncpp-dev libssl-dev libcli11-dev)

@@ -121,7 +121,7 @@ TEST_F(BusyFlagsTest, OneOfManyIsAdmitted) {
         for (int i = 0; i < kClients; ++i) {
             const LongOperation& operation = operations[static_cast<size_t>(round + i) % 3];
             clients.emplace_back([&, this] {
-                call(operation.code, operation.request);
+                transact(operation.code, operation.request);
                 ++answered;
             });
         }

@@ -161,6 +161,7 @@ std::vector<std::string> md5sumsBelow(const std::string& directory) {
 }
 
 void ServiceTest::start(std::vector<std::string> prefix) {
+    setenv("RUX_ROOT", sandbox.root().c_str(), 1);  // for `transact`
     prefix.emplace_back(RUX_BINARY);
     const int log = open(mLog.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
@@ -195,7 +196,6 @@ std::string ServiceTest::call(int code, const std::string& request) const {
 }
 
 void ServiceTest::transact(int code, const Json& request) const {
-    setenv("RUX_ROOT", sandbox.root().c_str(), 1);
     const auto service =
             android::defaultServiceManager()->checkService(android::String16("RuxNativeService"));
     ASSERT_TRUE(service != nullptr);
