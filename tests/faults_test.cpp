@@ -209,7 +209,7 @@ class UnprivilegedTest : public ServiceTest {
         const std::vector<std::string> user = {"setpriv", "--reuid=12345", "--regid=12345",
                                                "--clear-groups"};
         auto probe = user;
-        probe.insert(probe.end(), {"test", "-x", RUX_BINARY});
+        probe.insert(probe.end(), {"test", "-x", ruxBinary()});
         if (geteuid() != 0 || run(probe).exit != 0) GTEST_SKIP() << "needs root";
         EXPECT_EQ(run({"chown", "-R", "12345:12345", sandbox.root() + "/.."}).exit, 0);
         start(user);

@@ -1,5 +1,6 @@
 // Restores: linked files get data of their own again.
 
+#include <linux/limits.h>
 #include <sys/xattr.h>
 
 #include <fcntl.h>
@@ -64,6 +65,23 @@ TEST_F(RestoreTest, GivesEveryFileOfASelectedGroupItsOwnData) {
     EXPECT_EQ(restore({".*"}, Json::array()), "0\n");
     scanTree();  // restored groups are not formed again
     EXPECT_EQ(database("RUXCheckNoCompress.json"), Json::object());
+}
+
+TEST_F(RestoreTest, PathsOfTheGreatestLengthGoTheWholeRoad) {
+    std::string deep = "deep";
+    while (sandbox.path(deep).size() < 3850) deep += "/" + std::string(150, 'd');
+    const size_t left = PATH_MAX - 1 - sandbox.path(deep).size() - 1;
+    const std::string first = sandbox.write(deep + "/" + std::string(left - 1, '1'), "equal");
+    const std::string second = sandbox.write(deep + "/" + std::string(left, '2'), "equal");
+    ASSERT_EQ(second.size(), PATH_MAX - 1U);
+    scanTree();
+    const Json listed = Json::parse(call(2, rule("s", {".*"}, Json::array())));
+    EXPECT_EQ(listed["s"]["fileCount"], 2);
+    EXPECT_EQ(call(3, Json::array({"s"})), "1,5");
+    EXPECT_EQ(inodeOf(first), inodeOf(second));
+    EXPECT_EQ(restore({".*/2+"}, Json::array()), "5\n");
+    EXPECT_NE(inodeOf(first), inodeOf(second));
+    EXPECT_EQ(readFile(first) + readFile(second), "equalequal");
 }
 
 TEST_F(RestoreTest, SelectsByPatternAndFragment) {

@@ -146,7 +146,7 @@ TEST_F(StartUpTest, LogsOneLineAndTouchesNothing) {
 }
 
 TEST_F(StartUpTest, EndsWithStatus255WhenTheNameIsTaken) {
-    const Outcome second = run({RUX_BINARY}, sandbox.root());
+    const Outcome second = run({ruxBinary()}, sandbox.root());
     EXPECT_EQ(second.exit, 255);
     EXPECT_NE(second.err.find(" E rux     : main:"), std::string::npos) << second.err;
     EXPECT_NE(second.err.find(": Couldn't register rux binder service!\n"), std::string::npos);
@@ -161,7 +161,7 @@ TEST_F(StartUpTest, EndsWithStatus255WhenTheNameIsTaken) {
 TEST_F(StartUpTest, EndsWithStatus255WhenTheRunDirectoryCannotBeHad) {
     Sandbox other;
     writeFile(other.root() + "/run", "a file where a directory should be");
-    EXPECT_EQ(run({RUX_BINARY}, other.root()).exit, 255);
+    EXPECT_EQ(run({ruxBinary()}, other.root()).exit, 255);
 }
 
 }  // namespace

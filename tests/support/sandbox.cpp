@@ -79,6 +79,11 @@ int exitOf(int status) {
 
 }  // namespace
 
+const char* ruxBinary() {
+    const char* other = getenv("RUX_TEST_BINARY");
+    return other != nullptr ? other : RUX_BINARY;
+}
+
 Outcome run(const std::vector<std::string>& command, const std::string& root,
             const std::string& input) {
     const int in = temporaryFile(input);
@@ -162,7 +167,7 @@ std::vector<std::string> md5sumsBelow(const std::string& directory) {
 
 void ServiceTest::start(std::vector<std::string> prefix) {
     setenv("RUX_ROOT", sandbox.root().c_str(), 1);  // for `transact`
-    prefix.emplace_back(RUX_BINARY);
+    prefix.emplace_back(ruxBinary());
     const int log = open(mLog.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
     mPid = spawn(prefix, sandbox.root(), null, null, log);

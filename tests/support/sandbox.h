@@ -26,6 +26,9 @@ struct Outcome {
     std::string err;
 };
 
+/// The service's program: this build's, or the one that RUX_TEST_BINARY names.
+const char* ruxBinary();
+
 /// Runs a program to its end with `RUX_ROOT` set to `root`.
 Outcome run(const std::vector<std::string>& command, const std::string& root = "",
             const std::string& input = "");
