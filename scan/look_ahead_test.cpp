@@ -59,7 +59,7 @@ std::string formatted(const char* fmt, va_list args) {
     return text;
 }
 
-std::set<ino_t> badFiles;  // their content cannot be read
+std::set<ino_t> badFiles;                   // their content cannot be read
 std::chrono::milliseconds firstReading{0};  // how long it takes
 size_t readMeanwhile = 0;                   // files, the first one included
 

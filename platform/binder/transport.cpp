@@ -88,7 +88,8 @@ void Transport::serve() {
         caller = job->caller;
         Reply reply = {job->connection, (job->flags & IBinder::FLAG_ONEWAY) == 0, OK,
                        std::make_unique<Parcel>()};
-        reply.status = job->target->transact(job->code, *job->request, reply.parcel.get(), job->flags);
+        reply.status =
+                job->target->transact(job->code, *job->request, reply.parcel.get(), job->flags);
         caller = self;
         if (reply.status != OK) reply.parcel->setDataSize(0);
         job.reset();
