@@ -1,5 +1,6 @@
 """Running programs, and the service, with a clock."""
 
+import json
 import os
 import shutil
 import statistics
@@ -71,12 +72,23 @@ class Service:
                 return int(line.split()[1]) / 1024
         raise RuntimeError(f"no {which}")
 
-    def client(self, *arguments):
+    def call(self, code, request):
         """One whole client call, with what the service spends on it."""
         before = self.processor_seconds()
-        command = [str(self.build / "ruxctl"), *map(str, arguments)]
-        run = timed(command, env=self.environment)
+        run = timed([str(self.build / "ruxctl"), "call", str(code), json.dumps(request)], env=self.environment)
         return Run(run.wall, run.cpu + self.processor_seconds() - before, self.memory_mib())
+
+    def scan(self, directory, space="s"):
+        return self.call(1, [{"sid": space, "regs": [".*"], "dirs": [str(directory)]}])
+
+    def list(self):
+        return self.call(2, [{"sid": "s", "regs": [".*"], "dirs": []}])
+
+    def compress(self):
+        return self.call(3, ["s"])
+
+    def restore(self):
+        return self.call(4, [{"sid": "s", "regs": [".*"]}])
 
 
 def median_of(runs):

@@ -12,7 +12,14 @@
 namespace ruxctl {
 
 /// Exit statuses of the program.
-enum Exit : int { kDone = 0, kFailed = 1, kUsage = 2, kNoService = 3 };
+enum Exit : int {
+    kDone = 0,
+    kFailed = 1,
+    kUsage = 2,
+    kNoService = 3,
+    kBusy = 4,          ///< refused, because another operation is running
+    kInterrupted = 130  ///< ended early, as Ctrl-C asked
+};
 
 /// The service's transactions.
 enum Code : uint32_t {

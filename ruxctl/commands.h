@@ -1,5 +1,5 @@
 /// What the program's subcommands do. Each returns an exit status and says on standard error what
-/// went wrong.
+/// went wrong and what to do about it.
 #pragma once
 
 #include <cstdint>
@@ -12,9 +12,51 @@ namespace ruxctl {
 /// A space, the patterns of the paths that are meant, and the places to look at.
 struct SpaceQuery {
     std::string spaceId;
-    std::vector<std::string> patterns;
+    std::vector<std::string> patterns = {".*"};
     std::vector<std::string> places;
 };
+
+int scan(const SpaceQuery& query);
+
+struct ListOptions {
+    std::vector<std::string> spaceIds;  ///< none: all
+    std::vector<std::string> patterns = {".*"};
+    bool json = false;
+    bool bytes = false;  ///< exact numbers in place of human ones
+};
+int list(const ListOptions& options);
+
+struct GroupsOptions {
+    std::vector<std::string> spaceIds;  ///< none: all
+    std::string sort = "size";          ///< or "count"
+    size_t top = 0;                     ///< 0: all
+    std::string format = "text";        ///< "json", "csv", "null"
+};
+int groups(const GroupsOptions& options);
+
+struct CompressOptions {
+    std::vector<std::string> spaceIds;
+    bool yes = false;
+    bool dryRun = false;
+};
+int compress(const CompressOptions& options);
+
+struct RestoreOptions {
+    SpaceQuery query;
+    bool yes = false;
+};
+int restore(const RestoreOptions& options);
+
+int showExceptRules();
+/// Sets the patterns, or adds them to those that are set.
+int setExceptRules(std::vector<std::string> patterns, bool add);
+/// Says which of the paths a pattern matches; of all recorded ones when none are given.
+int checkExceptRule(const std::string& pattern, const std::vector<std::string>& paths);
+
+int status();
+
+/// Sets the stop property of `operation` ("scan", "list" or "compress").
+int stop(const std::string& operation);
 
 /// One transaction with a string (or none), its result printed as it comes.
 int callText(uint32_t code, const std::optional<std::string>& request);
@@ -23,14 +65,5 @@ int callHex(uint32_t code, const std::string& hex);
 
 int getProperty(const std::string& name);
 int setProperty(const std::string& name, const std::string& value);
-
-int scan(const SpaceQuery& query);
-int list(const SpaceQuery& query);
-int compress(const std::vector<std::string>& spaceIds);
-int restore(const SpaceQuery& query);
-int setExceptRules(const std::vector<std::string>& patterns);
-
-/// Sets the stop property of `operation` ("scan", "list" or "compress").
-int stop(const std::string& operation);
 
 }  // namespace ruxctl

@@ -27,4 +27,4 @@ as_root() {
 }
 
 build_packages=(g++ cmake ninja-build libjsoncpp-dev libssl-dev libcli11-dev)
-test_packages=(libgtest-dev nlohmann-json3-dev python3 findutils coreutils aidl checkpolicy m4)
+test_packages=(libgtest-dev nlohmann-json3-dev python3 findutils coreutils aidl checkpolicy m4 man-db)

@@ -47,7 +47,7 @@ echo "The service runs (process $service, RUX_ROOT=$RUX_ROOT)"
 if [ -n "$target" ]; then
     echo "Scanning $target"
     ruxctl scan --space show "$target"
-    ruxctl list --space show "$target"
+    ruxctl list
     exit 0
 fi
 
@@ -78,12 +78,12 @@ digests >"$base/before"
 
 echo "Scan, and list the duplicates"
 ruxctl scan --space show "$tree"
-ruxctl list --space show
+ruxctl list
 echo "Compression: one file of each group is kept, the others become links to it"
-ruxctl compress show
+ruxctl compress --yes show
 echo "  $(disk_use) KiB"
 digests | cmp - "$base/before" && echo "  every path has the content it had"
 echo "Restore: every file has data of its own again"
-ruxctl restore --space show
+ruxctl restore --yes --space show
 echo "  $(disk_use) KiB, $(find "$tree" -type f -links +1 | wc -l) linked files"
 digests | cmp - "$base/before" && echo "  every path has the content it had"

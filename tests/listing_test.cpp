@@ -149,7 +149,9 @@ TEST_F(ListingTest, ComesInPages) {
 
     // The client puts pages together, its own after what somebody else has left.
     call(2, rules);
-    EXPECT_EQ(ruxctl({"list", "--space", "s"}).out, "s: 0 groups, 0 files, 0 bytes to give back\n");
+    EXPECT_EQ(ruxctl({"list", "--space", "s", "--json"}).out,
+              "{\"spaces\":[{\"bytes\":0,\"files\":0,\"groups\":0,\"space\":\"s\"}],"
+              "\"total\":{\"bytes\":0,\"files\":0,\"groups\":0}}\n");
 }
 
 }  // namespace

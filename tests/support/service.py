@@ -1,5 +1,6 @@
 """A service process in a root of its own, and a client for it that shares no code with the project."""
 
+import json
 import os
 import re
 import shutil
@@ -67,7 +68,7 @@ class Service:
 
     def connect(self):
         connection = socket.socket(socket.AF_UNIX)
-#Through a descriptor : the path may be longer than an address.
+        # Through a descriptor: the path may be longer than an address.
         directory = os.open(self.root + "/run/rux", os.O_PATH)
         try:
             connection.connect(f"/proc/self/fd/{directory}/RuxNativeService.sock")
@@ -105,8 +106,8 @@ class Service:
             return reply[8:8 + 2 * count].decode("utf-16-le")
         return struct.unpack_from("<q", reply, 4)[0] if code == RESTORE else None
 
-    def rule(self):
-        return f'[{{"sid":"s","regs":[".*"],"dirs":["{self.tree}"]}}]'
+    def rule(self, space="s", regs=(".*",), dirs=None):
+        return json.dumps([{"sid": space, "regs": list(regs), "dirs": dirs or [self.tree]}])
 
     def scan(self):
         self.call(SCAN, self.rule())

@@ -1,0 +1,249 @@
+#include "ruxctl/command_line.h"
+
+#include <CLI/CLI.hpp>
+#include <functional>
+
+#include "ruxctl/client.h"
+#include "ruxctl/commands.h"
+#include "ruxctl/completion.h"
+#include "ruxctl/manual.h"
+
+namespace ruxctl {
+namespace {
+
+/// The command line under construction: each function adds a subcommand, and the one that is met
+/// sets `action`.
+class CommandLine {
+  public:
+    CommandLine() {
+        mApp.require_subcommand(1);
+        mApp.footer(kExitStatuses);
+        addScan();
+        addList();
+        addGroups();
+        addCompress();
+        addRestore();
+        addExcept();
+        addStatus();
+        addStop();
+        addProperties();
+        addCall();
+        addGenerated();
+    }
+
+    int run(int argc, char** argv) {
+        try {
+            mApp.parse(argc, argv);
+        } catch (const CLI::ParseError& error) {
+            return mApp.exit(error) == 0 ? kDone : kUsage;
+        }
+        return mAction();
+    }
+
+  private:
+    static constexpr char kExitStatuses[] =
+            "Exit status: 0 done, 1 failed, 2 wrong usage, 3 no service answers, 4 refused because "
+            "another\noperation runs, 130 stopped by Ctrl-C. RUX_ROOT names the root whose service "
+            "is meant.";
+
+    CLI::App* add(const char* name, const char* description, const char* examples) {
+        CLI::App* command = mApp.add_subcommand(name, description);
+        command->footer(*examples != '\0' ? std::string("Examples:\n") + examples : "");
+        return command;
+    }
+    void does(CLI::App* command, std::function<int()> action) {
+        command->callback([this, action = std::move(action)] { mAction = action; });
+    }
+    static void addSpace(CLI::App* command, std::string& spaceId) {
+        command->add_option("--space", spaceId, "The space: the name of a database")
+                ->type_name("NAME")
+                ->required();
+    }
+    static void addSpaces(CLI::App* command, std::vector<std::string>& spaceIds) {
+        command->add_option("--space", spaceIds, "Only this space; may be repeated")
+                ->type_name("NAME")
+                ->allow_extra_args(false);
+    }
+    static CLI::Option* addMatch(CLI::App* command, std::vector<std::string>& patterns) {
+        return command
+                ->add_option("--match", patterns,
+                             "Regular expression (ECMAScript) of whole paths; may be repeated")
+                ->type_name("REGEX")
+                ->allow_extra_args(false)
+                ->default_str(".*");
+    }
+
+    void addScan() {
+        CLI::App* command =
+                add("scan", "Record the files below directories, with a digest of each",
+                    "  ruxctl scan --space photos ~/Pictures\n"
+                    "  ruxctl scan --space music --match '.*\\.(flac|mp3)' /srv/music ~/Music");
+        addSpace(command, mQuery.spaceId);
+        addMatch(command, mQuery.patterns);
+        command->add_option("DIR", mQuery.places, "Directories or files")->required();
+        does(command, [this] { return scan(mQuery); });
+    }
+
+    void addList() {
+        CLI::App* command = add("list", "Count duplicates, after a look at each file",
+                                "  ruxctl list\n"
+                                "  ruxctl list --space photos --json");
+        addSpaces(command, mList.spaceIds);
+        addMatch(command, mList.patterns);
+        command->add_flag("--json", mList.json, "Print JSON");
+        command->add_flag("--bytes", mList.bytes, "Print exact numbers");
+        does(command, [this] { return list(mList); });
+    }
+
+    void addGroups() {
+        CLI::App* command =
+                add("groups", "Show the groups of equal files and what became of each file",
+                    "  ruxctl groups --space photos --top 10\n"
+                    "  ruxctl groups --csv > duplicates.csv");
+        addSpaces(command, mGroups.spaceIds);
+        command->add_option("--sort", mGroups.sort, "By reclaimable size or number of files")
+                ->type_name("ORDER")
+                ->check(CLI::IsMember({"size", "count"}));
+        command->add_option("--top", mGroups.top, "Only so many")->type_name("N");
+        const std::pair<const char*, const char*> formats[] =
+                {{"json", "Print JSON"},
+                 {"csv", "Print comma-separated values"},
+                 {"null", "Print paths, each ended by a zero byte, each group by another"}};
+        for (const auto& [format, description] : formats) {
+            command->add_flag_callback(
+                    std::string("--") + format, [this, name = format] { mGroups.format = name; },
+                    description);
+        }
+        does(command, [this] { return groups(mGroups); });
+    }
+
+    void addCompress() {
+        CLI::App* command =
+                add("compress", "Link the duplicates of spaces: one file of each group is kept",
+                    "  ruxctl compress --dry-run photos\n"
+                    "  ruxctl compress photos");
+        command->add_option("NAME", mCompress.spaceIds, "Spaces")->required();
+        command->add_flag("-y,--yes", mCompress.yes, "Do not ask");
+        command->add_flag("-n,--dry-run", mCompress.dryRun, "Print what would be linked");
+        does(command, [this] { return compress(mCompress); });
+    }
+
+    void addRestore() {
+        CLI::App* command =
+                add("restore", "Give linked files data of their own again",
+                    "  ruxctl restore --space photos\n"
+                    "  ruxctl restore --space photos --match '.*\\.raw' --under /2024/");
+        addSpace(command, mRestore.query.spaceId);
+        addMatch(command, mRestore.query.patterns)->allow_extra_args(true);
+        command->add_option("--under", mRestore.query.places,
+                            "Only groups with a path that contains this text; may be repeated")
+                ->type_name("TEXT")
+                ->allow_extra_args(false);
+        command->add_flag("-y,--yes", mRestore.yes, "Do not ask, and go on without enough room");
+        does(command, [this] { return restore(mRestore); });
+    }
+
+    void addExcept() {
+        CLI::App* command = add("except", "Patterns of files that scans leave alone",
+                                "  ruxctl except check '.*/\\.git/.*' ~/src/project/.git/config\n"
+                                "  ruxctl except add '.*/\\.git/.*'\n"
+                                "  ruxctl except show");
+        command->require_subcommand(1);
+        const auto addPart = [command](const char* name, const char* description) {
+            return command->add_subcommand(name, description)->footer("");
+        };
+        does(addPart("show", "Print the patterns"), showExceptRules);
+        const auto addSetter = [&](const char* name, const char* description, bool adds) {
+            CLI::App* setter = addPart(name, description);
+            setter->add_option("REGEX", mPatterns, "Regular expressions of whole paths")
+                    ->required();
+            does(setter, [this, adds] { return setExceptRules(mPatterns, adds); });
+        };
+        addSetter("add", "Add patterns to those that are set", true);
+        addSetter("set", "Set these patterns and no others", false);
+        CLI::App* check = addPart("check", "Try a pattern before it is set; changes nothing");
+        check->add_option("REGEX", mPattern)->required();
+        check->add_option("PATH", mPaths, "What to try it on (all recorded files)");
+        does(check, [this] { return checkExceptRule(mPattern, mPaths); });
+    }
+
+    void addStatus() {
+        does(add("status", "Say whether the service is up, what runs, and which spaces there are",
+                 ""),
+             status);
+    }
+
+    void addStop() {
+        CLI::App* command = add("stop", "End a running operation early; what was done stays",
+                                "  ruxctl stop scan");
+        command->add_option("OPERATION", mName, "scan, list or compress")
+                ->required()
+                ->check(CLI::IsMember({"scan", "list", "compress"}));
+        does(command, [this] { return stop(mName); });
+    }
+
+    void addProperties() {
+        CLI::App* get = add("getprop", "Print a system property",
+                            "  ruxctl getprop sys.ruxservice.compress.prog");
+        get->add_option("NAME", mName)->required();
+        does(get, [this] { return getProperty(mName); });
+        CLI::App* set = add("setprop", "Set a system property",
+                            "  ruxctl setprop sys.ruxservice.enablelog.ctrl true");
+        set->add_option("NAME", mName)->required();
+        set->add_option("VALUE", mValue)->required();
+        does(set, [this] { return setProperty(mName, mValue); });
+    }
+
+    void addCall() {
+        CLI::App* command = add("call", "Send one transaction and print its result",
+                                "  ruxctl call 3 '[\"photos\"]'\n"
+                                "  ruxctl call 5");
+        command->add_option("CODE", mCode, "Transaction code")->required();
+        CLI::Option* text =
+                command->add_option("REQUEST", mValue, "Request text; - reads standard input");
+        CLI::Option* hex = command->add_option("--hex", mHex,
+                                               "Request parcel in hexadecimal; - reads standard "
+                                               "input")
+                                   ->type_name("BYTES")
+                                   ->excludes(text);
+        does(command, [this, text, hex] {
+            if (hex->count() > 0) return callHex(mCode, mHex);
+            if (text->count() > 0) return callText(mCode, mValue);
+            return callText(mCode, std::nullopt);
+        });
+    }
+
+    void addGenerated() {
+        CLI::App* command = mApp.add_subcommand("manual", "Print a manual page's source");
+        command->group("");  // for the build, not for people
+        command->add_option("PROGRAM", mName)->required()->check(CLI::IsMember({"rux", "ruxctl"}));
+        does(command, [this] { return printManual(mName, mApp); });
+        command = mApp.add_subcommand("completion", "Print a shell's completion script");
+        command->group("");
+        command->add_option("SHELL", mName)->required()->check(CLI::IsMember({"bash", "zsh"}));
+        does(command, [this] { return printCompletion(mName, mApp); });
+    }
+
+    CLI::App mApp{"Finds files of identical content, links them, and takes that back.", "ruxctl"};
+    std::function<int()> mAction;
+    SpaceQuery mQuery;
+    ListOptions mList;
+    GroupsOptions mGroups;
+    CompressOptions mCompress;
+    RestoreOptions mRestore;
+    std::vector<std::string> mPatterns;
+    std::vector<std::string> mPaths;
+    std::string mPattern;
+    std::string mName;
+    std::string mValue;
+    std::string mHex;
+    uint32_t mCode = 0;
+};
+
+}  // namespace
+
+int runCommandLine(int argc, char** argv) {
+    return CommandLine().run(argc, argv);
+}
+
+}  // namespace ruxctl

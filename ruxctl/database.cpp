@@ -1,0 +1,240 @@
+#include "ruxctl/database.h"
+
+#include <json/json.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+#include "db/database_root.h"
+
+namespace ruxctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kRecords[] = "RUXFileInfo.json";
+constexpr char kToCompress[] = "RUXCheckNoCompress.json";
+constexpr char kCompressed[] = "RUXCheckACompress.json";
+constexpr char kModified[] = "RUXModifyFileInfo.json";
+// One of each record and of each group. Quotes inside of strings are escaped, so in the text these
+// stand for members alone, and counting them needs no parser.
+constexpr std::string_view kDigestMember = "\"is_md5\":";
+constexpr std::string_view kListMember = "\"f_list\":";
+
+std::string pathOf(const std::string& spaceId, const char* file) {
+    return rux::databaseRoot() + spaceId + "/" + file;
+}
+
+/// The text of a file; empty when there is none.
+std::string textOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+Json::Value read(const std::string& path, Json::ValueType type) {
+    const std::string text = textOf(path);
+    Json::Value value;
+    if (text.empty()) return Json::Value(type);
+    if (!Json::Reader().parse(text, value, false) || value.type() != type)
+        throw std::runtime_error(path + " is damaged; remove the space's directory and scan again");
+    return value;
+}
+
+int64_t numberOf(const Json::Value& object, const char* name) {
+    const Json::Value& number = object[name];
+    return number.isInt64() ? number.asInt64() : 0;
+}
+
+Member lookedUp(const std::string& path, int64_t fileBytes, const Json::Value& record) {
+    Member member;
+    member.path = path;
+    struct stat st = {};
+    if (stat(path.c_str(), &st) != 0) return member;
+    const bool isNewer = record.isObject() && record["s_time"].isInt64() &&
+                         record["s_time"].asInt64() != st.st_mtime;
+    const bool isSame = S_ISREG(st.st_mode) && st.st_size == fileBytes && !isNewer;
+    member.state = isSame ? State::There : State::Changed;
+    member.device = st.st_dev;
+    member.inode = st.st_ino;
+    return member;
+}
+
+bool isPresent(const Member& member) {
+    return member.state == State::There || member.state == State::Linked;
+}
+
+void markLinked(std::vector<Member>& members) {
+    std::set<std::pair<dev_t, ino_t>> once;
+    std::set<std::pair<dev_t, ino_t>> again;
+    for (const Member& member : members) {
+        const std::pair file{member.device, member.inode};
+        if (isPresent(member) && !once.insert(file).second) again.insert(file);
+    }
+    for (Member& member : members) {
+        if (isPresent(member) && again.count({member.device, member.inode}) != 0)
+            member.state = State::Linked;
+    }
+}
+
+void addGroups(const std::string& spaceId, bool compressed, const Json::Value& records,
+               std::vector<Group>& groups) {
+    const Json::Value all =
+            read(pathOf(spaceId, compressed ? kCompressed : kToCompress), Json::objectValue);
+    for (auto entry = all.begin(); entry != all.end(); ++entry) {
+        const Json::Value& paths = entry->isObject() ? (*entry)["f_list"] : *entry;
+        if (!entry->isObject() || !paths.isArray() || paths.size() < 2) continue;
+        Group group;
+        group.spaceId = spaceId;
+        group.digest = entry.name();
+        group.fileBytes = numberOf(*entry, "f_size");
+        group.compressed = compressed;
+        for (const Json::Value& path : paths) {
+            if (!path.isString()) continue;
+            // A link has the time of the file that was kept, not the recorded one of its own.
+            const Json::Value& record =
+                    compressed ? Json::Value::nullSingleton() : records[path.asString()];
+            group.members.push_back(lookedUp(path.asString(), group.fileBytes, record));
+        }
+        markLinked(group.members);
+        groups.push_back(std::move(group));
+    }
+}
+
+int64_t countOf(std::string_view text, std::string_view part) {
+    int64_t count = 0;
+    for (size_t at = text.find(part); at != std::string_view::npos; at = text.find(part, at + 1))
+        ++count;
+    return count;
+}
+
+}  // namespace
+
+std::vector<Space> spaces() {
+    std::vector<Space> found;
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator(rux::databaseRoot(), error)) {
+        Space space;
+        space.id = entry.path().filename();
+        bool any = false;
+        for (const char* file : {kRecords, kToCompress, kCompressed, kModified}) {
+            struct stat st = {};
+            if (stat(pathOf(space.id, file).c_str(), &st) != 0) continue;
+            any = true;
+            space.bytes += st.st_size;
+            space.changed = std::max(space.changed, st.st_mtime);
+        }
+        if (!any) continue;
+        space.files = recordCount(space.id);
+        space.toCompress = countOf(textOf(pathOf(space.id, kToCompress)), kListMember);
+        space.compressed = countOf(textOf(pathOf(space.id, kCompressed)), kListMember);
+        found.push_back(space);
+    }
+    std::sort(found.begin(), found.end(),
+              [](const Space& a, const Space& b) { return a.id < b.id; });
+    return found;
+}
+
+bool exists(const std::string& spaceId) {
+    return fs::is_directory(rux::databaseRoot() + spaceId);
+}
+
+int64_t recordCount(const std::string& spaceId) {
+    return countOf(textOf(pathOf(spaceId, kRecords)), kDigestMember);
+}
+
+std::vector<std::string> recordedPaths(const std::string& spaceId) {
+    return read(pathOf(spaceId, kRecords), Json::objectValue).getMemberNames();
+}
+
+const char* nameOf(State state) {
+    switch (state) {
+        case State::There:
+            return "there";
+        case State::Linked:
+            return "linked";
+        case State::Changed:
+            return "changed";
+        case State::Gone:
+            break;
+    }
+    return "gone";
+}
+
+int64_t Group::present() const {
+    return std::count_if(members.begin(), members.end(), isPresent);
+}
+
+int64_t Group::files() const {
+    std::set<std::pair<dev_t, ino_t>> different;
+    for (const Member& member : members) {
+        if (isPresent(member)) different.insert({member.device, member.inode});
+    }
+    return static_cast<int64_t>(different.size());
+}
+
+int64_t Group::reclaimable() const {
+    return std::max<int64_t>(files() - 1, 0) * fileBytes;
+}
+
+int64_t Group::given() const {
+    return (present() - files()) * fileBytes;
+}
+
+std::vector<Group> groupsOf(const std::string& spaceId, Which which) {
+    std::vector<Group> groups;
+    if (which != Which::Compressed) {
+        addGroups(spaceId, false, read(pathOf(spaceId, kRecords), Json::objectValue), groups);
+    }
+    if (which != Which::ToCompress) addGroups(spaceId, true, {}, groups);
+    return groups;
+}
+
+DiskUse diskUse(const std::vector<Group>& groups) {
+    DiskUse use;
+    for (const Group& group : groups) {
+        for (const Member& member : group.members) {
+            struct stat st = {};
+            if (lstat(member.path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+            FileUse& file = use[{st.st_dev, st.st_ino}];
+            file.allocated = int64_t{st.st_blocks} * 512;
+            file.links = static_cast<int64_t>(st.st_nlink);
+            ++file.names;
+        }
+    }
+    return use;
+}
+
+int64_t givenBack(const DiskUse& before, const DiskUse& after) {
+    int64_t bytes = 0;
+    for (const auto& [file, use] : before) {
+        if (after.count(file) == 0 && use.links <= use.names) bytes += use.allocated;
+    }
+    return bytes;
+}
+
+int64_t takenUpByRestore(const DiskUse& use) {
+    int64_t bytes = 0;
+    for (const auto& [file, name] : use) {
+        // The last of its names keeps the file, unless it has others elsewhere. A name that is
+        // reached by two paths is still one.
+        bytes += name.allocated * (name.links > name.names ? name.names : name.links - 1);
+    }
+    return bytes;
+}
+
+std::vector<std::string> exceptionRules() {
+    std::vector<std::string> rules;
+    const Json::Value value = read(rux::databaseRoot() + "RUXExceptRules.json", Json::arrayValue);
+    for (const Json::Value& rule : value) {
+        if (rule.isString()) rules.push_back(rule.asString());
+    }
+    return rules;
+}
+
+}  // namespace ruxctl

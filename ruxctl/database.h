@@ -1,0 +1,91 @@
+/// The spaces as their database files show them, and the files that these name as they are now.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <ctime>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace ruxctl {
+
+/// A space, as its database files show it from outside.
+struct Space {
+    std::string id;
+    int64_t files = 0;       ///< that have records
+    int64_t toCompress = 0;  ///< groups that may be linked, those of a single file included
+    int64_t compressed = 0;  ///< groups that have been linked
+    int64_t bytes = 0;       ///< of the database files
+    time_t changed = 0;      ///< when the last of them was written
+};
+
+/// All spaces that have been scanned, by name.
+std::vector<Space> spaces();
+/// Whether the space has a directory.
+bool exists(const std::string& spaceId);
+
+/// How many files a space has records of.
+int64_t recordCount(const std::string& spaceId);
+/// Their paths.
+std::vector<std::string> recordedPaths(const std::string& spaceId);
+
+/// What a path of a group leads to.
+enum class State {
+    There,    ///< a file of its own, as it was scanned
+    Linked,   ///< the same file as another path of the group
+    Changed,  ///< of another size or time, or no file
+    Gone,     ///< nothing
+};
+const char* nameOf(State state);
+
+struct Member {
+    std::string path;
+    State state = State::Gone;
+    dev_t device = 0;
+    ino_t inode = 0;
+};
+
+/// Files of identical content.
+struct Group {
+    std::string spaceId;
+    std::string digest;
+    int64_t fileBytes = 0;
+    bool compressed = false;  ///< whether the service has linked it
+    std::vector<Member> members;
+
+    /// Members that are there or linked.
+    int64_t present() const;
+    /// Different files among them.
+    int64_t files() const;
+    /// What linking would still give back: all but one of those files.
+    int64_t reclaimable() const;
+    /// What links have given back: the names beyond the first of each file.
+    int64_t given() const;
+};
+
+enum class Which { ToCompress, Compressed, All };
+/// The groups with more than one path, members looked up. Throws std::runtime_error for a database
+/// that cannot be read.
+std::vector<Group> groupsOf(const std::string& spaceId, Which which);
+
+/// A file that paths of groups lead to.
+struct FileUse {
+    int64_t allocated = 0;  ///< bytes of its blocks (stat(2), st_blocks)
+    int64_t links = 0;      ///< its names, wherever they are
+    int64_t names = 0;      ///< those of them that are paths of the groups
+};
+using DiskUse = std::map<std::pair<dev_t, ino_t>, FileUse>;
+/// The regular files that the groups' paths lead to right now.
+DiskUse diskUse(const std::vector<Group>& groups);
+/// Bytes of the blocks of the files that were there before, are no more, and had no other names.
+int64_t givenBack(const DiskUse& before, const DiskUse& after);
+/// Bytes that are taken up when each path gets data of its own.
+int64_t takenUpByRestore(const DiskUse& use);
+
+/// The exception patterns of the device.
+std::vector<std::string> exceptionRules();
+
+}  // namespace ruxctl

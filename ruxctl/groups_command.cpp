@@ -1,0 +1,102 @@
+#include <json/json.h>
+
+#include <algorithm>
+#include <iostream>
+
+#include "ruxctl/commands.h"
+#include "ruxctl/database.h"
+#include "ruxctl/messages.h"
+#include "ruxctl/terminal.h"
+#include "ruxctl/units.h"
+
+namespace ruxctl {
+namespace {
+
+void printText(const Group& group) {
+    std::string heading = humanBytes(group.reclaimable()) + " in " +
+                          counted(group.files(), "file") + " of " + humanBytes(group.fileBytes);
+    if (group.given() > 0) heading += ", " + humanBytes(group.given()) + " given back";
+    std::cout << inked(Ink::Bold, heading) << "  "
+              << inked(Ink::Faint, group.spaceId + " " + group.digest) << "\n";
+    for (const Member& member : group.members) {
+        std::string state = nameOf(member.state);
+        state.resize(8, ' ');
+        Ink ink = Ink::Good;
+        if (member.state == State::There) ink = Ink::Bold;
+        if (member.state == State::Changed) ink = Ink::Warning;
+        if (member.state == State::Gone) ink = Ink::Bad;
+        std::cout << "  " << inked(ink, state) << " " << member.path << "\n";
+    }
+}
+
+Json::Value valueOf(const Group& group) {
+    Json::Value value(Json::objectValue);
+    value["space"] = group.spaceId;
+    value["digest"] = group.digest;
+    value["file_bytes"] = static_cast<Json::Int64>(group.fileBytes);
+    value["reclaimable_bytes"] = static_cast<Json::Int64>(group.reclaimable());
+    value["compressed"] = group.compressed;
+    value["members"] = Json::Value(Json::arrayValue);
+    for (const Member& member : group.members) {
+        Json::Value entry(Json::objectValue);
+        entry["path"] = member.path;
+        entry["state"] = nameOf(member.state);
+        value["members"].append(std::move(entry));
+    }
+    return value;
+}
+
+/// A field as RFC 4180 has it.
+std::string quoted(const std::string& text) {
+    if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
+    std::string field = "\"";
+    for (const char c : text) {
+        if (c == '"') field += '"';
+        field += c;
+    }
+    return field + '"';
+}
+
+void printCsv(const std::vector<Group>& all) {
+    std::cout << "space,digest,file_bytes,reclaimable_bytes,state,path\r\n";
+    for (const Group& group : all) {
+        for (const Member& member : group.members) {
+            std::cout << quoted(group.spaceId) << "," << quoted(group.digest) << ","
+                      << group.fileBytes << "," << group.reclaimable() << ","
+                      << nameOf(member.state) << "," << quoted(member.path) << "\r\n";
+        }
+    }
+}
+
+}  // namespace
+
+int groups(const GroupsOptions& options) {
+    std::vector<Group> all;
+    for (const std::string& spaceId : chosenSpaces(options.spaceIds)) {
+        if (!exists(spaceId)) return noSpace(spaceId);
+        for (Group& group : groupsOf(spaceId, Which::All)) all.push_back(std::move(group));
+    }
+    const bool bySize = options.sort == "size";
+    std::stable_sort(all.begin(), all.end(), [bySize](const Group& a, const Group& b) {
+        return bySize ? a.reclaimable() > b.reclaimable() : a.members.size() > b.members.size();
+    });
+    if (options.top > 0 && all.size() > options.top) all.resize(options.top);
+
+    if (options.format == "csv") {
+        printCsv(all);
+    } else if (options.format == "json") {
+        Json::Value value(Json::arrayValue);
+        for (const Group& group : all) value.append(valueOf(group));
+        std::cout << Json::FastWriter().write(value);
+    } else if (options.format == "null") {
+        for (const Group& group : all) {
+            for (const Member& member : group.members) std::cout << member.path << '\0';
+            std::cout << '\0';
+        }
+    } else {
+        for (const Group& group : all) printText(group);
+    }
+    return kDone;
+}
+
+}  // namespace ruxctl

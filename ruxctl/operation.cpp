@@ -1,0 +1,128 @@
+#include "ruxctl/operation.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <ctime>
+#include <future>
+#include <sstream>
+
+#include "android-base/properties.h"
+#include "ruxctl/terminal.h"
+#include "ruxctl/units.h"
+
+namespace ruxctl {
+namespace {
+
+using android::base::GetProperty;
+using android::base::SetProperty;
+using Clock = std::chrono::steady_clock;
+
+constexpr char kRunning[] = "ruxctl.operation";  // "PROCESS START NAME"
+constexpr auto kTick = std::chrono::milliseconds(100);
+
+/// Tells whether an operation has been admitted: that sets its stop property to "false", a refusal
+/// leaves what stood there. A "true" is not touched, it may be somebody's request to stop.
+class Admission {
+  public:
+    explicit Admission(const char* property) : mProperty(property) {
+        if (mProperty != nullptr && GetProperty(mProperty, "") != "true") {
+            SetProperty(mProperty, "asked");
+        }
+    }
+    /// Whether the operation was refused, once it has been answered.
+    bool wasRefused() const {
+        if (mProperty == nullptr) return false;
+        const std::string now = GetProperty(mProperty, "");
+        const bool refused = now == "asked" || (now == "true" && !mStopped);
+        if (now == "asked") SetProperty(mProperty, "false");
+        return refused;
+    }
+    bool isOpen() const { return mProperty == nullptr || GetProperty(mProperty, "") != "asked"; }
+    void noteStop() { mStopped = true; }
+
+  private:
+    const char* const mProperty;
+    bool mStopped = false;
+};
+
+/// Says what this client does, for as long as it lives, unless another one says so already.
+class Announcement {
+  public:
+    explicit Announcement(const char* name) {
+        if (runningOperation()) return;
+        mText = std::to_string(getpid()) + " " + std::to_string(time(nullptr)) + " " + name;
+        SetProperty(kRunning, mText);
+    }
+    ~Announcement() {
+        if (!mText.empty() && GetProperty(kRunning, "") == mText) SetProperty(kRunning, "");
+    }
+    Announcement(const Announcement&) = delete;
+    Announcement& operator=(const Announcement&) = delete;
+
+  private:
+    std::string mText;
+};
+
+Failure busyFailure() {
+    const std::string with = runningOperation().value_or("another operation");
+    return {kBusy, "the service is busy with " + with +
+                           "; wait for its end, or end it: ruxctl stop scan, list or compress"};
+}
+
+}  // namespace
+
+Outcome carryOut(const Client& client, const Operation& operation, const std::string& request,
+                 const std::function<void(double seconds)>& tick) {
+    const Interrupts interrupts;
+    const Announcement announcement(operation.name);
+    Admission admission(operation.stopProperty);
+    Outcome outcome;
+    const auto start = Clock::now();
+    const auto seconds = [&start] {
+        return std::chrono::duration<double>(Clock::now() - start).count();
+    };
+    auto answer = std::async(std::launch::async, [&] {
+        return client.call(operation.code, request,
+                           answersText(operation.code) ? &outcome.text : nullptr,
+                           answersNumber(operation.code) ? &outcome.number : nullptr);
+    });
+    while (answer.wait_for(kTick) == std::future_status::timeout) {
+        tick(seconds());
+        if (!Interrupts::any() || operation.stopProperty == nullptr) continue;
+        // Again and again: the request may not have been admitted when this was first said.
+        if (!outcome.stopped && operation.stopNote) client.call(*operation.stopNote, std::nullopt);
+        if (admission.isOpen()) SetProperty(operation.stopProperty, "true");
+        outcome.stopped = true;
+        admission.noteStop();
+    }
+    outcome.failure = answer.get();
+    outcome.seconds = seconds();
+    const bool refused = admission.wasRefused() ||
+                         (operation.code == kList && outcome.text == "{}") ||
+                         (operation.code == kRestore && outcome.number == 0 && isBusy(client));
+    if (!outcome.failure && refused) outcome.failure = busyFailure();
+    return outcome;
+}
+
+bool isBusy(const Client& client) {
+    const Admission admission(kScanOperation.stopProperty);
+    return !client.call(kScan, "[]") && admission.wasRefused();
+}
+
+std::optional<std::string> runningOperation() {
+    std::istringstream text(GetProperty(kRunning, ""));
+    pid_t process = 0;
+    time_t start = 0;
+    std::string name;
+    if (!(text >> process >> start) || !std::getline(text >> std::ws, name)) return std::nullopt;
+    if (process <= 0 || process == getpid()) return std::nullopt;
+    if (kill(process, 0) != 0 && errno == ESRCH) return std::nullopt;  // it was killed
+    const auto seconds = static_cast<double>(std::max<time_t>(time(nullptr) - start, 0));
+    return name + " (process " + std::to_string(process) + ", for " + duration(seconds) + ")";
+}
+
+}  // namespace ruxctl

@@ -1,0 +1,49 @@
+/// The long operations, as somebody waits for them.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "ruxctl/client.h"
+
+namespace ruxctl {
+
+/// A long operation of the service.
+struct Operation {
+    const char* name;          ///< with its article: "a scan"
+    const char* stopProperty;  ///< null for one that cannot be stopped
+    Code code;
+    std::optional<Code> stopNote = std::nullopt;  ///< tells the service's log who asked
+};
+
+inline const Operation kScanOperation = {"a scan", "sys.ruxservice.stop_scan", kScan, kStopScan};
+inline const Operation kListOperation = {"a listing", "sys.ruxservice.stop_get_duplicate_files",
+                                         kList};
+inline const Operation kCompressOperation = {"a compression", "sys.ruxservice.stop_compress",
+                                             kCompress, kStopCompress};
+inline const Operation kRestoreOperation = {"a restore", nullptr, kRestore};
+
+/// What came of an operation.
+struct Outcome {
+    std::optional<Failure> failure;
+    std::string text;      ///< the result of a listing or a compression
+    int64_t number = 0;    ///< that of a restore
+    bool stopped = false;  ///< whether somebody at this client asked for its end
+    double seconds = 0;
+};
+
+/// Carries out one operation and waits for it, calling `tick` ten times a second with the seconds
+/// that have passed. Ctrl-C stops the operation by its property, and its end is waited for.
+///
+/// A refusal is a failure (kBusy) that names what the service is busy with, as far as that is
+/// known: other clients of this kind say what they do in the property "ruxctl.operation".
+Outcome carryOut(const Client& client, const Operation& operation, const std::string& request,
+                 const std::function<void(double seconds)>& tick);
+
+/// Whether a long operation is running. Asks with a scan of nothing.
+bool isBusy(const Client& client);
+/// What another client of this kind has running: "a scan (process 4711, for 12 s)".
+std::optional<std::string> runningOperation();
+
+}  // namespace ruxctl

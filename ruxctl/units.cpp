@@ -1,0 +1,49 @@
+#include "ruxctl/units.h"
+
+#include <cmath>
+#include <cstdio>
+
+namespace ruxctl {
+namespace {
+
+template <typename... Numbers>
+std::string formatted(const char* format, Numbers... numbers) {
+    char text[64];
+    snprintf(text, sizeof(text), format, numbers...);
+    return text;
+}
+
+}  // namespace
+
+std::string humanBytes(int64_t bytes) {
+    constexpr const char* kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+    auto number = static_cast<double>(bytes);
+    size_t unit = 0;
+    while (std::fabs(number) >= 999.5 && unit + 1 < std::size(kUnits)) {
+        number /= 1024;
+        ++unit;
+    }
+    const bool whole = unit == 0 || std::fabs(number) >= 99.95;
+    return formatted(whole ? "%.0f %s" : "%.1f %s", number, kUnits[unit]);
+}
+
+std::string grouped(int64_t number) {
+    std::string text = std::to_string(number);
+    const size_t first = number < 0 ? 1 : 0;
+    for (size_t at = text.size(); at > first + 3;) text.insert(at -= 3, ",");
+    return text;
+}
+
+std::string counted(int64_t number, const std::string& noun) {
+    return grouped(number) + " " + noun + (number == 1 ? "" : "s");
+}
+
+std::string duration(double seconds) {
+    if (seconds < 9.95) return formatted("%.1f s", seconds);
+    const auto whole = static_cast<long>(std::lround(seconds));
+    if (whole < 60) return formatted("%ld s", whole);
+    if (whole < 3600) return formatted("%ld min %02ld s", whole / 60, whole % 60);
+    return formatted("%ld h %02ld min", whole / 3600, whole / 60 % 60);
+}
+
+}  // namespace ruxctl

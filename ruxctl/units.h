@@ -1,0 +1,21 @@
+/// Numbers as people read them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace ruxctl {
+
+/// "1.4 GiB", "812 KiB", "17 B": three digits that matter, at most.
+std::string humanBytes(int64_t bytes);
+
+/// "57,296".
+std::string grouped(int64_t number);
+
+/// "57,296 files", "1 file".
+std::string counted(int64_t number, const std::string& noun);
+
+/// "0.8 s", "12 s", "2 min 05 s", "1 h 02 min".
+std::string duration(double seconds);
+
+}  // namespace ruxctl
