@@ -313,7 +313,8 @@ TEST_F(LookAheadTest, PreparesNoMoreThanItMayWhileAFileTakesLong) {
                                        {"regs", Json::array({".*"})},
                                        {"dirs", Json::array({sandbox.tree()})}}});
     firstReading = std::chrono::milliseconds(300);
-    for (const LookAhead& ahead : {LookAhead{50, 1 << 30, 2}, LookAhead{4096, 50 * 7, 2}}) {
+    for (const LookAhead& ahead :
+         {LookAhead{50, 1 << 30, 2}, LookAhead{4096, int64_t{50} * 7, 2}}) {
         scan(request, ahead);
         EXPECT_LE(readMeanwhile, 50U);
         EXPECT_GT(readMeanwhile, 20U);

@@ -8,6 +8,7 @@ extern "C" {
 #endif
 
 /// Priorities of a line, the platform's own numbers.
+// NOLINTNEXTLINE(modernize-use-using): for C too
 typedef enum android_LogPriority {
     ANDROID_LOG_UNKNOWN = 0,
     ANDROID_LOG_DEFAULT,
