@@ -220,7 +220,9 @@ class CommandLine {
         does(command, [this] { return printManual(mName, mApp); });
         command = mApp.add_subcommand("completion", "Print a shell's completion script");
         command->group("");
-        command->add_option("SHELL", mName)->required()->check(CLI::IsMember({"bash", "zsh"}));
+        command->add_option("SHELL", mName)
+                ->required()
+                ->check(CLI::IsMember({"bash", "zsh", "spaces"}));
         does(command, [this] { return printCompletion(mName, mApp); });
     }
 

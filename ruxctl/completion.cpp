@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "ruxctl/client.h"
+#include "ruxctl/database.h"
 
 namespace ruxctl {
 namespace {
@@ -39,7 +40,7 @@ const char* argumentOf(const CLI::App& command) {
 
 void printBash(const CLI::App& app) {
     std::cout << R"sh(# Completion of ruxctl for bash. Made by "ruxctl completion bash".
-_ruxctl_spaces() { (cd "$RUX_ROOT/data/local/zel" 2>/dev/null && printf '%s\n' */ | tr -d /); }
+_ruxctl_spaces() { "${COMP_WORDS[0]}" completion spaces 2>/dev/null; }
 _ruxctl() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]} words='' argument='' command=''
     COMPREPLY=()
@@ -127,7 +128,7 @@ void printZsh(const CLI::App& app) {
     std::cout << R"sh(#compdef ruxctl
 # Completion of ruxctl for zsh. Made by "ruxctl completion zsh".
 _ruxctl_spaces() {
-    local -a spaces=($RUX_ROOT/data/local/zel/*(N/:t))
+    local -a spaces=(${(f)"$(ruxctl completion spaces 2>/dev/null)"})
     compadd -a spaces
 }
 _ruxctl() {
@@ -152,9 +153,11 @@ _ruxctl() {
 
 }  // namespace
 
-int printCompletion(const std::string& shell, const CLI::App& app) {
-    if (shell == "bash") {
+int printCompletion(const std::string& what, const CLI::App& app) {
+    if (what == "bash") {
         printBash(app);
+    } else if (what == "spaces") {
+        for (const Space& space : spaces()) std::cout << space.id << "\n";
     } else {
         printZsh(app);
     }

@@ -9,7 +9,7 @@ class App;
 
 namespace ruxctl {
 
-/// Prints the script for "bash" or "zsh".
-int printCompletion(const std::string& shell, const CLI::App& app);
+/// Prints the script for "bash" or "zsh", or the names of the "spaces", which the scripts ask for.
+int printCompletion(const std::string& what, const CLI::App& app);
 
 }  // namespace ruxctl

@@ -28,9 +28,13 @@ std::string humanBytes(int64_t bytes) {
 }
 
 std::string grouped(int64_t number) {
-    std::string text = std::to_string(number);
+    const std::string digits = std::to_string(number);
     const size_t first = number < 0 ? 1 : 0;
-    for (size_t at = text.size(); at > first + 3;) text.insert(at -= 3, ",");
+    std::string text;
+    for (size_t i = 0; i < digits.size(); ++i) {
+        if (i > first && (digits.size() - i) % 3 == 0) text += ',';
+        text += digits[i];
+    }
     return text;
 }
 

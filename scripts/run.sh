@@ -23,7 +23,6 @@ install_packages "${build_packages[@]}"
 echo "Building"
 cmake --preset release -DBUILD_TESTING=OFF -B build/run >/dev/null
 cmake --build build/run >/dev/null
-PATH=$PWD/build/run:$PATH
 
 base=$(mktemp -d)
 export RUX_ROOT=$base/root
@@ -33,6 +32,8 @@ finish() {
     rm -rf "$base"
 }
 trap finish EXIT
+cmake --install build/run --prefix "$base/usr" >/dev/null
+PATH=$base/usr/bin:$PATH
 mkdir -p "$RUX_ROOT/data/local/zel"
 
 rux 2>"$base/log" &

@@ -207,7 +207,7 @@ def check_pages_and_completion(client):
     def completed(*words):
         script = ". <(\"$1\" completion bash); COMP_WORDS=(\"${@:2}\"); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); " \
                  "_ruxctl; printf '%s\\n' \"${COMPREPLY[@]}\""
-        return subprocess.run(["bash", "-c", script, "bash", client.binary, "ruxctl", *words], env=client.environment,
+        return subprocess.run(["bash", "-c", script, "bash", client.binary, client.binary, *words], env=client.environment,
                               capture_output=True, text=True, check=True).stdout.split()
 
     assert completed("re") == ["restore"] and completed("g") == ["groups", "getprop"], completed("g")

@@ -11,7 +11,7 @@ namespace android::host {
 
 std::string rootPrefix() {
     const char* value = getenv("RUX_ROOT");
-    std::string root = value != nullptr ? value : "";
+    std::string root = value != nullptr ? value : RUX_DEFAULT_ROOT;
     while (!root.empty() && root.back() == '/') root.pop_back();
     return root;
 }

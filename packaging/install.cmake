@@ -1,0 +1,58 @@
+# Where a distribution would put everything, and the Debian package.
+
+include(GNUInstallDirs)
+
+# Manual pages and completion come from the client's own description of its command line.
+set(GENERATED ${CMAKE_CURRENT_BINARY_DIR}/generated)
+file(MAKE_DIRECTORY ${GENERATED})
+foreach(page "ruxctl.1:manual ruxctl" "rux.8:manual rux" "ruxctl.bash:completion bash"
+             "_ruxctl:completion zsh")
+    string(REGEX MATCH "^([^:]*):(.*)$" match ${page})
+    set(file ${GENERATED}/${CMAKE_MATCH_1})
+    separate_arguments(arguments UNIX_COMMAND ${CMAKE_MATCH_2})
+    add_custom_command(OUTPUT ${file} COMMAND ruxctl ${arguments} > ${file} DEPENDS ruxctl)
+    list(APPEND pages ${file})
+endforeach()
+add_custom_target(pages ALL DEPENDS ${pages})
+
+set(RUX_STATE_ROOT ${RUX_DEFAULT_ROOT})
+if(NOT RUX_STATE_ROOT)
+    set(RUX_STATE_ROOT /var/lib/rux)
+endif()
+configure_file(packaging/rux.service.in ${GENERATED}/rux.service @ONLY)
+
+install(TARGETS rux ruxctl)
+install(FILES ${GENERATED}/ruxctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES ${GENERATED}/rux.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(FILES ${GENERATED}/ruxctl.bash RENAME ruxctl
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+install(FILES ${GENERATED}/_ruxctl DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
+install(FILES ${GENERATED}/rux.service DESTINATION lib/systemd/system)
+install(FILES README.md LICENSE docs/safety.md docs/decisions.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+if(RUX_DEFAULT_ROOT)
+    # The directory that the service never makes itself, and the way to the sockets in /run.
+    install(CODE "
+        file(MAKE_DIRECTORY \"\$ENV{DESTDIR}${RUX_DEFAULT_ROOT}/data/local/zel\")
+        file(CREATE_LINK /run \"\$ENV{DESTDIR}${RUX_DEFAULT_ROOT}/run\" SYMBOLIC)")
+endif()
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_SET_DESTDIR ON)
+set(CPACK_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+set(CPACK_STRIP_FILES ON)
+set(CPACK_PACKAGE_NAME rux)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_CONTACT "The rux developers <rux@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "links files of identical content, and takes that back")
+set(CPACK_PACKAGE_DESCRIPTION
+    "A service that keeps digests of files in small databases, replaces duplicates by
+hard links after comparing them byte for byte, and gives linked files data of their
+own again. ruxctl is its client.")
+set(CPACK_DEBIAN_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+    ${CMAKE_CURRENT_SOURCE_DIR}/packaging/postinst
+    ${CMAKE_CURRENT_SOURCE_DIR}/packaging/prerm
+    ${CMAKE_CURRENT_SOURCE_DIR}/packaging/postrm)
+include(CPack)
