@@ -24,7 +24,8 @@ using namespace android;  // NOLINT(google-build-using-namespace): its names are
 using binder::Status;
 
 /// Whether the overload set that `&name` stands for has a function of exactly this type.
-#define DECLARES(type, ...) static_assert(static_cast<type>(__VA_ARGS__) != nullptr)
+#define DECLARES(type, ...) \
+    static_assert(std::is_same_v<decltype(static_cast<type>(__VA_ARGS__)), type>)
 
 DECLARES(int (*)(int, const char*, const char*, ...), &__android_log_print);
 static_assert(ANDROID_LOG_DEBUG == 3 && ANDROID_LOG_ERROR == 6);
