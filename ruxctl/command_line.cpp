@@ -25,6 +25,7 @@ class CommandLine {
         addRestore();
         addExcept();
         addStatus();
+        addReport();
         addStop();
         addProperties();
         addCall();
@@ -171,6 +172,16 @@ class CommandLine {
         does(add("status", "Say whether the service is up, what runs, and which spaces there are",
                  ""),
              status);
+    }
+
+    void addReport() {
+        CLI::App* command = add("report", "Write a page to look at: space by directory, the groups",
+                                "  ruxctl report --html duplicates.html");
+        command->add_option("--html", mName, "The page's file; - is standard output")
+                ->type_name("FILE")
+                ->required();
+        addSpaces(command, mList.spaceIds);
+        does(command, [this] { return report(mName, mList.spaceIds); });
     }
 
     void addStop() {

@@ -55,6 +55,9 @@ int checkExceptRule(const std::string& pattern, const std::vector<std::string>& 
 
 int status();
 
+/// Writes a page about the spaces (all when none are given); "-" is standard output.
+int report(const std::string& htmlFile, const std::vector<std::string>& spaceIds);
+
 /// Sets the stop property of `operation` ("scan", "list" or "compress").
 int stop(const std::string& operation);
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
 #include <stdexcept>
 #include <string_view>
@@ -62,6 +63,7 @@ Member lookedUp(const std::string& path, int64_t fileBytes, const Json::Value& r
     member.state = isSame ? State::There : State::Changed;
     member.device = st.st_dev;
     member.inode = st.st_ino;
+    member.links = st.st_nlink;
     return member;
 }
 
@@ -183,7 +185,14 @@ int64_t Group::reclaimable() const {
 }
 
 int64_t Group::given() const {
-    return (present() - files()) * fileBytes;
+    std::map<std::pair<dev_t, ino_t>, int64_t> names;
+    int64_t beyondTheFirst = 0;
+    for (const Member& member : members) {
+        if (!isPresent(member)) continue;
+        int64_t& seen = names[{member.device, member.inode}];
+        if (++seen > 1 && seen <= static_cast<int64_t>(member.links)) ++beyondTheFirst;
+    }
+    return beyondTheFirst * fileBytes;
 }
 
 std::vector<Group> groupsOf(const std::string& spaceId, Which which) {

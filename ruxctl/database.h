@@ -46,6 +46,7 @@ struct Member {
     State state = State::Gone;
     dev_t device = 0;
     ino_t inode = 0;
+    nlink_t links = 0;  ///< names that the file has
 };
 
 /// Files of identical content.
@@ -62,7 +63,8 @@ struct Group {
     int64_t files() const;
     /// What linking would still give back: all but one of those files.
     int64_t reclaimable() const;
-    /// What links have given back: the names beyond the first of each file.
+    /// What links have given back: the names beyond the first of each file. Two paths may lead to
+    /// one name, by way of symbolic links.
     int64_t given() const;
 };
 

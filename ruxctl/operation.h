@@ -41,7 +41,8 @@ struct Outcome {
 Outcome carryOut(const Client& client, const Operation& operation, const std::string& request,
                  const std::function<void(double seconds)>& tick);
 
-/// Whether a long operation is running. Asks with a scan of nothing.
+/// Whether a long operation is running. Asks with a scan of nothing, which for some microseconds is
+/// an operation itself: one that begins just then is refused.
 bool isBusy(const Client& client);
 /// What another client of this kind has running: "a scan (process 4711, for 12 s)".
 std::optional<std::string> runningOperation();

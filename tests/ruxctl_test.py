@@ -5,6 +5,7 @@ usage: ruxctl_test.py RUX RUXCTL
 """
 
 import csv
+import html.parser
 import io
 import json
 import os
@@ -72,7 +73,7 @@ def inodes(*paths):
 
 def check_tables_and_formats(client, service):
     assert "ruxctl scan --space" in client("list") and "ruxctl scan --space" in client("status")
-    a = [write(service, f"a{i}", "a" * 10000) for i in range(3)]
+    a = [write(service, name, "a" * 10000) for name in ("a0", "a1", "<i>&/a2")]
     odd = [write(service, name, "b" * 2000) for name in ('b,"1', "b \u00fc")]
     write(service, "alone", "c")
     printed = client("scan", "--space", "s", service.tree)
@@ -133,6 +134,43 @@ def check_compression_and_restore(client, service, a, odd):
     assert "ruxctl scan --space nowhere" in (client("restore", "--space", "nowhere", status=1) or client.said)
 
 
+class Page(html.parser.HTMLParser):
+    """The text of a page; fails for tags that are not closed in their order, and for what is not in the page."""
+
+    def __init__(self, text):
+        super().__init__()
+        self.open, self.text, self.cells = [], "", 0
+        self.feed(text)
+        assert not self.open, self.open
+
+    def handle_starttag(self, tag, attributes):
+        assert tag not in ("script", "img", "iframe", "link") and not {"src", "href"} & {name for name, _ in attributes}
+        self.cells += "--part" in (dict(attributes).get("style") or "")
+        if tag not in ("meta", "br"):
+            self.open.append(tag)
+
+    def handle_endtag(self, tag):
+        assert self.open.pop() == tag, tag
+
+    def handle_data(self, data):
+        self.text += data
+
+
+def check_report(client, service):
+    target = f"{service.base}/report.html"
+    client("report", "--html", target, "--space", "s")
+    with open(target, encoding="utf-8") as file:
+        page = Page(file.read())
+    # One group of three copies of 10,000 bytes, one of two of 2,000, nothing linked yet.
+    for text in ("21.5 KiBcan be given back", "0 Bgiven back by links", "2groups of duplicates", "6files recorded",
+                 f"{service.tree}/b,\"1 there", f"{service.tree}/<i>&"):
+        assert text in page.text, (text, page.text)
+    assert page.cells == 2, page.cells
+    assert Page(client("report", "--html", "-", "--space", "t")).cells == 1
+    client("report", "--html", "/no/such/directory/x", status=1)
+    assert "cannot be written" in client.said
+
+
 def check_exceptions(client, service):
     client("except", "show")
     assert "ruxctl except add" in client.said
@@ -153,13 +191,19 @@ def check_refusals_and_interrupts(client, service):
         os.link(f"{service.tree}/alone", write(service, f"many/{i}", "") + "x")
     many = f"{service.tree}/many"
 
+    def wait_until_busy(process):
+        # The question itself is an operation, for a moment: it is not asked while the other one begins.
+        time.sleep(0.3)
+        while "busy" not in client("status"):
+            assert process.poll() is None, "the scan was too short for this test"
+            time.sleep(0.3)
+
     def expect_busy(*arguments, what="another operation"):
         client(*arguments, status=4)
         assert f"busy with {what}" in client.said and "ruxctl stop" in client.said, client.said
 
     long_scan = client.start("scan", "--space", "u", "--match", "none", *[many] * 3000)
-    while "busy" not in client("status"):
-        assert long_scan.poll() is None, "the scan was too short for this test"
+    wait_until_busy(long_scan)
     assert re.search(r"busy with a scan \(process \d+, for ", client("status"))
     for command in (("scan", "--space", "s", many), ("list",), ("compress", "s"), ("restore", "--space", "s")):
         expect_busy(*command, what=r"a scan (process ")
@@ -172,8 +216,7 @@ def check_refusals_and_interrupts(client, service):
     # The same against a client that does not say what it does.
     raw = subprocess.Popen([client.binary, "call", str(SCAN), service.rule(space="v", regs=["none"], dirs=[many] * 3000)],
                            env=client.environment)
-    while "busy" not in client("status"):
-        assert raw.poll() is None, "the scan was too short for this test"
+    wait_until_busy(raw)
     expect_busy("compress", "s")
     expect_busy("scan", "--space", "s", many)
     client("stop", "scan")
@@ -210,7 +253,7 @@ def check_pages_and_completion(client):
         return subprocess.run(["bash", "-c", script, "bash", client.binary, client.binary, *words], env=client.environment,
                               capture_output=True, text=True, check=True).stdout.split()
 
-    assert completed("re") == ["restore"] and completed("g") == ["groups", "getprop"], completed("g")
+    assert completed("res") == ["restore"] and completed("g") == ["groups", "getprop"], completed("g")
     assert completed("list", "--sp") == ["--space"] and "--dry-run" in completed("compress", "--")
     assert completed("scan", "--space", "") == ["s", "t", "u", "v"], completed("scan", "--space", "")
     assert "add" in completed("except", "") and completed("stop", "c") == ["compress"]
@@ -221,6 +264,7 @@ def main():
     with Service(rux) as service:
         client = Client(ruxctl, service)
         a, odd = check_tables_and_formats(client, service)
+        check_report(client, service)
         check_compression_and_restore(client, service, a, odd)
         check_exceptions(client, service)
         check_refusals_and_interrupts(client, service)

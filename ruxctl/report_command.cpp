@@ -1,0 +1,104 @@
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <map>
+
+#include "ruxctl/commands.h"
+#include "ruxctl/database.h"
+#include "ruxctl/messages.h"
+#include "ruxctl/report_page.h"
+#include "ruxctl/units.h"
+
+namespace ruxctl {
+namespace {
+
+constexpr int64_t kFewestParts = 40;  // a directory with more than one of so many is divided
+
+/// A directory and what lies below it.
+struct Directory {
+    std::map<std::string, Directory> below;
+    int64_t reclaimable = 0;  // all that is below it included
+    int64_t given = 0;
+    int64_t bytes() const { return reclaimable + given; }
+};
+
+void add(Directory& root, const std::string& path, int64_t reclaimable, int64_t given) {
+    Directory* directory = &root;
+    size_t start = 1;
+    while (true) {
+        directory->reclaimable += reclaimable;
+        directory->given += given;
+        const size_t end = path.find('/', start);
+        if (end == std::string::npos) return;
+        directory = &directory->below[path.substr(start, end - start)];
+        start = end + 1;
+    }
+}
+
+/// Divides directories with a large share of the whole, so that the page shows where it is.
+void divide(const Directory& directory, const std::string& path, int64_t whole,
+            std::vector<DirectoryShare>& shares) {
+    DirectoryShare own = {path.empty() ? "/" : path, directory.reclaimable, directory.given};
+    if (directory.bytes() > whole / kFewestParts) {
+        for (const auto& [name, child] : directory.below) {
+            if (child.bytes() == 0) continue;
+            own.reclaimable -= child.reclaimable;
+            own.given -= child.given;
+            divide(child, path + "/" + name, whole, shares);
+        }
+    }
+    if (own.reclaimable + own.given > 0) shares.push_back(own);
+}
+
+Report reportOn(const std::vector<std::string>& spaceIds) {
+    Report report;
+    Directory root;
+    for (const Space& space : spaces()) {
+        if (std::find(spaceIds.begin(), spaceIds.end(), space.id) == spaceIds.end()) continue;
+        report.spaces.push_back(space);
+        for (Group& group : groupsOf(space.id, Which::All)) {
+            report.reclaimable += group.reclaimable();
+            report.given += group.given();
+            // All paths of a group have an equal part in it.
+            for (const Member& member : group.members) {
+                if (member.state != State::There && member.state != State::Linked) continue;
+                add(root, member.path, group.reclaimable() / group.present(),
+                    group.given() / group.present());
+            }
+            if (group.reclaimable() + group.given() > 0) report.groups.push_back(std::move(group));
+        }
+    }
+    std::stable_sort(report.groups.begin(), report.groups.end(),
+                     [](const Group& a, const Group& b) {
+                         return a.reclaimable() + a.given() > b.reclaimable() + b.given();
+                     });
+    divide(root, "", root.bytes(), report.directories);
+    std::stable_sort(report.directories.begin(), report.directories.end(),
+                     [](const DirectoryShare& a, const DirectoryShare& b) {
+                         return a.reclaimable + a.given > b.reclaimable + b.given;
+                     });
+    return report;
+}
+
+}  // namespace
+
+int report(const std::string& htmlFile, const std::vector<std::string>& spaceIds) {
+    for (const std::string& spaceId : spaceIds) {
+        if (!exists(spaceId)) return noSpace(spaceId);
+    }
+    const std::string page = pageOf(reportOn(chosenSpaces(spaceIds)));
+    if (htmlFile == "-") {
+        std::cout << page;
+        return kDone;
+    }
+    std::ofstream file(htmlFile, std::ios::binary);
+    if (!(file << page).flush())
+        return fail({kFailed, htmlFile + " cannot be written: " + strerror(errno)});
+    std::cerr << "Written to " << htmlFile << " (" << humanBytes(static_cast<int64_t>(page.size()))
+              << "); open it with any browser\n";
+    return kDone;
+}
+
+}  // namespace ruxctl
