@@ -76,7 +76,7 @@ TEST_F(BusyFlagsTest, EachRefusesWhileAnyRuns) {
         // itself, is refused.
         const int refusals = logged(kRefusedLink);
         ASSERT_TRUE(waitFor([&] {
-            call(4, "not JSON");
+            transact(4, std::string("not JSON"));
             return logged(kRefusedLink) > refusals;
         }));
         const std::map<std::string, std::string> before =
@@ -85,14 +85,15 @@ TEST_F(BusyFlagsTest, EachRefusesWhileAnyRuns) {
         setProperty("sys.ruxservice.compress.prog", "unchanged");
         for (const LongOperation& refused : operations) {
             const int lines = logged(refused.line);
-            EXPECT_EQ(call(refused.code, refused.code == 3 ? Json::array({"s"})
-                                                           : rule("s", {".*"}, {sandbox.tree()})),
+            EXPECT_EQ(transact(refused.code, refused.code == 3
+                                                     ? Json::array({"s"})
+                                                     : rule("s", {".*"}, {sandbox.tree()})),
                       refused.refusal);
             EXPECT_EQ(logged(refused.line), lines + 1) << refused.code << " in " << running.code;
         }
         const int noted = logged("RUX native service is active, stop");
-        call(5, "");
-        call(7, "");
+        transact(5, std::string());
+        transact(7, std::string());
         EXPECT_EQ(logged("RUX native service is active, stop") - noted,
                   running.code == 1 || running.code == 3 ? 1 : 0);
         EXPECT_FALSE(done) << "the running operation was too short for this test";

@@ -16,6 +16,7 @@
 
 #include "binder/IServiceManager.h"
 #include "binder/Parcel.h"
+#include "binder/Status.h"
 
 namespace rux::test {
 namespace {
@@ -200,15 +201,26 @@ std::string ServiceTest::call(int code, const std::string& request) const {
     return outcome.out;
 }
 
-void ServiceTest::transact(int code, const Json& request) const {
+std::string ServiceTest::transact(int code, const std::string& request) const {
     const auto service =
             android::defaultServiceManager()->checkService(android::String16("RuxNativeService"));
-    ASSERT_TRUE(service != nullptr);
+    if (service == nullptr) throw std::runtime_error("no service answers");
     android::Parcel data;
     android::Parcel reply;
     data.writeInterfaceToken(android::String16("tavo.rux.IRux"));
-    data.writeUtf8AsUtf16(request.dump());
-    ASSERT_EQ(service->transact(static_cast<uint32_t>(code), data, &reply, 0), android::OK);
+    data.writeUtf8AsUtf16(request);
+    EXPECT_EQ(service->transact(static_cast<uint32_t>(code), data, &reply, 0), android::OK);
+    android::binder::Status status;
+    EXPECT_EQ(status.readFromParcel(reply), android::OK);
+    EXPECT_TRUE(status.isOk());
+    std::string text;
+    int64_t number = 0;
+    if (code == 2 || code == 3) {
+        EXPECT_EQ(reply.readUtf8FromUtf16(&text), android::OK);
+    }
+    if (code != 4) return text;
+    EXPECT_EQ(reply.readInt64(&number), android::OK);
+    return std::to_string(number) + "\n";
 }
 
 Json ServiceTest::rule(const std::string& space, const Json& regs, const Json& dirs) {

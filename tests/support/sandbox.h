@@ -87,8 +87,12 @@ class ServiceTest : public testing::Test {
         return call(code, std::string(request));
     }
     std::string call(int code, const Json& request) const { return call(code, request.dump()); }
-    /// The same without a process for the client, for tests that call very often.
-    void transact(int code, const Json& request) const;
+    /// The same without a process for the client, for tests that call very often or have little
+    /// time.
+    std::string transact(int code, const std::string& request) const;
+    std::string transact(int code, const Json& request) const {
+        return transact(code, request.dump());
+    }
     /// A request of one space rule.
     static Json rule(const std::string& space, const Json& regs, const Json& dirs);
     /// Scans the whole tree into space "s".
