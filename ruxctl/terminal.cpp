@@ -39,25 +39,9 @@ size_t terminalWidth() {
 }  // namespace
 
 std::string inked(Ink ink, const std::string& text) {
+    constexpr const char* kCodes[] = {"1", "2", "32", "33", "31"};  // in the order of the inks
     if (!hasColour()) return text;
-    const char* code = "1";
-    switch (ink) {
-        case Ink::Bold:
-            break;
-        case Ink::Faint:
-            code = "2";
-            break;
-        case Ink::Good:
-            code = "32";
-            break;
-        case Ink::Warning:
-            code = "33";
-            break;
-        case Ink::Bad:
-            code = "31";
-            break;
-    }
-    return std::string("\033[") + code + "m" + text + "\033[0m";
+    return std::string("\033[") + kCodes[static_cast<size_t>(ink)] + "m" + text + "\033[0m";
 }
 
 StatusLine::StatusLine() : mIsTerminal(isatty(STDERR_FILENO) != 0) {}
