@@ -157,7 +157,7 @@ int printCompletion(const std::string& what, const CLI::App& app) {
     if (what == "bash") {
         printBash(app);
     } else if (what == "spaces") {
-        for (const Space& space : spaces()) std::cout << space.id << "\n";
+        for (const std::string& spaceId : spaceIds()) std::cout << spaceId << "\n";
     } else {
         printZsh(app);
     }

@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <iostream>
-#include <set>
 
 #include "android-base/properties.h"
 #include "ruxctl/commands.h"
@@ -20,21 +19,21 @@ int printPlan(const std::vector<Group>& groups) {
     int64_t links = 0;
     int64_t bytes = 0;
     for (const Group& group : groups) {
-        if (group.files() < 2) continue;
+        if (group.files < 2) continue;
         const Member* kept = nullptr;
         for (const Member& member : group.members) {
             if (member.state == State::Gone) continue;
             if (kept == nullptr) {
                 kept = &member;
                 std::cout << inked(Ink::Bold, "keep") << "  " << member.path << "\n";
-            } else if (member.inode != kept->inode || member.device != kept->device) {
+            } else if (member.file != kept->file) {
                 const bool changed = member.state == State::Changed;
                 std::cout << (changed ? inked(Ink::Warning, "skip") : inked(Ink::Good, "link"))
                           << "  " << member.path << (changed ? "  (changed)" : "") << "\n";
                 if (!changed) ++links;
             }
         }
-        bytes += group.reclaimable();
+        bytes += group.reclaimable;
     }
     std::cout << counted(links, "file") << " would be linked, giving back " << humanBytes(bytes)
               << "; nothing has been changed\n";
@@ -61,7 +60,7 @@ std::string progressText(int64_t expected, double seconds) {
 int64_t leftAlone(const std::vector<Group>& groups) {
     int64_t files = 0;
     for (const Group& group : groups) {
-        const int64_t different = static_cast<int64_t>(diskUse({group}).size());
+        const int64_t different = static_cast<int64_t>(diskUse(group).size());
         files += std::max<int64_t>(different - 1, 0);
     }
     return files;
@@ -70,19 +69,16 @@ int64_t leftAlone(const std::vector<Group>& groups) {
 }  // namespace
 
 int compress(const CompressOptions& options) {
+    std::optional<Client> client;
+    if (!options.dryRun && !(client = Client::connect())) return noService();
     std::vector<Group> groups;
     for (const std::string& spaceId : options.spaceIds) {
-        if (!exists(spaceId)) {
-            if (!options.dryRun && !Client::connect()) return noService();
-            return noSpace(spaceId);
-        }
+        if (!exists(spaceId)) return noSpace(spaceId);
         for (Group& group : groupsOf(spaceId, Which::ToCompress))
             groups.push_back(std::move(group));
     }
     if (options.dryRun) return printPlan(groups);
 
-    const auto client = Client::connect();
-    if (!client) return noService();
     std::vector<Listing> listing;
     if (const auto failure = fetchListing(*client, options.spaceIds, {".*"}, &listing); failure)
         return fail(*failure);

@@ -6,13 +6,14 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
-#include <set>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
 
 #include "db/database_root.h"
+#include "ruxctl/json.h"
 
 namespace ruxctl {
 namespace {
@@ -22,7 +23,7 @@ namespace fs = std::filesystem;
 constexpr char kRecords[] = "RUXFileInfo.json";
 constexpr char kToCompress[] = "RUXCheckNoCompress.json";
 constexpr char kCompressed[] = "RUXCheckACompress.json";
-constexpr char kModified[] = "RUXModifyFileInfo.json";
+constexpr const char* kFiles[] = {kRecords, kToCompress, kCompressed, "RUXModifyFileInfo.json"};
 // One of each record and of each group. Quotes inside of strings are escaped, so in the text these
 // stand for members alone, and counting them needs no parser.
 constexpr std::string_view kDigestMember = "\"is_md5\":";
@@ -47,11 +48,6 @@ Json::Value read(const std::string& path, Json::ValueType type) {
     return value;
 }
 
-int64_t numberOf(const Json::Value& object, const char* name) {
-    const Json::Value& number = object[name];
-    return number.isInt64() ? number.asInt64() : 0;
-}
-
 Member lookedUp(const std::string& path, int64_t fileBytes, const Json::Value& record) {
     Member member;
     member.path = path;
@@ -61,27 +57,28 @@ Member lookedUp(const std::string& path, int64_t fileBytes, const Json::Value& r
                          record["s_time"].asInt64() != st.st_mtime;
     const bool isSame = S_ISREG(st.st_mode) && st.st_size == fileBytes && !isNewer;
     member.state = isSame ? State::There : State::Changed;
-    member.device = st.st_dev;
-    member.inode = st.st_ino;
-    member.links = st.st_nlink;
+    member.file = {st.st_dev, st.st_ino};
+    member.links = static_cast<int64_t>(st.st_nlink);
     return member;
 }
 
-bool isPresent(const Member& member) {
-    return member.state == State::There || member.state == State::Linked;
-}
-
-void markLinked(std::vector<Member>& members) {
-    std::set<std::pair<dev_t, ino_t>> once;
-    std::set<std::pair<dev_t, ino_t>> again;
-    for (const Member& member : members) {
-        const std::pair file{member.device, member.inode};
-        if (isPresent(member) && !once.insert(file).second) again.insert(file);
+/// Tells files of one's own from links, and adds up.
+void takeStock(Group& group) {
+    std::map<FileId, std::pair<int64_t, int64_t>> files;  // paths that lead there, and names
+    for (const Member& member : group.members) {
+        if (!member.isPresent()) continue;
+        ++group.present;
+        auto& [paths, names] = files[member.file];
+        ++paths;
+        names = member.links;
     }
-    for (Member& member : members) {
-        if (isPresent(member) && again.count({member.device, member.inode}) != 0)
-            member.state = State::Linked;
+    for (Member& member : group.members) {
+        if (member.isPresent() && files[member.file].first > 1) member.state = State::Linked;
     }
+    group.files = static_cast<int64_t>(files.size());
+    group.reclaimable = std::max<int64_t>(group.files - 1, 0) * group.fileBytes;
+    for (const auto& [file, counts] : files)
+        group.given += (std::min(counts.first, counts.second) - 1) * group.fileBytes;
 }
 
 void addGroups(const std::string& spaceId, bool compressed, const Json::Value& records,
@@ -103,8 +100,20 @@ void addGroups(const std::string& spaceId, bool compressed, const Json::Value& r
                     compressed ? Json::Value::nullSingleton() : records[path.asString()];
             group.members.push_back(lookedUp(path.asString(), group.fileBytes, record));
         }
-        markLinked(group.members);
+        takeStock(group);
         groups.push_back(std::move(group));
+    }
+}
+
+/// Adds the regular files that the group's paths lead to right now.
+void addUse(const Group& group, DiskUse& use) {
+    for (const Member& member : group.members) {
+        struct stat st = {};
+        if (lstat(member.path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+        FileUse& file = use[{st.st_dev, st.st_ino}];
+        file.allocated = int64_t{st.st_blocks} * 512;
+        file.links = static_cast<int64_t>(st.st_nlink);
+        ++file.names;
     }
 }
 
@@ -117,29 +126,33 @@ int64_t countOf(std::string_view text, std::string_view part) {
 
 }  // namespace
 
-std::vector<Space> spaces() {
-    std::vector<Space> found;
+std::vector<std::string> spaceIds() {
+    std::vector<std::string> found;
     std::error_code error;
     for (const auto& entry : fs::directory_iterator(rux::databaseRoot(), error)) {
-        Space space;
-        space.id = entry.path().filename();
-        bool any = false;
-        for (const char* file : {kRecords, kToCompress, kCompressed, kModified}) {
-            struct stat st = {};
-            if (stat(pathOf(space.id, file).c_str(), &st) != 0) continue;
-            any = true;
-            space.bytes += st.st_size;
-            space.changed = std::max(space.changed, st.st_mtime);
+        const std::string id = entry.path().filename();
+        if (std::any_of(std::begin(kFiles), std::end(kFiles),
+                        [&id](const char* file) { return fs::exists(pathOf(id, file)); })) {
+            found.push_back(id);
         }
-        if (!any) continue;
-        space.files = recordCount(space.id);
-        space.toCompress = countOf(textOf(pathOf(space.id, kToCompress)), kListMember);
-        space.compressed = countOf(textOf(pathOf(space.id, kCompressed)), kListMember);
-        found.push_back(space);
     }
-    std::sort(found.begin(), found.end(),
-              [](const Space& a, const Space& b) { return a.id < b.id; });
+    std::sort(found.begin(), found.end());
     return found;
+}
+
+Space lookAt(const std::string& spaceId) {
+    Space space;
+    space.id = spaceId;
+    for (const char* file : kFiles) {
+        struct stat st = {};
+        if (stat(pathOf(spaceId, file).c_str(), &st) != 0) continue;
+        space.bytes += st.st_size;
+        space.changed = std::max(space.changed, st.st_mtime);
+    }
+    space.files = recordCount(spaceId);
+    space.toCompress = countOf(textOf(pathOf(spaceId, kToCompress)), kListMember);
+    space.compressed = countOf(textOf(pathOf(spaceId, kCompressed)), kListMember);
+    return space;
 }
 
 bool exists(const std::string& spaceId) {
@@ -168,33 +181,6 @@ const char* nameOf(State state) {
     return "gone";
 }
 
-int64_t Group::present() const {
-    return std::count_if(members.begin(), members.end(), isPresent);
-}
-
-int64_t Group::files() const {
-    std::set<std::pair<dev_t, ino_t>> different;
-    for (const Member& member : members) {
-        if (isPresent(member)) different.insert({member.device, member.inode});
-    }
-    return static_cast<int64_t>(different.size());
-}
-
-int64_t Group::reclaimable() const {
-    return std::max<int64_t>(files() - 1, 0) * fileBytes;
-}
-
-int64_t Group::given() const {
-    std::map<std::pair<dev_t, ino_t>, int64_t> names;
-    int64_t beyondTheFirst = 0;
-    for (const Member& member : members) {
-        if (!isPresent(member)) continue;
-        int64_t& seen = names[{member.device, member.inode}];
-        if (++seen > 1 && seen <= static_cast<int64_t>(member.links)) ++beyondTheFirst;
-    }
-    return beyondTheFirst * fileBytes;
-}
-
 std::vector<Group> groupsOf(const std::string& spaceId, Which which) {
     std::vector<Group> groups;
     if (which != Which::Compressed) {
@@ -206,16 +192,13 @@ std::vector<Group> groupsOf(const std::string& spaceId, Which which) {
 
 DiskUse diskUse(const std::vector<Group>& groups) {
     DiskUse use;
-    for (const Group& group : groups) {
-        for (const Member& member : group.members) {
-            struct stat st = {};
-            if (lstat(member.path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
-            FileUse& file = use[{st.st_dev, st.st_ino}];
-            file.allocated = int64_t{st.st_blocks} * 512;
-            file.links = static_cast<int64_t>(st.st_nlink);
-            ++file.names;
-        }
-    }
+    for (const Group& group : groups) addUse(group, use);
+    return use;
+}
+
+DiskUse diskUse(const Group& group) {
+    DiskUse use;
+    addUse(group, use);
     return use;
 }
 

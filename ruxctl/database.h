@@ -22,8 +22,10 @@ struct Space {
     time_t changed = 0;      ///< when the last of them was written
 };
 
-/// All spaces that have been scanned, by name.
-std::vector<Space> spaces();
+/// The names of all spaces that have been scanned, sorted.
+std::vector<std::string> spaceIds();
+/// What is known of a space. Reads all of its files.
+Space lookAt(const std::string& spaceId);
 /// Whether the space has a directory.
 bool exists(const std::string& spaceId);
 
@@ -41,12 +43,15 @@ enum class State {
 };
 const char* nameOf(State state);
 
+/// A file, whatever its names: its device and inode.
+using FileId = std::pair<dev_t, ino_t>;
+
 struct Member {
     std::string path;
     State state = State::Gone;
-    dev_t device = 0;
-    ino_t inode = 0;
-    nlink_t links = 0;  ///< names that the file has
+    FileId file;        ///< unless it is gone
+    int64_t links = 0;  ///< names that the file has
+    bool isPresent() const { return state == State::There || state == State::Linked; }
 };
 
 /// Files of identical content.
@@ -56,16 +61,12 @@ struct Group {
     int64_t fileBytes = 0;
     bool compressed = false;  ///< whether the service has linked it
     std::vector<Member> members;
-
-    /// Members that are there or linked.
-    int64_t present() const;
-    /// Different files among them.
-    int64_t files() const;
-    /// What linking would still give back: all but one of those files.
-    int64_t reclaimable() const;
-    /// What links have given back: the names beyond the first of each file. Two paths may lead to
-    /// one name, by way of symbolic links.
-    int64_t given() const;
+    int64_t present = 0;      ///< members that are there or linked
+    int64_t files = 0;        ///< different files among them
+    int64_t reclaimable = 0;  ///< bytes that linking would still give back: all but one file
+    /// Bytes that links have given back: the names beyond the first of each file. Two paths may
+    /// lead to one name, by way of symbolic links.
+    int64_t given = 0;
 };
 
 enum class Which { ToCompress, Compressed, All };
@@ -79,9 +80,10 @@ struct FileUse {
     int64_t links = 0;      ///< its names, wherever they are
     int64_t names = 0;      ///< those of them that are paths of the groups
 };
-using DiskUse = std::map<std::pair<dev_t, ino_t>, FileUse>;
-/// The regular files that the groups' paths lead to right now.
+using DiskUse = std::map<FileId, FileUse>;
+/// The regular files that the groups' paths, or those of one group, lead to right now.
 DiskUse diskUse(const std::vector<Group>& groups);
+DiskUse diskUse(const Group& group);
 /// Bytes of the blocks of the files that were there before, are no more, and had no other names.
 int64_t givenBack(const DiskUse& before, const DiskUse& after);
 /// Bytes that are taken up when each path gets data of its own.

@@ -68,8 +68,8 @@ int checkExceptRule(const std::string& pattern, const std::vector<std::string>& 
     }
     int64_t all = 0;
     int64_t matching = 0;
-    for (const Space& space : spaces()) {
-        for (const std::string& path : recordedPaths(space.id)) {
+    for (const std::string& spaceId : spaceIds()) {
+        for (const std::string& path : recordedPaths(spaceId)) {
             ++all;
             if (!std::regex_match(path, compiled)) continue;
             ++matching;

@@ -13,9 +13,9 @@ namespace ruxctl {
 namespace {
 
 void printText(const Group& group) {
-    std::string heading = humanBytes(group.reclaimable()) + " in " +
-                          counted(group.files(), "file") + " of " + humanBytes(group.fileBytes);
-    if (group.given() > 0) heading += ", " + humanBytes(group.given()) + " given back";
+    std::string heading = humanBytes(group.reclaimable) + " in " + counted(group.files, "file") +
+                          " of " + humanBytes(group.fileBytes);
+    if (group.given > 0) heading += ", " + humanBytes(group.given) + " given back";
     std::cout << inked(Ink::Bold, heading) << "  "
               << inked(Ink::Faint, group.spaceId + " " + group.digest) << "\n";
     for (const Member& member : group.members) {
@@ -34,7 +34,7 @@ Json::Value valueOf(const Group& group) {
     value["space"] = group.spaceId;
     value["digest"] = group.digest;
     value["file_bytes"] = static_cast<Json::Int64>(group.fileBytes);
-    value["reclaimable_bytes"] = static_cast<Json::Int64>(group.reclaimable());
+    value["reclaimable_bytes"] = static_cast<Json::Int64>(group.reclaimable);
     value["compressed"] = group.compressed;
     value["members"] = Json::Value(Json::arrayValue);
     for (const Member& member : group.members) {
@@ -62,8 +62,8 @@ void printCsv(const std::vector<Group>& all) {
     for (const Group& group : all) {
         for (const Member& member : group.members) {
             std::cout << quoted(group.spaceId) << "," << quoted(group.digest) << ","
-                      << group.fileBytes << "," << group.reclaimable() << ","
-                      << nameOf(member.state) << "," << quoted(member.path) << "\r\n";
+                      << group.fileBytes << "," << group.reclaimable << "," << nameOf(member.state)
+                      << "," << quoted(member.path) << "\r\n";
         }
     }
 }
@@ -78,7 +78,7 @@ int groups(const GroupsOptions& options) {
     }
     const bool bySize = options.sort == "size";
     std::stable_sort(all.begin(), all.end(), [bySize](const Group& a, const Group& b) {
-        return bySize ? a.reclaimable() > b.reclaimable() : a.members.size() > b.members.size();
+        return bySize ? a.reclaimable > b.reclaimable : a.members.size() > b.members.size();
     });
     if (options.top > 0 && all.size() > options.top) all.resize(options.top);
 

@@ -1,11 +1,12 @@
 #include "ruxctl/messages.h"
 
-#include <json/json.h>
-
+#include <algorithm>
+#include <cstdlib>
 #include <iostream>
 #include <map>
 
 #include "ruxctl/database.h"
+#include "ruxctl/json.h"
 #include "ruxctl/operation.h"
 
 namespace ruxctl {
@@ -23,10 +24,6 @@ Json::Value ruleOf(const SpaceQuery& query) {
     rule["regs"] = arrayOf(query.patterns);
     rule["dirs"] = arrayOf(query.places);
     return rule;
-}
-
-int64_t numberOf(const Json::Value& entry, const char* name) {
-    return entry[name].isInt64() ? entry[name].asInt64() : 0;
 }
 
 }  // namespace
@@ -63,11 +60,8 @@ std::string ruleText(const SpaceQuery& query) {
     return Json::FastWriter().write(request);
 }
 
-std::vector<std::string> chosenSpaces(const std::vector<std::string>& spaceIds) {
-    if (!spaceIds.empty()) return spaceIds;
-    std::vector<std::string> all;
-    for (const Space& space : spaces()) all.push_back(space.id);
-    return all;
+std::vector<std::string> chosenSpaces(const std::vector<std::string>& chosen) {
+    return chosen.empty() ? spaceIds() : chosen;
 }
 
 std::optional<Failure> fetchListing(const Client& client, const std::vector<std::string>& spaceIds,

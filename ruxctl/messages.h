@@ -19,7 +19,7 @@ std::string arrayText(const std::vector<std::string>& strings);
 std::string ruleText(const SpaceQuery& query);
 
 /// The given spaces, or all when none are given.
-std::vector<std::string> chosenSpaces(const std::vector<std::string>& spaceIds);
+std::vector<std::string> chosenSpaces(const std::vector<std::string>& chosen);
 
 /// What linking would give back, as the service's listing counts it.
 struct Listing {

@@ -49,35 +49,35 @@ void divide(const Directory& directory, const std::string& path, int64_t whole,
             divide(child, path + "/" + name, whole, shares);
         }
     }
-    if (own.reclaimable + own.given > 0) shares.push_back(own);
+    if (own.bytes() > 0) shares.push_back(own);
 }
 
-Report reportOn(const std::vector<std::string>& spaceIds) {
+Report reportOn(const std::vector<std::string>& chosen) {
     Report report;
     Directory root;
-    for (const Space& space : spaces()) {
-        if (std::find(spaceIds.begin(), spaceIds.end(), space.id) == spaceIds.end()) continue;
-        report.spaces.push_back(space);
-        for (Group& group : groupsOf(space.id, Which::All)) {
-            report.reclaimable += group.reclaimable();
-            report.given += group.given();
+    for (const std::string& spaceId : spaceIds()) {
+        if (std::find(chosen.begin(), chosen.end(), spaceId) == chosen.end()) continue;
+        report.spaces.push_back(lookAt(spaceId));
+        for (Group& group : groupsOf(spaceId, Which::All)) {
+            report.reclaimable += group.reclaimable;
+            report.given += group.given;
             // All paths of a group have an equal part in it.
             for (const Member& member : group.members) {
-                if (member.state != State::There && member.state != State::Linked) continue;
-                add(root, member.path, group.reclaimable() / group.present(),
-                    group.given() / group.present());
+                if (!member.isPresent()) continue;
+                add(root, member.path, group.reclaimable / group.present,
+                    group.given / group.present);
             }
-            if (group.reclaimable() + group.given() > 0) report.groups.push_back(std::move(group));
+            if (group.reclaimable + group.given > 0) report.groups.push_back(std::move(group));
         }
     }
     std::stable_sort(report.groups.begin(), report.groups.end(),
                      [](const Group& a, const Group& b) {
-                         return a.reclaimable() + a.given() > b.reclaimable() + b.given();
+                         return a.reclaimable + a.given > b.reclaimable + b.given;
                      });
     divide(root, "", root.bytes(), report.directories);
     std::stable_sort(report.directories.begin(), report.directories.end(),
                      [](const DirectoryShare& a, const DirectoryShare& b) {
-                         return a.reclaimable + a.given > b.reclaimable + b.given;
+                         return a.bytes() > b.bytes();
                      });
     return report;
 }

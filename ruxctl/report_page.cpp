@@ -80,10 +80,6 @@ std::string percent(double part) {
     return text;
 }
 
-int64_t bytesOf(const DirectoryShare& share) {
-    return share.reclaimable + share.given;
-}
-
 void figure(std::ostream& out, const char* kind, const std::string& number, const char* what) {
     out << "<div class=\"" << kind << "\"><b>" << number << "</b>" << what << "</div>\n";
 }
@@ -92,7 +88,7 @@ void writeFigures(std::ostream& out, const Report& report) {
     int64_t files = 0;
     for (const Space& space : report.spaces) files += space.files;
     const auto open = std::count_if(report.groups.begin(), report.groups.end(),
-                                    [](const Group& group) { return group.reclaimable() > 0; });
+                                    [](const Group& group) { return group.reclaimable > 0; });
     out << "<div class=\"figures\">\n";
     figure(out, "free", humanBytes(report.reclaimable), "can be given back");
     figure(out, "given", humanBytes(report.given), "given back by links");
@@ -105,7 +101,7 @@ void writeMap(std::ostream& out, const std::vector<DirectoryShare>& directories)
     std::vector<double> weights;
     for (const DirectoryShare& directory : directories) {
         if (weights.size() == kMaxCells) break;
-        weights.push_back(static_cast<double>(bytesOf(directory)));
+        weights.push_back(static_cast<double>(directory.bytes()));
     }
     const std::vector<Cell> cells = treemap(weights, kProportion);
     out << "<h2>Where the duplicates are</h2>\n<p>Areas are directories, by what their duplicates "
@@ -121,17 +117,17 @@ void writeMap(std::ostream& out, const std::vector<DirectoryShare>& directories)
             << ";top:" << percent(cells[i].top) << ";width:" << percent(cells[i].width)
             << ";height:" << percent(cells[i].height) << ";--part:" << percent(part) << "\">"
             << escaped(directory.path.substr(directory.path.rfind('/') + 1)) << "<br>"
-            << humanBytes(bytesOf(directory)) << "</div>\n";
+            << humanBytes(directory.bytes()) << "</div>\n";
     }
     out << "</div>\n";
 }
 
 void writeBars(std::ostream& out, const std::vector<DirectoryShare>& directories) {
     out << "<h2>Directories</h2>\n<div class=\"bars\">\n";
-    const auto most = static_cast<double>(bytesOf(directories.front()));
+    const auto most = static_cast<double>(directories.front().bytes());
     for (size_t i = 0; i < std::min(directories.size(), kMaxBars); ++i) {
         const DirectoryShare& directory = directories[i];
-        out << "<span>" << escaped(directory.path) << "</span><b>" << humanBytes(bytesOf(directory))
+        out << "<span>" << escaped(directory.path) << "</span><b>" << humanBytes(directory.bytes())
             << "</b><i><u style=\"width:"
             << percent(static_cast<double>(directory.reclaimable) / most)
             << "\"></u><s style=\"width:" << percent(static_cast<double>(directory.given) / most)
@@ -144,12 +140,12 @@ void writeGroups(std::ostream& out, const std::vector<Group>& groups) {
     out << "<h2>Largest groups</h2>\n";
     for (size_t i = 0; i < std::min(groups.size(), kMaxGroups); ++i) {
         const Group& group = groups[i];
-        out << "<details><summary>" << counted(group.present(), "path") << ", "
-            << counted(group.files(), "file") << " of " << humanBytes(group.fileBytes);
-        if (group.reclaimable() > 0)
-            out << ", <span class=\"free\">" << humanBytes(group.reclaimable()) << "</span>";
-        if (group.given() > 0)
-            out << ", <span class=\"given\">" << humanBytes(group.given()) << " given back</span>";
+        out << "<details><summary>" << counted(group.present, "path") << ", "
+            << counted(group.files, "file") << " of " << humanBytes(group.fileBytes);
+        if (group.reclaimable > 0)
+            out << ", <span class=\"free\">" << humanBytes(group.reclaimable) << "</span>";
+        if (group.given > 0)
+            out << ", <span class=\"given\">" << humanBytes(group.given) << " given back</span>";
         out << "</summary><ul>\n";
         for (size_t member = 0; member < std::min(group.members.size(), kMaxMembers); ++member) {
             out << "<li>" << escaped(group.members[member].path) << " <span class=\"note\">"

@@ -14,6 +14,7 @@ struct DirectoryShare {
     std::string path;
     int64_t reclaimable = 0;  ///< its files' share of what linking would give back
     int64_t given = 0;        ///< and of what links have given back
+    int64_t bytes() const { return reclaimable + given; }
 };
 
 struct Report {

@@ -45,20 +45,20 @@ std::vector<Group> selected(const SpaceQuery& query) {
 }
 
 /// A file system on which there is not enough room for its share, in words; empty when there is.
-std::string missingRoom(const std::vector<Group>& groups) {
+std::string missingRoom(const std::vector<Group>& groups, const DiskUse& use) {
     std::map<dev_t, std::pair<DiskUse, std::string>> byDevice;  // and a path on it
-    for (const auto& [file, use] : diskUse(groups)) byDevice[file.first].first[file] = use;
+    for (const auto& [file, part] : use) byDevice[file.first].first[file] = part;
     for (const Group& group : groups) {
         for (const Member& member : group.members) {
-            if (member.state != State::Gone) byDevice[member.device].second = member.path;
+            if (member.state != State::Gone) byDevice[member.file.first].second = member.path;
         }
     }
     for (const auto& [device, part] : byDevice) {
-        const auto& [use, path] = part;
+        const auto& [itsUse, path] = part;
         struct statvfs fs = {};
         if (path.empty() || statvfs(path.c_str(), &fs) != 0) continue;
         const auto room = static_cast<int64_t>(fs.f_bavail * fs.f_frsize);
-        const int64_t needed = takenUpByRestore(use);
+        const int64_t needed = takenUpByRestore(itsUse);
         if (needed > room) {
             return "the file system of " + path + " has " + humanBytes(room) + " left, and " +
                    humanBytes(needed) + " are needed";
@@ -87,7 +87,7 @@ int restore(const RestoreOptions& options) {
               << counted(static_cast<int64_t>(groups.size()), "group")
               << " will get data of their own, taking up " << humanBytes(takenUpByRestore(before))
               << "\n";
-    if (const std::string missing = missingRoom(groups); !missing.empty() && !options.yes) {
+    if (const std::string missing = missingRoom(groups, before); !missing.empty() && !options.yes) {
         return fail({kFailed, missing + "; restore less with --match or --under, or make room "
                                         "(--yes goes on as far as there is some)"});
     }

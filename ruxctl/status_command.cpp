@@ -33,7 +33,8 @@ int status() {
               << "\n";
     std::vector<std::vector<std::string>> rows = {
             {"SPACE", "FILES", "CONTENTS", "LINKED", "DATABASE", "CHANGED"}};
-    for (const Space& space : spaces()) {
+    for (const std::string& spaceId : spaceIds()) {
+        const Space space = lookAt(spaceId);
         rows.push_back({space.id, grouped(space.files), grouped(space.toCompress),
                         grouped(space.compressed), humanBytes(space.bytes), ago(space.changed)});
     }
