@@ -198,6 +198,9 @@ void digestFiles(benchmark::State& state) {
                     return from.next < from.paths.size() ? from.paths[from.next++].c_str()
                                                          : nullptr;
                 },
+                [](void* /*all*/, uint64_t /*ticket*/, const struct stat* /*status*/) {
+                    return true;
+                },
                 [](void* /*all*/, uint64_t /*ticket*/, const FileMD5Result* result) {
                     if (result->code != 0) abort();
                 },

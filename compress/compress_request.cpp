@@ -54,14 +54,23 @@ void moveToCompressed(const std::string& digest) {
     asObject(checkACompressDB.change())[digest] = std::move(group);
 }
 
+/// The digests of the groups of the loaded space that have several members.
+std::vector<std::string> duplicates() {
+    std::vector<std::string> digests;
+    if (!checkNoCompressDB->isObject()) return digests;
+    for (auto group = checkNoCompressDB->begin(); group != checkNoCompressDB->end(); ++group) {
+        const Json::Value* paths = groupPaths(*group);
+        if (paths != nullptr && paths->size() >= 2) digests.push_back(group.name());
+    }
+    return digests;
+}
+
 /// Compresses the groups of the loaded space. True when the stop property ended it.
 bool compressFile(Tally& tally) {
-    if (!checkNoCompressDB->isObject()) return false;
-    for (const std::string& digest : checkNoCompressDB->getMemberNames()) {
+    for (const std::string& digest : duplicates()) {
+        if (digest.empty()) continue;
         const Json::Value& group = (*checkNoCompressDB)[digest];
         const Json::Value* paths = groupPaths(group);
-        if (digest.empty() || paths == nullptr || paths->size() < 2) continue;
-
         const Json::ArrayIndex keptIndex = firstExisting(*paths);
         if (keptIndex + 1 >= paths->size()) {
             RUX_LOGD("the group is deleted");

@@ -8,14 +8,13 @@
 #include <cerrno>
 #include <cstddef>
 #include <fstream>
-#include <future>
 #include <iterator>
 #include <string_view>
-#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "control/log.h"
+#include "control/parallel.h"
 #include "db/files.h"
 #include "db/json_text.h"
 #include "db/json_writer.h"
@@ -131,20 +130,6 @@ class Rewrite {
     bool mWritten = false;
 };
 
-/// Calls `step` for every file, for all at once where there are threads to be had.
-void forAll(std::vector<Rewrite>& rewrites, void (Rewrite::*step)()) {
-    std::vector<std::future<void>> others;
-    for (size_t i = 1; i < rewrites.size(); ++i) {
-        try {
-            others.push_back(std::async(std::launch::async, step, &rewrites[i]));
-        } catch (const std::system_error&) {
-            (rewrites[i].*step)();
-        }
-    }
-    if (!rewrites.empty()) (rewrites.front().*step)();
-    for (std::future<void>& other : others) other.get();
-}
-
 }  // namespace
 
 Json::Value readFileDBJson(const std::string& path, std::optional<TextStamp>* stamp) {
@@ -203,7 +188,7 @@ void DBWriteUpdate(const std::string& SpaceID_DBPath, bool db1, bool db2, bool d
     }
     // The files go together: on a full disk none of them changes.
     bool fit = true;
-    forAll(rewrites, &Rewrite::prepare);
+    inParallel(rewrites.size(), [&rewrites](size_t i) { rewrites[i].prepare(); });
     for (const Rewrite& rewrite : rewrites) {
         if (rewrite.reserve()) continue;
         RUX_LOGE("The DB%d write fail.", rewrite.number());
@@ -213,7 +198,7 @@ void DBWriteUpdate(const std::string& SpaceID_DBPath, bool db1, bool db2, bool d
         for (const Rewrite& rewrite : rewrites) rewrite.giveBack();
         return;
     }
-    forAll(rewrites, &Rewrite::write);
+    inParallel(rewrites.size(), [&rewrites](size_t i) { rewrites[i].write(); });
     for (const Rewrite& rewrite : rewrites) {
         if (!rewrite.isWritten()) RUX_LOGE("The DB%d write fail.", rewrite.number());
     }

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <ctime>
+#include <new>
 
 namespace rux {
 namespace {
@@ -25,7 +26,9 @@ bool isSettled(const struct stat& status) {
 
 }  // namespace
 
-KnownFiles::KnownFiles() : mFiles(new File[kPlaces]()) {}
+KnownFiles::KnownFiles() : mFiles(static_cast<File*>(calloc(kPlaces, sizeof(File)))) {
+    if (mFiles == nullptr) throw std::bad_alloc();
+}
 
 KnownFiles::File& KnownFiles::placeOf(const struct stat& status) const {
     return mFiles[(status.st_ino ^ status.st_dev * 0x9e3779b1U) % kPlaces];
@@ -37,33 +40,35 @@ bool KnownFiles::isSame(const File& file, const struct stat& status) {
            isSameTime(file.ctime, status.st_ctim);
 }
 
-bool KnownFiles::isExpected(const struct stat& status) const {
-    const File& file = placeOf(status);
-    return file.isPromised && isSame(file, status);
-}
-
-void KnownFiles::promise(const struct stat& status) {
-    File& file = placeOf(status);
+KnownFiles::Claim KnownFiles::claim(const struct stat& status) {
     const bool isShared = status.st_nlink > 1;
+    const bool mayBeKept = isSettled(status);
+    const std::lock_guard lock(mMutex);
+    File& file = placeOf(status);
+    if (file.isClaimed && isSame(file, status)) return Claim::Others;
     // A file with other names will be met again; one with a single name perhaps, by way of a link.
-    if ((file.isPromised && file.isShared && !isShared) || !isSettled(status)) return;
+    if ((file.isClaimed && file.isShared && !isShared) || !mayBeKept) return Claim::OnceOnly;
     file = {status.st_dev,  status.st_ino, status.st_size, status.st_mtim,
             status.st_ctim, true,          isShared,       ""};
+    return Claim::Ours;
 }
 
 void KnownFiles::settle(const struct stat& status, const FileMD5Result& result) {
+    const std::lock_guard lock(mMutex);
     File& file = placeOf(status);
-    if (!file.isPromised || !isSame(file, status)) return;
-    file.isPromised = result.code == 0;
+    if (!file.isClaimed || !isSame(file, status)) return;
+    file.isClaimed = result.code == 0;
     memcpy(file.digest, result.md5, sizeof(file.digest));
 }
 
-bool KnownFiles::find(const struct stat& status, FileMD5Result* result) const {
+KnownFiles::Answer KnownFiles::find(const struct stat& status, FileMD5Result* result) const {
+    const std::lock_guard lock(mMutex);
     const File& file = placeOf(status);
-    if (!file.isPromised || file.digest[0] == '\0' || !isSame(file, status)) return false;
+    if (!file.isClaimed || !isSame(file, status)) return Answer::Unknown;
+    if (file.digest[0] == '\0') return Answer::Claimed;
     result->code = 0;
     memcpy(result->md5, file.digest, sizeof(file.digest));
-    return true;
+    return Answer::Known;
 }
 
 }  // namespace rux

@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
+#include <mutex>
 
 #include "tavo_f2fs_io.h"
 
@@ -13,21 +15,25 @@ namespace rux {
 /// Remembers by device, inode, size and both times the digests that one request has computed, so
 /// that the other names of a file (hard links, symbolic links, overlapping starting paths) need no
 /// second reading. Holds a fixed number of files; a newer one takes the place of an older.
+///
+/// All functions may be called from many threads at once.
 class KnownFiles {
   public:
     KnownFiles();
 
-    /// Whether the digest of such a file is known, or has been promised.
-    bool isExpected(const struct stat& status) const;
+    enum class Claim : uint8_t {
+        Others,   // somebody has computed the digest of such a file, or is at it
+        Ours,     // the caller is to compute it, and to `settle` the claim
+        OnceOnly  // the caller is to compute it for itself: nobody could rely on it later
+    };
+    Claim claim(const struct stat& status);
 
-    /// Says that the digest of such a file is being computed.
-    void promise(const struct stat& status);
-
-    /// Keeps the promise, or takes it back when the digest could not be computed.
+    /// Gives the digest of a file that was claimed, or says that there is none.
     void settle(const struct stat& status, const FileMD5Result& result);
 
-    /// Fills `result` with the digest. False when it is not known.
-    bool find(const struct stat& status, FileMD5Result* result) const;
+    enum class Answer : uint8_t { Known, Claimed, Unknown };
+    /// What there is of such a file; fills `result` when that is `Known`.
+    Answer find(const struct stat& status, FileMD5Result* result) const;
 
   private:
     struct File {
@@ -36,15 +42,21 @@ class KnownFiles {
         off_t size;
         timespec mtime;
         timespec ctime;
-        bool isPromised;
+        bool isClaimed;
         bool isShared;  // it has several names
         char digest[sizeof(FileMD5Result::md5)];
+    };
+    struct Free {
+        void operator()(File* files) const { free(files); }
     };
 
     File& placeOf(const struct stat& status) const;
     static bool isSame(const File& file, const struct stat& status);
 
-    std::unique_ptr<File[]> mFiles;  // each in the one place that its inode gives it
+    // Each in the one place that its inode gives it. Zeros that the system supplies as they are
+    // touched: most scans know few files.
+    std::unique_ptr<File[], Free> mFiles;
+    mutable std::mutex mMutex;
 };
 
 }  // namespace rux

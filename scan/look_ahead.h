@@ -9,9 +9,9 @@ namespace rux {
 
 /// What may be in preparation at once; it bounds the scan's memory beyond the images.
 struct LookAhead {
-    size_t entries = 8192;               ///< of directories, read ahead of their turn
-    int64_t bytes = int64_t{512} << 20;  ///< of files whose digests are under way or wait to be
-    unsigned workers = std::thread::hardware_concurrency();  ///< threads that compute digests
+    size_t entries = 16384;              ///< of directories, read ahead of their turn
+    int64_t bytes = int64_t{512} << 20;  ///< of files whose digests were begun
+    unsigned workers = std::thread::hardware_concurrency();  ///< threads that read files
 };
 
 /// Everything in its turn and on the scan's own thread.

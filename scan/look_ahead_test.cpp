@@ -16,6 +16,7 @@
 #include <cstdarg>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <mutex>
 #include <random>
 #include <set>
@@ -62,6 +63,12 @@ std::string formatted(const char* fmt, va_list args) {
 std::set<ino_t> badFiles;        // their content cannot be read
 bool firstReadingWaits = false;  // until the others come to nothing
 size_t readMeanwhile = 0;        // files, the first one included
+
+/// Of the bad files, whether not even opening it succeeds.
+[[maybe_unused]] bool cannotBeOpened(const char* path) {
+    const ino_t inode = rux::test::inodeOf(path);
+    return badFiles.count(inode) != 0 && inode % 2 == 0;
+}
 
 /// Whether the file is a bad one. Counts the attempt.
 bool isBad(const char* path) {
@@ -121,15 +128,28 @@ namespace {
 /// Stands between the scan and the real batch.
 struct BatchSpy {
     android::host::BatchCaller caller;
+    std::map<uint64_t, const char*> inHand;
     static BatchSpy& of(void* self) { return *static_cast<BatchSpy*>(self); }
     static const char* next(void* self, bool idle, uint64_t* ticket) {
         BatchSpy& spy = of(self);
         while (const char* path = spy.caller.next(spy.caller.caller, idle, ticket)) {
-            if (!isBad(path)) return path;
-            const FileMD5Result result = {EIO, ""};
-            spy.caller.done(spy.caller.caller, *ticket, &result);
+            spy.inHand[*ticket] = path;
+            if (!cannotBeOpened(path)) return path;
+            isBad(path);
+            fail(spy, *ticket);
         }
         return nullptr;
+    }
+    static bool opened(void* self, uint64_t ticket, const struct stat* status) {
+        BatchSpy& spy = of(self);
+        if (!spy.caller.opened(spy.caller.caller, ticket, status)) return false;
+        if (!isBad(spy.inHand[ticket])) return true;
+        fail(spy, ticket);
+        return false;
+    }
+    static void fail(BatchSpy& spy, uint64_t ticket) {
+        const FileMD5Result result = {EIO, ""};
+        spy.caller.done(spy.caller.caller, ticket, &result);
     }
     static void done(void* self, uint64_t ticket, const FileMD5Result* result) {
         of(self).caller.done(of(self).caller.caller, ticket, result);
@@ -143,11 +163,13 @@ struct BatchSpy {
 
 void computeFileMD5Batch(void* caller,
                          const char* (*next)(void* caller, bool idle, uint64_t* ticket),
+                         bool (*opened)(void* caller, uint64_t ticket, const struct stat* status),
                          void (*done)(void* caller, uint64_t ticket, const FileMD5Result* result),
                          bool (*isAbandoned)(void* caller), bool enableLog) {
-    BatchSpy spy = {{caller, next, done, isAbandoned, enableLog}};
-    android::host::digestInLanes(android::host::md5Kernels(), {&spy, BatchSpy::next, BatchSpy::done,
-                                                               BatchSpy::isAbandoned, enableLog});
+    BatchSpy spy = {{caller, next, opened, done, isAbandoned, enableLog}, {}};
+    android::host::digestInLanes(android::host::md5Kernels(),
+                                 {&spy, BatchSpy::next, BatchSpy::opened, BatchSpy::done,
+                                  BatchSpy::isAbandoned, enableLog});
 }
 #endif
 

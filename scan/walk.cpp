@@ -15,10 +15,13 @@ void takeSingleFile(const std::string& path, const struct stat& st, const Patter
                     const PatternList& blackList, KnownFiles& knownFiles) {
     calculateFileMD5(path, "", st, judge(path, regs, blackList), [&] {
         FileMD5Result result = {};
-        if (knownFiles.find(st, &result)) return result;
-        knownFiles.promise(st);
+        const KnownFiles::Claim claim = knownFiles.claim(st);
+        if (claim == KnownFiles::Claim::Others) {
+            knownFiles.find(st, &result);  // no worker has anything in hand between the walks
+            return result;
+        }
         result = computeFileMD5(path.c_str(), toolLogEnabled);
-        knownFiles.settle(st, result);
+        if (claim == KnownFiles::Claim::Ours) knownFiles.settle(st, result);
         return result;
     });
 }
@@ -28,7 +31,7 @@ void takeSingleFile(const std::string& path, const struct stat& st, const Patter
 int scanSpaceID(const std::string& path, const PatternList& regs, const PatternList& blackList,
                 Preparation& preparation) {
     const bool nameable = path.find('\0') == std::string::npos;
-    EntryStream stream(nameable ? path : "", lookAhead.entries / 2);
+    EntryStream stream(nameable ? path : "");
     if (!stream.isOpen()) {
         struct stat st = {};
         if (!nameable || stat(path.c_str(), &st) != 0) {
@@ -60,7 +63,7 @@ int scanSpaceID(const std::string& path, const PatternList& regs, const PatternL
         switch (entry->kind) {
             case Entry::Kind::Dot:
             case Entry::Kind::End:
-            case Entry::Kind::Unresolved:
+            case Entry::Kind::Unknown:
                 break;
             case Entry::Kind::Directory:
                 ++depth;
@@ -74,7 +77,7 @@ int scanSpaceID(const std::string& path, const PatternList& regs, const PatternL
             case Entry::Kind::File:
                 calculateFileMD5(entry->path,
                                  std::string_view(entry->path).substr(entry->nameStart),
-                                 entry->status, window.judgement(),
+                                 window.status(), window.judgement(),
                                  [&window] { return window.digest(); });
                 break;
         }

@@ -1,11 +1,17 @@
 #include "scan/window.h"
 
+#include <algorithm>
 #include <iterator>
 
 #include "control/properties.h"
 #include "db/images.h"
 
 namespace rux {
+namespace {
+
+constexpr size_t kStep = 1024;  // entries that are read and looked at together
+
+}  // namespace
 
 Window::Window(EntryStream& stream, Preparation& preparation, const PatternList& regs,
                const PatternList& blackList)
@@ -21,66 +27,74 @@ Window::~Window() {
 
 const Entry* Window::next() {
     while (mItems.size() < lookAhead.entries / 2 || mItems.empty()) {
-        if (!refill(mItems.empty())) break;
+        if (!refill()) break;
     }
-    return mItems.empty() ? nullptr : &mItems.front().entry;
+    if (mItems.empty()) return nullptr;
+    Item& item = mItems.front();
+    if (item.entry.kind == Entry::Kind::Unknown) {
+        while (!item.job.hasStatus()) {
+            if (!refill()) mPreparation.readers.advance(item.job);
+        }
+        item.entry.kind = item.job.kind;
+    }
+    return &item.entry;
 }
 
-/// Looks at further entries and has digests begun, as far as there is room. False when nothing
-/// came.
-bool Window::refill(bool wait) {
-    if (!hasRoom()) return false;
-    if (mEntries.empty() && (!mStream.read(mEntries, wait) || mEntries.empty())) return false;
-    std::vector<DigestJob*> jobs;
-    bool any = false;
-    while (!mEntries.empty() && hasRoom()) {
+/// Looks at some further entries and has their files read, as far as there is room. False when
+/// there is none, or no entry.
+bool Window::refill() {
+    const size_t most = std::max<size_t>(lookAhead.entries, 1);
+    if (mItems.size() >= most) return false;
+    size_t count = std::min(kStep, most - mItems.size());
+    if (mEntries.empty() && !mStream.read(mEntries, count)) return false;
+    std::vector<ReadJob*> jobs;
+    for (; count > 0 && !mEntries.empty(); --count) {
         mItems.emplace_back(std::move(mEntries.front()));
         mEntries.pop_front();
         prepare(mItems.back(), jobs);
-        any = true;
     }
-    mPreparation.digests.start(jobs);
-    return any;
+    mPreparation.readers.start(jobs);
+    return true;
 }
 
-bool Window::hasRoom() const {
-    return mItems.empty() || (mItems.size() < lookAhead.entries && mBytes < lookAhead.bytes);
-}
-
-void Window::prepare(Item& item, std::vector<DigestJob*>& jobs) {
+void Window::prepare(Item& item, std::vector<ReadJob*>& jobs) {
     const Entry& entry = item.entry;
-    if (entry.kind != Entry::Kind::File) return;
+    if (entry.kind != Entry::Kind::Unknown) return;
     item.judgement = judge(entry.path, mRegs, mBlackList, mMayBeFinished);
-    if (item.judgement.need != Need::Digest) return;
-    item.isShared = mPreparation.knownFiles.isExpected(entry.status);
-    if (item.isShared) return;
-    mPreparation.knownFiles.promise(entry.status);
     item.job.path = entry.path.c_str();
-    item.hasJob = true;
-    mBytes += entry.status.st_size;
+    item.job.isRegular = entry.isRegular;
+    item.job.wantsDigest = item.judgement.need == Need::Digest;
     jobs.push_back(&item.job);
 }
 
 void Window::pop() {
     Item& item = mItems.front();
-    if (item.hasJob) {
-        while (!item.job.isDone) mPreparation.digests.waitFor(item.job);
-        mPreparation.knownFiles.settle(item.entry.status, item.job.result);
-        mBytes -= item.entry.status.st_size;
+    if (item.entry.kind == Entry::Kind::File) {
+        while (!item.job.isDone()) mPreparation.readers.advance(item.job);
+        mPreparation.readers.release(item.job);
     }
     mItems.pop_front();
 }
 
 FileMD5Result Window::digest() {
     Item& item = mItems.front();
-    while (item.hasJob && !item.job.isDone) {
-        if (!refill(false)) mPreparation.digests.waitFor(item.job);
+    while (!item.job.isDone()) {
+        if (!refill()) mPreparation.readers.advance(item.job);
     }
-    FileMD5Result result = item.job.result;
-    if (item.isShared && mPreparation.knownFiles.find(item.entry.status, &result)) return result;
-    // The other name's digest failed, or was dropped with what lay ahead of a stop.
-    if (item.isShared) result = computeFileMD5(item.entry.path.c_str(), toolLogEnabled);
-    return result;
+    if (item.job.claim != KnownFiles::Claim::Others) return item.job.result;
+    // Another name of the file is being read, or has been.
+    FileMD5Result result = {};
+    while (true) {
+        switch (mPreparation.knownFiles.find(item.job.status, &result)) {
+            case KnownFiles::Answer::Known:
+                return result;
+            case KnownFiles::Answer::Unknown:  // in vain
+                return computeFileMD5(item.entry.path.c_str(), toolLogEnabled);
+            case KnownFiles::Answer::Claimed:
+                if (!refill()) mPreparation.readers.waitAMoment();
+                break;
+        }
+    }
 }
 
 void Window::leaveDirectory(size_t depth) {
@@ -92,14 +106,9 @@ void Window::leaveDirectory(size_t depth) {
     mEntries = std::move(ahead);
 }
 
-/// The jobs go with their items, and their promises with them.
 void Window::dropAll() {
-    mPreparation.digests.dropAll();
-    for (const Item& item : mItems) {
-        if (item.hasJob) mPreparation.knownFiles.settle(item.entry.status, item.job.result);
-    }
+    mPreparation.readers.dropAll(mItems.empty() ? nullptr : &mItems.front().job);
     mItems.clear();
-    mBytes = 0;
 }
 
 }  // namespace rux

@@ -1,27 +1,26 @@
 /// What a scan has in preparation.
 #pragma once
 
-#include <cstdint>
 #include <deque>
 #include <string>
 #include <vector>
 
 #include "request/patterns.h"
-#include "scan/digests.h"
 #include "scan/entry_stream.h"
 #include "scan/fingerprint.h"
 #include "scan/known_files.h"
 #include "scan/look_ahead.h"
+#include "scan/readers.h"
 
 namespace rux {
 
 /// What the walks of one request share.
 struct Preparation {
-    Digests digests{lookAhead.workers};
     KnownFiles knownFiles;
+    Readers readers{lookAhead.workers, lookAhead.bytes, knownFiles};
 };
 
-/// The entries of a walk that have been read ahead, and the digests of their files.
+/// The entries of a walk that have been read ahead, with the status and the digests of their files.
 ///
 /// Nothing that is done here can be observed: an entry has its effects when its turn comes.
 class Window {
@@ -36,8 +35,10 @@ class Window {
     const Entry* next();
     void pop();
 
-    /// What has to be done for the file whose turn it is, as it looked when it was met.
+    /// What has to be done for the file whose turn it is, and its status, as it looked when it was
+    /// met.
     const Judgement& judgement() const { return mItems.front().judgement; }
+    const struct stat& status() const { return mItems.front().job.status; }
 
     /// The digest of the file whose turn it is. Waits for it.
     FileMD5Result digest();
@@ -51,15 +52,12 @@ class Window {
         explicit Item(Entry entryRead) : entry(std::move(entryRead)) {}
         Entry entry;
         Judgement judgement;
-        bool isShared = false;  // the digest is that of another name of the file
-        bool hasJob = false;
-        DigestJob job;
+        ReadJob job;  // of an entry that is Unknown
     };
 
-    bool refill(bool wait);
-    bool hasRoom() const;
+    bool refill();
+    void prepare(Item& item, std::vector<ReadJob*>& jobs);
     void dropAll();
-    void prepare(Item& item, std::vector<DigestJob*>& jobs);
 
     EntryStream& mStream;
     Preparation& mPreparation;
@@ -68,7 +66,6 @@ class Window {
     const bool mMayBeFinished;   // there were records before this walk, which meets each path once
     std::deque<Item> mItems;     // in the order of the walk
     std::deque<Entry> mEntries;  // read, but not looked at
-    int64_t mBytes = 0;          // of the items' files that have jobs
 };
 
 }  // namespace rux

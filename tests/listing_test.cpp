@@ -72,6 +72,36 @@ TEST_F(ListingTest, RetiresGroupsWithModifiedMembers) {
     EXPECT_EQ(database(kGroups), Json::object());
 }
 
+TEST_F(ListingTest, TakesGroupsOfAnySizeInTheirOrder) {
+    const std::string a = sandbox.write("a", "same");
+    const std::string b = sandbox.write("b", "same");
+    const std::string modified = sandbox.write("modified", "same");
+    const std::string missing = sandbox.path("missing");
+    scanTree();
+    touch(modified);
+    Json groups = Json::object();
+    const auto add = [&groups](std::vector<std::string> paths, const std::string& last) {
+        paths.push_back(last);
+        groups["group" + std::to_string(groups.size())] = {{"V", 1},
+                                                           {"f_size", 4},
+                                                           {"f_list", paths}};
+    };
+    add({}, a);  // not looked at
+    add(std::vector<std::string>(5000, a), b);
+    add({missing}, modified);
+    add(std::vector<std::string>(5000, b), modified);  // counts, and is retired
+    add(std::vector<std::string>(4999, missing), a);
+    add({a, modified}, b);
+    add({b}, a);
+    writeFile(sandbox.database("s", kGroups), groups.dump());
+    EXPECT_EQ(list(), counts(3, 5001 + 5000 + 2, int64_t{4} * (5001 - 1 + 5000 - 1 + 2 - 1)));
+    EXPECT_EQ(logged("file no exist."), 1 + 4999);
+    for (const char* digest : {"group2", "group3", "group5"}) groups.erase(digest);
+    EXPECT_EQ(database(kGroups), groups);
+    const Json retired = {{"V", 1}, {"r_flag", 0}};
+    EXPECT_EQ(database(kModified), Json({{missing, retired}, {b, retired}, {a, retired}}));
+}
+
 TEST_F(ListingTest, StopsWithoutRetiringAnything) {
     const std::string modified = sandbox.write("a1", "same");
     const std::string a2 = sandbox.write("a2", "same");

@@ -28,15 +28,20 @@ class Lane {
     explicit Lane(unsigned char* buffer) : mBuffer(buffer) {}
 
     /// 0 or an errno.
-    int begin(const char* path, uint64_t ticket) {
+    int open(const char* path, uint64_t ticket) {
         *this = Lane(mBuffer);
         mPath = path;
         mTicket = ticket;
-        if (const int error = mSource.open(path); error != 0) return error;
+        return mSource.open(path);
+    }
+    const struct stat& status() const { return mSource.status(); }
+    void drop() { *this = Lane(mBuffer); }
+
+    /// Reads what can be had without waiting.
+    void begin() {
         const size_t wanted = wantedBytes();
         const ssize_t got = mSource.readAtOnce(mBuffer, wanted);
         if (got > 0) take(static_cast<size_t>(got), wanted);
-        return 0;
     }
 
     /// Reads on until there are blocks. 0 or an errno.
@@ -63,7 +68,7 @@ class Lane {
     bool isFinished() const { return mEnded && mBlocks == 0; }
 
     /// 0 when the file has stayed the same from its opening to now, else an errno.
-    int end() { return mSource.close(); }
+    int close() { return mSource.close(); }
 
     const char* path() const { return mPath; }
     uint64_t ticket() const { return mTicket; }
@@ -137,8 +142,16 @@ class Batch {
             const char* path = mCaller.next(mCaller.caller, mActive == 0, &ticket);
             if (path == nullptr) return;
             const size_t lane = mActive++;
-            for (size_t word = 0; word < 4; ++word) mStates.words[word][lane] = kInitialState[word];
-            if (const int error = mLanes[lane].begin(path, ticket); error != 0) finish(lane, error);
+            if (const int error = mLanes[lane].open(path, ticket); error != 0) {
+                finish(lane, error);
+            } else if (!mCaller.opened(mCaller.caller, ticket, &mLanes[lane].status())) {
+                mLanes[lane].drop();
+                --mActive;
+            } else {
+                for (size_t word = 0; word < 4; ++word)
+                    mStates.words[word][lane] = kInitialState[word];
+                mLanes[lane].begin();
+            }
         }
     }
 
@@ -161,7 +174,7 @@ class Batch {
         kernel.run(mStates, data, blocks);
         for (size_t i = mActive; i-- > 0;) {
             mLanes[i].advance(blocks);
-            if (mLanes[i].isFinished()) finish(i, mLanes[i].end());
+            if (mLanes[i].isFinished()) finish(i, mLanes[i].close());
         }
     }
 

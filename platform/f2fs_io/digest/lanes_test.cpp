@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <map>
 #include <random>
+#include <set>
 
 #include "f2fs_io/digest/md5.h"
 #include "tests/support/sandbox.h"
@@ -43,10 +44,11 @@ class Files {
     explicit Files(std::vector<std::string> paths) : mPaths(std::move(paths)) {}
 
     void digest(const Md5Kernels& kernels) {
-        digestInLanes(kernels, {this, next, done, isAbandoned, false});
+        digestInLanes(kernels, {this, next, opened, done, isAbandoned, false});
     }
 
     std::map<std::string, FileMD5Result> results;
+    std::set<std::string> unwanted;  // once their status is known
     std::function<bool(int)> onTurn = [](int /*turn*/) { return false; };
 
   private:
@@ -55,6 +57,11 @@ class Files {
         if (files.mNext == files.mPaths.size()) return nullptr;
         *ticket = files.mNext;
         return files.mPaths[files.mNext++].c_str();
+    }
+    static bool opened(void* self, uint64_t ticket, const struct stat* status) {
+        Files& files = *static_cast<Files*>(self);
+        EXPECT_EQ(status->st_ino, rux::test::inodeOf(files.mPaths[ticket]));
+        return files.unwanted.count(files.mPaths[ticket]) == 0;
     }
     static void done(void* self, uint64_t ticket, const FileMD5Result* result) {
         Files& files = *static_cast<Files*>(self);
@@ -168,6 +175,23 @@ TEST_P(LanesTest, GivesAnErrorToTheFileThatHasItAlone) {
     for (int i = 0; i < 40; ++i) {
         const std::string good = sandbox.path("good" + std::to_string(i));
         EXPECT_EQ(files.results[good].md5, expected[good]) << good;
+    }
+}
+
+TEST_P(LanesTest, DropsAFileThatIsNoLongerWantedOnceItIsOpen) {
+    std::vector<std::string> paths;
+    std::set<std::string> unwanted;
+    for (size_t i = 0; i < 100; ++i) {
+        paths.push_back(write(std::to_string(i), i % 7 * 50000));
+        if (i % 3 == 0) unwanted.insert(paths.back());
+    }
+    Files files(paths);
+    files.unwanted = unwanted;
+    files.digest(*GetParam());
+    EXPECT_EQ(files.results.size(), paths.size() - unwanted.size());
+    for (const auto& [path, result] : files.results) {
+        EXPECT_EQ(unwanted.count(path), 0U) << path;
+        EXPECT_EQ(result.md5, expected[path]) << path;
     }
 }
 

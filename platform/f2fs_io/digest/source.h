@@ -25,6 +25,8 @@ class DigestSource {
     int close();
 
     off_t size() const { return mOpened.st_size; }
+    /// As it was when the file was opened.
+    const struct stat& status() const { return mOpened; }
 
   private:
     UniqueFd mFile;

@@ -1,0 +1,307 @@
+#include "scan/readers.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <system_error>
+#include <utility>
+
+#include "control/properties.h"
+
+/// The I/O library's digests of many files at once, several times as fast as one by one. An
+/// extension: where the library has none, the address is null.
+///
+/// Asks `next` for files, with `idle` when it has none in hand (null then ends the batch), asks
+/// `opened` whether one is to be read, hands each file's outcome to `done`, and ends early, with
+/// ECANCELED for the files in hand, once `isAbandoned`.
+[[gnu::weak]] void computeFileMD5Batch(
+        void* caller, const char* (*next)(void* caller, bool idle, uint64_t* ticket),
+        bool (*opened)(void* caller, uint64_t ticket, const struct stat* status),
+        void (*done)(void* caller, uint64_t ticket, const FileMD5Result* result),
+        bool (*isAbandoned)(void* caller), bool enableLog);
+
+namespace rux {
+namespace {
+
+/// How long the scan waits for a job before it looks after the walk again. It is not woken for
+/// every job: of small files there are hundreds in that time.
+constexpr auto kMoment = std::chrono::milliseconds(1);
+
+constexpr size_t kRun = 32;  // jobs that want but a status and are taken together
+
+FileMD5Result failure(int error) {
+    FileMD5Result result = {};
+    result.code = error;
+    return result;
+}
+
+/// Also when the job ends with it: whoever awaits it may then do away with it.
+void setState(ReadJob& job, ReadJob::State state) {
+    job.state.store(state, std::memory_order_release);
+}
+
+}  // namespace
+
+/// One thread and the jobs that it has in hand.
+class Readers::Worker {
+  public:
+    explicit Worker(Readers& readers) : mReaders(readers) {}
+
+    void run() {
+        bool useBatch = computeFileMD5Batch != nullptr;
+        while (mReaders.waitForWork()) {
+            try {
+                if (useBatch) {
+                    computeFileMD5Batch(this, next, opened, done, isAbandoned, toolLogEnabled);
+                } else {
+                    computeOne();
+                }
+            } catch (...) {  // no memory: what is in hand fails, and the rest goes on as it can
+                useBatch = false;
+                while (!mInHand.empty()) finish(*mInHand.back(), failure(ENOMEM));
+            }
+        }
+    }
+
+  private:
+    void computeOne() {
+        uint64_t ticket = 0;
+        const char* path = next(this, false, &ticket);
+        if (path == nullptr) return;
+        struct stat status = {};
+        const int error = stat(path, &status) == 0 ? 0 : errno;
+        if (error == 0 && !opened(this, ticket, &status)) return;
+        const FileMD5Result result =
+                error == 0 ? computeFileMD5(path, toolLogEnabled) : failure(error);
+        done(this, ticket, &result);
+    }
+
+    static Worker& of(void* caller) { return *static_cast<Worker*>(caller); }
+    static ReadJob& jobOf(uint64_t ticket) { return *reinterpret_cast<ReadJob*>(ticket); }
+
+    static const char* next(void* caller, bool idle, uint64_t* ticket) {
+        Worker& worker = of(caller);
+        worker.mInHand.reserve(worker.mInHand.size() + 1);
+        ReadJob* const job = worker.mReaders.take(worker.mInHand.size(), idle);
+        if (job == nullptr) return nullptr;
+        worker.mInHand.push_back(job);
+        *ticket = reinterpret_cast<uint64_t>(job);
+        return job->path;
+    }
+    static bool opened(void* caller, uint64_t ticket, const struct stat* status) {
+        if (of(caller).mReaders.setStatus(jobOf(ticket), *status)) return true;
+        of(caller).letGo(jobOf(ticket));
+        return false;
+    }
+    static void done(void* caller, uint64_t ticket, const FileMD5Result* result) {
+        of(caller).finish(jobOf(ticket), *result);
+    }
+    static bool isAbandoned(void* caller) {
+        return of(caller).mReaders.mAbandoned.load(std::memory_order_relaxed);
+    }
+
+    void finish(ReadJob& job, const FileMD5Result& result) {
+        mReaders.finish(job, result);
+        letGo(job);
+    }
+    /// The job may be gone already.
+    void letGo(const ReadJob& job) {
+        mInHand.erase(std::find(mInHand.begin(), mInHand.end(), &job));
+        --mReaders.mUnderWay;
+    }
+
+    Readers& mReaders;
+    std::vector<ReadJob*> mInHand;
+};
+
+Readers::Readers(unsigned workers, int64_t maxBytes, KnownFiles& knownFiles)
+      : mWorkers(workers), mMaxBytes(maxBytes), mKnownFiles(knownFiles) {}
+
+Readers::~Readers() {
+    dropAll();
+    {
+        const std::lock_guard lock(mMutex);
+        mEnd = true;
+    }
+    mWork.notify_all();
+    for (std::thread& thread : mThreads) thread.join();
+}
+
+void Readers::start(const std::vector<ReadJob*>& jobs) {
+    if (jobs.empty()) return;
+    startThreads();
+    if (mThreads.empty()) return;  // each is done when it is awaited
+    bool isAwaited = false;
+    {
+        const std::lock_guard lock(mMutex);
+        mQueue.insert(mQueue.end(), jobs.begin(), jobs.end());
+        isAwaited = mIdle > 0;
+    }
+    if (isAwaited) mWork.notify_all();
+}
+
+void Readers::advance(ReadJob& job) {
+    if (mThreads.empty()) {
+        if (job.hasStatus()) {
+            finish(job, computeFileMD5(job.path, toolLogEnabled));
+        } else {
+            readStatus(job);
+        }
+        return;
+    }
+    std::unique_lock lock(mMutex);
+    const bool isNext = !mQueue.empty() && mQueue.front() == &job;
+    if (isNext && takeStatuses(lock)) return;
+    if (!job.isDone()) mProgress.wait_for(lock, kMoment);
+}
+
+void Readers::waitAMoment() {
+    std::unique_lock lock(mMutex);
+    mProgress.wait_for(lock, kMoment);
+}
+
+void Readers::release(const ReadJob& job) {
+    if (!job.isBegun) return;
+    const int64_t before = mBytes.fetch_sub(job.status.st_size);
+    if (before < mMaxBytes) return;
+    const std::lock_guard lock(mMutex);
+    mWork.notify_all();
+}
+
+void Readers::dropAll(ReadJob* first) {
+    // Without workers, one that was begun is in nobody's hands and in no queue.
+    if (first != nullptr && mThreads.empty() && first->isBegun && !first->isDone())
+        finish(*first, failure(ECANCELED));
+    std::unique_lock lock(mMutex);
+    for (ReadJob* job : std::exchange(mQueue, {})) finish(*job, failure(ECANCELED));
+    mAbandoned = true;
+    while (mUnderWay > 0) mProgress.wait_for(lock, kMoment);
+    mAbandoned = false;
+    mBytes = 0;
+}
+
+/// Once: jobs that found no threads are in no queue, and threads that came later would not know
+/// them.
+void Readers::startThreads() {
+    if (std::exchange(mStarted, true)) return;
+    try {
+        while (mThreads.size() < mWorkers) {
+            mThreads.emplace_back([this] { Worker(*this).run(); });
+        }
+    } catch (const std::system_error&) {
+        // There are as many threads as the system grants; without any the scan's own does all.
+    }
+}
+
+/// With the lock held.
+bool Readers::hasWork() const {
+    if (mQueue.empty()) return false;
+    const int64_t bytes = mBytes;
+    return bytes == 0 || bytes < mMaxBytes || !mQueue.front()->wantsDigest;
+}
+
+bool Readers::waitForWork() {
+    std::unique_lock lock(mMutex);
+    waitForWork(lock);
+    return !mEnd;
+}
+
+void Readers::waitForWork(std::unique_lock<std::mutex>& lock) {
+    ++mIdle;
+    mProgress.notify_one();
+    mWork.wait(lock, [this] { return hasWork() || mEnd; });
+    --mIdle;
+}
+
+/// The next file whose digest is wanted. What stands before it in the queue and wants but a status
+/// is done on the way.
+ReadJob* Readers::take(size_t inHand, bool mayWait) {
+    std::unique_lock lock(mMutex);
+    while (true) {
+        if (!hasWork() && mayWait) waitForWork(lock);
+        if (!hasWork()) return nullptr;
+        if (takeStatuses(lock)) continue;
+        // Of few files every worker takes its share, and no more.
+        const size_t share = (mQueue.size() + mUnderWay + mThreads.size() - 1) / mThreads.size();
+        if (inHand > 0 && inHand >= share) return nullptr;
+        ReadJob* const job = mQueue.front();
+        mQueue.pop_front();
+        ++mUnderWay;
+        if (job->isRegular) return job;
+        lock.unlock();
+        if (isOpenable(*job)) return job;
+        lock.lock();
+        --mUnderWay;
+    }
+}
+
+/// Takes the next few jobs as long as they want but a status. False when the next one wants more.
+/// The lock is held before and after.
+bool Readers::takeStatuses(std::unique_lock<std::mutex>& lock) {
+    std::array<ReadJob*, kRun> run = {};
+    size_t count = 0;
+    while (count < kRun && !mQueue.empty() && !mQueue.front()->wantsDigest) {
+        run[count++] = mQueue.front();
+        mQueue.pop_front();
+    }
+    if (count == 0) return false;
+    mUnderWay += count;
+    lock.unlock();
+    for (size_t i = 0; i < count; ++i) readStatus(*run[i]);
+    lock.lock();
+    mUnderWay -= count;
+    return true;
+}
+
+/// Whether it is a file with content, which can be opened without any effect. The job of anything
+/// else is done.
+bool Readers::isOpenable(ReadJob& job) {
+    struct stat status = {};
+    if (stat(job.path, &status) != 0) {
+        setUnreadable(job);
+        return false;
+    }
+    return kindOf(status) == Entry::Kind::File || setStatus(job, status);
+}
+
+void Readers::readStatus(ReadJob& job) {
+    struct stat status = {};
+    if (stat(job.path, &status) == 0) {
+        setStatus(job, status);
+    } else {
+        setUnreadable(job);
+    }
+}
+
+/// Whether the digest is to be computed now; otherwise the job is done.
+bool Readers::setStatus(ReadJob& job, const struct stat& status) {
+    job.status = status;
+    job.kind = kindOf(status);
+    if (job.wantsDigest && job.kind == Entry::Kind::File) {
+        job.claim = mKnownFiles.claim(status);
+        job.isBegun = job.claim != KnownFiles::Claim::Others;
+    }
+    if (job.isBegun) mBytes += status.st_size;
+    const bool isBegun = job.isBegun;
+    setState(job, isBegun ? ReadJob::State::HasStatus : ReadJob::State::Done);
+    return isBegun;
+}
+
+void Readers::setUnreadable(ReadJob& job) {
+    job.kind = Entry::Kind::Unreadable;
+    setState(job, ReadJob::State::Done);
+}
+
+/// Takes the outcome of a digest, which may be that the file could not even be opened.
+void Readers::finish(ReadJob& job, const FileMD5Result& result) {
+    if (!job.hasStatus() && result.code != ECANCELED) {
+        readStatus(job);
+        if (job.isDone()) return;
+    }
+    job.result = result;
+    if (job.claim == KnownFiles::Claim::Ours) mKnownFiles.settle(job.status, result);
+    setState(job, ReadJob::State::Done);
+}
+
+}  // namespace rux
