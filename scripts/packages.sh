@@ -26,5 +26,5 @@ as_root() {
     fi
 }
 
-build_packages=(g++ cmake ninja-build libjsoncpp-dev libssl-dev libcli11-dev)
+build_packages=(g++ cmake ninja-build libjsoncpp-dev libssl-dev libjemalloc-dev libcli11-dev)
 test_packages=(libgtest-dev nlohmann-json3-dev python3 findutils coreutils aidl checkpolicy m4 man-db)

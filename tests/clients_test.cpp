@@ -114,7 +114,8 @@ TEST_F(ClientsTest, SilentAndHalfFinishedOnes) {
     }
     EXPECT_TRUE(waitFor([&] { return descriptors() <= descriptorsBefore; }));
     expectHonestClientIsServed();
-    EXPECT_LT(residentKib(), memoryBefore + allowance / 8);
+    // The allocator gives memory back when it has not been used for a second.
+    EXPECT_TRUE(waitFor([&] { return residentKib() < memoryBefore + allowance / 8; }));
 }
 
 TEST_F(ClientsTest, OnesThatSendNoFrames) {
