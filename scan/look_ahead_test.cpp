@@ -60,9 +60,9 @@ std::string formatted(const char* fmt, va_list args) {
     return text;
 }
 
-std::set<ino_t> badFiles;        // their content cannot be read
-bool firstReadingWaits = false;  // until the others come to nothing
-size_t readMeanwhile = 0;        // files, the first one included
+std::set<ino_t> badFiles;  // their content cannot be read
+ino_t slowFile = 0;        // its reading waits until the others come to nothing
+size_t readMeanwhile = 0;  // files, the slow one included
 
 /// Of the bad files, whether not even opening it succeeds.
 [[maybe_unused]] bool cannotBeOpened(const char* path) {
@@ -76,11 +76,10 @@ bool isBad(const char* path) {
     stat(path, &status);
     std::unique_lock lock(world->mutex);
     world->readings.insert(status.st_ino);
-    if (world->readings.size() == 1) {
+    if (status.st_ino == slowFile) {
         using namespace std::chrono_literals;
         const auto deadline = std::chrono::steady_clock::now() + 10s;
-        while (firstReadingWaits &&
-               (readMeanwhile != world->readings.size() || readMeanwhile == 1) &&
+        while ((readMeanwhile != world->readings.size() || readMeanwhile == 1) &&
                std::chrono::steady_clock::now() < deadline) {
             readMeanwhile = world->readings.size();
             lock.unlock();
@@ -340,7 +339,8 @@ TEST_F(LookAheadTest, PreparesNoMoreThanItMayWhileAFileTakesLong) {
     const Json request = Json::array({{{"sid", "s"},
                                        {"regs", Json::array({".*"})},
                                        {"dirs", Json::array({sandbox.tree()})}}});
-    firstReadingWaits = true;
+    // The one whose turn comes first, in the order of the directory.
+    slowFile = test::inodeOf(fs::directory_iterator(sandbox.tree())->path());
     for (const LookAhead& ahead :
          {LookAhead{50, 1 << 30, 2}, LookAhead{4096, int64_t{50} * 7, 2}}) {
         readMeanwhile = 0;
@@ -349,7 +349,7 @@ TEST_F(LookAheadTest, PreparesNoMoreThanItMayWhileAFileTakesLong) {
         EXPECT_LE(readMeanwhile, 50U + 1);
         EXPECT_GT(readMeanwhile, 20U);
     }
-    firstReadingWaits = false;
+    slowFile = 0;
 }
 
 }  // namespace
