@@ -24,10 +24,15 @@ class Closer {
 
     void take(UniqueFd file) {
         if (!mHasThread) return;
-        const std::lock_guard lock(mMutex);
-        if (mWaiting.size() >= kMaxWaiting) return;
-        mWaiting.push_back(std::move(file));
-        mAnyWaiting.notify_one();
+        bool isFirst = false;
+        {
+            const std::lock_guard lock(mMutex);
+            if (mWaiting.size() >= kMaxWaiting) return;
+            isFirst = mWaiting.empty();
+            mWaiting.push_back(std::move(file));
+        }
+        // With others before it, the thread is at work and comes back for all of them.
+        if (isFirst) mAnyWaiting.notify_one();
     }
 
   private:
