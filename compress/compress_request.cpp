@@ -1,6 +1,7 @@
 #include "compress/compress_request.h"
 
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 #include "android-base/properties.h"
@@ -60,7 +61,9 @@ std::vector<std::string> duplicates() {
     if (!checkNoCompressDB->isObject()) return digests;
     for (auto group = checkNoCompressDB->begin(); group != checkNoCompressDB->end(); ++group) {
         const Json::Value* paths = groupPaths(*group);
-        if (paths != nullptr && paths->size() >= 2) digests.push_back(group.name());
+        if (paths == nullptr || paths->size() < 2) continue;
+        if (std::string digest = group.name(); !digest.empty())
+            digests.push_back(std::move(digest));
     }
     return digests;
 }
@@ -68,7 +71,6 @@ std::vector<std::string> duplicates() {
 /// Compresses the groups of the loaded space. True when the stop property ended it.
 bool compressFile(Tally& tally) {
     for (const std::string& digest : duplicates()) {
-        if (digest.empty()) continue;
         const Json::Value& group = (*checkNoCompressDB)[digest];
         const Json::Value* paths = groupPaths(group);
         const Json::ArrayIndex keptIndex = firstExisting(*paths);

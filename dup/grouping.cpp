@@ -60,11 +60,11 @@ class Members {
         std::vector<Part> parts;
         for (size_t count = 0; mGroup != mEnd && count < kMembersAtOnce;) {
             const Json::Value* paths = groupPaths(*mGroup);
-            Part part = {mGroup.name(), mMember == 0, false, {}};
-            if (part.digest.empty() || paths == nullptr || paths->size() < 2) {
+            if (paths == nullptr || paths->size() < 2 || mGroup.name().empty()) {
                 ++mGroup;
                 continue;
             }
+            Part part = {mGroup.name(), mMember == 0, false, {}};
             for (; mMember < paths->size() && count < kMembersAtOnce; ++mMember, ++count)
                 part.members.emplace_back().entry = &(*paths)[mMember];
             part.isLast = mMember == paths->size();

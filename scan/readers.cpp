@@ -90,8 +90,11 @@ class Readers::Worker {
         return job->path;
     }
     static bool opened(void* caller, uint64_t ticket, const struct stat* status) {
-        if (of(caller).mReaders.setStatus(jobOf(ticket), *status)) return true;
-        of(caller).letGo(jobOf(ticket));
+        ReadJob& job = jobOf(ticket);
+        job.status = *status;
+        job.kind = kindOf(*status);
+        if (of(caller).mReaders.begin(job)) return true;
+        of(caller).letGo(job);
         return false;
     }
     static void done(void* caller, uint64_t ticket, const FileMD5Result* result) {
@@ -146,7 +149,8 @@ void Readers::advance(ReadJob& job) {
         if (job.hasStatus()) {
             finish(job, computeFileMD5(job.path, toolLogEnabled));
         } else {
-            readStatus(job);
+            look(job);
+            begin(job);
         }
         return;
     }
@@ -229,8 +233,11 @@ ReadJob* Readers::take(size_t inHand, bool mayWait) {
         mQueue.pop_front();
         ++mUnderWay;
         if (job->isRegular) return job;
+        // What is no file with content is not opened: that might have an effect.
         lock.unlock();
-        if (isOpenable(*job)) return job;
+        look(*job);
+        if (job->kind == Entry::Kind::File) return job;
+        begin(*job);
         lock.lock();
         --mUnderWay;
     }
@@ -248,57 +255,36 @@ bool Readers::takeStatuses(std::unique_lock<std::mutex>& lock) {
     if (count == 0) return false;
     mUnderWay += count;
     lock.unlock();
-    for (size_t i = 0; i < count; ++i) readStatus(*run[i]);
+    for (size_t i = 0; i < count; ++i) {
+        look(*run[i]);
+        begin(*run[i]);
+    }
     lock.lock();
     mUnderWay -= count;
     return true;
 }
 
-/// Whether it is a file with content, which can be opened without any effect. The job of anything
-/// else is done.
-bool Readers::isOpenable(ReadJob& job) {
-    struct stat status = {};
-    if (stat(job.path, &status) != 0) {
-        setUnreadable(job);
-        return false;
-    }
-    return kindOf(status) == Entry::Kind::File || setStatus(job, status);
+void Readers::look(ReadJob& job) {
+    const bool isThere = stat(job.path, &job.status) == 0;
+    job.kind = isThere ? kindOf(job.status) : Entry::Kind::Unreadable;
 }
 
-void Readers::readStatus(ReadJob& job) {
-    struct stat status = {};
-    if (stat(job.path, &status) == 0) {
-        setStatus(job, status);
-    } else {
-        setUnreadable(job);
-    }
-}
-
-/// Whether the digest is to be computed now; otherwise the job is done.
-bool Readers::setStatus(ReadJob& job, const struct stat& status) {
-    job.status = status;
-    job.kind = kindOf(status);
+/// Whether the digest of a job that has its status is to be computed now; otherwise the job is
+/// done.
+bool Readers::begin(ReadJob& job) {
     if (job.wantsDigest && job.kind == Entry::Kind::File) {
-        job.claim = mKnownFiles.claim(status);
+        job.claim = mKnownFiles.claim(job.status);
         job.isBegun = job.claim != KnownFiles::Claim::Others;
     }
-    if (job.isBegun) mBytes += status.st_size;
     const bool isBegun = job.isBegun;
+    if (isBegun) mBytes += job.status.st_size;
     setState(job, isBegun ? ReadJob::State::HasStatus : ReadJob::State::Done);
     return isBegun;
 }
 
-void Readers::setUnreadable(ReadJob& job) {
-    job.kind = Entry::Kind::Unreadable;
-    setState(job, ReadJob::State::Done);
-}
-
 /// Takes the outcome of a digest, which may be that the file could not even be opened.
 void Readers::finish(ReadJob& job, const FileMD5Result& result) {
-    if (!job.hasStatus() && result.code != ECANCELED) {
-        readStatus(job);
-        if (job.isDone()) return;
-    }
+    if (!job.hasStatus() && result.code != ECANCELED) look(job);
     job.result = result;
     if (job.claim == KnownFiles::Claim::Ours) mKnownFiles.settle(job.status, result);
     setState(job, ReadJob::State::Done);

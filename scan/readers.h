@@ -74,10 +74,8 @@ class Readers {
     void waitForWork(std::unique_lock<std::mutex>& lock);
     ReadJob* take(size_t inHand, bool mayWait);
     bool takeStatuses(std::unique_lock<std::mutex>& lock);
-    bool isOpenable(ReadJob& job);
-    void readStatus(ReadJob& job);
-    bool setStatus(ReadJob& job, const struct stat& status);
-    static void setUnreadable(ReadJob& job);
+    static void look(ReadJob& job);
+    bool begin(ReadJob& job);
     void finish(ReadJob& job, const FileMD5Result& result);
 
     const unsigned mWorkers;
