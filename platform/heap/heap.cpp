@@ -5,8 +5,10 @@
 // a first scan's processor time, most of all in virtual machines.
 
 /// Read by jemalloc(3) when the program starts. One arena, because one thread does nearly all of
-/// it; what has not been used for a second goes back to the system.
+/// it. What is not used any more goes back to the system, but over ten minutes: a scan drops the
+/// images of one space and fills the memory with those of the next, and memory that went back in
+/// between would come again in small pages only.
 extern "C" {
 extern const char* malloc_conf;
-const char* malloc_conf = "thp:always,narenas:1,dirty_decay_ms:1000,background_thread:true";
+const char* malloc_conf = "thp:always,narenas:1,dirty_decay_ms:600000,background_thread:true";
 }
