@@ -1,6 +1,6 @@
 #include "f2fs_io/discard.h"
 
-#include <condition_variable>
+#include <chrono>
 #include <mutex>
 #include <system_error>
 #include <thread>
@@ -10,55 +10,79 @@
 namespace android::host {
 namespace {
 
-constexpr size_t kMaxWaiting = 32;  // open files, of which a process has a thousand as a rule
+// The file system waits for its device more than it works, and does so for several files at once:
+// so there may be more threads than processors.
+constexpr size_t kMaxThreads = 8;
+constexpr size_t kFilesPerThread = 16;  // waiting, before there is another thread
+constexpr size_t kMaxWaiting = 128;     // open files, of which a process has a thousand as a rule
+
+// The threads come back for files and are not woken: that would take longer than all the rest of
+// what the caller does here.
+constexpr auto kNap = std::chrono::milliseconds(1);
+constexpr int kMaxNaps = 40;  // in a row, before a thread ends
 
 class Closer {
   public:
-    Closer() {
-        try {
-            std::thread([this] { run(); }).detach();
-            mHasThread = true;
-        } catch (const std::system_error&) {  // no thread to be had: each caller closes its own
-        }
-    }
+    Closer() { mWaiting.reserve(kMaxWaiting); }
 
+    /// A file that does not find room is closed by the caller.
     void take(UniqueFd file) {
-        if (!mHasThread) return;
-        bool isFirst = false;
-        {
-            const std::lock_guard lock(mMutex);
-            if (mWaiting.size() >= kMaxWaiting) return;
-            isFirst = mWaiting.empty();
-            mWaiting.push_back(std::move(file));
-        }
-        // With others before it, the thread is at work and comes back for all of them.
-        if (isFirst) mAnyWaiting.notify_one();
+        const std::lock_guard lock(mMutex);
+        if (mWaiting.size() >= mThreads * kFilesPerThread) startThread();
+        if (mThreads > 0 && mWaiting.size() < kMaxWaiting) mWaiting.push_back(std::move(file));
     }
 
   private:
-    [[noreturn]] void run() {
-        std::vector<UniqueFd> files;
-        files.reserve(kMaxWaiting);
-        for (;;) {
-            {
-                std::unique_lock lock(mMutex);
-                mAnyWaiting.wait(lock, [this] { return !mWaiting.empty(); });
-                files.swap(mWaiting);
-            }
-            files.clear();
+    /// With the lock held.
+    void startThread() {
+        if (mThreads == kMaxThreads) return;
+        try {
+            std::thread([this] { run(); }).detach();
+            ++mThreads;
+        } catch (const std::system_error&) {  // those that there are have to do, or the caller
         }
     }
 
-    bool mHasThread = false;
+    void run() {
+        int naps = 0;
+        while (naps < kMaxNaps || !leave()) {
+            if (closeNext()) {
+                naps = 0;
+            } else {
+                std::this_thread::sleep_for(kNap);
+                ++naps;
+            }
+        }
+    }
+
+    bool closeNext() {
+        UniqueFd file;
+        {
+            const std::lock_guard lock(mMutex);
+            if (mWaiting.empty()) return false;
+            file = std::move(mWaiting.back());
+            mWaiting.pop_back();
+        }
+        return true;
+    }
+
+    /// False when a file has come meanwhile.
+    bool leave() {
+        const std::lock_guard lock(mMutex);
+        if (!mWaiting.empty()) return false;
+        --mThreads;
+        return true;
+    }
+
     std::mutex mMutex;
-    std::condition_variable mAnyWaiting;
+    size_t mThreads = 0;
     std::vector<UniqueFd> mWaiting;
 };
 
 }  // namespace
 
 void closeReplaced(UniqueFd file) {
-    static auto& closer = *new Closer;  // its thread outlives every other object
+    static auto& closer = *new Closer;  // its threads outlive every other object
     closer.take(std::move(file));
 }
 
