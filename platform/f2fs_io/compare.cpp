@@ -5,15 +5,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <future>
+#include <memory>
 #include <system_error>
-#include <vector>
 
 namespace android::host {
 namespace {
 
 constexpr off_t kPiece = 128 << 10;          // bytes a read and file
-constexpr off_t kWorthAThread = 1024 << 10;  // bytes of which a second thread compares half
+constexpr off_t kWorthAThread = 8192 << 10;  // bytes of which a second thread compares half
 
 bool sameTime(const timespec& a, const timespec& b) {
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
@@ -32,19 +33,22 @@ int readFully(int file, char* bytes, size_t size, off_t offset) {
     return 0;
 }
 
-int compareRange(int first, int second, off_t begin, off_t end,
+/// Room for a piece of each of two files.
+struct Pieces {
+    char first[kPiece];
+    char second[kPiece];
+};
+
+int compareRange(int first, int second, off_t begin, off_t end, Pieces& pieces,
                  const std::function<bool()>& interrupted) {
-    thread_local std::vector<char> firstPiece(kPiece);
-    thread_local std::vector<char> secondPiece(kPiece);
     while (begin < end) {
         const auto size = static_cast<size_t>(std::min<off_t>(end - begin, kPiece));
-        if (const int error = readFully(first, firstPiece.data(), size, begin); error != 0)
+        if (const int error = readFully(first, pieces.first, size, begin); error != 0) return error;
+        if (const int error = readFully(second, pieces.second, size, begin); error != 0)
             return error;
-        if (const int error = readFully(second, secondPiece.data(), size, begin); error != 0)
-            return error;
-        if (memcmp(firstPiece.data(), secondPiece.data(), size) != 0) return EILSEQ;
-        if (interrupted && interrupted()) return EBUSY;
+        if (memcmp(pieces.first, pieces.second, size) != 0) return EILSEQ;
         begin += static_cast<off_t>(size);
+        if (begin < end && interrupted && interrupted()) return EBUSY;
     }
     return 0;
 }
@@ -56,16 +60,20 @@ bool sameContentStamp(const struct stat& before, const struct stat& after) {
 }
 
 int compareBytes(int first, int second, off_t size, const std::function<bool()>& interrupted) {
-    const off_t half = size / 2;
-    if (size < kWorthAThread) return compareRange(first, second, 0, size, interrupted);
+    // Kept for the next files, and for the second thread, to which fresh memory would come dear.
+    thread_local const auto pieces = std::make_unique<Pieces[]>(2);
+    const off_t half = size < kWorthAThread ? size : size / 2;
     std::future<int> rest;
     try {
-        rest = std::async(std::launch::async, compareRange, first, second, half, size, interrupted);
+        if (half < size) {
+            rest = std::async(std::launch::async, compareRange, first, second, half, size,
+                              std::ref(pieces[1]), interrupted);
+        }
     } catch (const std::system_error&) {
-        return compareRange(first, second, 0, size, interrupted);
+        return compareRange(first, second, 0, size, pieces[0], interrupted);
     }
-    const int error = compareRange(first, second, 0, half, interrupted);
-    const int restError = rest.get();
+    const int error = compareRange(first, second, 0, half, pieces[0], interrupted);
+    const int restError = rest.valid() ? rest.get() : 0;
     return error != 0 ? error : restError;
 }
 
