@@ -42,6 +42,7 @@ class Lane {
         const size_t wanted = wantedBytes();
         const ssize_t got = mSource.readAtOnce(mBuffer, wanted);
         if (got > 0) take(static_cast<size_t>(got), wanted);
+        mWasReadAtOnce = mEnded;
     }
 
     /// Reads on until there are blocks. 0 or an errno.
@@ -68,7 +69,7 @@ class Lane {
     bool isFinished() const { return mEnded && mBlocks == 0; }
 
     /// 0 when the file has stayed the same from its opening to now, else an errno.
-    int close() { return mSource.close(); }
+    int close() { return mSource.close(mWasReadAtOnce); }
 
     const char* path() const { return mPath; }
     uint64_t ticket() const { return mTicket; }
@@ -111,6 +112,7 @@ class Lane {
     size_t mBlocks = 0;  // whole blocks from there on
     size_t mRest = 0;    // bytes behind them, less than a block
     bool mEnded = false;
+    bool mWasReadAtOnce = false;
 };
 
 /// The files in hand: the first `mActive` lanes, so that few of them need but a narrow kernel.

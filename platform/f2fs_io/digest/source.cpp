@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <ctime>
 
 #include "f2fs_io/compare.h"
 #include "f2fs_io/entry.h"
@@ -28,6 +29,13 @@ bool isKernelInterface(int file, dev_t device) {
     if (fs.f_type == PROC_SUPER_MAGIC || fs.f_type == SYSFS_MAGIC) return true;
     known = device;
     return false;
+}
+
+/// Whether a time and that of a change which comes now might be in the same second.
+bool isOfTheMoment(const timespec& time) {
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME_COARSE, &now);
+    return time.tv_sec >= now.tv_sec - 1 && time.tv_sec <= now.tv_sec + 1;
 }
 
 }  // namespace
@@ -55,7 +63,11 @@ ssize_t DigestSource::readAtOnce(void* bytes, size_t size) const {
     return got;
 }
 
-int DigestSource::close() {
+int DigestSource::close(bool afterSingleRead) {
+    if (afterSingleRead && !isOfTheMoment(mOpened.st_mtim)) {
+        mFile.reset();
+        return 0;
+    }
     struct stat now = {};
     if (fstat(mFile.get(), &now) != 0) return errno;
     mFile.reset();
