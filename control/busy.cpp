@@ -2,6 +2,10 @@
 
 #include <atomic>
 
+/// Has the allocator keep what is freed for what will be asked for next, or no longer. An
+/// extension: where the platform's has none, the address is null.
+[[gnu::weak]] void keepFreedMemory(bool keep);
+
 namespace rux {
 namespace {
 
@@ -22,10 +26,13 @@ BusyGuard::BusyGuard(Operation operation) {
     // Acquire and release: what the operation before left in memory is seen by this one.
     mAdmitted = busyFlags.compare_exchange_strong(none, static_cast<uint32_t>(operation),
                                                   std::memory_order_acq_rel);
+    if (mAdmitted && keepFreedMemory != nullptr) keepFreedMemory(true);
 }
 
 BusyGuard::~BusyGuard() {
-    if (mAdmitted) busyFlags.store(0, std::memory_order_release);
+    if (!mAdmitted) return;
+    if (keepFreedMemory != nullptr) keepFreedMemory(false);
+    busyFlags.store(0, std::memory_order_release);
 }
 
 }  // namespace rux
