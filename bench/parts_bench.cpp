@@ -57,15 +57,18 @@ void fillImages(int64_t files) {
     const rux::PatternList none;
     struct stat st = {};
     st.st_size = 5000;
+    rux::Newcomers newcomers;
     for (int64_t i = 0; i < files; ++i) {
         const std::string path = pathOf(i * 7919 % files);
-        rux::calculateFileMD5(path, path, st, rux::judge(path, all, none), [i] {
+        const auto digest = [i] {
             FileMD5Result result = {};
-            snprintf(result.md5, sizeof(result.md5), "%032llx",
-                     static_cast<unsigned long long>(i / 2) * 0x9e3779b97f4a7c15ULL);
+            snprintf(result.md5, sizeof(result.md5), "%016llx%016x",
+                     static_cast<unsigned long long>(i / 2) * 0x9e3779b97f4a7c15ULL, 0);
             return result;
-        });
+        };
+        rux::calculateFileMD5(path, path, st, rux::judge(path, all, none), digest, newcomers);
     }
+    newcomers.enter();
 }
 
 void recordFiles(benchmark::State& state) {

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "db/images.h"
 #include "db/json_text.h"
@@ -61,17 +62,17 @@ void makeFileRecord(Json::Value& record, int64_t mtimeSeconds, const std::string
     record[kSuffix] = suffix;
 }
 
-void makeGroup(Json::Value& group, int64_t fileBytes, const std::string& path) {
+void makeGroup(Json::Value& group, int64_t fileBytes, Json::Value path) {
     static const Json::Value kModel = [] {
         Json::Value model(Json::objectValue);
         model[kVersionName] = kVersion;
         model[kFileBytes] = 0;
-        model[kPaths].append("");
+        model[kPaths].append(Json::Value());
         return model;
     }();
     group = kModel;
     group[kFileBytes] = static_cast<Json::Int64>(fileBytes);
-    group[kPaths][0] = path;
+    group[kPaths][0] = std::move(path);
 }
 
 bool hasDigest(const Json::Value& record) {
@@ -81,6 +82,11 @@ bool hasDigest(const Json::Value& record) {
 
 void setHasDigest(Json::Value& record) {
     record[kHasDigest] = 1;
+}
+
+bool isFinished(const std::string& path) {
+    const Json::Value* record = memberOf(*fileInfoDB, path);
+    return record != nullptr && hasDigest(*record);
 }
 
 int64_t recordedMtimeSeconds(const std::string& path) {

@@ -29,8 +29,11 @@ void makeFileRecord(Json::Value& record, int64_t mtimeSeconds, const std::string
 bool hasDigest(const Json::Value& record);
 void setHasDigest(Json::Value& record);
 
+/// Whether the file of that path has a record in DB1 that says so.
+bool isFinished(const std::string& path);
+
 /// Makes `group` one of a single member, whose size in bytes is `fileBytes`.
-void makeGroup(Json::Value& group, int64_t fileBytes, const std::string& path);
+void makeGroup(Json::Value& group, int64_t fileBytes, Json::Value path);
 
 /// The "s_time" of the record of `path` in DB1, in seconds since the epoch; 0 without a record.
 int64_t recordedMtimeSeconds(const std::string& path);

@@ -1,9 +1,6 @@
 #include "scan/fingerprint.h"
 
-#include <algorithm>
 #include <string_view>
-#include <unordered_set>
-#include <utility>
 
 #include "control/log.h"
 #include "control/properties.h"
@@ -23,11 +20,6 @@ bool isLeftover(std::string_view path) {
     return name.size() == 42 && (name.starts_with(".rux-swap-") || name.starts_with(".rux-part-"));
 }
 
-bool isFinished(const std::string& path) {
-    const Json::Value* record = memberOf(*fileInfoDB, path);
-    return record != nullptr && hasDigest(*record);
-}
-
 /// The text after the last "." when that looks like the kind of a file, otherwise "nosuffix".
 std::string suffixOf(std::string_view name) {
     constexpr size_t kLongest = 10;
@@ -37,50 +29,6 @@ std::string suffixOf(std::string_view name) {
     const bool fits = !suffix.empty() && suffix.size() <= kLongest &&
                       suffix.find('/') == std::string_view::npos;
     return fits ? std::string(suffix) : "nosuffix";
-}
-
-std::string_view textOf(const Json::Value& string) {
-    const char* begin = nullptr;
-    const char* end = nullptr;
-    if (!string.isString() || !string.getString(&begin, &end)) return {};
-    return {begin, static_cast<size_t>(end - begin)};
-}
-
-/// The members of groups that have no finished record, as after DB1 was lost: only they can be met
-/// again and be in their groups already. Found out once for each load of the images.
-const std::unordered_set<std::string>& unfinishedMembers() {
-    static std::unordered_set<std::string> members;
-    static uint64_t knownFor = 0;
-    if (knownFor == loadCount()) return members;
-    members.clear();
-    for (const Json::Value& group : *checkNoCompressDB) {
-        const Json::Value* paths = groupPaths(group);
-        if (paths == nullptr) continue;
-        for (const Json::Value& member : *paths) {
-            std::string path(textOf(member));
-            if (!isFinished(path)) members.insert(std::move(path));
-        }
-    }
-    knownFor = loadCount();
-    return members;
-}
-
-bool isMember(const Json::Value& paths, const std::string& path) {
-    constexpr Json::ArrayIndex kFew = 16;
-    if (paths.size() > kFew && unfinishedMembers().count(path) == 0) return false;
-    return std::any_of(paths.begin(), paths.end(),
-                       [&path](const Json::Value& member) { return textOf(member) == path; });
-}
-
-void joinGroup(const char* digest, int64_t fileBytes, const std::string& path) {
-    Json::Value& group = asObject(checkNoCompressDB.change())[digest];
-    if (!group.isObject()) {
-        makeGroup(group, fileBytes, path);
-        return;
-    }
-    Json::Value& paths = group["f_list"];
-    if (!paths.isArray()) paths = Json::Value(Json::arrayValue);
-    if (!isMember(paths, path)) paths.append(path);
 }
 
 }  // namespace
@@ -99,7 +47,8 @@ Judgement judge(const std::string& path, const PatternList& regs, const PatternL
 }
 
 void calculateFileMD5(const std::string& path, std::string_view name, const struct stat& st,
-                      const Judgement& judgement, const std::function<FileMD5Result()>& digest) {
+                      const Judgement& judgement, const std::function<FileMD5Result()>& digest,
+                      Newcomers& newcomers) {
     if (!judgement.tooLong.empty() && isFinished(path)) return;
     for (const std::string* pattern : judgement.tooLong)
         RUX_LOGE("pattern %s takes too long for %s", pattern->c_str(), path.c_str());
@@ -120,8 +69,8 @@ void calculateFileMD5(const std::string& path, std::string_view name, const stru
         RUX_LOGD("cal md5 error code != 0, continue");
         return;
     }
-    joinGroup(result.md5, st.st_size, path);
-    setHasDigest(record);  // last: until then the path may be found to be an unfinished member
+    setHasDigest(record);
+    newcomers.add(result, st.st_size, path);
 }
 
 }  // namespace rux

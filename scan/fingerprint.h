@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "request/patterns.h"
+#include "scan/newcomers.h"
 #include "tavo_f2fs_io.h"
 
 namespace rux {
@@ -32,12 +33,14 @@ Judgement judge(const std::string& path, const PatternList& regs, const PatternL
                 bool mayBeFinished = true);
 
 /// Takes up one file that the walk has met: writes its record into DB1 and, when it needs a digest,
-/// its path into the group of that digest in DB2. `digest` is called at most once, and only then.
+/// has it enter the group of that digest in DB2, among the `newcomers`. `digest` is called at most
+/// once, and only then.
 ///
 /// A file that has got a digest since it was judged is left alone. `name` is the directory entry's,
 /// empty when the walk was started on the file itself; `st` is the file's status from before its
 /// digest was begun.
 void calculateFileMD5(const std::string& path, std::string_view name, const struct stat& st,
-                      const Judgement& judgement, const std::function<FileMD5Result()>& digest);
+                      const Judgement& judgement, const std::function<FileMD5Result()>& digest,
+                      Newcomers& newcomers);
 
 }  // namespace rux

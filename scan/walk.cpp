@@ -12,8 +12,9 @@ namespace {
 
 /// Takes up a starting path that is a file itself.
 void takeSingleFile(const std::string& path, const struct stat& st, const PatternList& regs,
-                    const PatternList& blackList, KnownFiles& knownFiles) {
-    calculateFileMD5(path, "", st, judge(path, regs, blackList), [&] {
+                    const PatternList& blackList, Preparation& preparation) {
+    KnownFiles& knownFiles = preparation.knownFiles;
+    const auto digest = [&] {
         FileMD5Result result = {};
         const KnownFiles::Claim claim = knownFiles.claim(st);
         if (claim == KnownFiles::Claim::Others) {
@@ -23,7 +24,8 @@ void takeSingleFile(const std::string& path, const struct stat& st, const Patter
         result = computeFileMD5(path.c_str(), toolLogEnabled);
         if (claim == KnownFiles::Claim::Ours) knownFiles.settle(st, result);
         return result;
-    });
+    };
+    calculateFileMD5(path, "", st, judge(path, regs, blackList), digest, preparation.newcomers);
 }
 
 }  // namespace
@@ -42,7 +44,7 @@ int scanSpaceID(const std::string& path, const PatternList& regs, const PatternL
             RUX_LOG(ANDROID_LOG_ERROR, ":opendir", "The directory cannot be opened.");
             return -1;
         }
-        takeSingleFile(path, st, regs, blackList, preparation.knownFiles);
+        takeSingleFile(path, st, regs, blackList, preparation);
         return 0;
     }
 
@@ -75,10 +77,10 @@ int scanSpaceID(const std::string& path, const PatternList& regs, const PatternL
                 RUX_LOG(ANDROID_LOG_ERROR, ":opendir", "The directory cannot be opened.");
                 break;
             case Entry::Kind::File:
-                calculateFileMD5(entry->path,
-                                 std::string_view(entry->path).substr(entry->nameStart),
-                                 window.status(), window.judgement(),
-                                 [&window] { return window.digest(); });
+                calculateFileMD5(
+                        entry->path, std::string_view(entry->path).substr(entry->nameStart),
+                        window.status(), window.judgement(), [&window] { return window.digest(); },
+                        preparation.newcomers);
                 break;
         }
         window.pop();

@@ -10,6 +10,7 @@
 #include "scan/fingerprint.h"
 #include "scan/known_files.h"
 #include "scan/look_ahead.h"
+#include "scan/newcomers.h"
 #include "scan/readers.h"
 
 namespace rux {
@@ -18,6 +19,7 @@ namespace rux {
 struct Preparation {
     KnownFiles knownFiles;
     Readers readers{lookAhead.workers, lookAhead.bytes, knownFiles};
+    Newcomers newcomers;
 };
 
 /// The entries of a walk that have been read ahead, with the status and the digests of their files.
