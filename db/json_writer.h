@@ -9,7 +9,8 @@
 
 namespace rux {
 
-constexpr size_t kJsonPiece = size_t{64} << 10;
+/// A string of a piece, with its NUL, fills whole pages of memory.
+constexpr size_t kJsonPiece = (size_t{64} << 10) - 1;
 
 /// Hands the text that `Json::FastWriter` makes of `value` to `take`, in pieces of `kJsonPiece`
 /// bytes and a last one of up to that.

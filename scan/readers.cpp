@@ -80,10 +80,10 @@ class Readers::Worker {
     static Worker& of(void* caller) { return *static_cast<Worker*>(caller); }
     static ReadJob& jobOf(uint64_t ticket) { return *reinterpret_cast<ReadJob*>(ticket); }
 
-    static const char* next(void* caller, bool idle, uint64_t* ticket) {
+    static const char* next(void* caller, bool /*idle*/, uint64_t* ticket) {
         Worker& worker = of(caller);
         worker.mInHand.reserve(worker.mInHand.size() + 1);
-        ReadJob* const job = worker.mReaders.take(worker.mInHand.size(), idle);
+        ReadJob* const job = worker.mReaders.take(worker.mInHand.size());
         if (job == nullptr) return nullptr;
         worker.mInHand.push_back(job);
         *ticket = reinterpret_cast<uint64_t>(job);
@@ -205,25 +205,21 @@ bool Readers::hasWork() const {
     return bytes == 0 || bytes < mMaxBytes || !mQueue.front()->wantsDigest;
 }
 
+/// Out of the batch, whose buffers are not held for nothing. False at the end.
 bool Readers::waitForWork() {
     std::unique_lock lock(mMutex);
-    waitForWork(lock);
-    return !mEnd;
-}
-
-void Readers::waitForWork(std::unique_lock<std::mutex>& lock) {
     ++mIdle;
     mProgress.notify_one();
     mWork.wait(lock, [this] { return hasWork() || mEnd; });
     --mIdle;
+    return !mEnd;
 }
 
 /// The next file whose digest is wanted. What stands before it in the queue and wants but a status
 /// is done on the way.
-ReadJob* Readers::take(size_t inHand, bool mayWait) {
+ReadJob* Readers::take(size_t inHand) {
     std::unique_lock lock(mMutex);
     while (true) {
-        if (!hasWork() && mayWait) waitForWork(lock);
         if (!hasWork()) return nullptr;
         if (takeStatuses(lock)) continue;
         // Of few files every worker takes its share, and no more.

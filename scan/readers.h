@@ -71,8 +71,7 @@ class Readers {
     void startThreads();
     bool hasWork() const;
     bool waitForWork();
-    void waitForWork(std::unique_lock<std::mutex>& lock);
-    ReadJob* take(size_t inHand, bool mayWait);
+    ReadJob* take(size_t inHand);
     bool takeStatuses(std::unique_lock<std::mutex>& lock);
     static void look(ReadJob& job);
     bool begin(ReadJob& job);

@@ -13,10 +13,13 @@
 #include <type_traits>
 
 /// Read by jemalloc(3) when the program starts. One arena, because one thread does nearly all of
-/// it; what has not been used for a second goes back to the system.
+/// it. What large pieces have left is given out in pieces of any size, before new memory is. What
+/// has not been used for a second goes back to the system.
 extern "C" {
 extern const char* malloc_conf;
-const char* malloc_conf = "thp:always,narenas:1,dirty_decay_ms:1000,background_thread:true";
+const char* malloc_conf =
+        "thp:always,narenas:1,lg_extent_max_active_fit:20,"
+        "dirty_decay_ms:1000,background_thread:true";
 }
 
 namespace {
