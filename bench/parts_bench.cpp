@@ -196,7 +196,7 @@ void digestFiles(benchmark::State& state) {
         }
         computeFileMD5Batch(
                 &files,
-                [](void* all, bool /*idle*/, uint64_t* /*ticket*/) -> const char* {
+                [](void* all, uint64_t* /*ticket*/) -> const char* {
                     Files& from = *static_cast<Files*>(all);
                     return from.next < from.paths.size() ? from.paths[from.next++].c_str()
                                                          : nullptr;

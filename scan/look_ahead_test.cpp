@@ -129,9 +129,9 @@ struct BatchSpy {
     android::host::BatchCaller caller;
     std::map<uint64_t, const char*> inHand;
     static BatchSpy& of(void* self) { return *static_cast<BatchSpy*>(self); }
-    static const char* next(void* self, bool idle, uint64_t* ticket) {
+    static const char* next(void* self, uint64_t* ticket) {
         BatchSpy& spy = of(self);
-        while (const char* path = spy.caller.next(spy.caller.caller, idle, ticket)) {
+        while (const char* path = spy.caller.next(spy.caller.caller, ticket)) {
             spy.inHand[*ticket] = path;
             if (!cannotBeOpened(path)) return path;
             isBad(path);
@@ -160,8 +160,7 @@ struct BatchSpy {
 
 }  // namespace
 
-void computeFileMD5Batch(void* caller,
-                         const char* (*next)(void* caller, bool idle, uint64_t* ticket),
+void computeFileMD5Batch(void* caller, const char* (*next)(void* caller, uint64_t* ticket),
                          bool (*opened)(void* caller, uint64_t ticket, const struct stat* status),
                          void (*done)(void* caller, uint64_t ticket, const FileMD5Result* result),
                          bool (*isAbandoned)(void* caller), bool enableLog) {

@@ -1,7 +1,6 @@
 #include "scan/newcomers.h"
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
 #include "db/images.h"

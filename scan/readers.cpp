@@ -12,11 +12,11 @@
 /// The I/O library's digests of many files at once, several times as fast as one by one. An
 /// extension: where the library has none, the address is null.
 ///
-/// Asks `next` for files, with `idle` when it has none in hand (null then ends the batch), asks
+/// Asks `next` for files (null, with none in hand, ends the batch), asks
 /// `opened` whether one is to be read, hands each file's outcome to `done`, and ends early, with
 /// ECANCELED for the files in hand, once `isAbandoned`.
 [[gnu::weak]] void computeFileMD5Batch(
-        void* caller, const char* (*next)(void* caller, bool idle, uint64_t* ticket),
+        void* caller, const char* (*next)(void* caller, uint64_t* ticket),
         bool (*opened)(void* caller, uint64_t ticket, const struct stat* status),
         void (*done)(void* caller, uint64_t ticket, const FileMD5Result* result),
         bool (*isAbandoned)(void* caller), bool enableLog);
@@ -67,7 +67,7 @@ class Readers::Worker {
   private:
     void computeOne() {
         uint64_t ticket = 0;
-        const char* path = next(this, false, &ticket);
+        const char* path = next(this, &ticket);
         if (path == nullptr) return;
         struct stat status = {};
         const int error = stat(path, &status) == 0 ? 0 : errno;
@@ -80,7 +80,7 @@ class Readers::Worker {
     static Worker& of(void* caller) { return *static_cast<Worker*>(caller); }
     static ReadJob& jobOf(uint64_t ticket) { return *reinterpret_cast<ReadJob*>(ticket); }
 
-    static const char* next(void* caller, bool /*idle*/, uint64_t* ticket) {
+    static const char* next(void* caller, uint64_t* ticket) {
         Worker& worker = of(caller);
         worker.mInHand.reserve(worker.mInHand.size() + 1);
         ReadJob* const job = worker.mReaders.take(worker.mInHand.size());

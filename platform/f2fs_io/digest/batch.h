@@ -12,8 +12,8 @@
 /// each other in the processor's vector unit. Runs on the calling thread and calls back from it:
 ///
 /// `next` gives the path of the next file, which stays valid until the file is done, and the
-/// caller's own number for it in `ticket`. Null: no further file now. With `idle` no file is in
-/// hand, so `next` may wait for one, and null ends the batch.
+/// caller's own number for it in `ticket`. Null: no further file now; when none is in
+/// hand, that ends the batch.
 ///
 /// `opened` is told the status of a file that is open, before anything of it is read. With false
 /// the caller no longer wants the digest, and the file is done with, without an outcome.
@@ -25,8 +25,7 @@
 /// ends.
 ///
 /// Memory: 128 KiB for each of at most 32 files in hand. May be called from many threads at once.
-void computeFileMD5Batch(void* caller,
-                         const char* (*next)(void* caller, bool idle, uint64_t* ticket),
+void computeFileMD5Batch(void* caller, const char* (*next)(void* caller, uint64_t* ticket),
                          bool (*opened)(void* caller, uint64_t ticket, const struct stat* status),
                          void (*done)(void* caller, uint64_t ticket, const FileMD5Result* result),
                          bool (*isAbandoned)(void* caller), bool enableLog);

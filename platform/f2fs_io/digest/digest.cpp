@@ -33,8 +33,7 @@ FileMD5Result computeFileMD5(const char* path, bool enableLog) {
 }
 
 // In one object file with the other form: a caller's weak reference alone would not bring it in.
-void computeFileMD5Batch(void* caller,
-                         const char* (*next)(void* caller, bool idle, uint64_t* ticket),
+void computeFileMD5Batch(void* caller, const char* (*next)(void* caller, uint64_t* ticket),
                          bool (*opened)(void* caller, uint64_t ticket, const struct stat* status),
                          void (*done)(void* caller, uint64_t ticket, const FileMD5Result* result),
                          bool (*isAbandoned)(void* caller), bool enableLog) {

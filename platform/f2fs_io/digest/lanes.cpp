@@ -141,7 +141,7 @@ class Batch {
     void takeFiles() {
         while (mActive < mLanes.size()) {
             uint64_t ticket = 0;
-            const char* path = mCaller.next(mCaller.caller, mActive == 0, &ticket);
+            const char* path = mCaller.next(mCaller.caller, &ticket);
             if (path == nullptr) return;
             const size_t lane = mActive++;
             if (const int error = mLanes[lane].open(path, ticket); error != 0) {

@@ -9,7 +9,7 @@ namespace android::host {
 /// What `computeFileMD5Batch` is called with.
 struct BatchCaller {
     void* caller;
-    const char* (*next)(void* caller, bool idle, uint64_t* ticket);
+    const char* (*next)(void* caller, uint64_t* ticket);
     bool (*opened)(void* caller, uint64_t ticket, const struct stat* status);
     void (*done)(void* caller, uint64_t ticket, const FileMD5Result* result);
     bool (*isAbandoned)(void* caller);

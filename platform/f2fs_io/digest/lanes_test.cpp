@@ -52,7 +52,7 @@ class Files {
     std::function<bool(int)> onTurn = [](int /*turn*/) { return false; };
 
   private:
-    static const char* next(void* self, bool /*idle*/, uint64_t* ticket) {
+    static const char* next(void* self, uint64_t* ticket) {
         Files& files = *static_cast<Files*>(self);
         if (files.mNext == files.mPaths.size()) return nullptr;
         *ticket = files.mNext;
