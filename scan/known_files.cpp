@@ -30,8 +30,13 @@ KnownFiles::KnownFiles() : mFiles(static_cast<File*>(calloc(kPlaces, sizeof(File
     if (mFiles == nullptr) throw std::bad_alloc();
 }
 
-KnownFiles::File& KnownFiles::placeOf(const struct stat& status) const {
-    return mFiles[(status.st_ino ^ status.st_dev * 0x9e3779b1U) % kPlaces];
+size_t KnownFiles::placeOf(const struct stat& status) {
+    return (status.st_ino ^ status.st_dev * 0x9e3779b1U) % kPlaces;
+}
+
+KnownFiles::Place KnownFiles::lockPlace(const struct stat& status) {
+    const size_t place = placeOf(status);
+    return {std::unique_lock(mMutexes[place % mMutexes.size()]), mFiles[place]};
 }
 
 bool KnownFiles::isSame(const File& file, const struct stat& status) {
@@ -43,29 +48,38 @@ bool KnownFiles::isSame(const File& file, const struct stat& status) {
 KnownFiles::Claim KnownFiles::claim(const struct stat& status) {
     const bool isShared = status.st_nlink > 1;
     const bool mayBeKept = isSettled(status);
-    const std::lock_guard lock(mMutex);
-    File& file = placeOf(status);
-    if (file.isClaimed && isSame(file, status)) return Claim::Others;
+    const auto [lock, file] = lockPlace(status);
+    if (file.isClaimed && isSame(file, status)) {
+        ++file.awaited;
+        return Claim::Others;
+    }
     // A file with other names will be met again; one with a single name perhaps, by way of a link.
-    if ((file.isClaimed && file.isShared && !isShared) || !mayBeKept) return Claim::OnceOnly;
-    file = {status.st_dev,  status.st_ino, status.st_size, status.st_mtim,
-            status.st_ctim, true,          isShared,       ""};
+    const bool isNeeded = file.isClaimed && (file.awaited > 0 || (file.isShared && !isShared));
+    if (isNeeded || !mayBeKept) return Claim::OnceOnly;
+    file = {.device = status.st_dev,
+            .inode = status.st_ino,
+            .size = status.st_size,
+            .mtime = status.st_mtim,
+            .ctime = status.st_ctim,
+            .isClaimed = true,
+            .isShared = isShared,
+            .awaited = 0,
+            .digest = ""};
     return Claim::Ours;
 }
 
 void KnownFiles::settle(const struct stat& status, const FileMD5Result& result) {
-    const std::lock_guard lock(mMutex);
-    File& file = placeOf(status);
+    const auto [lock, file] = lockPlace(status);
     if (!file.isClaimed || !isSame(file, status)) return;
     file.isClaimed = result.code == 0;
     memcpy(file.digest, result.md5, sizeof(file.digest));
 }
 
-KnownFiles::Answer KnownFiles::find(const struct stat& status, FileMD5Result* result) const {
-    const std::lock_guard lock(mMutex);
-    const File& file = placeOf(status);
+KnownFiles::Answer KnownFiles::take(const struct stat& status, FileMD5Result* result) {
+    const auto [lock, file] = lockPlace(status);
     if (!file.isClaimed || !isSame(file, status)) return Answer::Unknown;
     if (file.digest[0] == '\0') return Answer::Claimed;
+    if (file.awaited > 0) --file.awaited;
     result->code = 0;
     memcpy(result->md5, file.digest, sizeof(file.digest));
     return Answer::Known;

@@ -3,6 +3,8 @@
 
 #include <sys/stat.h>
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
@@ -22,7 +24,8 @@ class KnownFiles {
     KnownFiles();
 
     enum class Claim : uint8_t {
-        Others,   // somebody has computed the digest of such a file, or is at it
+        Others,   // somebody has computed the digest of such a file, or is at it: the caller is to
+                  // `take` it
         Ours,     // the caller is to compute it, and to `settle` the claim
         OnceOnly  // the caller is to compute it for itself: nobody could rely on it later
     };
@@ -32,8 +35,9 @@ class KnownFiles {
     void settle(const struct stat& status, const FileMD5Result& result);
 
     enum class Answer : uint8_t { Known, Claimed, Unknown };
-    /// What there is of such a file; fills `result` when that is `Known`.
-    Answer find(const struct stat& status, FileMD5Result* result) const;
+    /// What there is of a file that is another's; fills `result` when that is `Known`. Until then
+    /// the file keeps its place here.
+    Answer take(const struct stat& status, FileMD5Result* result);
 
   private:
     struct File {
@@ -43,20 +47,30 @@ class KnownFiles {
         timespec mtime;
         timespec ctime;
         bool isClaimed;
-        bool isShared;  // it has several names
+        bool isShared;     // it has several names
+        unsigned awaited;  // how many are still to take the digest
         char digest[sizeof(FileMD5Result::md5)];
     };
     struct Free {
         void operator()(File* files) const { free(files); }
     };
 
-    File& placeOf(const struct stat& status) const;
+    static size_t placeOf(const struct stat& status);
     static bool isSame(const File& file, const struct stat& status);
+
+    /// Holds the lock of a place as long as it is at hand.
+    struct Place {
+        std::unique_lock<std::mutex> lock;
+        File& file;
+    };
+    Place lockPlace(const struct stat& status);
 
     // Each in the one place that its inode gives it. Zeros that the system supplies as they are
     // touched: most scans know few files.
     std::unique_ptr<File[], Free> mFiles;
-    mutable std::mutex mMutex;
+    // For every so many places one: the workers seldom meet, as a wait costs more than all the
+    // rest.
+    std::array<std::mutex, 64> mMutexes;
 };
 
 }  // namespace rux

@@ -27,6 +27,7 @@
 #include "control/properties.h"
 #include "f2fs_io/digest/lanes.h"
 #include "f2fs_io/digest/md5.h"
+#include "scan/known_files.h"
 #include "scan/scan_request.h"
 #include "tavo_f2fs_io.h"
 #include "tests/support/sandbox.h"
@@ -331,6 +332,25 @@ TEST_F(LookAheadTest, ReadsAFileOnceWhateverItsNames) {
     }
     // Within one request: the next one reads again.
     EXPECT_EQ(scan(request, LookAhead{4096, 1 << 30, 2}).readings.count(test::inodeOf(file)), 1U);
+}
+
+TEST(KnownFilesTest, KeepAFileForThoseWhoAwaitIt) {
+    using rux::KnownFiles;
+    KnownFiles files;
+    struct stat file = {};
+    file.st_ino = 1;
+    struct stat other = {};
+    other.st_ino = 1 + (1 << 16);  // belongs into the same place
+    FileMD5Result result = {0, "0123456789abcdef0123456789abcdef"};
+    EXPECT_EQ(files.claim(file), KnownFiles::Claim::Ours);
+    EXPECT_EQ(files.claim(file), KnownFiles::Claim::Others);
+    files.settle(file, result);
+    EXPECT_EQ(files.claim(other), KnownFiles::Claim::OnceOnly);
+    result = {};
+    EXPECT_EQ(files.take(file, &result), KnownFiles::Answer::Known);
+    EXPECT_STREQ(result.md5, "0123456789abcdef0123456789abcdef");
+    EXPECT_EQ(files.claim(other), KnownFiles::Claim::Ours);
+    EXPECT_EQ(files.take(file, &result), KnownFiles::Answer::Unknown);
 }
 
 TEST_F(LookAheadTest, PreparesNoMoreThanItMayWhileAFileTakesLong) {

@@ -18,7 +18,7 @@ void takeSingleFile(const std::string& path, const struct stat& st, const Patter
         FileMD5Result result = {};
         const KnownFiles::Claim claim = knownFiles.claim(st);
         if (claim == KnownFiles::Claim::Others) {
-            knownFiles.find(st, &result);  // no worker has anything in hand between the walks
+            knownFiles.take(st, &result);  // no worker has anything in hand between the walks
             return result;
         }
         result = computeFileMD5(path.c_str(), toolLogEnabled);

@@ -85,7 +85,7 @@ FileMD5Result Window::digest() {
     // Another name of the file is being read, or has been.
     FileMD5Result result = {};
     while (true) {
-        switch (mPreparation.knownFiles.find(item.job.status, &result)) {
+        switch (mPreparation.knownFiles.take(item.job.status, &result)) {
             case KnownFiles::Answer::Known:
                 return result;
             case KnownFiles::Answer::Unknown:  // in vain

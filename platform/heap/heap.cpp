@@ -36,7 +36,7 @@ class Keeping {
     void begin() {
         const std::lock_guard lock(mMutex);
         mIsOperating = true;
-        if (!mIsWaiting) setDecay(kNever);
+        if (!mIsWaiting) giveBack(false);
     }
 
     void end() {
@@ -48,17 +48,19 @@ class Keeping {
             std::thread([this] { waitUntilIdle(); }).detach();
             mIsWaiting = true;
         } catch (const std::exception&) {  // no thread or no memory to be had
-            setDecay(kSoon);
+            giveBack(true);
         }
     }
 
   private:
     using Clock = std::chrono::steady_clock;
-    static constexpr ssize_t kNever = -1;
-    static constexpr ssize_t kSoon = 1000;  // milliseconds
 
-    static void setDecay(ssize_t milliseconds) {
-        mallctl("arena.0.dirty_decay_ms", nullptr, nullptr, &milliseconds, sizeof(milliseconds));
+    /// Also the allocator's own thread, which would be woken for nothing, a thousand times in a
+    /// scan.
+    static void giveBack(bool enable) {
+        ssize_t decay = enable ? 1000 : -1;  // milliseconds; never
+        mallctl("arena.0.dirty_decay_ms", nullptr, nullptr, &decay, sizeof(decay));
+        mallctl("background_thread", nullptr, nullptr, &enable, sizeof(enable));
     }
 
     void waitUntilIdle() {
@@ -69,7 +71,7 @@ class Keeping {
             lock.lock();
         }
         mIsWaiting = false;
-        setDecay(kSoon);
+        giveBack(true);
     }
 
     std::mutex mMutex;

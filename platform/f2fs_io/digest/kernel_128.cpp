@@ -7,7 +7,8 @@ using Vector = uint32_t __attribute__((vector_size(16)));
 
 constexpr Md5Kernel kKernels[] = {
         {1, Lanes<uint32_t>::run<1>},
-        {4, Lanes<Vector>::run<1>},
+        {3, Lanes<uint32_t>::run<3>},
+        {8, Lanes<Vector>::run<2>},
         {16, Lanes<Vector>::run<4>},
 };
 

@@ -3,12 +3,11 @@
 namespace android::host {
 namespace {
 
-using HalfVector = uint32_t __attribute__((vector_size(16)));
 using Vector = uint32_t __attribute__((vector_size(32)));
 
 constexpr Md5Kernel kKernels[] = {
         {1, Lanes<uint32_t>::run<1>},
-        {4, Lanes<HalfVector>::run<1>},
+        {3, Lanes<uint32_t>::run<3>},
         {8, Lanes<Vector>::run<1>},
         {24, Lanes<Vector>::run<3>},
 };

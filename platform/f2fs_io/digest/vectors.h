@@ -50,12 +50,16 @@ struct Lanes {
         Vector words[4];
     };
 
+    /// Adds the round's function of three words, of which `b` is the last to be known.
     template <size_t kRound>
-    static inline Vector mix(Vector b, Vector c, Vector d) {
-        if constexpr (kRound == 0) return d ^ (b & (c ^ d));
-        if constexpr (kRound == 1) return (b & d) | (c & ~d);
-        if constexpr (kRound == 2) return b ^ c ^ d;
-        return c ^ (b | ~d);
+    static inline Vector addMix(Vector sum, Vector b, Vector c, Vector d) {
+        if constexpr (kRound == 0) return sum + (d ^ (b & (c ^ d)));
+        // The halves have no bit in common, so that each can be added alone, and only one of them
+        // waits for `b`. A vector unit rather chooses in a single instruction.
+        if constexpr (kRound == 1 && kWidth == 1) return (sum + (c & ~d)) + (b & d);
+        if constexpr (kRound == 1) return sum + ((b & d) | (c & ~d));
+        if constexpr (kRound == 2) return sum + (b ^ c ^ d);
+        return sum + (c ^ (b | ~d));
     }
 
     template <size_t kStep>
@@ -65,7 +69,7 @@ struct Lanes {
         const Vector b = s.words[(kSteps - kStep + 1) % 4];
         const Vector c = s.words[(kSteps - kStep + 2) % 4];
         const Vector d = s.words[(kSteps - kStep + 3) % 4];
-        const Vector sum = (message[wordOf(kStep)] + kSines[kStep] + a) + mix<kStep / 16>(b, c, d);
+        const Vector sum = addMix<kStep / 16>(message[wordOf(kStep)] + kSines[kStep] + a, b, c, d);
         a = b + ((sum << kShift) | (sum >> (32 - kShift)));
     }
 
