@@ -73,6 +73,13 @@ int64_t integerOf(const Json::Value& value) {
     return number > -kLimit && number < kLimit ? static_cast<int64_t>(number) : 0;
 }
 
+std::string_view stringOf(const Json::Value& value) {
+    const char* begin = nullptr;
+    const char* end = nullptr;
+    if (!value.isString() || !value.getString(&begin, &end)) return {};
+    return {begin, static_cast<size_t>(end - begin)};
+}
+
 std::vector<std::string> stringsOf(const Json::Value& array) {
     std::vector<std::string> strings;
     if (!array.isArray()) return strings;

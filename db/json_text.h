@@ -24,6 +24,9 @@ const Json::Value* memberOf(const Json::Value& value, std::string_view name);
 /// A number as an integer, truncated; 0 for what is no number or does not fit.
 int64_t integerOf(const Json::Value& value);
 
+/// The bytes of a string, as long as `value` holds them; none for what is no string.
+std::string_view stringOf(const Json::Value& value);
+
 /// The strings of an array in their order, everything else in it left out.
 std::vector<std::string> stringsOf(const Json::Value& array);
 

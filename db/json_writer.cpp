@@ -4,6 +4,8 @@
 #include <charconv>
 #include <string>
 
+#include "db/json_text.h"
+
 namespace rux {
 namespace {
 
@@ -26,13 +28,9 @@ class Writer {
             case Json::arrayValue:
                 writeArray(value);
                 break;
-            case Json::stringValue: {
-                const char* begin = nullptr;
-                const char* end = nullptr;
-                value.getString(&begin, &end);
-                writeString({begin, static_cast<size_t>(end - begin)});
+            case Json::stringValue:
+                writeString(stringOf(value));
                 break;
-            }
             case Json::intValue:
                 writeNumber(value.asLargestInt());
                 break;

@@ -13,13 +13,6 @@ namespace {
 constexpr size_t kMost = 16384;        // files between two entries
 constexpr Json::ArrayIndex kFew = 16;  // members that are looked through one by one
 
-std::string_view textOf(const Json::Value& string) {
-    const char* begin = nullptr;
-    const char* end = nullptr;
-    if (!string.isString() || !string.getString(&begin, &end)) return {};
-    return {begin, static_cast<size_t>(end - begin)};
-}
-
 /// The beginning of a digest, as a number that sorts as the digests do.
 uint64_t beginningOf(const FileMD5Result& result) {
     uint64_t number = 0;
@@ -52,13 +45,13 @@ void Newcomers::join(File& file) {
     }
     Json::Value& paths = group["f_list"];
     if (!paths.isArray()) paths = Json::Value(Json::arrayValue);
-    if (!isMember(paths, textOf(file.path))) paths.append(std::move(file.path));
+    if (!isMember(paths, stringOf(file.path))) paths.append(std::move(file.path));
 }
 
 bool Newcomers::isMember(const Json::Value& paths, std::string_view path) {
     if (paths.size() > kFew && unfinishedMembers().count(std::string(path)) == 0) return false;
     return std::any_of(paths.begin(), paths.end(),
-                       [path](const Json::Value& member) { return textOf(member) == path; });
+                       [path](const Json::Value& member) { return stringOf(member) == path; });
 }
 
 /// The members of groups that had no finished record before they became newcomers, as after DB1 was
@@ -67,13 +60,13 @@ bool Newcomers::isMember(const Json::Value& paths, std::string_view path) {
 const std::unordered_set<std::string>& Newcomers::unfinishedMembers() {
     if (mUnfinishedOf == loadCount()) return mUnfinished;
     std::unordered_set<std::string_view> newcomers;
-    for (const File& file : mFiles) newcomers.insert(textOf(file.path));
+    for (const File& file : mFiles) newcomers.insert(stringOf(file.path));
     mUnfinished.clear();
     for (const Json::Value& group : *checkNoCompressDB) {
         const Json::Value* paths = groupPaths(group);
         if (paths == nullptr) continue;
         for (const Json::Value& member : *paths) {
-            const std::string path(textOf(member));
+            const std::string path(stringOf(member));
             if (!isFinished(path) || newcomers.count(path) != 0) mUnfinished.insert(path);
         }
     }
