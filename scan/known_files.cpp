@@ -30,17 +30,13 @@ KnownFiles::KnownFiles() : mFiles(static_cast<File*>(calloc(kPlaces, sizeof(File
     if (mFiles == nullptr) throw std::bad_alloc();
 }
 
-size_t KnownFiles::placeOf(const struct stat& status) {
-    return (status.st_ino ^ status.st_dev * 0x9e3779b1U) % kPlaces;
-}
-
 KnownFiles::Place KnownFiles::lockPlace(const struct stat& status) {
-    const size_t place = placeOf(status);
+    const size_t place = (status.st_ino ^ status.st_dev * 0x9e3779b1U) % kPlaces;
     return {std::unique_lock(mMutexes[place % mMutexes.size()]), mFiles[place]};
 }
 
-bool KnownFiles::isSame(const File& file, const struct stat& status) {
-    return file.inode == status.st_ino && file.device == status.st_dev &&
+bool KnownFiles::holds(const File& file, const struct stat& status) {
+    return file.isClaimed && file.inode == status.st_ino && file.device == status.st_dev &&
            file.size == status.st_size && isSameTime(file.mtime, status.st_mtim) &&
            isSameTime(file.ctime, status.st_ctim);
 }
@@ -49,7 +45,7 @@ KnownFiles::Claim KnownFiles::claim(const struct stat& status) {
     const bool isShared = status.st_nlink > 1;
     const bool mayBeKept = isSettled(status);
     const auto [lock, file] = lockPlace(status);
-    if (file.isClaimed && isSame(file, status)) {
+    if (holds(file, status)) {
         ++file.awaited;
         return Claim::Others;
     }
@@ -70,14 +66,14 @@ KnownFiles::Claim KnownFiles::claim(const struct stat& status) {
 
 void KnownFiles::settle(const struct stat& status, const FileMD5Result& result) {
     const auto [lock, file] = lockPlace(status);
-    if (!file.isClaimed || !isSame(file, status)) return;
+    if (!holds(file, status)) return;
     file.isClaimed = result.code == 0;
     memcpy(file.digest, result.md5, sizeof(file.digest));
 }
 
 KnownFiles::Answer KnownFiles::take(const struct stat& status, FileMD5Result* result) {
     const auto [lock, file] = lockPlace(status);
-    if (!file.isClaimed || !isSame(file, status)) return Answer::Unknown;
+    if (!holds(file, status)) return Answer::Unknown;
     if (file.digest[0] == '\0') return Answer::Claimed;
     if (file.awaited > 0) --file.awaited;
     result->code = 0;

@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 
 #include <array>
-#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
@@ -55,8 +54,8 @@ class KnownFiles {
         void operator()(File* files) const { free(files); }
     };
 
-    static size_t placeOf(const struct stat& status);
-    static bool isSame(const File& file, const struct stat& status);
+    /// Whether a place is taken by just that file.
+    static bool holds(const File& file, const struct stat& status);
 
     /// Holds the lock of a place as long as it is at hand.
     struct Place {

@@ -12,8 +12,8 @@
 /// each other in the processor's vector unit. Runs on the calling thread and calls back from it:
 ///
 /// `next` gives the path of the next file, which stays valid until the file is done, and the
-/// caller's own number for it in `ticket`. Null: no further file now; when none is in
-/// hand, that ends the batch.
+/// caller's own number for it in `ticket`. Null: no further file now; when none is in hand, that
+/// ends the batch.
 ///
 /// `opened` is told the status of a file that is open, before anything of it is read. With false
 /// the caller no longer wants the digest, and the file is done with, without an outcome.
