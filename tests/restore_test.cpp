@@ -34,9 +34,13 @@ class RestoreTest : public ServiceTest {
 
 TEST_F(RestoreTest, GivesEveryFileOfASelectedGroupItsOwnData) {
     const std::string a1 = sandbox.path("x/a1");
+    if (geteuid() == 0) {
+        ASSERT_EQ(chown(a1.c_str(), 4321, 1234), 0);
+    }
     chmod(a1.c_str(), 0640);
     const timespec times[] = {{1000000000, 123456789}, {1100000000, 987654321}};
     utimensat(AT_FDCWD, a1.c_str(), times, 0);
+    const struct stat before = statusOf(a1);
     const bool hasXattr = setxattr(a1.c_str(), "user.note", "kept", 4, 0) == 0;
     EXPECT_EQ(restore({".*"}, Json::array()), "120\n");
     std::set<ino_t> inodes;
@@ -45,6 +49,8 @@ TEST_F(RestoreTest, GivesEveryFileOfASelectedGroupItsOwnData) {
         inodes.insert(st.st_ino);
         EXPECT_EQ(st.st_nlink, 1U);
         EXPECT_EQ(st.st_mode & 07777, 0640U);
+        EXPECT_EQ(st.st_uid, before.st_uid);
+        EXPECT_EQ(st.st_gid, before.st_gid);
         EXPECT_EQ(st.st_mtim.tv_sec, times[1].tv_sec);
         EXPECT_EQ(st.st_mtim.tv_nsec, times[1].tv_nsec);
         EXPECT_EQ(st.st_atim.tv_sec, times[0].tv_sec);
@@ -56,6 +62,7 @@ TEST_F(RestoreTest, GivesEveryFileOfASelectedGroupItsOwnData) {
         EXPECT_EQ(readFile(sandbox.path(name)), std::string(10, 'a'));
     }
     EXPECT_EQ(inodes.size(), 3U);
+    EXPECT_EQ(inodes.count(before.st_ino), 1U) << "the last link stays where it is";
     EXPECT_EQ(database(kLinked), Json::object());
     EXPECT_EQ(database(kModified).size(), 5U);
     EXPECT_EQ(database(kModified)[a1], Json({{"V", 1}, {"r_flag", 1}}));

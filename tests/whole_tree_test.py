@@ -9,14 +9,11 @@ usage: whole_tree_test.py RUX RUXCTL
 import json
 import os
 import shutil
-import signal
 import subprocess
 import sys
-import tempfile
-import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from support.service import groups_of, md5sums  # noqa: E402
+from support.service import Service, groups_of, md5sums  # noqa: E402
 
 FILES = 20000
 LARGEST = 256 * 1024  # bytes; larger files of the machine are left out, to keep the copy small
@@ -67,27 +64,22 @@ def bytes_in_use(tree):
 
 def main():
     rux, ruxctl = sys.argv[1:3]
-    base = tempfile.mkdtemp(prefix="rux-tree-")
-    tree, root = base + "/tree", base + "/root"
-    space = root + "/data/local/zel/s/"
-    os.makedirs(root + "/data/local/zel")
-    environment = {**os.environ, "RUX_ROOT": root}
-    environment.pop("ANDROID_LOG_TAGS", None)
-    service = None
+    with Service(rux) as service:
+        tree, space = service.tree, service.space + "/"
+        environment = {**os.environ, "RUX_ROOT": service.root}
 
-    def client(*arguments):
-        return subprocess.run([ruxctl, *arguments], env=environment, check=True,
-                              stdout=subprocess.PIPE).stdout.decode()
+        def client(*arguments):
+            return subprocess.run([ruxctl, *arguments], env=environment, check=True,
+                                  stdout=subprocess.PIPE).stdout.decode()
 
-    def database(name):
-        with open(space + name, "rb") as file:
-            return file.read()
+        def database(name):
+            with open(space + name, "rb") as file:
+                return file.read()
 
-    def digests_computed():
-        with open(base + "/log", "rb") as file:
-            return file.read().count(b"computeFileMD5 ")
+        def digests_computed():
+            with open(service.base + "/log", "rb") as file:
+                return file.read().count(b"computeFileMD5 ")
 
-    try:
         copy_real_tree(tree)
         digests = md5sums(tree)
         sizes = {path: int(size) for path, size in statuses_below(tree, "%s").items()}
@@ -98,10 +90,6 @@ def main():
         print(f"{len(digests)} files, {len(duplicates)} groups of {copies} files, {spare} bytes spare")
         check(len(digests) > 0.95 * FILES and len(duplicates) > 50, "the tree is worth the test")
 
-        with open(base + "/log", "wb") as log:
-            service = subprocess.Popen([rux], env=environment, stderr=log)
-        while subprocess.run([ruxctl, "call", "5"], env=environment, stderr=subprocess.DEVNULL).returncode:
-            time.sleep(0.01)
         client("setprop", "sys.ruxservice.enablelog.ctrl", "true")
 
         client("scan", "--space", "s", tree)
@@ -144,14 +132,7 @@ def main():
         check(len(set(inodes.values())) == len(inodes), "and an inode of its own")
         check(statuses_below(tree, "%a:%U:%G:%.9Y") == kept, "modes, owners and times are as before")
         check(bytes_in_use(tree) == in_use, "du is where it was")
-        leftovers = output_of("find", tree, "-name", ".rux-*")
-        check(leftovers == b"", "no temporary name is left")
-        check(service.poll() is None, "the service is still there")
-    finally:
-        if service is not None:
-            service.send_signal(signal.SIGKILL)
-            service.wait()
-        shutil.rmtree(base, ignore_errors=True)
+        check(not service.leftovers(), "no temporary name is left")
 
 
 if __name__ == "__main__":

@@ -5,7 +5,6 @@
 #include "binder/Binder.h"
 #include "binder/IServiceManager.h"
 #include "binder/Status.h"
-#include "service/RuxNativeService.h"
 
 namespace android {
 namespace {
@@ -57,27 +56,6 @@ TEST(ParcelTest, ReadsBackWhatWasWrittenAndNothingElse) {
     parcel.setData(lone, sizeof(lone));
     EXPECT_EQ(parcel.readUtf8FromUtf16(&text), OK);
     EXPECT_EQ(text, "x");
-}
-
-TEST(ParcelTest, CarriesStatusesWithTheirMessages) {
-    Parcel parcel;
-    binder::Status::ok().writeToParcel(&parcel);
-    EXPECT_EQ(bytesOf(parcel), "00000000");
-    binder::Status::fromExceptionCode(-4, "m").writeOverParcel(&parcel);
-    EXPECT_EQ(bytesOf(parcel), "fcffffff010000006d00000000000000");
-    parcel.setDataPosition(0);
-    binder::Status status;
-    EXPECT_EQ(status.readFromParcel(parcel), OK);
-    EXPECT_EQ(status.exceptionCode(), binder::Status::EX_NULL_POINTER);
-    EXPECT_STREQ(status.exceptionMessage().c_str(), "m");
-}
-
-TEST(BinderTest, TheServiceObjectIsItsOwnInterface) {
-    const sp<RuxNativeService> service = sp<RuxNativeService>::make();
-    EXPECT_TRUE(service->getInterfaceDescriptor() == String16("tavo.rux.IRux"));
-    EXPECT_TRUE(service->queryLocalInterface(String16("tavo.rux.IRux")) != nullptr);
-    EXPECT_TRUE(service->queryLocalInterface(String16("tavo.rux.IRux2")) == nullptr);
-    EXPECT_TRUE(service->queryLocalInterface(String16("")) == nullptr);
 }
 
 TEST(BinderTest, NamesThatAreNoFilesAreNoServices) {

@@ -185,39 +185,6 @@ TEST_F(FileIoTest, RefusesToLinkFilesThatAreBeingWritten) {
     EXPECT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), 0);
 }
 
-TEST_F(FileIoTest, RestoredFilesAreLikeBeforeInAllButTheirData) {
-    ASSERT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), 0);
-    ASSERT_EQ(chmod(kept.c_str(), 0741), 0);
-    const bool label = setxattr(kept.c_str(), "user.label", "value", 5, 0) == 0;
-    const timespec times[] = {{1234567890, 1}, {1234567891, 999999999}};
-    ASSERT_EQ(utimensat(AT_FDCWD, kept.c_str(), times, 0), 0);
-    if (geteuid() == 0) {
-        ASSERT_EQ(chown(kept.c_str(), 4321, 1234), 0);
-    }
-    const struct stat before = statusOf(kept);
-
-    EXPECT_EQ(restoreLinkFile(duplicate.c_str(), false), 0);
-    const struct stat after = statusOf(duplicate);
-    EXPECT_NE(after.st_ino, before.st_ino);
-    EXPECT_EQ(after.st_nlink, 1U);
-    EXPECT_EQ(after.st_mode, before.st_mode);
-    EXPECT_EQ(after.st_uid, before.st_uid);
-    EXPECT_EQ(after.st_gid, before.st_gid);
-    EXPECT_EQ(after.st_mtim.tv_sec, times[1].tv_sec);
-    EXPECT_EQ(after.st_mtim.tv_nsec, times[1].tv_nsec);
-    EXPECT_EQ(after.st_atim.tv_sec, times[0].tv_sec);
-    EXPECT_EQ(after.st_atim.tv_nsec, times[0].tv_nsec);
-    char value[8] = {};
-    if (label) {
-        EXPECT_EQ(getxattr(duplicate.c_str(), "user.label", value, sizeof(value)), 5);
-    }
-    EXPECT_EQ(rux::test::run({"cmp", kept, duplicate}).exit, 0);
-    EXPECT_EQ(inodeOf(kept), before.st_ino);
-    EXPECT_EQ(restoreLinkFile(kept.c_str(), false), 0) << "the last link stays where it is";
-    EXPECT_EQ(inodeOf(kept), before.st_ino);
-    EXPECT_EQ(namesIn(sandbox.tree()), (std::vector<std::string>{"duplicate", "kept"}));
-}
-
 TEST_F(FileIoTest, RestoredFilesKeepTheirHoles) {
     const std::string sparse = sandbox.write("sparse", "start");
     ASSERT_EQ(truncate(sparse.c_str(), 50 << 20), 0);
