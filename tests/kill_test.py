@@ -146,7 +146,6 @@ def main():
     with Service(rux) as service:
         make_tree(service.tree, pick)
         test = Round(service, md5sums(service.tree))
-        left = 0
         for number in range(rounds):
             operation = ("scan", "compress", "restore")[number % 3]
             test.run(operation, pick)
