@@ -3,9 +3,13 @@
 
 # install_packages NAME...
 install_packages() {
-    local missing=() name
+    local missing=() name architecture
     for name in "$@"; do
-        dpkg-query -W -f '${Status}' "$name" 2>/dev/null | grep -q 'ok installed' || missing+=("$name")
+        # Another architecture's package of the same name is not this one.
+        architecture=$(dpkg --print-architecture)
+        [[ $name == *:* ]] && architecture=${name#*:}
+        dpkg-query -W -f '${db:Status-Status} ${Architecture}\n' "$name" 2>/dev/null |
+            grep -qxE "installed (all|$architecture)" || missing+=("$name")
     done
     [ ${#missing[@]} -eq 0 ] && return 0
     echo "Installing Debian packages: ${missing[*]}"
