@@ -3,10 +3,11 @@
 
 # install_packages NAME...
 install_packages() {
-    local missing=() name architecture
+    local missing=() name native architecture
+    native=$(dpkg --print-architecture)
     for name in "$@"; do
         # Another architecture's package of the same name is not this one.
-        architecture=$(dpkg --print-architecture)
+        architecture=$native
         [[ $name == *:* ]] && architecture=${name#*:}
         dpkg-query -W -f '${db:Status-Status} ${Architecture}\n' "$name" 2>/dev/null |
             grep -qxE "installed (all|$architecture)" || missing+=("$name")

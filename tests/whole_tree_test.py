@@ -65,7 +65,7 @@ def bytes_in_use(tree):
 def main():
     rux, ruxctl = sys.argv[1:3]
     with Service(rux) as service:
-        tree, space = service.tree, service.space + "/"
+        tree = service.tree
         environment = {**os.environ, "RUX_ROOT": service.root}
 
         def client(*arguments):
@@ -73,7 +73,7 @@ def main():
                                   stdout=subprocess.PIPE).stdout.decode()
 
         def database(name):
-            with open(space + name, "rb") as file:
+            with open(f"{service.space}/{name}", "rb") as file:
                 return file.read()
 
         def digests_computed():

@@ -58,6 +58,19 @@ TEST(ParcelTest, ReadsBackWhatWasWrittenAndNothingElse) {
     EXPECT_EQ(text, "x");
 }
 
+TEST(ParcelTest, CarriesStatusesWithTheirMessages) {
+    Parcel parcel;
+    binder::Status::ok().writeToParcel(&parcel);
+    EXPECT_EQ(bytesOf(parcel), "00000000");
+    binder::Status::fromExceptionCode(-4, "m").writeOverParcel(&parcel);
+    EXPECT_EQ(bytesOf(parcel), "fcffffff010000006d00000000000000");
+    parcel.setDataPosition(0);
+    binder::Status status;
+    EXPECT_EQ(status.readFromParcel(parcel), OK);
+    EXPECT_EQ(status.exceptionCode(), binder::Status::EX_NULL_POINTER);
+    EXPECT_STREQ(status.exceptionMessage().c_str(), "m");
+}
+
 TEST(BinderTest, NamesThatAreNoFilesAreNoServices) {
     const sp<IBinder> service = sp<BBinder>::make();
     for (const char* name : {"", "a/b", "..", ".hidden"}) {
