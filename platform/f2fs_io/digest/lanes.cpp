@@ -15,6 +15,7 @@ namespace android::host {
 namespace {
 
 constexpr size_t kPiece = size_t{128} << 10;  // bytes a read
+constexpr off_t kLong = off_t{4} << 20;       // bytes of a file that is not to be held up by others
 constexpr size_t kLengthBytes = 8;            // of the message's length, the last of its last block
 // A piece, what is left of the one before, and the padding. No multiple of a page: the same place
 // in all buffers then is not in the same line of the cache.
@@ -62,6 +63,7 @@ class Lane {
 
     const unsigned char* data() const { return mBuffer + mAt; }
     size_t blocks() const { return mBlocks; }
+    bool isLong() const { return mSource.size() > kLong; }
     void advance(size_t blocks) {
         mAt += blocks * kMd5BlockBytes;
         mBlocks -= blocks;
@@ -163,20 +165,42 @@ class Batch {
         }
     }
 
-    /// Digests as many blocks as all lanes have.
+    /// Digests as many blocks as all lanes have; and then those of the long files that are left. A
+    /// long file that went no faster than the short ones beside it would be left over at the end,
+    /// with everybody waiting for it.
     void advance() {
-        const Md5Kernel& kernel = mKernels.forMessages(mActive);
-        const unsigned char* data[kMaxMd5Lanes];
-        size_t blocks = SIZE_MAX;
-        for (size_t i = 0; i < mActive; ++i) {
-            data[i] = mLanes[i].data();
-            blocks = std::min(blocks, mLanes[i].blocks());
-        }
-        std::fill(data + mActive, data + kernel.lanes, data[0]);  // digested in vain
-        kernel.run(mStates, data, blocks);
+        advance([](const Lane& /*lane*/) { return true; });
+        advance([](const Lane& lane) { return lane.isLong() && lane.blocks() > 0; });
         for (size_t i = mActive; i-- > 0;) {
-            mLanes[i].advance(blocks);
             if (mLanes[i].isFinished()) finish(i, mLanes[i].close());
+        }
+    }
+
+    /// Digests as many blocks as all of the lanes have that `isMeant` accepts.
+    template <typename Predicate>
+    void advance(const Predicate& isMeant) {
+        size_t meant[kMaxMd5Lanes];
+        const unsigned char* data[kMaxMd5Lanes];
+        Md5States states = {};
+        size_t count = 0;
+        size_t blocks = SIZE_MAX;
+        for (size_t lane = 0; lane < mActive; ++lane) {
+            if (!isMeant(mLanes[lane])) continue;
+            meant[count] = lane;
+            data[count] = mLanes[lane].data();
+            for (size_t word = 0; word < 4; ++word)
+                states.words[word][count] = mStates.words[word][lane];
+            blocks = std::min(blocks, mLanes[lane].blocks());
+            ++count;
+        }
+        if (count == 0) return;
+        const Md5Kernel& kernel = mKernels.forMessages(count);
+        std::fill(data + count, data + kernel.lanes, data[0]);  // digested in vain
+        kernel.run(states, data, blocks);
+        for (size_t i = 0; i < count; ++i) {
+            for (size_t word = 0; word < 4; ++word)
+                mStates.words[word][meant[i]] = states.words[word][i];
+            mLanes[meant[i]].advance(blocks);
         }
     }
 

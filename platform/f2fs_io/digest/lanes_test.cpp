@@ -48,6 +48,7 @@ class Files {
     }
 
     std::map<std::string, FileMD5Result> results;
+    std::vector<std::string> order;  // in which they were done
     std::set<std::string> unwanted;  // once their status is known
     std::function<bool(int)> onTurn = [](int /*turn*/) { return false; };
 
@@ -66,6 +67,7 @@ class Files {
     static void done(void* self, uint64_t ticket, const FileMD5Result* result) {
         Files& files = *static_cast<Files*>(self);
         EXPECT_TRUE(files.results.emplace(files.mPaths[ticket], *result).second) << "done twice";
+        files.order.push_back(files.mPaths[ticket]);
     }
     static bool isAbandoned(void* self) {
         Files& files = *static_cast<Files*>(self);
@@ -133,6 +135,19 @@ TEST_P(LanesTest, KeepsEachFileThroughLanesOfAnyNumber) {
         files.digest(*GetParam());
         for (const std::string& path : paths)
             ASSERT_EQ(files.results[path].md5, expected[path]) << path << " of " << count;
+    }
+}
+
+TEST_P(LanesTest, LongFilesAreNotHeldUpByShortOnes) {
+    std::vector<std::string> paths = {write("long", 9 << 20), write("longer", (10 << 20) + 77)};
+    for (size_t i = 0; i < 2000; ++i) paths.push_back(write(std::to_string(i), 1 + i % 500));
+    Files files(paths);
+    files.digest(*GetParam());
+    for (const std::string& path : paths) ASSERT_EQ(files.results[path].md5, expected[path]);
+    for (const std::string& path : {paths[0], paths[1]}) {
+        EXPECT_NE(std::find(files.order.begin(), files.order.end() - 100, path),
+                  files.order.end() - 100)
+                << path;
     }
 }
 
