@@ -1,6 +1,5 @@
 #include "db/json_writer.h"
 
-#include <algorithm>
 #include <charconv>
 #include <string>
 
@@ -9,9 +8,14 @@
 namespace rux {
 namespace {
 
-/// Whether a byte stands for itself in a string, whatever its neighbours.
-bool isPlain(char byte) {
-    return byte >= 0x20 && byte < 0x7f && byte != '"' && byte != '\\';
+/// Whether every byte stands for itself in a string, whatever its neighbours. All of them are
+/// looked at: without a way out the compiler takes many at once.
+bool isPlain(std::string_view text) {
+    unsigned special = 0;
+    for (const unsigned char byte : text)
+        special |=
+                static_cast<unsigned>(byte < 0x20 || byte >= 0x7f || byte == '"' || byte == '\\');
+    return special == 0;
 }
 
 class Writer {
@@ -43,12 +47,13 @@ class Writer {
     }
 
     void write(std::string_view text) {
-        while (!text.empty()) {
-            const size_t fits = std::min(text.size(), kJsonPiece - mPiece.size());
+        while (mPiece.size() + text.size() >= kJsonPiece) {
+            const size_t fits = kJsonPiece - mPiece.size();
             mPiece.append(text.substr(0, fits));
             text.remove_prefix(fits);
-            if (mPiece.size() == kJsonPiece) flush();
+            flush();
         }
+        mPiece.append(text);
     }
 
     void flush() {
@@ -64,7 +69,8 @@ class Writer {
 
     void writeObject(const Json::Value& value) {
         const char* separator = "{";
-        for (auto member = value.begin(); member != value.end(); ++member) {
+        const auto last = value.end();
+        for (auto member = value.begin(); member != last; ++member) {
             write(separator);
             separator = ",";
             const char* end = nullptr;
@@ -77,16 +83,17 @@ class Writer {
     }
 
     void writeArray(const Json::Value& value) {
-        write("[");
-        for (Json::ArrayIndex i = 0; i < value.size(); ++i) {
-            if (i > 0) write(",");
-            writeValue(value[i]);
+        const char* separator = "[";
+        for (const Json::Value& element : value) {
+            write(separator);
+            separator = ",";
+            writeValue(element);
         }
-        write("]");
+        write(value.empty() ? "[]" : "]");
     }
 
     void writeString(std::string_view text) {
-        if (std::all_of(text.begin(), text.end(), isPlain)) {
+        if (isPlain(text)) {
             write("\"");
             write(text);
             write("\"");
