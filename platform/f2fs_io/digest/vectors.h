@@ -46,6 +46,11 @@ struct Lanes {
         return (kFactor[step / 16] * step + kOffset[step / 16]) % kBlockWords;
     }
 
+    /// A vector that lies anywhere. As a value it is loaded at once; a copy of its bytes may be
+    /// made in halves, which a processor cannot load back as a whole before both have reached its
+    /// cache.
+    using Unaligned __attribute__((aligned(1), may_alias)) = Vector;
+
     struct State {
         Vector words[4];
     };
@@ -55,10 +60,11 @@ struct Lanes {
     static inline Vector addMix(Vector sum, Vector b, Vector c, Vector d) {
         if constexpr (kRound == 0) return sum + (d ^ (b & (c ^ d)));
         // The halves have no bit in common, so that each can be added alone, and only one of them
-        // waits for `b`. A vector unit rather chooses in a single instruction.
-        if constexpr (kRound == 1 && kWidth == 1) return (sum + (c & ~d)) + (b & d);
+        // waits for `b`. Vectors of other widths are rather chosen from in a single instruction.
+        if constexpr (kRound == 1 && (kWidth == 1 || kWidth == 8))
+            return (sum + (c & ~d)) + (b & d);
         if constexpr (kRound == 1) return sum + ((b & d) | (c & ~d));
-        if constexpr (kRound == 2) return sum + (b ^ c ^ d);
+        if constexpr (kRound == 2) return sum + (b ^ (c ^ d));
         return sum + (c ^ (b | ~d));
     }
 
@@ -114,8 +120,8 @@ struct Lanes {
     static inline void gather(const unsigned char* const* data, size_t offset, Vector* message) {
         for (size_t first = 0; first < kBlockWords; first += kWidth) {
             for (size_t lane = 0; lane < kWidth; ++lane) {
-                memcpy(&message[first + lane], data[lane] + offset + first * kWordBytes,
-                       sizeof(Vector));
+                message[first + lane] = *reinterpret_cast<const Unaligned*>(data[lane] + offset +
+                                                                            first * kWordBytes);
             }
             if constexpr (kWidth > 1) transpose(message + first);
         }
