@@ -22,18 +22,6 @@ struct Lanes {
     static constexpr size_t kSteps = 64;
     static constexpr size_t kBlockWords = 16;
 
-    /// The integer parts of 2^32 times the sines of 1 to 64.
-    static constexpr uint32_t kSines[kSteps] =
-            {0xd76aa478, 0xe8c7b756, 0x242070db, 0xc1bdceee, 0xf57c0faf, 0x4787c62a, 0xa8304613,
-             0xfd469501, 0x698098d8, 0x8b44f7af, 0xffff5bb1, 0x895cd7be, 0x6b901122, 0xfd987193,
-             0xa679438e, 0x49b40821, 0xf61e2562, 0xc040b340, 0x265e5a51, 0xe9b6c7aa, 0xd62f105d,
-             0x02441453, 0xd8a1e681, 0xe7d3fbc8, 0x21e1cde6, 0xc33707d6, 0xf4d50d87, 0x455a14ed,
-             0xa9e3e905, 0xfcefa3f8, 0x676f02d9, 0x8d2a4c8a, 0xfffa3942, 0x8771f681, 0x6d9d6122,
-             0xfde5380c, 0xa4beea44, 0x4bdecfa9, 0xf6bb4b60, 0xbebfbc70, 0x289b7ec6, 0xeaa127fa,
-             0xd4ef3085, 0x04881d05, 0xd9d4d039, 0xe6db99e5, 0x1fa27cf8, 0xc4ac5665, 0xf4292244,
-             0x432aff97, 0xab9423a7, 0xfc93a039, 0x655b59c3, 0x8f0ccc92, 0xffeff47d, 0x85845dd1,
-             0x6fa87e4f, 0xfe2ce6e0, 0xa3014314, 0x4e0811a1, 0xf7537e82, 0xbd3af235, 0x2ad7d2bb,
-             0xeb86d391};
     static constexpr unsigned kShifts[4][4] = {{7, 12, 17, 22},
                                                {5, 9, 14, 20},
                                                {4, 11, 16, 23},
@@ -51,6 +39,14 @@ struct Lanes {
     /// cache.
     using Unaligned __attribute__((aligned(1), may_alias)) = Vector;
 
+    /// Whether the compiler may know the constants. Where one from memory is repeated in a vector
+    /// by the load itself, one in the code has a longer way, through a register.
+    static constexpr bool kKnownSines = kWidth != 8;
+    template <size_t kStep>
+    static inline uint32_t sine() {
+        return kKnownSines ? kMd5Sines[kStep] : kMd5SinesInMemory[kStep];
+    }
+
     struct State {
         Vector words[4];
     };
@@ -65,6 +61,7 @@ struct Lanes {
             return (sum + (c & ~d)) + (b & d);
         if constexpr (kRound == 1) return sum + ((b & d) | (c & ~d));
         if constexpr (kRound == 2) return sum + (b ^ (c ^ d));
+        if constexpr (kWidth == 8) return sum - 1 - (c ^ (d & ~b));  // one step less: ~x is -1 - x
         return sum + (c ^ (b | ~d));
     }
 
@@ -75,7 +72,7 @@ struct Lanes {
         const Vector b = s.words[(kSteps - kStep + 1) % 4];
         const Vector c = s.words[(kSteps - kStep + 2) % 4];
         const Vector d = s.words[(kSteps - kStep + 3) % 4];
-        const Vector sum = addMix<kStep / 16>(message[wordOf(kStep)] + kSines[kStep] + a, b, c, d);
+        const Vector sum = addMix<kStep / 16>(message[wordOf(kStep)] + sine<kStep>() + a, b, c, d);
         a = b + ((sum << kShift) | (sum >> (32 - kShift)));
     }
 
