@@ -1,6 +1,7 @@
 #include "f2fs_io/digest/lanes.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -20,8 +21,6 @@ constexpr size_t kLengthBytes = 8;            // of the message's length, the la
 // A piece, what is left of the one before, and the padding. No multiple of a page: the same place
 // in all buffers then is not in the same line of the cache.
 constexpr size_t kBufferBytes = kPiece + 3 * kMd5BlockBytes;
-
-constexpr uint32_t kInitialState[4] = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476};
 
 /// A file in hand and the piece of it that waits to be digested.
 class Lane {
@@ -61,6 +60,8 @@ class Lane {
         return 0;
     }
 
+    /// The running digest.
+    std::array<uint32_t, 4>& state() { return mState; }
     const unsigned char* data() const { return mBuffer + mAt; }
     size_t blocks() const { return mBlocks; }
     bool isLong() const { return mSource.size() > kLong; }
@@ -109,6 +110,7 @@ class Lane {
     unsigned char* mBuffer;
     const char* mPath = nullptr;
     uint64_t mTicket = 0;
+    std::array<uint32_t, 4> mState = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476};
     uint64_t mRead = 0;  // bytes of the file so far
     size_t mAt = 0;      // where the next block starts
     size_t mBlocks = 0;  // whole blocks from there on
@@ -152,8 +154,6 @@ class Batch {
                 mLanes[lane].drop();
                 --mActive;
             } else {
-                for (size_t word = 0; word < 4; ++word)
-                    mStates.words[word][lane] = kInitialState[word];
                 mLanes[lane].begin();
             }
         }
@@ -179,18 +179,18 @@ class Batch {
     /// Digests as many blocks as all of the lanes have that `isMeant` accepts.
     template <typename Predicate>
     void advance(const Predicate& isMeant) {
-        size_t meant[kMaxMd5Lanes];
+        Lane* meant[kMaxMd5Lanes];
         const unsigned char* data[kMaxMd5Lanes];
         Md5States states = {};
         size_t count = 0;
         size_t blocks = SIZE_MAX;
-        for (size_t lane = 0; lane < mActive; ++lane) {
-            if (!isMeant(mLanes[lane])) continue;
-            meant[count] = lane;
-            data[count] = mLanes[lane].data();
-            for (size_t word = 0; word < 4; ++word)
-                states.words[word][count] = mStates.words[word][lane];
-            blocks = std::min(blocks, mLanes[lane].blocks());
+        for (size_t i = 0; i < mActive; ++i) {
+            Lane& lane = mLanes[i];
+            if (!isMeant(lane)) continue;
+            meant[count] = &lane;
+            data[count] = lane.data();
+            for (size_t word = 0; word < 4; ++word) states.words[word][count] = lane.state()[word];
+            blocks = std::min(blocks, lane.blocks());
             ++count;
         }
         if (count == 0) return;
@@ -198,9 +198,8 @@ class Batch {
         std::fill(data + count, data + kernel.lanes, data[0]);  // digested in vain
         kernel.run(states, data, blocks);
         for (size_t i = 0; i < count; ++i) {
-            for (size_t word = 0; word < 4; ++word)
-                mStates.words[word][meant[i]] = states.words[word][i];
-            mLanes[meant[i]].advance(blocks);
+            for (size_t word = 0; word < 4; ++word) meant[i]->state()[word] = states.words[word][i];
+            meant[i]->advance(blocks);
         }
     }
 
@@ -209,15 +208,12 @@ class Batch {
         FileMD5Result result = {};
         result.code = error;
         if (error == 0) {
-            uint32_t digest[4];
-            for (size_t word = 0; word < 4; ++word) digest[word] = mStates.words[word][lane];
-            writeHex(digest, sizeof(digest), result.md5);
+            const auto& digest = mLanes[lane].state();
+            writeHex(digest.data(), sizeof(digest), result.md5);
         }
         logTool(mCaller.enableLog, "computeFileMD5", mLanes[lane].path(), error);
         mCaller.done(mCaller.caller, mLanes[lane].ticket(), &result);
-        const size_t last = --mActive;
-        std::swap(mLanes[lane], mLanes[last]);
-        for (auto& word : mStates.words) word[lane] = word[last];
+        std::swap(mLanes[lane], mLanes[--mActive]);
     }
 
     const Md5Kernels& mKernels;
@@ -225,7 +221,6 @@ class Batch {
     std::unique_ptr<unsigned char[]> mBuffers;
     std::vector<Lane> mLanes;
     size_t mActive = 0;
-    Md5States mStates = {};
 };
 
 }  // namespace

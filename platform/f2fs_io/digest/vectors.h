@@ -39,12 +39,14 @@ struct Lanes {
     /// cache.
     using Unaligned __attribute__((aligned(1), may_alias)) = Vector;
 
-    /// Whether the compiler may know the constants. Where one from memory is repeated in a vector
-    /// by the load itself, one in the code has a longer way, through a register.
-    static constexpr bool kKnownSines = kWidth != 8;
+    /// AVX2 has no instruction of three operands that chooses or mixes, as other vector units do.
+    static constexpr bool kAvx2 = kWidth == 8;
+
+    /// In AVX2 a constant from memory is repeated in the vector by the load itself; one that the
+    /// compiler knows goes there through a register.
     template <size_t kStep>
     static inline uint32_t sine() {
-        return kKnownSines ? kMd5Sines[kStep] : kMd5SinesInMemory[kStep];
+        return kAvx2 ? kMd5SinesInMemory[kStep] : kMd5Sines[kStep];
     }
 
     struct State {
@@ -56,12 +58,11 @@ struct Lanes {
     static inline Vector addMix(Vector sum, Vector b, Vector c, Vector d) {
         if constexpr (kRound == 0) return sum + (d ^ (b & (c ^ d)));
         // The halves have no bit in common, so that each can be added alone, and only one of them
-        // waits for `b`. Vectors of other widths are rather chosen from in a single instruction.
-        if constexpr (kRound == 1 && (kWidth == 1 || kWidth == 8))
-            return (sum + (c & ~d)) + (b & d);
+        // waits for `b`. Other vector units rather choose in a single instruction.
+        if constexpr (kRound == 1 && (kWidth == 1 || kAvx2)) return (sum + (c & ~d)) + (b & d);
         if constexpr (kRound == 1) return sum + ((b & d) | (c & ~d));
         if constexpr (kRound == 2) return sum + (b ^ (c ^ d));
-        if constexpr (kWidth == 8) return sum - 1 - (c ^ (d & ~b));  // one step less: ~x is -1 - x
+        if constexpr (kAvx2) return sum - 1 - (c ^ (d & ~b));  // one step less: ~x is -1 - x
         return sum + (c ^ (b | ~d));
     }
 
