@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
@@ -42,10 +43,12 @@ using rux::test::readFile;
 struct World {
     std::vector<std::string> events;  // polls and log lines
     std::set<size_t> stops;           // the polls that read "true"
-    size_t polls = 0;
+    std::atomic<size_t> polls = 0;
     std::thread::id scanThread;
     std::mutex mutex;
-    std::multiset<ino_t> readings;  // of files, by the digest calls
+    std::vector<ino_t> readings;  // of files, by the digest calls
+
+    auto timesRead(ino_t file) const { return std::count(readings.begin(), readings.end(), file); }
 
     void note(const std::string& event) {
         EXPECT_EQ(std::this_thread::get_id(), scanThread) << event;
@@ -64,6 +67,7 @@ std::string formatted(const char* fmt, va_list args) {
 std::set<ino_t> badFiles;  // their content cannot be read
 ino_t slowFile = 0;        // its reading waits until the others come to nothing
 size_t readMeanwhile = 0;  // files, the slow one included
+ino_t awaitedFile = 0;     // the first two readings wait for the walk, the others for its reading
 
 /// Of the bad files, whether not even opening it succeeds.
 [[maybe_unused]] bool cannotBeOpened(const char* path) {
@@ -75,11 +79,11 @@ size_t readMeanwhile = 0;  // files, the slow one included
 bool isBad(const char* path) {
     struct stat status = {};
     stat(path, &status);
+    using namespace std::chrono_literals;
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
     std::unique_lock lock(world->mutex);
-    world->readings.insert(status.st_ino);
+    world->readings.push_back(status.st_ino);
     if (status.st_ino == slowFile) {
-        using namespace std::chrono_literals;
-        const auto deadline = std::chrono::steady_clock::now() + 10s;
         while ((readMeanwhile != world->readings.size() || readMeanwhile == 1) &&
                std::chrono::steady_clock::now() < deadline) {
             readMeanwhile = world->readings.size();
@@ -87,6 +91,14 @@ bool isBad(const char* path) {
             std::this_thread::sleep_for(300ms);
             lock.lock();
         }
+    }
+    const bool isAmongFirst = world->readings.size() <= 2;
+    while (awaitedFile != 0 &&
+           (isAmongFirst ? world->polls < 2 : world->timesRead(awaitedFile) == 0)) {
+        lock.unlock();
+        std::this_thread::sleep_for(1ms);
+        lock.lock();
+        if (std::chrono::steady_clock::now() > deadline) awaitedFile = 0;
     }
     return badFiles.count(status.st_ino) != 0;
 }
@@ -178,7 +190,11 @@ namespace {
 struct Result {
     std::vector<std::string> events;
     std::string files[2];
-    std::multiset<ino_t> readings;
+    std::vector<ino_t> readings;
+
+    auto readingsOf(const std::string& file) const {
+        return std::count(readings.begin(), readings.end(), test::inodeOf(file));
+    }
 };
 
 class LookAheadTest : public testing::Test {
@@ -286,7 +302,7 @@ TEST_F(LookAheadTest, CannotBeObserved) {
         for (const std::set<size_t>& stops : {std::set<size_t>(), once, often, forGood}) {
             const Result expected = scan(request, kNoLookAhead, stops);
             for (const LookAhead& ahead :
-                 {LookAhead{4096, 1 << 30, 2}, LookAhead{1 + random() % 40, 100, 3},
+                 {LookAhead{4096, 1 << 30, 2, 1000}, LookAhead{1 + random() % 40, 100, 3, 1},
                   LookAhead{1 + random() % 1000, 1 << 30, 1}, LookAhead{100, 1 << 30, 0}}) {
                 const Result result = scan(request, ahead, stops);
                 const auto differ = std::mismatch(result.events.begin(), result.events.end(),
@@ -322,16 +338,16 @@ TEST_F(LookAheadTest, ReadsAFileOnceWhateverItsNames) {
                           {"dirs", Json::array({sandbox.tree(), file, sandbox.path("a")})}}});
     for (const LookAhead& ahead : {kNoLookAhead, LookAhead{4096, 1 << 30, 2}}) {
         const Result result = scan(request, ahead);
-        EXPECT_EQ(result.readings.count(test::inodeOf(file)), 1U);
-        EXPECT_EQ(result.readings.count(test::inodeOf(changed)), 1U);
+        EXPECT_EQ(result.readingsOf(file), 1);
+        EXPECT_EQ(result.readingsOf(changed), 1);
         // Without a digest each name is tried, each time it is met.
-        EXPECT_EQ(result.readings.count(test::inodeOf(bad)), 9U);
+        EXPECT_EQ(result.readingsOf(bad), 9);
         const Json groups = Json::parse(result.files[1]);
         EXPECT_EQ(groups.size(), 1U);
         EXPECT_EQ(groups[test::md5sum(file)]["f_list"].size(), 8U);
     }
     // Within one request: the next one reads again.
-    EXPECT_EQ(scan(request, LookAhead{4096, 1 << 30, 2}).readings.count(test::inodeOf(file)), 1U);
+    EXPECT_EQ(scan(request, LookAhead{4096, 1 << 30, 2}).readingsOf(file), 1);
 }
 
 TEST(KnownFilesTest, KeepAFileForThoseWhoAwaitIt) {
@@ -351,6 +367,21 @@ TEST(KnownFilesTest, KeepAFileForThoseWhoAwaitIt) {
     EXPECT_STREQ(result.md5, "0123456789abcdef0123456789abcdef");
     EXPECT_EQ(files.claim(other), KnownFiles::Claim::Ours);
     EXPECT_EQ(files.take(file, &result), KnownFiles::Answer::Unknown);
+}
+
+TEST_F(LookAheadTest, BeginsALongFileBeforeTheOthersThatAreLeft) {
+    for (int i = 0; i < 500; ++i) sandbox.write(std::to_string(i), "content");
+    std::string last;
+    for (const auto& file : fs::directory_iterator(sandbox.tree())) last = file.path();
+    rux::test::writeFile(last, std::string(2000, 'x'));
+    const Json request = Json::array({{{"sid", "s"},
+                                       {"regs", Json::array({".*"})},
+                                       {"dirs", Json::array({sandbox.tree()})}}});
+    awaitedFile = test::inodeOf(last);
+    const Result result = scan(request, LookAhead{4096, 1 << 30, 2, 1000});
+    EXPECT_NE(awaitedFile, 0U);  // it came while one worker at most was left to take others
+    awaitedFile = 0;
+    EXPECT_EQ(result.readings.size(), 500U);
 }
 
 TEST_F(LookAheadTest, PreparesNoMoreThanItMayWhileAFileTakesLong) {

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "control/properties.h"
+#include "scan/look_ahead.h"
 
 /// The I/O library's digests of many files at once, several times as fast as one by one. An
 /// extension: where the library has none, the address is null.
@@ -144,6 +145,28 @@ void Readers::start(const std::vector<ReadJob*>& jobs) {
     if (isAwaited) mWork.notify_all();
 }
 
+bool Readers::bringForward(const std::vector<ReadJob*>& jobs) {
+    if (jobs.empty() || mThreads.size() < 2) return false;
+    std::vector<std::pair<int64_t, ReadJob*>> longOnes;
+    for (ReadJob* job : jobs) {
+        if (!job->isRegular || !job->wantsDigest || job->hasStatus()) continue;
+        struct stat status = {};
+        if (stat(job->path, &status) == 0 && status.st_size >= lookAhead.longBytes)
+            longOnes.emplace_back(status.st_size, job);
+    }
+    std::sort(longOnes.begin(), longOnes.end());
+    const std::lock_guard lock(mMutex);
+    for (const auto& [bytes, job] : longOnes) {
+        const auto place = std::find(mQueue.begin(), mQueue.end(), job);
+        if (place == mQueue.end() || mForwardBytes >= mMaxBytes / 2) continue;
+        mQueue.erase(place);
+        mQueue.push_front(job);
+        job->forwardBytes = bytes;
+        mForwardBytes += bytes;
+    }
+    return true;
+}
+
 void Readers::advance(ReadJob& job) {
     if (mThreads.empty()) {
         if (job.hasStatus()) {
@@ -166,7 +189,8 @@ void Readers::waitAMoment() {
 }
 
 void Readers::release(const ReadJob& job) {
-    if (!job.isBegun) return;
+    mForwardBytes -= job.forwardBytes;
+    if (!job.isBegun || job.forwardBytes != 0) return;
     const int64_t before = mBytes.fetch_sub(job.status.st_size);
     if (before < mMaxBytes) return;
     const std::lock_guard lock(mMutex);
@@ -183,6 +207,7 @@ void Readers::dropAll(ReadJob* first) {
     while (mUnderWay > 0) mProgress.wait_for(lock, kMoment);
     mAbandoned = false;
     mBytes = 0;
+    mForwardBytes = 0;
 }
 
 /// Once: jobs that found no threads are in no queue, and threads that came later would not know
@@ -273,7 +298,8 @@ bool Readers::begin(ReadJob& job) {
         job.isBegun = job.claim != KnownFiles::Claim::Others;
     }
     const bool isBegun = job.isBegun;
-    if (isBegun) mBytes += job.status.st_size;
+    // What was brought forward is released late and must not keep those before it from being begun.
+    if (isBegun && job.forwardBytes == 0) mBytes += job.status.st_size;
     setState(job, isBegun ? ReadJob::State::HasStatus : ReadJob::State::Done);
     return isBegun;
 }

@@ -17,6 +17,7 @@ namespace {
 
 constexpr size_t kPiece = size_t{128} << 10;  // bytes a read
 constexpr off_t kLong = off_t{4} << 20;       // bytes of a file that is not to be held up by others
+constexpr size_t kLongPieces = 8;             // of a long file, for a few blocks of the others
 constexpr size_t kLengthBytes = 8;            // of the message's length, the last of its last block
 // A piece, what is left of the one before, and the padding. No multiple of a page: the same place
 // in all buffers then is not in the same line of the cache.
@@ -165,15 +166,31 @@ class Batch {
         }
     }
 
-    /// Digests as many blocks as all lanes have; and then those of the long files that are left. A
-    /// long file that went no faster than the short ones beside it would be left over at the end,
-    /// with everybody waiting for it.
+    /// Digests as many blocks as all lanes have; and then those of the long files that are left,
+    /// and some further pieces of theirs. A long file that went no faster than the short ones
+    /// beside it would be left over at the end, with everybody waiting for it.
     void advance() {
         advance([](const Lane& /*lane*/) { return true; });
-        advance([](const Lane& lane) { return lane.isLong() && lane.blocks() > 0; });
+        for (size_t piece = 0; piece < kLongPieces && fillLong(); ++piece)
+            advance([](const Lane& lane) { return lane.isLong() && lane.blocks() > 0; });
         for (size_t i = mActive; i-- > 0;) {
             if (mLanes[i].isFinished()) finish(i, mLanes[i].close());
         }
+    }
+
+    /// Reads on in the long files that have no blocks. False when there are no blocks of theirs.
+    bool fillLong() {
+        bool found = false;
+        for (size_t i = mActive; i-- > 0;) {
+            Lane& lane = mLanes[i];
+            if (!lane.isLong() || lane.isFinished()) continue;
+            if (const int error = lane.fill(); error != 0) {
+                finish(i, error);
+            } else {
+                found = true;
+            }
+        }
+        return found;
     }
 
     /// Digests as many blocks as all of the lanes have that `isMeant` accepts.
