@@ -3,18 +3,25 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
+#include <exception>
 #include <functional>
-#include <future>
 #include <memory>
-#include <system_error>
+#include <mutex>
+#include <thread>
+#include <utility>
 
 namespace android::host {
 namespace {
 
-constexpr off_t kPiece = 128 << 10;          // bytes a read and file
-constexpr off_t kWorthAThread = 8192 << 10;  // bytes of which a second thread compares half
+constexpr off_t kPiece = 128 << 10;                     // bytes a read and file
+constexpr off_t kShare = 256 << 10;                     // bytes that a thread takes at a time
+constexpr off_t kWorthHelp = 1024 << 10;                // bytes of files that two threads compare
+constexpr auto kIdle = std::chrono::milliseconds(100);  // before the second thread ends
 
 bool sameTime(const timespec& a, const timespec& b) {
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
@@ -39,19 +46,111 @@ struct Pieces {
     char second[kPiece];
 };
 
-int compareRange(int first, int second, off_t begin, off_t end, Pieces& pieces,
-                 const std::function<bool()>& interrupted) {
-    while (begin < end) {
-        const auto size = static_cast<size_t>(std::min<off_t>(end - begin, kPiece));
-        if (const int error = readFully(first, pieces.first, size, begin); error != 0) return error;
-        if (const int error = readFully(second, pieces.second, size, begin); error != 0)
-            return error;
-        if (memcmp(pieces.first, pieces.second, size) != 0) return EILSEQ;
-        begin += static_cast<off_t>(size);
-        if (begin < end && interrupted && interrupted()) return EBUSY;
+/// The content of two files, of which two threads may compare one share after another.
+class Comparison {
+  public:
+    Comparison(int first, int second, off_t size, const std::function<bool()>& interrupted)
+          : mFirst(first), mSecond(second), mSize(size), mInterrupted(interrupted) {}
+
+    /// Until no share is left, or one is not the same.
+    void work(Pieces& pieces) {
+        while (true) {
+            const off_t begin = mNext.fetch_add(kShare);
+            if (begin >= mSize) return;
+            if (const int error = compareShare(begin, pieces); error != 0) fail(begin, error);
+        }
     }
-    return 0;
-}
+
+    /// The error of the first share that has one; 0 when all are the same. After the work.
+    int error() const { return mError; }
+
+  private:
+    int compareShare(off_t begin, Pieces& pieces) const {
+        const off_t end = std::min(begin + kShare, mSize);
+        for (off_t at = begin; at < end; at += kPiece) {
+            if (at > 0 && mInterrupted && mInterrupted()) return EBUSY;
+            const auto size = static_cast<size_t>(std::min(end - at, kPiece));
+            if (const int error = readFully(mFirst, pieces.first, size, at); error != 0)
+                return error;
+            if (const int error = readFully(mSecond, pieces.second, size, at); error != 0)
+                return error;
+            if (memcmp(pieces.first, pieces.second, size) != 0) return EILSEQ;
+        }
+        return 0;
+    }
+
+    /// Those before it have been taken, and are compared to their end.
+    void fail(off_t begin, int error) {
+        mNext = mSize;
+        const std::lock_guard lock(mMutex);
+        if (mError != 0 && mFailedAt < begin) return;
+        mFailedAt = begin;
+        mError = error;
+    }
+
+    const int mFirst;
+    const int mSecond;
+    const off_t mSize;
+    const std::function<bool()>& mInterrupted;
+    std::atomic<off_t> mNext{0};
+    std::mutex mMutex;
+    off_t mFailedAt = 0;
+    int mError = 0;
+};
+
+/// The second thread. It stays for a while, as a new one would come too late for most files.
+class Helper {
+  public:
+    /// Has it take part in `comparison` as soon as it comes, unless it is with another one.
+    void invite(Comparison& comparison) {
+        {
+            const std::lock_guard lock(mMutex);
+            if (mInvitedTo != nullptr || mIsIn != nullptr) return;
+            if (!mIsThere && !start()) return;
+            mInvitedTo = &comparison;
+        }
+        mInvitation.notify_one();
+    }
+
+    /// Returns once it is not, and will not be, in `comparison`.
+    void dismiss(const Comparison& comparison) {
+        std::unique_lock lock(mMutex);
+        if (mInvitedTo == &comparison) mInvitedTo = nullptr;
+        mDeparture.wait(lock, [&] { return mIsIn != &comparison; });
+    }
+
+  private:
+    /// With the lock held.
+    bool start() {
+        try {
+            auto pieces = std::make_unique<Pieces>();
+            std::thread([this, pieces = std::move(pieces)] { run(*pieces); }).detach();
+            mIsThere = true;
+        } catch (const std::exception&) {  // no thread or no memory: the caller does it alone
+        }
+        return mIsThere;
+    }
+
+    void run(Pieces& pieces) {
+        std::unique_lock lock(mMutex);
+        while (mInvitation.wait_for(lock, kIdle, [this] { return mInvitedTo != nullptr; })) {
+            mIsIn = std::exchange(mInvitedTo, nullptr);
+            lock.unlock();
+            mIsIn->work(pieces);
+            lock.lock();
+            mIsIn = nullptr;
+            mDeparture.notify_all();
+        }
+        mIsThere = false;
+    }
+
+    std::mutex mMutex;
+    std::condition_variable mInvitation;
+    std::condition_variable mDeparture;
+    bool mIsThere = false;
+    Comparison* mInvitedTo = nullptr;
+    Comparison* mIsIn = nullptr;
+};
 
 }  // namespace
 
@@ -60,21 +159,13 @@ bool sameContentStamp(const struct stat& before, const struct stat& after) {
 }
 
 int compareBytes(int first, int second, off_t size, const std::function<bool()>& interrupted) {
-    // Kept for the next files, and for the second thread, to which fresh memory would come dear.
-    thread_local const auto pieces = std::make_unique<Pieces[]>(2);
-    const off_t half = size < kWorthAThread ? size : size / 2;
-    std::future<int> rest;
-    try {
-        if (half < size) {
-            rest = std::async(std::launch::async, compareRange, first, second, half, size,
-                              std::ref(pieces[1]), interrupted);
-        }
-    } catch (const std::system_error&) {
-        return compareRange(first, second, 0, size, pieces[0], interrupted);
-    }
-    const int error = compareRange(first, second, 0, half, pieces[0], interrupted);
-    const int restError = rest.valid() ? rest.get() : 0;
-    return error != 0 ? error : restError;
+    thread_local const auto pieces = std::make_unique<Pieces>();  // kept for the next files
+    static auto& helper = *new Helper;  // its thread outlives every other object
+    Comparison comparison(first, second, size, interrupted);
+    if (size >= kWorthHelp) helper.invite(comparison);
+    comparison.work(*pieces);
+    if (size >= kWorthHelp) helper.dismiss(comparison);
+    return comparison.error();
 }
 
 int readAttributes(int file, const struct stat& st, Attributes* attributes) {

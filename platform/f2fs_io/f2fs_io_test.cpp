@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
+#include <random>
 #include <thread>
 
 #include "tavo_f2fs_io.h"
@@ -137,6 +138,31 @@ TEST_F(FileIoTest, RefusesToLinkWhatIsNotTheSame) {
         close(writer);
     }
     EXPECT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), 0);
+}
+
+TEST_F(FileIoTest, FindsADifferenceWhereverItIs) {
+    // In files so large that two threads compare them, and for several callers at once.
+    std::string content((3 << 20) + 777, '\0');
+    std::mt19937 random{1};
+    for (char& byte : content) byte = static_cast<char>(random());
+    std::vector<size_t> places = {content.size() - 1};
+    for (size_t at = 0; at < content.size(); at += content.size() / 30) places.push_back(at);
+    const auto link = [&](const std::string& directory) {
+        const std::string first = sandbox.write(directory + "/first", content);
+        const std::string second = sandbox.path(directory + "/second");
+        for (const size_t at : places) {
+            std::string other = content;
+            other[at] ^= 1;
+            writeFile(second, other);
+            EXPECT_EQ(createHardLink(first.c_str(), second.c_str(), false), EILSEQ) << at;
+        }
+        writeFile(second, content);
+        EXPECT_EQ(createHardLink(first.c_str(), second.c_str(), false), 0);
+        EXPECT_EQ(inodeOf(first), inodeOf(second));
+    };
+    std::vector<std::thread> callers;
+    for (const char* directory : {"a", "b", "c"}) callers.emplace_back(link, directory);
+    for (std::thread& caller : callers) caller.join();
 }
 
 TEST_F(FileIoTest, RefusesToLinkWhatIsNoFileOfItsOwn) {
