@@ -22,6 +22,7 @@
 #include <random>
 #include <set>
 #include <thread>
+#include <utility>
 
 #include "android-base/properties.h"
 #include "android/log.h"
@@ -210,6 +211,12 @@ class LookAheadTest : public testing::Test {
         fs::create_directory(sandbox.tree());
     }
 
+    Json wholeTree() const {
+        return Json::array({{{"sid", "s"},
+                             {"regs", Json::array({".*"})},
+                             {"dirs", Json::array({sandbox.tree()})}}});
+    }
+
     Result scan(const Json& request, const LookAhead& ahead, const std::set<size_t>& stops = {}) {
         fs::remove_all(sandbox.database("s"));
         World now;
@@ -372,13 +379,13 @@ TEST(KnownFilesTest, KeepAFileForThoseWhoAwaitIt) {
 TEST_F(LookAheadTest, BeginsALongFileBeforeTheOthersThatAreLeft) {
     for (int i = 0; i < 500; ++i) sandbox.write(std::to_string(i), "content");
     std::string last;
-    for (const auto& file : fs::directory_iterator(sandbox.tree())) last = file.path();
+    std::string lastButOne;
+    for (const auto& file : fs::directory_iterator(sandbox.tree()))
+        lastButOne = std::exchange(last, file.path());
     rux::test::writeFile(last, std::string(2000, 'x'));
-    const Json request = Json::array({{{"sid", "s"},
-                                       {"regs", Json::array({".*"})},
-                                       {"dirs", Json::array({sandbox.tree()})}}});
+    rux::test::writeFile(lastButOne, std::string(1500, 'x'));  // there is no room for both
     awaitedFile = test::inodeOf(last);
-    const Result result = scan(request, LookAhead{4096, 1 << 30, 2, 1000});
+    const Result result = scan(wholeTree(), LookAhead{4096, 3000, 2, 1000});
     EXPECT_NE(awaitedFile, 0U);  // it came while one worker at most was left to take others
     awaitedFile = 0;
     EXPECT_EQ(result.readings.size(), 500U);
@@ -386,15 +393,12 @@ TEST_F(LookAheadTest, BeginsALongFileBeforeTheOthersThatAreLeft) {
 
 TEST_F(LookAheadTest, PreparesNoMoreThanItMayWhileAFileTakesLong) {
     for (int i = 0; i < 500; ++i) sandbox.write(std::to_string(i), "content");
-    const Json request = Json::array({{{"sid", "s"},
-                                       {"regs", Json::array({".*"})},
-                                       {"dirs", Json::array({sandbox.tree()})}}});
     // The one whose turn comes first, in the order of the directory.
     slowFile = test::inodeOf(fs::directory_iterator(sandbox.tree())->path());
     for (const LookAhead& ahead :
          {LookAhead{50, 1 << 30, 2}, LookAhead{4096, int64_t{50} * 7, 2}}) {
         readMeanwhile = 0;
-        scan(request, ahead);
+        scan(wholeTree(), ahead);
         // And the file before it, when the other worker has that one.
         EXPECT_LE(readMeanwhile, 50U + 1);
         EXPECT_GT(readMeanwhile, 20U);

@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <system_error>
 #include <utility>
 
@@ -146,7 +147,8 @@ void Readers::start(const std::vector<ReadJob*>& jobs) {
 }
 
 bool Readers::bringForward(const std::vector<ReadJob*>& jobs) {
-    if (jobs.empty() || mThreads.size() < 2) return false;
+    const int64_t most = mMaxBytes / 2;
+    if (jobs.empty() || mThreads.size() < 2 || mForwardBytes >= most) return false;
     std::vector<std::pair<int64_t, ReadJob*>> longOnes;
     for (ReadJob* job : jobs) {
         if (!job->isRegular || !job->wantsDigest || job->hasStatus()) continue;
@@ -154,13 +156,15 @@ bool Readers::bringForward(const std::vector<ReadJob*>& jobs) {
         if (stat(job->path, &status) == 0 && status.st_size >= lookAhead.longBytes)
             longOnes.emplace_back(status.st_size, job);
     }
-    std::sort(longOnes.begin(), longOnes.end());
+    std::sort(longOnes.rbegin(), longOnes.rend());
     const std::lock_guard lock(mMutex);
+    std::ptrdiff_t moved = 0;
     for (const auto& [bytes, job] : longOnes) {
+        if (mForwardBytes >= most) break;
         const auto place = std::find(mQueue.begin(), mQueue.end(), job);
-        if (place == mQueue.end() || mForwardBytes >= mMaxBytes / 2) continue;
+        if (place == mQueue.end()) continue;
         mQueue.erase(place);
-        mQueue.push_front(job);
+        mQueue.insert(mQueue.begin() + moved++, job);
         job->forwardBytes = bytes;
         mForwardBytes += bytes;
     }

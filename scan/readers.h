@@ -56,7 +56,7 @@ class Readers {
 
     /// Puts the jobs of long files to the front of the queue, the longest first, as far as they are
     /// still in it and there is room for them. False when that is of no use: there are no jobs, or
-    /// nobody who would do the others meanwhile.
+    /// nobody who would do the others meanwhile, or no room for more.
     bool bringForward(const std::vector<ReadJob*>& jobs);
 
     /// Brings the first job that is not done further, or waits for it, but no longer than a moment:

@@ -136,8 +136,7 @@ class Batch {
         while (!mCaller.isAbandoned(mCaller.caller)) {
             takeFiles();
             if (mActive == 0) return;
-            fill();
-            if (mActive > 0) advance();
+            if (fill(isAny)) advance();
         }
         while (mActive > 0) finish(mActive - 1, ECANCELED);
     }
@@ -160,31 +159,16 @@ class Batch {
         }
     }
 
-    void fill() {
-        for (size_t i = mActive; i-- > 0;) {  // from the end, because a finished one makes room
-            if (const int error = mLanes[i].fill(); error != 0) finish(i, error);
-        }
-    }
+    static bool isAny(const Lane& /*lane*/) { return true; }
+    static bool isUnfinishedLong(const Lane& lane) { return lane.isLong() && !lane.isFinished(); }
 
-    /// Digests as many blocks as all lanes have; and then those of the long files that are left,
-    /// and some further pieces of theirs. A long file that went no faster than the short ones
-    /// beside it would be left over at the end, with everybody waiting for it.
-    void advance() {
-        advance([](const Lane& /*lane*/) { return true; });
-        for (size_t piece = 0; piece < kLongPieces && fillLong(); ++piece)
-            advance([](const Lane& lane) { return lane.isLong() && lane.blocks() > 0; });
-        for (size_t i = mActive; i-- > 0;) {
-            if (mLanes[i].isFinished()) finish(i, mLanes[i].close());
-        }
-    }
-
-    /// Reads on in the long files that have no blocks. False when there are no blocks of theirs.
-    bool fillLong() {
+    /// Reads on in the lanes that `isMeant` accepts and that have no blocks. False when none of
+    /// them is left.
+    bool fill(bool (*isMeant)(const Lane& lane)) {
         bool found = false;
-        for (size_t i = mActive; i-- > 0;) {
-            Lane& lane = mLanes[i];
-            if (!lane.isLong() || lane.isFinished()) continue;
-            if (const int error = lane.fill(); error != 0) {
+        for (size_t i = mActive; i-- > 0;) {  // from the end, because a finished one makes room
+            if (!isMeant(mLanes[i])) continue;
+            if (const int error = mLanes[i].fill(); error != 0) {
                 finish(i, error);
             } else {
                 found = true;
@@ -193,9 +177,20 @@ class Batch {
         return found;
     }
 
+    /// Digests as many blocks as all lanes have; and then those of the long files that are left,
+    /// and some further pieces of theirs. A long file that went no faster than the short ones
+    /// beside it would be left over at the end, with everybody waiting for it.
+    void advance() {
+        advance(isAny);
+        for (size_t piece = 0; piece < kLongPieces && fill(isUnfinishedLong); ++piece)
+            advance(isUnfinishedLong);
+        for (size_t i = mActive; i-- > 0;) {
+            if (mLanes[i].isFinished()) finish(i, mLanes[i].close());
+        }
+    }
+
     /// Digests as many blocks as all of the lanes have that `isMeant` accepts.
-    template <typename Predicate>
-    void advance(const Predicate& isMeant) {
+    void advance(bool (*isMeant)(const Lane& lane)) {
         Lane* meant[kMaxMd5Lanes];
         const unsigned char* data[kMaxMd5Lanes];
         Md5States states = {};
