@@ -1,7 +1,9 @@
 // The long operations keep out of each other's way.
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <latch>
 #include <map>
 #include <thread>
 
@@ -14,7 +16,7 @@ constexpr char kRefusedScan[] = "the scan has been started";
 constexpr char kRefusedListing[] = "the Rux_getDuplicateFilesImp has been start, return";
 constexpr char kRefusedLink[] = "the Compress has been started,return";
 
-/// What each operation is called with, for a space in which it takes long, and its refusal.
+/// What each operation is called with, and its refusal.
 struct LongOperation {
     int code;
     Json request;
@@ -29,106 +31,116 @@ class BusyFlagsTest : public ServiceTest {
         sandbox.write("a", "same");
         sandbox.write("b", "same");
         scanTree();
-        // A group that names one file very often: every operation takes each name for itself.
-        const std::string a = sandbox.path("a");
-        const auto groupOf = [&a](size_t members) {
-            const std::vector<std::string> paths(members, a);
-            return Json({{md5sum(a), {{"V", 1}, {"f_size", 4}, {"f_list", paths}}}}).dump();
-        };
-        mkdir(sandbox.database("long").c_str(), 0700);
-        writeFile(sandbox.database("long", "RUXFileInfo.json"),
-                  readFile(sandbox.database("s", "RUXFileInfo.json")));
-        writeFile(sandbox.database("long", "RUXCheckNoCompress.json"), groupOf(150000));
-        writeFile(sandbox.database("long", "RUXCheckACompress.json"), groupOf(150000));
-        // And a directory of many names, to be walked very often.
-        const std::string many = sandbox.root() + "/many";
-        mkdir(many.c_str(), 0700);
-        for (int i = 0; i < 5000; ++i) {
-            ASSERT_EQ(link(a.c_str(), (many + "/" + std::to_string(i)).c_str()), 0);
-        }
-        const std::vector<std::string> places(1000, many);
-        operations = {
-                {1, rule("long", {".*/none"}, places), "", kRefusedScan},
-                {2, rule("long", {".*"}, places), "{}", kRefusedListing},
-                {3, Json::array({"long"}), "0,0", kRefusedLink},
-                {4, rule("long", {".*"}, Json::array()), "0\n", kRefusedLink},
-        };
+        mkdir(sandbox.database("held").c_str(), 0700);
     }
 
-    void stopEverything() const {
-        for (const char* operation : {"scan", "get_duplicate_files", "compress"}) {
-            setProperty(std::string("sys.ruxservice.stop_") + operation, "true");
+    /// Makes the groups of the space "held" pipes: an operation on it, once admitted, waits for
+    /// their text. The restore reads the linked ones alone, the others these or both.
+    void hold() const {
+        for (const std::string& path : groups) {
+            unlink(path.c_str());
+            ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
         }
     }
+    /// Waits until an operation has come that far.
+    bool waitUntilHeld() {
+        return waitFor([this] {
+            for (const std::string& path : groups) {
+                writer = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+                if (writer >= 0) return true;
+            }
+            return false;
+        });
+    }
+    void letGo() const {
+        for (const std::string& path : groups) unlink(path.c_str());
+        EXPECT_EQ(write(writer, "{}\n", 3), 3);
+        close(writer);
+    }
 
-    std::vector<LongOperation> operations;
+    /// Fails the test unless it is so, and lets no client wait for the service any longer.
+    void endUnless(bool expected) {
+        if (!expected) kill();
+        ASSERT_TRUE(expected) << log();
+    }
+
+    /// The operations on a space.
+    std::vector<LongOperation> on(const std::string& space) const {
+        const Json rules = rule(space, {".*"}, {sandbox.tree()});
+        return {{1, rules, "", kRefusedScan},
+                {2, rules, "{}", kRefusedListing},
+                {3, Json::array({space}), "0,0", kRefusedLink},
+                {4, rules, "0\n", kRefusedLink}};
+    }
+
+    const std::string groups[2] = {sandbox.database("held", "RUXCheckNoCompress.json"),
+                                   sandbox.database("held", "RUXCheckACompress.json")};
+    int writer = -1;
 };
 
 TEST_F(BusyFlagsTest, EachRefusesWhileAnyRuns) {
-    // The restore last: it uses its group up.
-    for (const LongOperation& running : operations) {
+    for (const LongOperation& running : on("held")) {
+        hold();
         std::atomic<bool> done{false};
         std::jthread client([&] {
             call(running.code, running.request);
             done = true;
         });
-        // It has been admitted once a restore that cannot be read, and so is never admitted
-        // itself, is refused.
-        const int refusals = logged(kRefusedLink);
-        ASSERT_TRUE(waitFor([&] {
-            transact(4, std::string("not JSON"));
-            return logged(kRefusedLink) > refusals;
-        }));
+        ASSERT_NO_FATAL_FAILURE(endUnless(waitUntilHeld()));
         const std::map<std::string, std::string> before =
                 {{"groups", readFile(sandbox.database("s", "RUXCheckNoCompress.json"))},
                  {"records", readFile(sandbox.database("s", "RUXFileInfo.json"))}};
         setProperty("sys.ruxservice.compress.prog", "unchanged");
-        for (const LongOperation& refused : operations) {
+        for (const LongOperation& refused : on("s")) {
             const int lines = logged(refused.line);
-            EXPECT_EQ(transact(refused.code, refused.code == 3
-                                                     ? Json::array({"s"})
-                                                     : rule("s", {".*"}, {sandbox.tree()})),
-                      refused.refusal);
+            EXPECT_EQ(transact(refused.code, refused.request), refused.refusal);
             EXPECT_EQ(logged(refused.line), lines + 1) << refused.code << " in " << running.code;
         }
+        // What cannot be read is refused all the same.
+        const int refusals = logged(kRefusedLink);
+        transact(4, std::string("not JSON"));
+        EXPECT_EQ(logged(kRefusedLink), refusals + 1);
         const int noted = logged("RUX native service is active, stop");
         transact(5, std::string());
         transact(7, std::string());
         EXPECT_EQ(logged("RUX native service is active, stop") - noted,
                   running.code == 1 || running.code == 3 ? 1 : 0);
-        EXPECT_FALSE(done) << "the running operation was too short for this test";
         EXPECT_EQ(before.at("groups"), readFile(sandbox.database("s", "RUXCheckNoCompress.json")));
         EXPECT_EQ(before.at("records"), readFile(sandbox.database("s", "RUXFileInfo.json")));
-        if (running.code != 3) {
-            EXPECT_EQ(property("sys.ruxservice.compress.prog"), "unchanged");
-        }
-        while (!done) stopEverything();
-        client.join();
+        EXPECT_EQ(property("sys.ruxservice.compress.prog"), "unchanged");
+        EXPECT_FALSE(done);
+        letGo();
     }
     EXPECT_EQ(call(2, "[]"), "{\"isEnd\":1}\n") << "all flags are clear again";
 }
 
 TEST_F(BusyFlagsTest, OneOfManyIsAdmitted) {
-    operations.pop_back();  // a restore cannot be stopped
     constexpr int kRounds = 200;
     constexpr int kClients = 6;
     const auto refusals = [this] {
         return logged(kRefusedScan) + logged(kRefusedListing) + logged(kRefusedLink);
     };
+    const std::vector<LongOperation> operations = on("held");
     for (int round = 0; round < kRounds; ++round) {
+        hold();
         const int before = refusals();
         std::atomic<int> answered{0};
-        std::vector<std::thread> clients;
+        std::latch together(kClients);
+        std::vector<std::jthread> clients;
         for (int i = 0; i < kClients; ++i) {
-            const LongOperation& operation = operations[static_cast<size_t>(round + i) % 3];
+            const LongOperation& operation =
+                    operations[static_cast<size_t>(round + i) % operations.size()];
             clients.emplace_back([&, this] {
+                together.arrive_and_wait();
                 transact(operation.code, operation.request);
                 ++answered;
             });
         }
-        ASSERT_TRUE(waitFor([&] { return answered >= kClients - 1; })) << "two were admitted";
-        while (answered < kClients) stopEverything();
-        for (std::thread& client : clients) client.join();
+        ASSERT_NO_FATAL_FAILURE(endUnless(waitFor([&] { return answered == kClients - 1; })))
+                << "two were admitted";
+        ASSERT_NO_FATAL_FAILURE(endUnless(waitUntilHeld()));
+        letGo();
+        clients.clear();
         ASSERT_EQ(refusals() - before, kClients - 1);
         ASSERT_TRUE(isRunning());
     }
