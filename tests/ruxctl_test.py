@@ -186,40 +186,53 @@ def check_exceptions(client, service):
 
 
 def check_refusals_and_interrupts(client, service):
-    # A listing that takes long: it looks at the tree a thousand times over.
-    for i in range(2000):
-        os.link(f"{service.tree}/alone", write(service, f"many/{i}", "") + "x")
-    many = f"{service.tree}/many"
+    # A scan is held by the pipe that stands where its marks are to be read.
+    def held(space):
+        pipe = f"{os.path.dirname(service.space)}/{space}/RUXModifyFileInfo.json"
+        os.makedirs(os.path.dirname(pipe))
+        os.mkfifo(pipe)
+        return pipe
 
-    def wait_until_busy(process):
-        # The question itself is an operation, for a moment: it is not asked while the other one begins.
-        time.sleep(0.3)
-        while "busy" not in client("status"):
-            assert process.poll() is None, "the scan was too short for this test"
-            time.sleep(0.3)
+    def reached(pipe, process):
+        while process.poll() is None:
+            try:
+                return os.open(pipe, os.O_WRONLY | os.O_NONBLOCK)
+            except OSError:
+                time.sleep(0.01)
+        raise AssertionError("the scan was not held")
+
+    def let_go(pipe, writer):
+        os.unlink(pipe)
+        os.close(writer)
 
     def expect_busy(*arguments, what="another operation"):
         client(*arguments, status=4)
         assert f"busy with {what}" in client.said and "ruxctl stop" in client.said, client.said
 
-    long_scan = client.start("scan", "--space", "u", "--match", "none", *[many] * 3000)
-    wait_until_busy(long_scan)
+    pipe = held("u")
+    long_scan = client.start("scan", "--space", "u", service.tree)
+    writer = reached(pipe, long_scan)
     assert re.search(r"busy with a scan \(process \d+, for ", client("status"))
-    for command in (("scan", "--space", "s", many), ("list",), ("compress", "s"), ("restore", "--space", "s")):
+    for command in (("scan", "--space", "s", service.tree), ("list",), ("compress", "s"), ("restore", "--space", "s")):
         expect_busy(*command, what=r"a scan (process ")
     assert client("getprop", "sys.ruxservice.stop_scan") == "false\n"
     long_scan.send_signal(signal.SIGINT)
+    while client("getprop", "sys.ruxservice.stop_scan") != "true\n":
+        assert long_scan.poll() is None
+    let_go(pipe, writer)
     out, err = long_scan.communicate(timeout=30)
     assert long_scan.returncode == 130 and "stopped; what was recorded is kept" in err, (out, err)
     assert "idle" in client("status")
 
     # The same against a client that does not say what it does.
-    raw = subprocess.Popen([client.binary, "call", str(SCAN), service.rule(space="v", regs=["none"], dirs=[many] * 3000)],
-                           env=client.environment)
-    wait_until_busy(raw)
+    pipe = held("v")
+    raw = subprocess.Popen([client.binary, "call", str(SCAN), service.rule(space="v")], env=client.environment)
+    writer = reached(pipe, raw)
+    assert "busy" in client("status")
     expect_busy("compress", "s")
-    expect_busy("scan", "--space", "s", many)
+    expect_busy("scan", "--space", "s", service.tree)
     client("stop", "scan")
+    let_go(pipe, writer)
     assert raw.wait(30) == 0
     assert json.loads(service.call(LIST, service.rule())) is not None
 
