@@ -10,17 +10,16 @@
 namespace android::host {
 namespace {
 
-// The file system waits for its device more than it works, and does so for several files at once:
-// so there may be more threads than processors.
-constexpr size_t kMaxThreads = 8;
-constexpr size_t kFilesPerThread = 16;  // waiting, before there is another thread
-constexpr size_t kMaxWaiting = 128;     // open files, of which a process has a thousand as a rule
+constexpr size_t kMaxWaiting = 128;  // open files, of which a process has a thousand as a rule
 
-// The threads come back for files and are not woken: that would take longer than all the rest of
+// The thread comes back for files and is not woken: that would take longer than all the rest of
 // what the caller does here.
 constexpr auto kNap = std::chrono::milliseconds(1);
-constexpr int kMaxNaps = 40;  // in a row, before a thread ends
+constexpr int kMaxNaps = 40;  // in a row, before the thread ends
 
+/// Closes files on a thread of its own. On one only, though the file system waits for its device
+/// and could do so for several files: more threads than processors would be ready to run, and then
+/// every exchange has to wait (settle.h).
 class Closer {
   public:
     Closer() { mWaiting.reserve(kMaxWaiting); }
@@ -28,18 +27,17 @@ class Closer {
     /// A file that does not find room is closed by the caller.
     void take(UniqueFd file) {
         const std::lock_guard lock(mMutex);
-        if (mWaiting.size() >= mThreads * kFilesPerThread) startThread();
-        if (mThreads > 0 && mWaiting.size() < kMaxWaiting) mWaiting.push_back(std::move(file));
+        if (!mIsRunning) startThread();
+        if (mIsRunning && mWaiting.size() < kMaxWaiting) mWaiting.push_back(std::move(file));
     }
 
   private:
     /// With the lock held.
     void startThread() {
-        if (mThreads == kMaxThreads) return;
         try {
             std::thread([this] { run(); }).detach();
-            ++mThreads;
-        } catch (const std::system_error&) {  // those that there are have to do, or the caller
+            mIsRunning = true;
+        } catch (const std::system_error&) {  // the caller has to do
         }
     }
 
@@ -70,19 +68,19 @@ class Closer {
     bool leave() {
         const std::lock_guard lock(mMutex);
         if (!mWaiting.empty()) return false;
-        --mThreads;
+        mIsRunning = false;
         return true;
     }
 
     std::mutex mMutex;
-    size_t mThreads = 0;
+    bool mIsRunning = false;
     std::vector<UniqueFd> mWaiting;
 };
 
 }  // namespace
 
 void closeReplaced(UniqueFd file) {
-    static auto& closer = *new Closer;  // its threads outlive every other object
+    static auto& closer = *new Closer;  // its thread outlives every other object
     closer.take(std::move(file));
 }
 
