@@ -12,7 +12,36 @@
 #include <iostream>
 #include <string>
 
+#include "compress/compress_request.h"
+#include "compress/restore_request.h"
+#include "control/busy.h"
+#include "dup/except_rules.h"
+#include "dup/listing_request.h"
+#include "scan/scan_request.h"
+
 namespace rux::fuzz {
+
+/// Has the service carry out one of its operations, and ends the process when that leaves it busy
+/// or has restored a negative number of bytes.
+inline void perform(unsigned operation, const std::string& request) {
+    switch (operation) {
+        case 0:
+            Rux_scanDuplicateFilesImp(request);
+            break;
+        case 1:
+            Rux_getDuplicateFilesImp(request);
+            break;
+        case 2:
+            Rux_compressDuplicateFilesImp(request);
+            break;
+        case 3:
+            if (Rux_restoreDuplicateFilesImp(request) < 0) abort();
+            break;
+        default:
+            Rux_setRUXExceptRulesImp(request);
+    }
+    if (isAnyBusy()) abort();
+}
 
 /// Made once for the process, before the first operation, and removed at its end.
 class Sandbox {
