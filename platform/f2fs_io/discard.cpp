@@ -11,15 +11,16 @@ namespace android::host {
 namespace {
 
 constexpr size_t kMaxWaiting = 128;  // open files, of which a process has a thousand as a rule
+constexpr size_t kMaxThreads = 8;    // the file system can wait for its device that often at once
 
-// The thread comes back for files and is not woken: that would take longer than all the rest of
+// The threads come back for files and are not woken: that would take longer than all the rest of
 // what the caller does here.
 constexpr auto kNap = std::chrono::milliseconds(1);
-constexpr int kMaxNaps = 40;  // in a row, before the thread ends
+constexpr int kMaxNaps = 40;  // in a row, before a thread ends
 
-/// Closes files on a thread of its own. On one only, though the file system waits for its device
-/// and could do so for several files: more threads than processors would be ready to run, and then
-/// every exchange has to wait (settle.h).
+/// Closes files on threads of its own. As a rule on one: with more threads ready to run than there
+/// are processors every exchange has to wait (settle.h). Where the device is slow, and one falls
+/// behind, there are more.
 class Closer {
   public:
     Closer() { mWaiting.reserve(kMaxWaiting); }
@@ -27,17 +28,19 @@ class Closer {
     /// A file that does not find room is closed by the caller.
     void take(UniqueFd file) {
         const std::lock_guard lock(mMutex);
-        if (!mIsRunning) startThread();
-        if (mIsRunning && mWaiting.size() < kMaxWaiting) mWaiting.push_back(std::move(file));
+        const bool isFull = mWaiting.size() >= kMaxWaiting;
+        if (mThreads == 0 || isFull) startThread();
+        if (mThreads > 0 && !isFull) mWaiting.push_back(std::move(file));
     }
 
   private:
     /// With the lock held.
     void startThread() {
+        if (mThreads == kMaxThreads) return;
         try {
             std::thread([this] { run(); }).detach();
-            mIsRunning = true;
-        } catch (const std::system_error&) {  // the caller has to do
+            ++mThreads;
+        } catch (const std::system_error&) {  // those that there are have to do, or the caller
         }
     }
 
@@ -68,19 +71,19 @@ class Closer {
     bool leave() {
         const std::lock_guard lock(mMutex);
         if (!mWaiting.empty()) return false;
-        mIsRunning = false;
+        --mThreads;
         return true;
     }
 
     std::mutex mMutex;
-    bool mIsRunning = false;
+    size_t mThreads = 0;
     std::vector<UniqueFd> mWaiting;
 };
 
 }  // namespace
 
 void closeReplaced(UniqueFd file) {
-    static auto& closer = *new Closer;  // its thread outlives every other object
+    static auto& closer = *new Closer;  // its threads outlive every other object
     closer.take(std::move(file));
 }
 

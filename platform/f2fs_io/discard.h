@@ -6,8 +6,8 @@
 namespace android::host {
 
 /// Closes `file`, whose last name is gone. The file system frees the blocks as it does so, and may
-/// wait for its journal or its device: that is left to a thread of its own, unless it has fallen
-/// behind.
+/// wait for its journal or its device: that is left to threads of their own, unless they have
+/// fallen behind.
 void closeReplaced(UniqueFd file);
 
 }  // namespace android::host
