@@ -1,7 +1,6 @@
 // The long operations keep out of each other's way.
 
-#include <fcntl.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <latch>
 #include <map>
@@ -34,30 +33,6 @@ class BusyFlagsTest : public ServiceTest {
         mkdir(sandbox.database("held").c_str(), 0700);
     }
 
-    /// Makes the groups of the space "held" pipes: an operation on it, once admitted, waits for
-    /// their text. The restore reads the linked ones alone, the others these or both.
-    void hold() const {
-        for (const std::string& path : groups) {
-            unlink(path.c_str());
-            ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-        }
-    }
-    /// Waits until an operation has come that far.
-    bool waitUntilHeld() {
-        return waitFor([this] {
-            for (const std::string& path : groups) {
-                writer = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-                if (writer >= 0) return true;
-            }
-            return false;
-        });
-    }
-    void letGo() const {
-        for (const std::string& path : groups) unlink(path.c_str());
-        EXPECT_EQ(write(writer, "{}\n", 3), 3);
-        close(writer);
-    }
-
     /// Fails the test unless it is so, and lets no client wait for the service any longer.
     void endUnless(bool expected) {
         if (!expected) kill();
@@ -73,20 +48,21 @@ class BusyFlagsTest : public ServiceTest {
                 {4, rules, "0\n", kRefusedLink}};
     }
 
-    const std::string groups[2] = {sandbox.database("held", "RUXCheckNoCompress.json"),
-                                   sandbox.database("held", "RUXCheckACompress.json")};
-    int writer = -1;
+    /// What an operation on the space "held" reads once it has been admitted: the restore the
+    /// linked groups alone, the others these or both.
+    const std::vector<std::string> groups = {sandbox.database("held", "RUXCheckNoCompress.json"),
+                                             sandbox.database("held", "RUXCheckACompress.json")};
 };
 
 TEST_F(BusyFlagsTest, EachRefusesWhileAnyRuns) {
     for (const LongOperation& running : on("held")) {
-        hold();
+        HeldFiles held(groups);
         std::atomic<bool> done{false};
         std::jthread client([&] {
             call(running.code, running.request);
             done = true;
         });
-        ASSERT_NO_FATAL_FAILURE(endUnless(waitUntilHeld()));
+        ASSERT_NO_FATAL_FAILURE(endUnless(held.awaitReader()));
         const std::map<std::string, std::string> before =
                 {{"groups", readFile(sandbox.database("s", "RUXCheckNoCompress.json"))},
                  {"records", readFile(sandbox.database("s", "RUXFileInfo.json"))}};
@@ -109,7 +85,7 @@ TEST_F(BusyFlagsTest, EachRefusesWhileAnyRuns) {
         EXPECT_EQ(before.at("records"), readFile(sandbox.database("s", "RUXFileInfo.json")));
         EXPECT_EQ(property("sys.ruxservice.compress.prog"), "unchanged");
         EXPECT_FALSE(done);
-        letGo();
+        held.letGo();
     }
     EXPECT_EQ(call(2, "[]"), "{\"isEnd\":1}\n") << "all flags are clear again";
 }
@@ -122,7 +98,7 @@ TEST_F(BusyFlagsTest, OneOfManyIsAdmitted) {
     };
     const std::vector<LongOperation> operations = on("held");
     for (int round = 0; round < kRounds; ++round) {
-        hold();
+        HeldFiles held(groups);
         const int before = refusals();
         std::atomic<int> answered{0};
         std::latch together(kClients);
@@ -138,8 +114,8 @@ TEST_F(BusyFlagsTest, OneOfManyIsAdmitted) {
         }
         ASSERT_NO_FATAL_FAILURE(endUnless(waitFor([&] { return answered == kClients - 1; })))
                 << "two were admitted";
-        ASSERT_NO_FATAL_FAILURE(endUnless(waitUntilHeld()));
-        letGo();
+        ASSERT_NO_FATAL_FAILURE(endUnless(held.awaitReader()));
+        held.letGo();
         clients.clear();
         ASSERT_EQ(refusals() - before, kClients - 1);
         ASSERT_TRUE(isRunning());

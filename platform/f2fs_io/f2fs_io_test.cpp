@@ -263,7 +263,7 @@ TEST_F(FileIoTest, CleansUpAfterAKilledCall) {
 
 TEST_F(FileIoTest, GivesWayToAWriterThatComesWhileBytesAreCompared) {
     // The writer waits in open until the call has given up its leases, and then finds its file.
-    const off_t size = 256 << 20;  // sparse, and long to compare
+    const off_t size = off_t{4} << 30;  // sparse, and long to compare
     ASSERT_EQ(truncate(kept.c_str(), size), 0);
     ASSERT_EQ(truncate(duplicate.c_str(), size), 0);
     for (const std::string& path : {kept, duplicate}) {
@@ -285,6 +285,7 @@ TEST_F(FileIoTest, GivesWayToAWriterThatComesWhileBytesAreCompared) {
         EXPECT_EQ(st.st_ino, inodeOf(path));
         close(writer);
     }
+    for (const std::string& path : {kept, duplicate}) ASSERT_EQ(truncate(path.c_str(), 300000), 0);
     EXPECT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), 0);
 }
 
