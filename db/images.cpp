@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstddef>
 #include <fstream>
@@ -54,6 +55,30 @@ TextStamp stampOfText(std::string_view text) {
 /// Whether the file holds the text of the image. Reads it only when the image has one.
 bool holdsTextOf(const Image& image, const std::string& path) {
     return image.text() && stampOf(path, kJsonPiece) == image.text();
+}
+
+constexpr uint64_t kLongText = uint64_t{1} << 20;  // bytes that are worth a thread
+
+/// Of the images in question, those that hold the texts of their files. Long texts are looked at
+/// together.
+std::array<bool, std::size(kSlots)> holdTexts(
+        const std::string& SpaceID_DBPath, const std::array<bool, std::size(kSlots)>& inQuestion) {
+    std::array<bool, std::size(kSlots)> held = {};
+    const auto look = [&](size_t i) {
+        held[i] = holdsTextOf(kSlots[i].image, SpaceID_DBPath + kSlots[i].fileName);
+    };
+    std::vector<size_t> longOnes;
+    for (size_t i = 0; i < std::size(kSlots); ++i) {
+        if (!inQuestion[i]) continue;
+        const std::optional<TextStamp>& text = kSlots[i].image.text();
+        if (text && text->bytes >= kLongText) {
+            longOnes.push_back(i);
+        } else {
+            look(i);
+        }
+    }
+    inParallel(longOnes.size(), [&](size_t part) { look(longOnes[part]); });
+    return held;
 }
 
 constexpr uint64_t kMaxKeptBytes = uint64_t{16} << 20;  // of a text, between its two uses
@@ -157,13 +182,13 @@ uint64_t loadCount() {
 }
 
 void DBReaderInit(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db3, bool db4) {
-    const bool selected[] = {db1, db2, db3, db4};
+    const std::array selected = {db1, db2, db3, db4};
+    const auto held = holdTexts(SpaceID_DBPath, selected);
     ++loads;
     for (size_t i = 0; i < std::size(kSlots); ++i) {
-        if (!selected[i]) continue;
+        if (!selected[i] || held[i]) continue;
         Image& image = kSlots[i].image;
         const std::string path = SpaceID_DBPath + kSlots[i].fileName;
-        if (holdsTextOf(image, path)) continue;
         image.replace({}, {});  // first, so that two contents are never held at once
         std::optional<TextStamp> text;
         Json::Value value = readFileDBJson(path, &text);
@@ -172,7 +197,11 @@ void DBReaderInit(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db
 }
 
 void DBWriteUpdate(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db3, bool db4) {
-    const bool selected[] = {db1, db2, db3, db4};
+    const std::array selected = {db1, db2, db3, db4};
+    std::array asWritten = selected;
+    for (size_t i = 0; i < std::size(kSlots); ++i)
+        asWritten[i] = selected[i] && kSlots[i].image.isAsWritten();
+    const auto held = holdTexts(SpaceID_DBPath, asWritten);
     std::vector<Rewrite> rewrites;
     for (size_t i = 0; i < std::size(kSlots); ++i) {
         if (!selected[i]) continue;
@@ -182,8 +211,7 @@ void DBWriteUpdate(const std::string& SpaceID_DBPath, bool db1, bool db2, bool d
             RUX_LOGE("The DB%d open fail.", rewrite.number());
             continue;
         }
-        const Image& image = kSlots[i].image;
-        if (image.isAsWritten() && holdsTextOf(image, path)) continue;
+        if (held[i]) continue;
         rewrites.push_back(std::move(rewrite));
     }
     // The files go together: on a full disk none of them changes.
