@@ -1,6 +1,9 @@
 #include "scan/newcomers.h"
 
 #include <algorithm>
+#include <cstring>
+#include <string_view>
+#include <unordered_set>
 #include <utility>
 
 #include "db/images.h"
@@ -10,8 +13,7 @@
 namespace rux {
 namespace {
 
-constexpr size_t kMost = 16384;        // files between two entries
-constexpr Json::ArrayIndex kFew = 16;  // members that are looked through one by one
+constexpr size_t kMost = 16384;  // files between two entries
 
 /// The beginning of a digest, as a number that sorts as the digests do.
 uint64_t beginningOf(const FileMD5Result& result) {
@@ -33,45 +35,37 @@ void Newcomers::enter() {
     order.reserve(mFiles.size());
     for (size_t i = 0; i < mFiles.size(); ++i) order.emplace_back(beginningOf(mFiles[i].result), i);
     std::sort(order.begin(), order.end());
-    for (const auto& [beginning, index] : order) join(mFiles[index]);
+    std::vector<File*> ofOneGroup;
+    for (const auto& [beginning, index] : order) {
+        File& file = mFiles[index];
+        if (!ofOneGroup.empty() && strcmp(ofOneGroup[0]->result.md5, file.result.md5) != 0) {
+            join(ofOneGroup);
+            ofOneGroup.clear();
+        }
+        ofOneGroup.push_back(&file);
+    }
+    if (!ofOneGroup.empty()) join(ofOneGroup);
     mFiles.clear();
 }
 
-void Newcomers::join(File& file) {
-    Json::Value& group = asObject(checkNoCompressDB.change())[file.result.md5];
+/// Appends files of one digest to its group, as far as they are not in it already: one that has
+/// lost its record may be.
+void Newcomers::join(const std::vector<File*>& files) {
+    auto next = files.begin();
+    Json::Value& group = asObject(checkNoCompressDB.change())[(*next)->result.md5];
     if (!group.isObject()) {
-        makeGroup(group, file.bytes, std::move(file.path));
-        return;
+        makeGroup(group, (*next)->bytes, std::move((*next)->path));
+        ++next;
     }
+    if (next == files.end()) return;
     Json::Value& paths = group["f_list"];
     if (!paths.isArray()) paths = Json::Value(Json::arrayValue);
-    if (!isMember(paths, stringOf(file.path))) paths.append(std::move(file.path));
-}
-
-bool Newcomers::isMember(const Json::Value& paths, std::string_view path) {
-    if (paths.size() > kFew && unfinishedMembers().count(std::string(path)) == 0) return false;
-    return std::any_of(paths.begin(), paths.end(),
-                       [path](const Json::Value& member) { return stringOf(member) == path; });
-}
-
-/// The members of groups that had no finished record before they became newcomers, as after DB1 was
-/// lost: only they can be met again and be in their groups already. Found out once for each load of
-/// the images.
-const std::unordered_set<std::string>& Newcomers::unfinishedMembers() {
-    if (mUnfinishedOf == loadCount()) return mUnfinished;
-    std::unordered_set<std::string_view> newcomers;
-    for (const File& file : mFiles) newcomers.insert(stringOf(file.path));
-    mUnfinished.clear();
-    for (const Json::Value& group : *checkNoCompressDB) {
-        const Json::Value* paths = groupPaths(group);
-        if (paths == nullptr) continue;
-        for (const Json::Value& member : *paths) {
-            const std::string path(stringOf(member));
-            if (!isFinished(path) || newcomers.count(path) != 0) mUnfinished.insert(path);
-        }
+    std::unordered_set<std::string_view> missing;
+    for (auto file = next; file != files.end(); ++file) missing.insert(stringOf((*file)->path));
+    for (const Json::Value& member : paths) missing.erase(stringOf(member));
+    for (; next != files.end(); ++next) {
+        if (missing.erase(stringOf((*next)->path)) > 0) paths.append(std::move((*next)->path));
     }
-    mUnfinishedOf = loadCount();
-    return mUnfinished;
 }
 
 }  // namespace rux

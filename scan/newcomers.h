@@ -6,8 +6,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <string_view>
-#include <unordered_set>
 #include <vector>
 
 #include "tavo_f2fs_io.h"
@@ -32,13 +30,9 @@ class Newcomers {
         Json::Value path;
     };
 
-    void join(File& file);
-    bool isMember(const Json::Value& paths, std::string_view path);
-    const std::unordered_set<std::string>& unfinishedMembers();
+    static void join(const std::vector<File*>& files);
 
     std::vector<File> mFiles;
-    std::unordered_set<std::string> mUnfinished;
-    uint64_t mUnfinishedOf = 0;  // the load of the images for which they were looked for
 };
 
 }  // namespace rux
