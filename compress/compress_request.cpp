@@ -50,8 +50,7 @@ void countLink(int64_t fileBytes, Tally& tally) {
 }
 
 void moveToCompressed(const std::string& digest) {
-    Json::Value group;
-    checkNoCompressDB.change().removeMember(digest, &group);
+    Json::Value group = takeMember(checkNoCompressDB.change(), digest);
     asObject(checkACompressDB.change())[digest] = std::move(group);
 }
 

@@ -62,7 +62,7 @@ void restoreFile(const std::string& fragment, const PatternList& patterns, int64
             }
             markModified(path, Mark::Restored);
         }
-        checkACompressDB.change().removeMember(digest);
+        takeMember(checkACompressDB.change(), digest);
     }
 }
 
@@ -97,7 +97,9 @@ int64_t Rux_restoreDuplicateFilesImp(const std::string& request) {
         }
         load(SpaceID_DBPath);
         const PatternList patterns(rule.patterns);
-        if (!rule.places || rule.places->empty()) {
+        if (rule.hasUnusablePlaces) {
+            RUX_LOGE("the dirs of the rule hold no text, no group is selected");
+        } else if (!rule.places || rule.places->empty()) {
             restoreFile("", patterns, restored);
         } else {
             for (const std::string& fragment : *rule.places)

@@ -19,6 +19,7 @@
 #include "db/files.h"
 #include "db/json_text.h"
 #include "db/json_writer.h"
+#include "db/records.h"
 
 namespace rux {
 
@@ -42,8 +43,6 @@ const Slot kSlots[] = {
         {3, "/RUXCheckACompress.json", checkACompressDB},
         {4, "/RUXModifyFileInfo.json", modifyFileInfoDB},
 };
-
-uint64_t loads = 0;
 
 TextStamp stampOfText(std::string_view text) {
     TextStamp stamp;
@@ -159,7 +158,7 @@ class Rewrite {
 
 Json::Value readFileDBJson(const std::string& path, std::optional<TextStamp>* stamp) {
     Json::Value value;
-    if (access(path.c_str(), F_OK) != 0) {
+    if (!pathExists(path)) {
         std::ofstream created(path, std::ios::app);
         if (!created) RUX_LOGE("the file %s creat fail.", path.c_str());
         created << "{}\n";
@@ -177,14 +176,9 @@ Json::Value readFileDBJson(const std::string& path, std::optional<TextStamp>* st
     return value;
 }
 
-uint64_t loadCount() {
-    return loads;
-}
-
 void DBReaderInit(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db3, bool db4) {
     const std::array selected = {db1, db2, db3, db4};
     const auto held = holdTexts(SpaceID_DBPath, selected);
-    ++loads;
     for (size_t i = 0; i < std::size(kSlots); ++i) {
         if (!selected[i] || held[i]) continue;
         Image& image = kSlots[i].image;

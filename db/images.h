@@ -68,10 +68,6 @@ Json::Value readFileDBJson(const std::string& path, std::optional<TextStamp>* st
 /// Replaces each selected image by the content of its file in `SpaceID_DBPath`.
 void DBReaderInit(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db3, bool db4);
 
-/// How often images have been loaded: what somebody has derived from them holds as long as this
-/// does.
-uint64_t loadCount();
-
 /// Writes each selected image over its file in `SpaceID_DBPath`, as compact JSON and a line feed;
 /// one whose file holds just that already is left alone.
 ///

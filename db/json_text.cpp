@@ -89,6 +89,12 @@ std::vector<std::string> stringsOf(const Json::Value& array) {
     return strings;
 }
 
+Json::Value takeMember(Json::Value& object, std::string_view name) {
+    Json::Value member;
+    if (object.isObject()) object.removeMember(name.data(), name.data() + name.size(), &member);
+    return member;
+}
+
 Json::Value& asObject(Json::Value& value) {
     if (!value.isObject()) value = Json::Value(Json::objectValue);
     return value;

@@ -30,6 +30,9 @@ std::string_view stringOf(const Json::Value& value);
 /// The strings of an array in their order, everything else in it left out.
 std::vector<std::string> stringsOf(const Json::Value& array);
 
+/// Takes the member `name` out of an object, and returns it; null when there is none.
+Json::Value takeMember(Json::Value& object, std::string_view name);
+
 /// `value` as an object that can be given members: what is no object becomes an empty one.
 Json::Value& asObject(Json::Value& value);
 

@@ -19,6 +19,8 @@ SpaceRule ruleOf(const Json::Value& element) {
     }
     if (patterns != nullptr) rule.patterns = stringsOf(*patterns);
     if (places != nullptr && places->isArray()) rule.places = stringsOf(*places);
+    rule.hasUnusablePlaces =
+            places != nullptr && !places->empty() && (!rule.places || rule.places->empty());
     return rule;
 }
 

@@ -17,6 +17,7 @@ struct SpaceRule {
     std::string spaceId;                             ///< "sid", when it is given.
     std::vector<std::string> patterns;               ///< "regs"; empty also when absent.
     std::optional<std::vector<std::string>> places;  ///< "dirs": starting paths or path fragments.
+    bool hasUnusablePlaces = false;                  ///< "dirs" is not empty, but `places` is.
 };
 
 /// Reads a request of space rules. False when `text` is not JSON.
