@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -32,16 +33,25 @@ void count(const std::string& digest, int32_t matches, const struct stat& st, Du
 
 /// A member of a group as it is found.
 struct Member {
+    enum class Found { NotYet, Missing, Modified, Unchanged } found = Found::NotYet;
     const Json::Value* entry = nullptr;
     std::string path;
-    bool exists = false;
     struct stat status = {};
-    int64_t recordedMtime = 0;
+    bool matches = false;
+    std::vector<const std::string*> tooLong;  // patterns that took too long for the path
+    bool stopSeen = false;                    // right after it was looked at
 
-    void look() {
+    void look(const PatternList& patterns) {
         path = pathOf(*entry);
-        exists = stat(path.c_str(), &status) == 0;
-        if (exists) recordedMtime = recordedMtimeSeconds(path);
+        if (stat(path.c_str(), &status) != 0) {
+            found = Found::Missing;
+        } else if (status.st_mtime != recordedMtimeSeconds(path)) {
+            found = Found::Modified;
+        } else {
+            found = Found::Unchanged;
+            matches = patterns.matches(path, tooLong);
+            stopSeen = getStopProp(kStopListing);
+        }
     }
 };
 /// Successive members of one group.
@@ -84,91 +94,76 @@ class Members {
 };
 
 /// Looks at the members with as many threads as there are processors. It has no effect, and so need
-/// not wait for their turn.
-void lookAt(std::vector<Part>& parts) {
+/// not wait for their turn. Once the stop property is seen, what is left is not looked at.
+void lookAt(std::vector<Part>& parts, const PatternList& patterns) {
     std::vector<Member*> all;
     for (Part& part : parts) {
         for (Member& member : part.members) all.push_back(&member);
     }
     const size_t processors = std::max(1U, std::thread::hardware_concurrency());
     const size_t shares = std::min(processors, all.size() / kWorthAThread + 1);
+    std::atomic<bool> stopped{false};
     inParallel(shares, [&](size_t share) {
         const size_t end = (share + 1) * all.size() / shares;
-        for (size_t i = share * all.size() / shares; i < end; ++i) all[i]->look();
+        for (size_t i = share * all.size() / shares; i < end && !stopped; ++i) {
+            all[i]->look(patterns);
+            if (all[i]->stopSeen) stopped = true;
+        }
     });
 }
 
-/// What comes of the group that is being examined, and of those before it.
-class Examination {
-  public:
-    Examination(const PatternList& patterns, DupCounts& counts)
-          : mPatterns(patterns), mCounts(counts) {}
-
-    /// False when the stop property has ended it.
-    bool examine(const Part& part) {
-        if (part.isFirst) begin(part.members[0]);
-        for (const Member& member : part.members) {
-            if (mIsRetired) break;
-            if (!member.exists) {
-                RUX_LOGD("file no exist.");
-                continue;
-            }
-            if (!mFirstExists) mStatus = member.status;
-            if (member.status.st_mtime != member.recordedMtime) {
-                RUX_LOGD("file %s is modified.", member.path.c_str());
-                markModified(mFirstPath, Mark::Retired);
-                mRetired.push_back(part.digest);
-                mIsRetired = true;
-                break;
-            }
-            if (mPatterns.matches(member.path)) ++mMatches;
-            if (getStopProp(kStopListing)) {
-                RUX_LOGD("stop.");
-                return false;
-            }
-        }
-        if (part.isLast && mMatches >= 2) count(part.digest, mMatches, mStatus, mCounts);
-        return true;
-    }
-
-    /// The groups that have a modified member leave DB2.
-    void retire() const {
-        for (const std::string& digest : mRetired) checkNoCompressDB.change().removeMember(digest);
-    }
-
-  private:
-    void begin(const Member& first) {
-        mFirstPath = first.path;
-        mFirstExists = first.exists;
-        mStatus = first.status;
-        mMatches = 0;
-        mIsRetired = false;
-    }
-
-    const PatternList& mPatterns;
-    DupCounts& mCounts;
-    std::vector<std::string> mRetired;
-    // Of the group:
-    std::string mFirstPath;
-    bool mFirstExists = false;
-    struct stat mStatus = {};  // of the first path, or of the last one read when that is missing
-    int32_t mMatches = 0;
-    bool mIsRetired = false;
+/// The group that is being examined.
+struct Group {
+    std::string firstPath;
+    bool firstExists = false;
+    struct stat status = {};  // of the first path, or of the last one read when that is missing
+    int32_t matches = 0;
+    bool isRetired = false;
 };
 
 }  // namespace
 
 void readDupFiles(const PatternList& patterns, DupCounts& counts) {
     if (!checkNoCompressDB->isObject()) return;
-    Examination examination(patterns, counts);
+    std::vector<std::string> retired;
+    Group group;
     Members members;
     for (auto parts = members.next(); !parts.empty(); parts = members.next()) {
-        lookAt(parts);
-        for (const Part& part : parts) {
-            if (!examination.examine(part)) return;
+        lookAt(parts, patterns);
+        for (Part& part : parts) {
+            if (part.isFirst) group = Group();
+            for (Member& member : part.members) {
+                if (group.isRetired) break;
+                if (member.found == Member::Found::NotYet) member.look(patterns);
+                const bool isFirst = part.isFirst && &member == &part.members[0];
+                if (isFirst) group.firstPath = member.path;
+                if (member.found == Member::Found::Missing) {
+                    RUX_LOGD("file no exist.");
+                    continue;
+                }
+                if (isFirst) group.firstExists = true;
+                if (isFirst || !group.firstExists) group.status = member.status;
+                if (member.found == Member::Found::Modified) {
+                    RUX_LOGD("file %s is modified.", member.path.c_str());
+                    markModified(group.firstPath, Mark::Retired);
+                    retired.push_back(part.digest);
+                    group.isRetired = true;
+                    break;
+                }
+                for (const std::string* pattern : member.tooLong)
+                    RUX_LOGE("pattern %s takes too long for %s", pattern->c_str(),
+                             member.path.c_str());
+                if (member.matches) ++group.matches;
+                if (member.stopSeen) {
+                    RUX_LOGD("stop.");
+                    return;
+                }
+            }
+            if (part.isLast && group.matches >= 2)
+                count(part.digest, group.matches, group.status, counts);
         }
     }
-    examination.retire();
+    for (const std::string& digest : retired) takeMember(checkNoCompressDB.change(), digest);
 }
 
 }  // namespace rux
