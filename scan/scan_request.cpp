@@ -75,7 +75,8 @@ void Rux_scanDuplicateFilesImp(const std::string& scanRules) {
             load(SpaceID_DBPath);
         } else {
             RUX_LOGD("scanRules Incorrect format");
-            if (rule.id == SpaceRule::Id::Malformed || SpaceID_DBPath.empty()) continue;
+            if (rule.id == SpaceRule::Id::Malformed) SpaceID_DBPath.clear();
+            if (SpaceID_DBPath.empty()) continue;
         }
         if (rule.patterns.empty()) continue;
         if (!rule.places || rule.places->empty()) {
