@@ -96,7 +96,19 @@ TEST_F(RestoreTest, SelectsByPatternAndFragment) {
     EXPECT_EQ(restore({"a1", "(", ".*/a"}, Json::array()), "0\n");
     EXPECT_EQ(logged("invalid pattern ("), 1);
     EXPECT_EQ(restore({".*"}, {"/nowhere/"}), "0\n");
+    for (const Json& dirs : {Json::array({7}), Json("x"), Json(7)}) {
+        EXPECT_EQ(restore({".*"}, dirs), "0\n") << "nobody can read which groups are meant";
+    }
+    EXPECT_EQ(logged("the dirs of the rule hold no text"), 3);
     EXPECT_EQ(links("x/a1"), 3U);
+    // A digest is all of its bytes.
+    Json linked = database(kLinked);
+    const std::string nulInDigest = linked.begin().key() + std::string("\0x", 2);
+    linked[nulInDigest] = {{"V", 1}, {"f_size", 1}, {"f_list", {"/no/1", "/no/2"}}};
+    writeFile(sandbox.database("s", kLinked), linked.dump());
+    EXPECT_EQ(restore({"/no/.*"}, Json::array()), "1\n");
+    linked.erase(nulInDigest);
+    EXPECT_EQ(database(kLinked), linked);
     // One path matches, another one holds the fragment; two fragments select the group once.
     EXPECT_EQ(restore({".*/a1"}, {"/y/", "/x/"}), "20\n");
     EXPECT_EQ(links("x/a1"), 1U);

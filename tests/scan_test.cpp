@@ -52,14 +52,15 @@ TEST_F(ScanTest, RecordsFilesAndGroupsEqualOnes) {
 }
 
 TEST_F(ScanTest, FindsMembersOfLargeGroupsAgain) {
-    for (int i = 0; i < 50; ++i)
+    constexpr size_t kFiles = 16385;  // one more than enter their groups at once
+    for (size_t i = 0; i < kFiles; ++i)
         sandbox.write("d" + std::to_string(i % 7) + "/" + std::to_string(i), "x");
     scanTree();
     // Without the records all members are met anew; one that is edited into the group is there
     // already.
     Json groups = database(kGroups);
     const std::string digest = md5sum(sandbox.path("d0/0"));
-    EXPECT_EQ(groups[digest]["f_list"].size(), 50U);
+    EXPECT_EQ(groups[digest]["f_list"].size(), kFiles);
     const std::string added = sandbox.write("e/added", "x");
     groups[digest]["f_list"].push_back(added);
     writeFile(sandbox.database("s", kGroups), groups.dump());
@@ -69,7 +70,7 @@ TEST_F(ScanTest, FindsMembersOfLargeGroupsAgain) {
     fs::remove(sandbox.database("s", kRecords));
     scanTree();
     EXPECT_EQ(database(kGroups), groups);
-    EXPECT_EQ(database(kRecords).size(), 51U);
+    EXPECT_EQ(database(kRecords).size(), kFiles + 1);
 }
 
 TEST_F(ScanTest, DerivesSuffixesFromNames) {
@@ -133,12 +134,14 @@ TEST_F(ScanTest, FollowsLinksAndSkipsWhatItCannotEnter) {
     fs::create_symlink(sandbox.tree(), sandbox.path("dir/up"));  // a cycle
     const std::string bad = sandbox.write("bad\xff name", "not UTF-8");
     sandbox.write(".rux-swap-0123456789abcdef0123456789abcdef", "left by a kill");
+    const std::string users =
+            sandbox.write(".rux-swap-of-a-user-who-likes-such-long-name", "a file");
     scanTree();
     std::set<std::string> paths;
     const Json records = database(kRecords);
     for (const auto& [path, record] : records.items()) paths.insert(path);
-    EXPECT_EQ(paths,
-              (std::set<std::string>{file, sandbox.path("linked/file"), sandbox.path("alias")}));
+    EXPECT_EQ(paths, (std::set<std::string>{file, sandbox.path("linked/file"),
+                                            sandbox.path("alias"), users}));
     EXPECT_EQ(logged("E rux     : scanSpaceID"), 6);
     EXPECT_EQ(logged("[RUX-NATIVE:stat] The directory cannot be opened."), 1);
     EXPECT_EQ(logged("[RUX-NATIVE:opendir] The directory cannot be opened."),
@@ -171,6 +174,7 @@ TEST_F(ScanTest, ReadsRulesElementByElement) {
     sandbox.write("b/y", "2");
     const std::string a = sandbox.path("a");
     const std::string b = sandbox.path("b");
+    const std::string c = sandbox.write("c/z", "3");
     const Json dirs = Json::array({b});
     const Json any = Json::array({".*"});
     call(1, Json::array({
@@ -178,6 +182,7 @@ TEST_F(ScanTest, ReadsRulesElementByElement) {
                     {{"sid", "s"}, {"regs", any}, {"dirs", Json::array({a})}},
                     {{"regs", any}, {"dirs", dirs}},              // into space s
                     {{"sid", 5}, {"regs", any}, {"dirs", dirs}},  // malformed: skipped
+                    {{"regs", any}, {"dirs", Json::array({c})}},  // and no space is in force now
                     "no object",
                     {{"sid", "noregs"}, {"dirs", dirs}},                 // made and loaded only
                     {{"sid", "nodirs"}, {"regs", any}},                  // saved
@@ -188,8 +193,8 @@ TEST_F(ScanTest, ReadsRulesElementByElement) {
     EXPECT_EQ(database(kRecords, "noregs"), Json::object());
     EXPECT_EQ(readFile(sandbox.database("nodirs", kGroups)), "{}\n");
     EXPECT_FALSE(fs::exists(sandbox.root() + "/data/local/out"));
-    EXPECT_EQ(logged("D rux     : Rux_scanDuplicateFilesImp"), 5);
-    EXPECT_EQ(logged("scanRules Incorrect format"), 6);
+    EXPECT_EQ(logged("D rux     : Rux_scanDuplicateFilesImp"), 6);
+    EXPECT_EQ(logged("scanRules Incorrect format"), 7);
     EXPECT_EQ(logged("scan rules mkdir SpaceID_DBPath fail"), 1);
     EXPECT_EQ(statusOf(sandbox.database("s")).st_mode & 07777, 0755U);
 }
