@@ -1,6 +1,7 @@
 #include "f2fs_io/discard.h"
 
 #include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <system_error>
 #include <thread>
@@ -33,6 +34,14 @@ class Closer {
         if (mThreads > 0 && !isFull) mWaiting.push_back(std::move(file));
     }
 
+    /// Returns when all files that were taken are closed.
+    void finish() {
+        while (closeNext()) {
+        }
+        std::unique_lock lock(mMutex);
+        mClosed.wait(lock, [this] { return mUnderWay == 0; });
+    }
+
   private:
     /// With the lock held.
     void startThread() {
@@ -63,7 +72,11 @@ class Closer {
             if (mWaiting.empty()) return false;
             file = std::move(mWaiting.back());
             mWaiting.pop_back();
+            ++mUnderWay;
         }
+        file.reset();
+        const std::lock_guard lock(mMutex);
+        if (--mUnderWay == 0) mClosed.notify_all();
         return true;
     }
 
@@ -76,15 +89,25 @@ class Closer {
     }
 
     std::mutex mMutex;
+    std::condition_variable mClosed;
     size_t mThreads = 0;
+    size_t mUnderWay = 0;  // files that are just being closed
     std::vector<UniqueFd> mWaiting;
 };
+
+Closer& closer() {
+    static auto& instance = *new Closer;  // its threads outlive every other object
+    return instance;
+}
 
 }  // namespace
 
 void closeReplaced(UniqueFd file) {
-    static auto& closer = *new Closer;  // its threads outlive every other object
-    closer.take(std::move(file));
+    closer().take(std::move(file));
 }
 
 }  // namespace android::host
+
+void finishHardLinks() {
+    android::host::closer().finish();
+}

@@ -11,3 +11,7 @@ namespace android::host {
 void closeReplaced(UniqueFd file);
 
 }  // namespace android::host
+
+/// Returns when the blocks of all files that `createHardLink` has replaced are free. An extension
+/// of the library.
+void finishHardLinks();
