@@ -86,6 +86,21 @@ TEST_F(CompressTest, PublishesProgressInHundreds) {
     EXPECT_EQ(seen, (std::vector<std::string>{"something else", "0", "100", "200"}));
 }
 
+TEST_F(CompressTest, HasClosedWhatItReplacedWhenItAnswers) {
+    for (int round = 0; round < 30; ++round) {
+        const std::string space = "r" + std::to_string(round);
+        for (const char* name : {"/1", "/2", "/3"})
+            sandbox.write(space + name, std::string(1 << 20, 'x'));
+        transact(1, rule(space, {".*"}, {sandbox.path(space)}));
+        transact(3, Json::array({space}));
+        for (const auto& open : fs::directory_iterator("/proc/" + std::to_string(pid()) + "/fd")) {
+            std::error_code gone;
+            EXPECT_EQ(fs::read_symlink(open, gone).native().find(sandbox.tree()), std::string::npos)
+                    << "its blocks are not free";
+        }
+    }
+}
+
 TEST_F(CompressTest, StopsAfterALinkAndGoesOnLater) {
     for (const char* name : {"f1", "f2", "f3"}) sandbox.write(name, "same");
     scanTree();
