@@ -74,7 +74,7 @@ class FakeService : public BnRux {
 status_t transact(FakeService& service, uint32_t code, bool withText, Parcel* reply) {
     Parcel request;
     request.writeInterfaceToken(android::String16("tavo.rux.IRux"));
-    if (withText) request.writeUtf8AsUtf16("x");
+    if (withText) request.writeUtf8AsUtf16(std::string("x"));
     return service.transact(code, request, reply);
 }
 

@@ -101,6 +101,10 @@ TEST_F(WireTest, BytesBehindTheArgumentAreRefusedOrIgnored) {
 TEST_F(WireTest, UnknownCodesAreLeftToThePlatform) {
     for (const char* code : {"0", "8", "4294967295"})
         expect(code, token() + string16("[]"), "-74", "");
+    // Its own are the ping, the dump, the shell command, and the question for the interface.
+    for (const uint32_t code : {0x5f504e47, 0x5f444d50, 0x5f434d44})
+        expect(std::to_string(code), "", "0", "");
+    expect(std::to_string(0x5f4e5446), "", "0", string16("tavo.rux.IRux"));
 }
 
 TEST_F(WireTest, TextOfAllPlanesSurvivesTheWay) {

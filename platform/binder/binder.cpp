@@ -21,9 +21,21 @@ status_t BBinder::transact(uint32_t code, const Parcel& data, Parcel* reply, uin
     return status;
 }
 
-status_t BBinder::onTransact(uint32_t /*code*/, const Parcel& /*data*/, Parcel* /*reply*/,
+status_t BBinder::onTransact(uint32_t code, const Parcel& /*data*/, Parcel* reply,
                              uint32_t /*flags*/) {
-    return UNKNOWN_TRANSACTION;
+    switch (code) {
+        case INTERFACE_TRANSACTION: {
+            const String16& descriptor = getInterfaceDescriptor();
+            return reply != nullptr ? reply->writeString16(descriptor.c_str(), descriptor.size())
+                                    : OK;
+        }
+        case PING_TRANSACTION:
+        case DUMP_TRANSACTION:
+        case SHELL_COMMAND_TRANSACTION:
+            return OK;
+        default:
+            return UNKNOWN_TRANSACTION;
+    }
 }
 
 }  // namespace android

@@ -25,9 +25,9 @@ TEST(ParcelTest, HoldsThePlatformsBytes) {
     parcel.writeInt64(0x0102030405060708);
     EXPECT_EQ(bytesOf(parcel), "feffffff0807060504030201");
     Parcel text;
-    EXPECT_EQ(text.writeUtf8AsUtf16("a\xe2\x82\xac\xf0\x9f\x98\x80"), OK);
+    EXPECT_EQ(text.writeUtf8AsUtf16(std::string("a\xe2\x82\xac\xf0\x9f\x98\x80")), OK);
     EXPECT_EQ(bytesOf(text), "040000006100ac203dd800de00000000");
-    EXPECT_EQ(text.writeUtf8AsUtf16("\xc0\xaf"), BAD_VALUE);
+    EXPECT_EQ(text.writeUtf8AsUtf16(std::string("\xc0\xaf")), BAD_VALUE);
     Parcel token;
     token.writeInterfaceToken(String16("ab"));
     EXPECT_EQ(bytesOf(token),

@@ -23,7 +23,8 @@ status_t Status::writeToParcel(Parcel* parcel) const {
     if (const status_t written = parcel->writeInt32(mException); written != OK || isOk()) {
         return written;
     }
-    if (const status_t written = parcel->writeUtf8AsUtf16(mMessage.c_str()); written != OK)
+    if (const status_t written = parcel->writeUtf8AsUtf16(std::string(mMessage.c_str()));
+        written != OK)
         return written;
     constexpr int32_t kNoRemoteStackTrace = 0;
     return parcel->writeInt32(kNoRemoteStackTrace);

@@ -15,7 +15,8 @@ class BBinder : public IBinder {
   protected:
     ~BBinder() override = default;
 
-    /// Answers one transaction; the default knows none and returns `UNKNOWN_TRANSACTION`.
+    /// Answers one transaction. The default says what interface the object has, and has nothing to
+    /// say to a ping, a dump or a shell command; the rest is an `UNKNOWN_TRANSACTION`.
     virtual status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply,
                                 uint32_t flags = 0);
 };

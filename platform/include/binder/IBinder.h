@@ -19,6 +19,11 @@ class IBinder : public virtual RefBase {
     enum {
         FIRST_CALL_TRANSACTION = 0x00000001,
         LAST_CALL_TRANSACTION = 0x00ffffff,
+        // What every object answers by itself.
+        PING_TRANSACTION = 0x5f504e47,           // "_PNG"
+        DUMP_TRANSACTION = 0x5f444d50,           // "_DMP"
+        SHELL_COMMAND_TRANSACTION = 0x5f434d44,  // "_CMD"
+        INTERFACE_TRANSACTION = 0x5f4e5446,      // "_NTF"
         /// The caller does not wait, and gets no reply.
         FLAG_ONEWAY = 0x00000001,
     };

@@ -7,6 +7,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -46,6 +48,14 @@ class Parcel {
     status_t writeInt64(int64_t value);
     /// `BAD_VALUE` for a text that is not valid UTF-8.
     status_t writeUtf8AsUtf16(const std::string& text);
+    /// Without a text, null.
+    status_t writeUtf8AsUtf16(const std::optional<std::string>& text) {
+        return text ? writeUtf8AsUtf16(*text) : writeInt32(-1);
+    }
+    status_t writeUtf8AsUtf16(const std::unique_ptr<std::string>& text) {
+        return text ? writeUtf8AsUtf16(*text) : writeInt32(-1);
+    }
+    status_t writeString16(const char16_t* text, size_t length);
 
     /// `NOT_ENOUGH_DATA`, with nothing read, when the parcel ends too early.
     status_t readInt32(int32_t* value) const;
@@ -60,7 +70,6 @@ class Parcel {
 
   private:
     status_t writeBytes(const void* bytes, size_t size);
-    status_t writeString16(const char16_t* text, size_t length);
     const char16_t* readString16Inplace(size_t* length) const;
 
     std::vector<uint8_t> mData;
