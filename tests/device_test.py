@@ -3,7 +3,8 @@
 
 usage: device_test.py SOURCE_DIR [--compile]
 
-The interface file is read by the platform's own compiler, the policy by a policy compiler. --compile has
+The interface file is read by the platform's own compiler, the policy by a policy compiler, and what needs no
+binder header by a C++ compiler with the platform's own headers, which Debian has for the rest. --compile has
 clang compile everything that Android.bp names, as a device does: for 64-bit Arm, with the language's other
 standard library, without run-time type information, with Android.bp's own flags, against platform/include or
 the directories of a device's headers in RUX_PLATFORM_HEADERS (separated by colons).
@@ -12,6 +13,7 @@ the directories of a device's headers in RUX_PLATFORM_HEADERS (separated by colo
 import concurrent.futures
 import os
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -127,18 +129,30 @@ def check_policy(source, scratch):
     assert list(services) == [name]
 
 
+def compile_each(command, source, paths):
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        runs = pool.map(lambda path: subprocess.run([*command, "-fsyntax-only", source / path]).returncode, paths)
+    failed = [path for path, status in zip(paths, runs) if status != 0]
+    assert not failed, failed
+
+
+def check_headers(source, scratch, build):
+    library = next(properties for _, properties in build if properties.get("name") == "librux_service")
+    shutil.copy(source / "platform/include/tavo_f2fs_io.h", scratch)
+    compile_each(["g++", "-std=c++20", "-Wall", "-Wextra", "-Werror", f"-I{source}", f"-I{scratch}", "-isystem",
+                  "/usr/include/jsoncpp", "-isystem", "/usr/include/android"],
+                 source, [path for path in library["srcs"] if not path.startswith("service/")])
+
+
 def compile_all(source, build):
     defaults = next(properties for _, properties in build if properties.get("name") == "rux_defaults")
     headers = os.environ.get("RUX_PLATFORM_HEADERS", f"{source}/platform/include").split(":")
-    command = ["clang++", "--target=aarch64-linux-gnu", "-stdlib=libc++", "-fno-rtti", "-fsyntax-only",
+    command = ["clang++", "--target=aarch64-linux-gnu", "-stdlib=libc++", "-fno-rtti",
                f"-std={defaults['cpp_std']}", *defaults["cflags"], *defaults["cppflags"], f"-I{source}",
                "-isystem", "/usr/include/jsoncpp", "-isystem", f"{source}/tests/support/device",
                *[f"-I{directory}" for directory in headers]]
     sources = sorted({path for _, properties in build for path in properties.get("srcs", []) if path.endswith(".cpp")})
-    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        runs = pool.map(lambda path: subprocess.run([*command, source / path]).returncode, sources)
-    failed = [path for path, status in zip(sources, runs) if status != 0]
-    assert not failed, failed
+    compile_each(command, source, sources)
     print(f"{len(sources)} sources compile")
 
 
@@ -151,6 +165,7 @@ def main():
         check_build(source, build)
         check_interface(source, scratch)
         check_policy(source, scratch)
+        check_headers(source, scratch, build)
     return print("ok")
 
 

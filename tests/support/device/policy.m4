@@ -1,5 +1,6 @@
 dnl Stands in for the platform's policy: the macros, types and classes that ours leans on, so that a
-dnl policy compiler can read it. What the macros grant is left out but for what needs a type of ours.
+dnl policy compiler can read it. What the macros grant is left out but for what needs a type of ours, and
+dnl of the capabilities those that the platform's neverallow rules keep from us.
 define(`init_daemon_domain', `allow init $1_exec:file { read execute }; allow $1 $1_exec:file { read execute entrypoint };')
 define(`binder_use', `allow $1 servicemanager:binder { call transfer };')
 define(`binder_call', `allow $1 $2:binder { call transfer };')
@@ -16,7 +17,7 @@ module rux 1.0;
 require {
     class file { create rename setattr unlink append getattr open read write ioctl lock map link relabelfrom relabelto execute entrypoint };
     class dir { create reparent rename rmdir setattr open getattr read search ioctl lock add_name remove_name write };
-    class capability { chown dac_override dac_read_search fowner fsetid lease };
+    class capability { chown fowner fsetid lease };
     class binder { call transfer };
     class service_manager { add find };
     class property_service set;
