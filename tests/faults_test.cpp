@@ -252,5 +252,61 @@ TEST_F(UnprivilegedTest, WhatCannotBeReadOrChangedIsPassedOver) {
     EXPECT_EQ(readFile(a) + readFile(hidden), "samesame");
 }
 
+/// The service as the user of a device's init entry: with a few capabilities, in a group that may
+/// reach shared storage.
+class DeviceUserTest : public ServiceTest {
+  protected:
+    void SetUp() override {}
+
+    void startWith(const std::string& capabilities) {
+        const std::vector<std::string> user = {"setpriv",
+                                               "--reuid=1000",
+                                               "--regid=1000",
+                                               "--groups=1023",
+                                               "--inh-caps=-all," + capabilities,
+                                               "--ambient-caps=-all," + capabilities,
+                                               "--bounding-set=-all," + capabilities};
+        auto probe = user;
+        probe.insert(probe.end(), {"test", "-x", ruxBinary()});
+        if (geteuid() != 0 || run(probe).exit != 0) GTEST_SKIP() << "needs root";
+        EXPECT_EQ(run({"chown", "1000:1000", sandbox.root() + "/.."}).exit, 0);
+        EXPECT_EQ(run({"chown", "-R", "1000:1000", sandbox.root()}).exit, 0);
+        start(user);
+    }
+    /// Two equal files in a directory of another user.
+    void writePair(const std::string& directory, const std::string& owner, mode_t mode) const {
+        sandbox.write(directory + "/1", directory);
+        sandbox.write(directory + "/2", directory);
+        EXPECT_EQ(run({"chown", "-R", owner, sandbox.path(directory)}).exit, 0);
+        for (const char* name : {"/1", "/2"})
+            chmod(sandbox.path(directory + name).c_str(), mode & 0666);
+        chmod(sandbox.path(directory).c_str(), mode);
+    }
+    nlink_t links(const std::string& name) const { return statusOf(sandbox.path(name)).st_nlink; }
+};
+
+TEST_F(DeviceUserTest, ReachesWhatItsGroupAndCapabilitiesLetItReach) {
+    writePair("shared", "10023:1023", 0770);
+    writePair("private", "10042:10042", 0700);
+    startWith("+chown,+fowner,+fsetid,+lease");
+    if (IsSkipped()) return;
+    scanTree();
+    EXPECT_EQ(logged("[RUX-NATIVE:opendir] The directory cannot be opened."), 1) << "private";
+    EXPECT_EQ(call(3, Json::array({"s"})), "1,6") << log();
+    EXPECT_EQ(links("shared/1"), 2U);
+    EXPECT_EQ(links("private/1"), 1U);
+    EXPECT_EQ(call(4, rule("s", {".*"}, Json::array())), "6\n");
+    EXPECT_EQ(links("shared/1"), 1U) << log();
+    EXPECT_EQ(statusOf(sandbox.path("shared/2")).st_uid, 10023U);
+    kill();
+
+    startWith("+chown,+dac_override,+dac_read_search,+fowner,+fsetid,+lease");
+    fs::remove_all(sandbox.database("s"));
+    scanTree();
+    EXPECT_EQ(call(3, Json::array({"s"})), "2,13") << log();
+    EXPECT_EQ(links("private/1"), 2U);
+    EXPECT_EQ(logged("is deleted"), 0);
+}
+
 }  // namespace
 }  // namespace rux::test
