@@ -36,6 +36,7 @@ class Service:
         os.makedirs(self.root + "/data/local/zel")
         os.makedirs(self.tree)
         self.process = None
+        self.environment = {}  # what the service has beyond the test's own
 
     def __enter__(self):
         self.start()
@@ -46,7 +47,7 @@ class Service:
         shutil.rmtree(self.base, ignore_errors=True)
 
     def start(self):
-        environment = {**os.environ, "RUX_ROOT": self.root}
+        environment = {**os.environ, **self.environment, "RUX_ROOT": self.root}
         environment.pop("ANDROID_LOG_TAGS", None)
         with open(self.base + "/log", "ab") as log:
             self.process = subprocess.Popen([self.binary], env=environment, stderr=log)

@@ -1,0 +1,623 @@
+"""What the service has to do, said a second time: plain, slow, and from its description alone.
+
+A model is asked before the service is: it reads the same files, and says the answer, the log lines, the database
+texts, the properties, and which paths are one file afterwards.
+"""
+
+import ctypes
+import hashlib
+import json
+import os
+import re
+import stat
+
+STOP = {"scan": "sys.ruxservice.stop_scan", "list": "sys.ruxservice.stop_get_duplicate_files",
+        "compress": "sys.ruxservice.stop_compress"}
+PROGRESS, TOOL_LOG = "sys.ruxservice.compress.prog", "sys.ruxservice.enablelog.ctrl"
+FILES = ("RUXFileInfo.json", "RUXCheckNoCompress.json", "RUXCheckACompress.json", "RUXModifyFileInfo.json")
+PAGE = 600 * 1024
+LEFTOVER = re.compile(r"\.rux-(swap|part)-[0-9a-f]{32}")
+
+_libc = ctypes.CDLL(None, use_errno=True)
+_libc.opendir.restype = _libc.readdir.restype = ctypes.c_void_p
+_libc.readdir.argtypes = _libc.closedir.argtypes = [ctypes.c_void_p]
+
+
+def entries(path):
+    """The names in a directory in the order of its stream, "." and ".." among them; None when it cannot be opened."""
+    stream = _libc.opendir(os.fsencode(path)) if "\0" not in path else None
+    if not stream:
+        return None
+    names = []
+    while entry := _libc.readdir(stream):
+        names.append(os.fsdecode(ctypes.string_at(entry + 19)))
+    _libc.closedir(stream)
+    return names
+
+
+def status(path, follow=True):
+    try:
+        return os.stat(path, follow_symlinks=follow)
+    except (OSError, ValueError):
+        return None
+
+
+def seconds(st):
+    return st.st_mtime_ns // 10**9
+
+
+class Partial(Exception):
+    pass
+
+
+def parse(text):
+    """(value, whether it is JSON): of what is not, the value as far as it goes."""
+    at = 0
+    root = [None]
+
+    def space():
+        nonlocal at
+        while at < len(text) and text[at] in " \t\r\n":
+            at += 1
+        if text.startswith("/*", at) and "*/" in text[at + 2:]:
+            at = text.index("*/", at + 2) + 2
+            space()
+
+    def token(pattern):
+        nonlocal at
+        space()
+        found = re.compile(pattern).match(text, at)
+        if not found:
+            raise Partial
+        at = found.end()
+        return found.group()
+
+    def value(put):
+        space()
+        if text.startswith("{", at):
+            token("{")
+            members = {}
+            put(members)
+            space()
+            if text.startswith("}", at):
+                return token("}")
+            while True:
+                name = json.loads(token(r'"(\\.|[^"\\])*"'))
+                token(":")
+                members[name] = None
+                value(lambda inner, name=name: members.__setitem__(name, inner))
+                if token("[,}]") == "}":
+                    return None
+        if text.startswith("[", at):
+            token(r"\[")
+            items = []
+            put(items)
+            space()
+            if text.startswith("]", at):
+                return token("]")
+            while True:
+                items.append(None)
+                value(lambda inner: items.__setitem__(-1, inner))
+                if token(r"[,\]]") == "]":
+                    return None
+        scalar = token(r'"(\\.|[^"\\])*"|-?[0-9.eE+]*[0-9]|-|true|false|null')
+        return put(0 if scalar == "-" else json.loads(scalar))
+
+    try:
+        value(lambda inner: root.__setitem__(0, inner))
+        return root[0], True
+    except (Partial, ValueError):
+        return root[0], False
+
+
+def text_of(value):
+    """A value as the database holds it."""
+    def sort(inner):
+        if isinstance(inner, dict):
+            return {name: sort(inner[name]) for name in sorted(inner, key=lambda name: name.encode("utf-8"))}
+        return [sort(item) for item in inner] if isinstance(inner, list) else inner
+    return json.dumps(sort(value), separators=(",", ":")) + "\n"
+
+
+def strings(value):
+    return [item for item in value if isinstance(item, str)] if isinstance(value, list) else []
+
+
+def member(value, name, kind):
+    """A member of an object if it is of that kind, else None."""
+    found = value.get(name) if isinstance(value, dict) else None
+    return found if isinstance(found, kind) and not isinstance(found, bool) else None
+
+
+def number(value, name):
+    return int(member(value, name, (int, float)) or 0)
+
+
+def path_of(entry):
+    return entry if isinstance(entry, str) and "\0" not in entry else ""
+
+
+def is_modified(image, path, flag):
+    if path:
+        if not isinstance(image.get(path), dict):
+            image[path] = {}
+        image[path].update({"V": 1, "r_flag": flag})
+
+
+class Stopped(Exception):
+    pass
+
+
+class Model:
+    def __init__(self, root):
+        self.zel = root + "/data/local/zel/"
+        self.images = [None] * 4
+        self.tool_log = False
+        self.pages = []
+        self.properties = {}
+        self.begin()
+
+    def begin(self, hold=None, held=None):
+        """Before each call. `hold` is ("log" or "stat", number); `held` is called at just that moment."""
+        self.lines, self.texts, self.links, self.restored = [], {}, {}, []
+        self.hold, self.held = hold, held
+
+    def reached(self, kind):
+        if self.hold and self.hold[0] == kind:
+            self.hold = (kind, self.hold[1] - 1)
+            if self.hold[1] == 0:
+                self.hold = None
+                self.held()
+
+    def log(self, priority, function, text):
+        self.lines.append((priority, function, text))
+        self.reached("log")
+
+    def stops(self, operation):
+        return self.properties.get(STOP[operation]) == "true"
+
+    def switch_log(self):
+        self.tool_log = self.tool_log or self.properties.get(TOOL_LOG) == "true"
+
+    def library(self, function, path):
+        if self.tool_log:
+            self.log("D", "tavo_f2fs_io", f"{function} {path}")
+
+    # The database
+
+    def directory(self, sid):
+        return self.zel + sid if sid not in (".", "..") and not re.search("[/\0]", sid) else None
+
+    def read(self, path):
+        """The text of a file, as this call has left it or as it is on disk; None when it cannot be opened."""
+        if path in self.texts:
+            return self.texts[path]
+        try:
+            with open(path, encoding="utf-8", newline="") as file:
+                return file.read()
+        except OSError:
+            return None
+
+    def load(self, directory, *selected):
+        for index in selected:
+            path = directory + "/" + FILES[index]
+            if status(path) is None and path not in self.texts:
+                if os.path.isdir(directory) or directory in self.made:
+                    self.texts[path] = "{}\n"
+                else:
+                    self.log("E", "readFileDBJson", f"the file {path} creat fail.")
+            text = "" if os.path.isdir(path) else self.read(path)
+            value = None
+            if text is None:
+                self.log("E", "readFileDBJson", f"the file {path} open fail.")
+            else:
+                value, whole = parse(text)
+                if not whole:
+                    self.log("E", "readFileDBJson", f"the file {path} read fail")
+            self.images[index] = value
+
+    def save(self, directory, *selected):
+        for index in selected:
+            path = directory + "/" + FILES[index]
+            if os.path.isdir(path) or not (os.path.isdir(directory) or directory in self.made):
+                self.log("E", "DBWriteUpdate", f"The DB{index + 1} open fail.")
+            else:
+                self.texts[path] = text_of(self.images[index])
+
+    def object(self, index):
+        if not isinstance(self.images[index], dict):
+            self.images[index] = {}
+        return self.images[index]
+
+    # Patterns
+
+    def compile(self, patterns):
+        compiled = []
+        for pattern in patterns:
+            try:
+                compiled.append(re.compile(pattern.encode("utf-8")))
+            except re.error:
+                self.log("E", "compile", f"invalid pattern {pattern}")
+        return compiled
+
+    @staticmethod
+    def matches(patterns, path):
+        return any(pattern.fullmatch(os.fsencode(path)) for pattern in patterns)
+
+    # Scan
+
+    def scan(self, request):
+        function, self.made = "Rux_scanDuplicateFilesImp", set()
+        self.properties[STOP["scan"]] = "false"
+        rules, whole = parse(request)
+        if not whole:
+            return self.log("E", function, "scan rules analysis fail")
+        self.switch_log()
+        exceptions = self.compile(self.exception_rules())
+        space = None
+        for rule in rules if isinstance(rules, list) else []:
+            if isinstance(rule, dict) and "sid" in rule and isinstance(rule["sid"], str):
+                space = self.directory(rule["sid"])
+                if space is None or not self.make(space):
+                    space = None
+                    self.log("E", function, "scan rules mkdir SpaceID_DBPath fail")
+                    continue
+                self.load(space, 0, 1, 3)
+            else:
+                self.log("D", function, "scanRules Incorrect format")
+                if not isinstance(rule, dict) or "sid" in rule:
+                    space = None
+                if space is None:
+                    continue
+            regs, dirs = strings(member(rule, "regs", list)), strings(member(rule, "dirs", list))
+            if not regs:
+                continue
+            if not dirs:
+                self.log("E", function, "scanRules Incorrect format")
+                self.save(space, 0, 1, 3)
+                continue
+            patterns = self.compile(regs)
+            for path in dirs:
+                if self.stops("scan"):
+                    self.log("D", function, "stop.")
+                    self.save(space, 0, 1, 3)
+                    return None
+                if self.walk(path, patterns, exceptions, []) != 0:
+                    self.log("E", function, "scanSpaceID fail")
+            self.save(space, 0, 1, 3)
+        return None
+
+    def make(self, space):
+        if status(space) is None and len(os.path.basename(space)) <= 255:
+            self.made.add(space)
+        return status(space) is not None or space in self.made
+
+    def exception_rules(self):
+        path = self.zel + "RUXExceptRules.json"
+        if status(path) is None:
+            return []
+        text = self.read(path)
+        if text is None and not os.path.isdir(path):
+            self.log("E", "getExceptRiles", "the except file open fail")
+            return []
+        value, whole = parse(text or "")
+        if not whole:
+            self.log("E", "getExceptRiles", "the except rules analysis fail")
+            return []
+        return strings(value)
+
+    def walk(self, path, patterns, exceptions, above):
+        st = status(path)
+        names = entries(path)
+        if names is not None and (st.st_dev, st.st_ino) in above:
+            names = None
+        if names is None:
+            if st is None:
+                self.log("E", "scanSpaceID:stat", "The directory cannot be opened.")
+                return -1
+            if stat.S_ISDIR(st.st_mode) or st.st_size == 0:
+                self.log("E", "scanSpaceID:opendir", "The directory cannot be opened.")
+                return -1
+            self.fingerprint(path, "", st, patterns, exceptions)
+            return 0
+        for name in names:
+            if self.stops("scan"):
+                self.log("D", "scanSpaceID", "stop.")
+                return 0
+            if name in (".", ".."):
+                continue
+            child = path + "/" + name
+            child_st = status(child)
+            if child_st is None:
+                self.log("E", "scanSpaceID:stat", "The directory cannot be opened.")
+            elif stat.S_ISDIR(child_st.st_mode) or child_st.st_size == 0:
+                self.walk(child, patterns, exceptions, above + [(st.st_dev, st.st_ino)])
+            else:
+                self.fingerprint(child, name, child_st, patterns, exceptions)
+        return 0
+
+    def fingerprint(self, path, name, st, patterns, exceptions):
+        record = member(self.images[0], path, dict)
+        if number(record, "is_md5") == 1 or not self.matches(patterns, path):
+            return
+        if LEFTOVER.fullmatch(path.rsplit("/", 1)[-1]):
+            return
+        try:
+            path.encode("utf-8")
+        except UnicodeEncodeError:
+            self.log("D", "calculateFileMD5", f"the path {path} is not valid UTF-8, skip")
+            return
+        suffix = (name or path).rpartition(".")[2] if "." in (name or path) else ""
+        if not 1 <= len(os.fsencode(suffix)) <= 10 or "/" in suffix:
+            suffix = "nosuffix"
+        record = {"V": 1, "s_time": seconds(st), "c_flag": 0, "w_flag": 0, "reg": suffix, "is_md5": 0}
+        self.object(0)[path] = record
+        if self.matches(exceptions, path):
+            self.log("D", "calculateFileMD5", "the file is in black list")
+            return
+        with open(path, "rb") as file:
+            digest = hashlib.md5(file.read()).hexdigest()
+        record["is_md5"] = 1
+        groups = self.object(1)
+        if not isinstance(groups.get(digest), dict):
+            groups[digest] = {"V": 1, "f_size": st.st_size, "f_list": [path]}
+            return
+        if not isinstance(groups[digest].get("f_list"), list):
+            groups[digest]["f_list"] = []
+        if path not in groups[digest]["f_list"]:
+            groups[digest]["f_list"].append(path)
+
+    # Listing
+
+    def list(self, request):
+        function, self.made = "Rux_getDuplicateFilesImp", set()
+        self.properties[STOP["list"]] = "false"
+        if self.pages:
+            self.log("D", function, "Rux_getDuplicateFilesImp is transfer")
+            return self.pages.pop(0)
+        rules, whole = parse(request)
+        if not whole:
+            self.log("E", function, "getDuplicateFilesRules analysis fail")
+            return ""
+        page = {}
+        for rule in rules if isinstance(rules, list) else []:
+            if member(rule, "sid", str) is None:
+                self.log("E", function, "getDupFileRules Incorrect format")
+                continue
+            space = self.directory(rule["sid"])
+            if space is None or status(space) is None:
+                self.log("E", function, "the space id DB path is not access")
+                continue
+            self.load(space, 0, 1, 3)
+            regs, dirs = strings(member(rule, "regs", list)), member(rule, "dirs", list)
+            if not regs:
+                self.log("D", function, "the getDupFileRules reg is empty")
+                continue
+            patterns = self.compile(regs)
+            counts, counted = [0, 0, 0], set()
+            if dirs is None:
+                self.log("E", function, "getDupFileRules Incorrect format")
+            elif not strings(dirs):
+                self.group(patterns, counts, counted)
+            else:
+                for _ in strings(dirs):
+                    self.group(patterns, counts, counted)
+                    if self.stops("list"):
+                        self.log("D", function, "get dup stop.")
+                        break
+            self.save(space, 0, 1, 3)
+            self.log("D", function, "getDupFileRules sameMD5GroupCount %d, canCompressSize %d, dupFileCount %d."
+                     % tuple(counts))
+            page[rule["sid"]] = {"fileCount": counts[2], "gCount": counts[0], "size": counts[1]}
+            if len(text_of(page)) > PAGE:
+                self.log("D", function, "the size is larger")
+                self.pages.append(text_of({**page, "isEnd": 0}))
+                page = {}
+            if self.stops("list"):
+                self.log("D", function, "get dup stop.")
+                break
+        self.pages.append(text_of({**page, "isEnd": 1}))
+        return self.pages.pop(0)
+
+    def group(self, patterns, counts, counted):
+        try:
+            retired = [digest for digest in self.sorted_names(1) if self.examine(digest, patterns, counts, counted)]
+        except Stopped:
+            return
+        for digest in retired:
+            del self.images[1][digest]
+
+    def sorted_names(self, index):
+        image = self.images[index]
+        return sorted(image, key=lambda name: name.encode("utf-8")) if isinstance(image, dict) else []
+
+    def examine(self, digest, patterns, counts, counted):
+        """Whether the group is to be retired."""
+        paths = member(self.images[1][digest], "f_list", list)
+        if digest == "" or paths is None or len(paths) < 2:
+            return False
+        matched, last, is_retired = 0, None, False
+        for path in map(path_of, paths):
+            if path:
+                self.reached("stat")
+            if is_retired:
+                continue  # looked at, but no more
+            st = status(path)
+            if st is None:
+                self.log("D", "readDupFiles", "file no exist.")
+                continue
+            last = st
+            if seconds(st) != number(member(self.images[0], path, dict), "s_time"):
+                self.log("D", "readDupFiles", f"file {path} is modified.")
+                is_modified(self.object(3), path_of(paths[0]), 0)
+                is_retired = True
+                continue
+            matched += self.matches(patterns, path)
+            if self.stops("list"):
+                self.log("D", "readDupFiles", "stop.")
+                raise Stopped
+        if matched >= 2 and digest not in counted:
+            counted.add(digest)
+            first = status(path_of(paths[0])) or last
+            counts[0] += 1
+            counts[1] += first.st_size * max(0, matched - first.st_nlink)
+            counts[2] += matched
+        return is_retired
+
+    # Exception rules
+
+    def rules(self, request):
+        function = "Rux_setRUXExceptRulesImp"
+        value, whole = parse(request)
+        if not whole:
+            self.log("E", function, "Rux_setRUXExceptRulesImp analysis fail")
+        elif not isinstance(value, list) or not value or len(strings(value)) < len(value):
+            self.log("D", function, "Rux_setRUXExceptRulesImp is empty")
+        else:
+            self.texts[self.zel + "RUXExceptRules.json"] = value
+
+    # Compression
+
+    def compress(self, request):
+        function, self.made = "Rux_compressDuplicateFilesImp", set()
+        self.properties[PROGRESS] = "0"
+        self.properties[STOP["compress"]] = "false"
+        spaces, whole = parse(request)
+        if not whole:
+            self.log("E", function, "getDuplicateFilesRules analysis fail")
+            return "0,0"
+        self.switch_log()
+        self.linked, self.groups, self.bytes = 0, 0, 0
+        for sid in strings(spaces):
+            space = self.directory(sid)
+            if space is None or status(space) is None:
+                self.log("D", function, "the space id DB path is not access")
+                continue
+            self.load(space, 1, 2)
+            self.compress_loaded()
+            if self.stops("compress"):
+                self.log("D", function, "compress stop.")
+                self.save(space, 1, 2)
+                break
+            self.save(space, 1, 2)
+        result = f"{self.groups},{self.bytes}"
+        self.log("D", function, f"compress result {result}.")
+        return result
+
+    def compress_loaded(self):
+        for digest in self.sorted_names(1):
+            group = self.images[1][digest]
+            paths = member(group, "f_list", list)
+            if digest == "" or paths is None or len(paths) < 2:
+                continue
+            paths = list(map(path_of, paths))
+            there = [index for index, path in enumerate(paths) if status(path)]
+            if not there or there[0] == len(paths) - 1:
+                self.log("D", "compressFile", "the group is deleted")
+                continue
+            any_linked = False
+            for path in paths[there[0] + 1:]:
+                if status(path) is None:
+                    self.log("D", "compressFile", f"file {path} is deleted")
+                    continue
+                linked = self.link(paths[there[0]], path)
+                self.library("createHardLink", path)
+                if linked:
+                    self.linked += 1
+                    if self.linked % 100 == 0:
+                        self.properties[PROGRESS] = str(self.linked)
+                    self.bytes += max(0, number(group, "f_size"))
+                    any_linked = True
+                else:
+                    self.log("E", "compressFile", "createHardLink fail, error code N")
+                if self.stops("compress"):
+                    if self.groups == 0:
+                        self.log("D", "compressFile", "the compressedGroupCount is 0, selfadd.")
+                        self.groups = 1
+                    self.log("D", "compressFile", "compress stop.")
+                    return
+            self.object(2)[digest] = self.images[1].pop(digest)
+            self.groups += any_linked
+
+    def file_at(self, path):
+        """The name that a path stands for, and the one that it is linked to since this call began."""
+        return self.links.get(name_of(path), name_of(path))
+
+    def link(self, kept, path):
+        before, after = status(kept), status(path, follow=False)
+        if not stat.S_ISREG(after.st_mode) or not stat.S_ISREG(before.st_mode):
+            return False
+        kept, name = self.file_at(os.path.realpath(kept)), name_of(path)
+        before, now = status(kept), status(self.file_at(path))
+        if (before.st_dev, before.st_ino) == (now.st_dev, now.st_ino):
+            return True
+        same = (before.st_dev, before.st_mode, before.st_uid, before.st_gid) == \
+            (now.st_dev, now.st_mode, now.st_uid, now.st_gid)
+        with open(kept, "rb") as first, open(self.file_at(path), "rb") as second:
+            same = same and first.read() == second.read()
+        if same:
+            self.links[name] = kept
+        return same
+
+    # Restore
+
+    def restore(self, request):
+        function, self.made = "Rux_restoreDuplicateFilesImp", set()
+        rules, whole = parse(request)
+        if not whole:
+            self.log("E", function, "getDuplicateFilesRules analysis fail")
+            return 0
+        self.switch_log()
+        restored = 0
+        for rule in rules if isinstance(rules, list) else []:
+            if member(rule, "sid", str) is None:
+                self.log("E", function, "comDupFileRules Incorrect format")
+                continue
+            space = self.directory(rule["sid"])
+            if space is None or status(space) is None:
+                self.log("E", function, "the space id DB path is not access")
+                continue
+            self.load(space, 2, 3)
+            patterns = self.compile(strings(member(rule, "regs", list)))
+            dirs = rule.get("dirs")
+            if dirs in (None, [], {}):
+                fragments = [""]
+            else:
+                fragments = strings(dirs)
+                if not fragments:
+                    self.log("E", function, "the dirs of the rule hold no text, no group is selected")
+            for fragment in fragments:
+                restored += self.restore_loaded(fragment, patterns)
+            self.save(space, 2, 3)
+        return restored
+
+    def restore_loaded(self, fragment, patterns):
+        restored = 0
+        for digest in self.sorted_names(2):
+            if digest == "":
+                self.log("D", "restoreFile", "md5 is empty")
+                continue
+            paths = member(self.images[2][digest], "f_list", list)
+            paths = list(map(path_of, paths or []))
+            if not any(self.matches(patterns, path) for path in paths) or not any(fragment in path for path in paths):
+                continue
+            restored += max(0, number(self.images[2][digest], "f_size")) * (len(paths) - 1)
+            self.log("D", "restoreFile", f"restore file md5 group {digest}")
+            for path in paths:
+                self.log("D", "restoreFile", f"restoreLinkFile path: {path}.")
+                st = status(path, follow=False)
+                self.library("restoreLinkFile", path)
+                if st and stat.S_ISREG(st.st_mode):
+                    self.restored.append(name_of(path))
+                    self.log("D", "restoreFile", "restoreLinkFile success")
+                else:
+                    self.log("E", "restoreFile", "restoreLinkFile fail, error code N")
+                is_modified(self.object(3), path, 1)
+            del self.images[2][digest]
+        return restored
+
+
+def name_of(path):
+    """A path with the links in its directories resolved, but not its last name."""
+    directory, name = os.path.split(path)
+    return os.path.join(os.path.realpath(directory), name)
