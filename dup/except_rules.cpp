@@ -44,10 +44,15 @@ void Rux_setRUXExceptRulesImp(const std::string& rules) {
         return;
     }
     const bool written = writeFully(file, value.toStyledString()) && fsync(file) == 0;
-    if (close(file) != 0 || !written || rename(unfinished.c_str(), path.c_str()) != 0) {
+    const bool closed = close(file) == 0;
+    if (!closed || !written) {
         RUX_LOGE("the exceptPath write fail");
-        unlink(unfinished.c_str());
+    } else if (rename(unfinished.c_str(), path.c_str()) == 0) {
+        return;
+    } else {  // a directory is in the way
+        RUX_LOGE("the exceptPath open fail");
     }
+    unlink(unfinished.c_str());
 }
 
 }  // namespace rux

@@ -3,7 +3,7 @@
 
 After each call the answer, the log, all database files, the properties and the tree are compared.
 
-usage: model_test.py RUX RUXCTL HOLD_LIBRARY [SEED ...]     a seed of the day by default; "1-200" names many
+usage: model_test.py RUX RUXCTL HOLD_LIBRARY [SEED ...]     1-5 by default; 1-200 for the long form
 """
 
 import hashlib
@@ -18,7 +18,7 @@ import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from support.model import FILES, PROGRESS, STOP, TOOL_LOG, Model, name_of, text_of  # noqa: E402
+from support.model import FILES, PROGRESS, STOP, TOOL_LOG, Model, text_on_disk  # noqa: E402
 from support.service import COMPRESS, EXCEPT, LIST, RESTORE, SCAN, STOP_COMPRESS, STOP_SCAN, Service  # noqa: E402
 
 CALLS = 14  # of one seed
@@ -105,14 +105,12 @@ class Session:
             return os.rmdir(path)
         if not os.path.isdir(os.path.dirname(path)):
             return None
-        text = self.model.read(path) or ""
+        text = text_on_disk(path) or ""
         what = pick.randrange(7)
-        if what == 0 and text:
-            return os.remove(path)
-        if what == 1:
-            if text:
-                os.remove(path)
-            return os.mkdir(path)
+        if what < 2 and os.path.exists(path):
+            os.remove(path)
+        if what < 2:
+            return os.mkdir(path) if what == 1 else None
         if what == 2:
             text = ""
         elif what == 3:
@@ -163,7 +161,8 @@ class Session:
     def rule(self, operation):
         pick = self.pick
         tree = self.service.tree
-        places = [tree, tree, tree + "/", tree + "/d.d", tree + "/nothing", pick.choice(self.files() or [tree]), ""]
+        files = [path for path in self.files() if "\udcff" not in path]  # what a request can name
+        places = [tree, tree, tree + "/", tree + "/d.d", tree + "/nothing", pick.choice(files or [tree]), ""]
         if operation == "restore":
             places = ["/e", "/", "a.jpg", "nowhere", ""]
         rule = {"sid": pick.choice(SPACES), "regs": [pick.choice(PATTERNS) for _ in range(pick.choice([1, 1, 2]))],
@@ -370,8 +369,8 @@ class Session:
 
 def main():
     rux, ruxctl, library = sys.argv[1:4]
-    seeds = [str(int(time.time()) // 86400)] if len(sys.argv) == 4 else []
-    for argument in sys.argv[4:]:
+    seeds = []
+    for argument in sys.argv[4:] or ["1-5"]:
         first, _, last = argument.partition("-")
         seeds += map(str, range(int(first), int(last or first) + 1))
     for seed in seeds:

@@ -119,6 +119,14 @@ def text_of(value):
     return json.dumps(sort(value), separators=(",", ":")) + "\n"
 
 
+def text_on_disk(path):
+    try:
+        with open(path, encoding="utf-8", newline="") as file:
+            return file.read()
+    except OSError:
+        return None
+
+
 def strings(value):
     return [item for item in value if isinstance(item, str)] if isinstance(value, list) else []
 
@@ -190,13 +198,7 @@ class Model:
 
     def read(self, path):
         """The text of a file, as this call has left it or as it is on disk; None when it cannot be opened."""
-        if path in self.texts:
-            return self.texts[path]
-        try:
-            with open(path, encoding="utf-8", newline="") as file:
-                return file.read()
-        except OSError:
-            return None
+        return self.texts[path] if path in self.texts else text_on_disk(path)
 
     def load(self, directory, *selected):
         for index in selected:
@@ -473,6 +475,8 @@ class Model:
             self.log("E", function, "Rux_setRUXExceptRulesImp analysis fail")
         elif not isinstance(value, list) or not value or len(strings(value)) < len(value):
             self.log("D", function, "Rux_setRUXExceptRulesImp is empty")
+        elif os.path.isdir(self.zel + "RUXExceptRules.json"):
+            self.log("E", function, "the exceptPath open fail")
         else:
             self.texts[self.zel + "RUXExceptRules.json"] = value
 
