@@ -6,6 +6,7 @@ After each call the answer, the log, all database files, the properties and the 
 usage: model_test.py RUX RUXCTL HOLD_LIBRARY [SEED ...]     1-5 by default; 1-200 for the long form
 """
 
+import copy
 import hashlib
 import json
 import os
@@ -150,13 +151,13 @@ class Session:
 
     def request(self, operation):
         pick = self.pick
-        if pick.random() < 0.05:
-            return pick.choice(["", "[", "null", "{}", "7", '"x"', '{"sid":"s"}', "[[]]", "[null]"])
+        if pick.random() < 0.1:
+            return pick.choice(["", "[", "[", "{", "null", "{}", "7", '"x"', '{"sid":"s"}', "[[]]", "[null]"])
         if operation == "rules":
             return json.dumps(pick.choice([[pick.choice(PATTERNS[3:])], [r".*/e/.*", "("], [], {}, None, ["x", 5], "x"]))
         if operation == "compress":
             return json.dumps([pick.choice(SPACES + [5]) for _ in range(pick.choice([1, 1, 2, 3]))])
-        return json.dumps([self.rule(operation) for _ in range(pick.choice([1, 1, 1, 2, 3]))])
+        return json.dumps([self.rule(operation) for _ in range(pick.choice([1, 1, 2, 3]))])
 
     def rule(self, operation):
         pick = self.pick
@@ -166,7 +167,7 @@ class Session:
         if operation == "restore":
             places = ["/e", "/", "a.jpg", "nowhere", ""]
         rule = {"sid": pick.choice(SPACES), "regs": [pick.choice(PATTERNS) for _ in range(pick.choice([1, 1, 2]))],
-                "dirs": [pick.choice(places) for _ in range(pick.choice([0, 1, 1, 1, 2]))]}
+                "dirs": [pick.choice(places) for _ in range(pick.choice([0, 1, 1, 2, 2]))]}
         if operation != "restore" and not rule["dirs"] and pick.random() < 0.7:
             rule["dirs"] = [tree]
         if pick.random() < 0.2:
@@ -231,18 +232,24 @@ class Session:
     def call(self, operation):
         pick, model = self.pick, self.model
         request = self.request(operation)
-        hold, inside, stop = None, [], None
-        if operation == "list" and pick.random() < 0.3:
-            hold, stop = ("stat", pick.randrange(1, 12)), True
-        elif operation in STOP or operation == "restore":
-            if pick.random() < 0.6 and not (operation == "scan" and model.properties.get(TOOL_LOG) == "true"
-                                            or operation == "scan" and model.tool_log):
-                hold = ("log", pick.randrange(1, 12))
+        hold, inside, stop = None, [], False
+        if operation in STOP and pick.random() < 0.4:  # of no effect, from before
+            self.set(STOP[operation], "true")
+            self.set(PROGRESS, "x")
+        # How many moments there will be, one of which may be held. The lines of a scan's readers come in any order.
+        forecast = copy.deepcopy(model)
+        forecast.begin()
+        getattr(forecast, operation)(request)
+        if operation == "restore" and any("analysis fail" in line[2] for line in forecast.lines):
+            forecast.begin()  # no flag was held
+        kind = "stat" if operation == "list" and pick.random() < 0.7 else "log"
+        if forecast.moments[kind] and operation != "rules" and pick.random() < 0.7 and \
+                not (operation == "scan" and forecast.tool_log):
+            hold = (kind, pick.randrange(forecast.moments[kind]) + 1)
+            stop = operation in STOP and pick.random() < 0.7 and (kind == "stat" or operation != "list")
+            if kind == "log":
                 inside = [pick.choice(sorted(REFUSALS) + ["stop scan", "stop compress"])
                           for _ in range(pick.randrange(3))]
-                stop = pick.choice([True, True, False])
-        if operation not in STOP:
-            stop = False
         value = pick.choice(["true"] * 6 + ["TRUE", "1", "true "])
         other = pick.choice(sorted(STOP))  # whose stop is set to be left alone by those that are refused
 
@@ -348,6 +355,11 @@ class Session:
     def run(self):
         pick = self.pick
         self.populate(self.service.tree, 0)
+        if pick.random() < 0.1:  # enough for several values of the progress
+            for i in range(230):
+                os.makedirs(self.service.tree + "/many", exist_ok=True)
+                with open(f"{self.service.tree}/many/{i}", "w", encoding="ascii") as file:
+                    file.write("many")
         for _ in range(CALLS):
             self.call(pick.choice(["scan"] * 4 + ["list"] * 3 + ["compress"] * 3 + ["restore"] * 2 + ["rules"]))
             for chance, step in ((0.5, self.change), (0.4, self.damage), (0.05, self.restart)):

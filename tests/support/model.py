@@ -169,8 +169,10 @@ class Model:
         """Before each call. `hold` is ("log" or "stat", number); `held` is called at just that moment."""
         self.lines, self.texts, self.links, self.restored = [], {}, {}, []
         self.hold, self.held = hold, held
+        self.moments = {"log": 0, "stat": 0}
 
     def reached(self, kind):
+        self.moments[kind] += 1
         if self.hold and self.hold[0] == kind:
             self.hold = (kind, self.hold[1] - 1)
             if self.hold[1] == 0:
