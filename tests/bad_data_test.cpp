@@ -115,27 +115,5 @@ TEST_F(BadDataTest, DatabaseFilesOfTheWrongShape) {
     EXPECT_EQ(database(kFiles[1])[md5sum(a)]["f_list"].size(), 2U);
 }
 
-TEST_F(BadDataTest, DatabaseFilesThatCannotBeHad) {
-    // Each file in turn is a directory: it can be opened, but neither read nor written.
-    for (const char* file : kFiles) fs::create_directories(sandbox.database("s", file));
-    scanTree();
-    EXPECT_EQ(logged(" read fail"), 3);
-    EXPECT_EQ(logged("The DB1 open fail.") + logged("The DB2 open fail.") +
-                      logged("The DB4 open fail."),
-              3);
-    writeFile(sandbox.database("file"), "no directory");
-    call(1, rule("file", {".*"}, {sandbox.tree()}));
-    EXPECT_EQ(logged(" creat fail."), 3);
-    EXPECT_EQ(logged(".json open fail."), 3);
-    expectServiceWorks();
-    call(6, Json::array({"x"}));
-    fs::remove_all(sandbox.root() + "/data");
-    call(6, Json::array({"x"}));
-    EXPECT_EQ(logged("the exceptPath open fail"), 1);
-    scanTree();
-    EXPECT_EQ(logged("scan rules mkdir SpaceID_DBPath fail"), 1);
-    expectServiceWorks();
-}
-
 }  // namespace
 }  // namespace rux::test

@@ -172,34 +172,6 @@ TEST_F(FaultsTest, ThingsVanishWhileTheyAreWorkedOn) {
     }
 }
 
-TEST_F(FaultsTest, DatabaseFilesCutAtEveryByte) {
-    const std::string a = sandbox.write("a", "same");
-    const std::string b = sandbox.write("b", "same");
-    scanTree();
-    const std::string records = readFile(sandbox.database("s", "RUXFileInfo.json"));
-    const std::string groups = readFile(sandbox.database("s", "RUXCheckNoCompress.json"));
-    const std::pair<const char*, std::string> files[] = {{"RUXFileInfo.json", records},
-                                                         {"RUXCheckNoCompress.json", groups},
-                                                         {"RUXCheckACompress.json", groups},
-                                                         {"RUXModifyFileInfo.json",
-                                                          "{\"" + a +
-                                                                  "\":{\"V\":1,\"r_flag\":0}}\n"}};
-    for (const auto& [cut, whole] : files) {
-        for (size_t size = 0; size <= whole.size(); ++size) {
-            for (const auto& [file, content] : files) {
-                writeFile(sandbox.database("s", file),
-                          file == cut ? whole.substr(0, size) : content);
-            }
-            runEverything();
-            ASSERT_TRUE(isRunning()) << cut << " cut at " << size;
-            ASSERT_EQ(readFile(a) + readFile(b), "samesame") << cut << " cut at " << size;
-        }
-    }
-    fs::remove_all(sandbox.database("s"));
-    scanTree();
-    EXPECT_EQ(compress(), "1,4");
-}
-
 /// The service under a user who may not read and change everything.
 class UnprivilegedTest : public ServiceTest {
   protected:

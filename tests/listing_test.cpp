@@ -1,4 +1,4 @@
-// Listings: what they count, what they retire, and how they come in pages.
+// Listings of great groups, and in pages.
 
 #include <fcntl.h>
 
@@ -31,51 +31,6 @@ class ListingTest : public ServiceTest {
         ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
     }
 };
-
-TEST_F(ListingTest, CountsWhatLinkingWouldGiveBack) {
-    for (const char* name : {"a1", "a2", "a3"}) sandbox.write(name, std::string(1000, 'a'));
-    for (const char* name : {"b1", "b2"}) sandbox.write(name, std::string(10, 'b'));
-    sandbox.write("single", "s");
-    scanTree();
-    EXPECT_EQ(list(), counts(2, 5, 2010));
-    EXPECT_EQ(list({".*/a[12]", ".*/a1"}), counts(1, 2, 1000));
-    EXPECT_EQ(list({"a.*"}), counts(0, 0, 0)) << "a pattern is matched against the whole path";
-    // Every pass looks at all groups, and each group counts once.
-    EXPECT_EQ(list({".*"}, {sandbox.tree(), "/elsewhere"}), counts(2, 5, 2010));
-    // Members that have gone are passed over, those that share their data give nothing back.
-    fs::remove(sandbox.path("b2"));
-    fs::remove(sandbox.path("a3"));
-    EXPECT_EQ(list(), counts(1, 2, 1000));
-    EXPECT_EQ(database(kGroups).size(), 3U);
-    EXPECT_GE(logged("file no exist."), 2);
-    const struct stat st = statusOf(sandbox.path("a1"));
-    fs::remove(sandbox.path("a2"));
-    fs::create_hard_link(sandbox.path("a1"), sandbox.path("a2"));
-    EXPECT_EQ(statusOf(sandbox.path("a1")).st_mtime, st.st_mtime);
-    fs::create_hard_link(sandbox.path("a1"), sandbox.path("outside"));  // more links than members
-    EXPECT_EQ(list(), counts(1, 2, 0));
-}
-
-TEST_F(ListingTest, RetiresGroupsWithModifiedMembers) {
-    for (const char* name : {"a1", "a2", "a3"}) sandbox.write(name, "same");
-    scanTree();
-    const std::string digest = md5sum(sandbox.path("a1"));
-    const Json group = database(kGroups)[digest];
-    const std::string first = group["f_list"][0];
-    touch(group["f_list"][2].get<std::string>());
-    // What goes is named by all bytes of its digest.
-    const Json namesake = {{digest.substr(0, 5), {{"V", 1}, {"f_size", 4}, {"f_list", {"/no"}}}}};
-    Json groups = namesake;
-    groups[digest.substr(0, 5) + std::string("\0x", 2)] = group;
-    writeFile(sandbox.database("s", kGroups), groups.dump());
-    EXPECT_EQ(list(), counts(1, 2, 4)) << "counted from the members before the modified one";
-    EXPECT_EQ(database(kGroups), namesake);
-    EXPECT_EQ(database(kModified), Json({{first, {{"V", 1}, {"r_flag", 0}}}}));
-    EXPECT_EQ(logged("file " + group["f_list"][2].get<std::string>() + " is modified."), 1);
-    EXPECT_EQ(list(), counts(0, 0, 0));
-    scanTree();  // does not form it again
-    EXPECT_EQ(database(kGroups), namesake);
-}
 
 TEST_F(ListingTest, TakesGroupsOfAnySizeInTheirOrder) {
     const std::string a = sandbox.write("a", "same");
@@ -132,28 +87,6 @@ TEST_F(ListingTest, StopsWithoutRetiringAnything) {
     EXPECT_EQ(logged("get dup stop."), 2);
     EXPECT_EQ(database(kGroups), groups);
     EXPECT_EQ(database(kModified), Json({{a2, {{"V", 1}, {"r_flag", 0}}}}));
-}
-
-TEST_F(ListingTest, AnswersEveryKindOfRule) {
-    sandbox.write("a1", "same");
-    sandbox.write("a2", "same");
-    scanTree();
-    const std::string groups = sandbox.database("s", kGroups);
-    EXPECT_EQ(call(2, "[]"), "{\"isEnd\":1}\n");
-    EXPECT_EQ(call(2, "not JSON"), "");
-    EXPECT_EQ(logged("getDuplicateFilesRules analysis fail"), 1);
-    fs::remove(sandbox.database("s", kModified));
-    const Json none = Json::object({{"isEnd", 1}});
-    EXPECT_EQ(Json::parse(call(2, rule("s", Json::array(), Json::array()))), none);
-    EXPECT_EQ(Json::parse(call(2, rule("unknown", {".*"}, Json::array()))), none);
-    EXPECT_EQ(Json::parse(call(2, rule("..", {".*"}, Json::array()))), none);
-    EXPECT_EQ(logged("the getDupFileRules reg is empty"), 1);
-    EXPECT_EQ(logged("E rux     : Rux_getDuplicateFilesImp"), 3);
-    const Json rules = Json::array({{{"sid", "s"}, {"regs", {".*"}}, {"dirs", Json::array()}},
-                                    {{"sid", "s"}, {"regs", {".*"}}}});
-    EXPECT_EQ(Json::parse(call(2, rules))["s"], counts(0, 0, 0)) << "the later rule's entry stays";
-    EXPECT_EQ(logged("sameMD5GroupCount 1, canCompressSize 4, dupFileCount 2."), 1);
-    EXPECT_EQ(logged("sameMD5GroupCount 0, canCompressSize 0, dupFileCount 0."), 1);
 }
 
 TEST_F(ListingTest, ComesInPages) {

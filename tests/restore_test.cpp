@@ -29,7 +29,6 @@ class RestoreTest : public ServiceTest {
     std::string restore(const Json& regs, const Json& dirs) const {
         return call(4, rule("s", regs, dirs));
     }
-    nlink_t links(const std::string& name) const { return statusOf(sandbox.path(name)).st_nlink; }
 };
 
 TEST_F(RestoreTest, GivesEveryFileOfASelectedGroupItsOwnData) {
@@ -89,52 +88,6 @@ TEST_F(RestoreTest, PathsOfTheGreatestLengthGoTheWholeRoad) {
     EXPECT_EQ(restore({".*/2+"}, Json::array()), "5\n");
     EXPECT_NE(inodeOf(first), inodeOf(second));
     EXPECT_EQ(readFile(first) + readFile(second), "equalequal");
-}
-
-TEST_F(RestoreTest, SelectsByPatternAndFragment) {
-    EXPECT_EQ(restore(Json::array(), Json::array()), "0\n");
-    EXPECT_EQ(restore({"a1", "(", ".*/a"}, Json::array()), "0\n");
-    EXPECT_EQ(logged("invalid pattern ("), 1);
-    EXPECT_EQ(restore({".*"}, {"/nowhere/"}), "0\n");
-    for (const Json& dirs : {Json::array({7}), Json("x"), Json(7)}) {
-        EXPECT_EQ(restore({".*"}, dirs), "0\n") << "nobody can read which groups are meant";
-    }
-    EXPECT_EQ(logged("the dirs of the rule hold no text"), 3);
-    EXPECT_EQ(links("x/a1"), 3U);
-    // A digest is all of its bytes.
-    Json linked = database(kLinked);
-    const std::string nulInDigest = linked.begin().key() + std::string("\0x", 2);
-    linked[nulInDigest] = {{"V", 1}, {"f_size", 1}, {"f_list", {"/no/1", "/no/2"}}};
-    writeFile(sandbox.database("s", kLinked), linked.dump());
-    EXPECT_EQ(restore({"/no/.*"}, Json::array()), "1\n");
-    linked.erase(nulInDigest);
-    EXPECT_EQ(database(kLinked), linked);
-    // One path matches, another one holds the fragment; two fragments select the group once.
-    EXPECT_EQ(restore({".*/a1"}, {"/y/", "/x/"}), "20\n");
-    EXPECT_EQ(links("x/a1"), 1U);
-    EXPECT_EQ(links("x/b1"), 2U);
-    EXPECT_EQ(database(kLinked).size(), 1U);
-    const Outcome told =
-            ruxctl({"restore", "--space", "s", "--match", ".*/none", ".*b.", "--under", "z/"});
-    EXPECT_EQ(told.out.find("100 B taken up again by the service's count"), 0U) << told.out;
-    EXPECT_EQ(links("x/b1"), 1U);
-}
-
-TEST_F(RestoreTest, CountsAndMarksWhatCannotBeRestored) {
-    fs::remove(sandbox.path("x/a2"));
-    const std::string listed = sandbox.database("s", kModified);
-    writeFile(listed, Json({{sandbox.path("x/a2"), {{"r_flag", 0}, {"other", 5}}}}).dump());
-    EXPECT_EQ(restore({".*/a."}, Json::array()), "20\n");
-    EXPECT_EQ(logged("restoreLinkFile fail, error code 2\n"), 1);
-    EXPECT_EQ(database(kModified)[sandbox.path("x/a2")],
-              Json({{"V", 1}, {"r_flag", 1}, {"other", 5}}));
-    EXPECT_EQ(links("x/a1") + links("y/a3"), 2U);
-
-    EXPECT_EQ(call(4, "nonsense"), "0\n");
-    EXPECT_EQ(logged("getDuplicateFilesRules analysis fail"), 1);
-    EXPECT_EQ(call(4, R"([{"regs":[".*"]}, 5, {"sid":"unknown","regs":[".*"]}])"), "0\n");
-    EXPECT_EQ(logged("comDupFileRules Incorrect format"), 2);
-    EXPECT_EQ(logged("E rux     : Rux_restoreDuplicateFilesImp"), 4);
 }
 
 }  // namespace
