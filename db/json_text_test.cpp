@@ -11,14 +11,6 @@
 namespace rux {
 namespace {
 
-TEST(JsonTextTest, KeepsWhatWasReadBeforeAnError) {
-    Json::Value value;
-    EXPECT_FALSE(parseJson(R"({"a":1,"b":[2,)", value));
-    EXPECT_EQ(integerOf(value["a"]), 1);
-    EXPECT_FALSE(parseJson("", value));
-    EXPECT_TRUE(value.isNull());
-}
-
 /// A value of any kind, with others in it.
 Json::Value anyValue(std::mt19937& random, int depth) {
     const auto text = [&random] {

@@ -7,20 +7,6 @@
 namespace rux {
 namespace {
 
-TEST(PatternListTest, MatchesWholePathsByTheFirstThatFits) {
-    const PatternList list({"jpg", "[", R"(.*\.jpg)", R"(/data/(a|b)+/\d{2,3})"});
-    EXPECT_FALSE(list.empty());
-    EXPECT_TRUE(list.matches("/sdcard/a.jpg"));
-    EXPECT_TRUE(list.matches("jpg"));
-    EXPECT_TRUE(list.matches("/data/abba/123"));
-    for (const char* path : {"/sdcard/a.JPG", "/sdcard/a.jpg.bak", "/data/abba/1", "[", ""}) {
-        EXPECT_FALSE(list.matches(path)) << path;
-    }
-    EXPECT_TRUE(PatternList().empty());
-    EXPECT_FALSE(PatternList().matches("x"));
-    EXPECT_FALSE(PatternList({"("}).empty());
-}
-
 TEST(PatternListTest, CommonShapesMatchWhatTheGeneralMatcherMatches) {
     const std::string pieces[] = {".*", ".*",  "a",   "b",  "ab",       "/",      "\\.",
                                   ".",  "\\/", "\\*", "\n", "(a|b)",    "(?:a|)", "(a|\\.b)",

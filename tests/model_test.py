@@ -24,6 +24,11 @@ from support.service import COMPRESS, EXCEPT, LIST, RESTORE, SCAN, STOP_COMPRESS
 
 CALLS = 25  # of one seed
 CODES = {"scan": SCAN, "list": LIST, "compress": COMPRESS, "restore": RESTORE, "rules": EXCEPT}
+WRONG = ["", "[", "]", "{", "x", "[]", "null", "{}", "7", "-1.5e308", '"x"', '{"sid":"s"}', "[[]]", "[null]", '[1,true,"s",{}]',
+         '[["s"]]', "/* comment */ []", '[{"sid":null}]', '[{"sid":["s"]}]', '[{"sid":1.5}]', "[" * 100000,
+         "[" * 999 + "]" * 999, "[" * 1000 + "1" + "]" * 1000, "[" + " " * 100000 + "]", '["[[[\\"[[[", /* [[[ */ "s"]',
+         '[{"sid":"' + "x" * 5000 + '","regs":[".*"],"dirs":[]}]',
+         '[{"sid":"s","regs":[".*"],"dirs":["","\\u0000","x\\u0000y","missing"]}]']
 REFUSALS = {"scan": (None, "Rux_scanDuplicateFilesImp", "the scan has been started"),
             "list": ("{}", "Rux_getDuplicateFilesImp", "the Rux_getDuplicateFilesImp has been start, return"),
             "compress": ("0,0", "Rux_compressDuplicateFilesImp", "the Compress has been started,return"),
@@ -157,7 +162,7 @@ class Session:
     def request(self, operation):
         pick = self.pick
         if pick.random() < 0.1:
-            return pick.choice(["", "[", "]", "{", "x", "[]", "null", "{}", "7", '"x"', '{"sid":"s"}', "[[]]", "[null]"])
+            return pick.choice(WRONG[:5] if pick.random() < 0.3 else WRONG)
         if operation == "rules":
             return json.dumps(pick.choice([[pick.choice(PATTERNS[9:])], [r".*/e/.*", "("], [], {}, None, ["x", 5], "x"]))
         if operation == "compress":
@@ -280,7 +285,7 @@ class Session:
         was_held = hold is not None and model.hold is None
         answer = self.perform(operation, request, hold, was_held, inside, stop and value, other)
 
-        what = f"{operation} {request} {hold} {inside} {stop and value}"
+        what = f"{operation} {request[:1000]} {hold} {inside} {stop and value}"
         lines = self.log()
         if operation == "scan":
             lines = [line for line in lines if line[1] != "tavo_f2fs_io"]

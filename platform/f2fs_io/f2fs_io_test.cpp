@@ -72,45 +72,6 @@ TEST_F(FileIoTest, DigestsEqualMd5sums) {
     EXPECT_STREQ(computeFileMD5("", false).md5, "");
 }
 
-TEST_F(FileIoTest, LinksEqualFiles) {
-    EXPECT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), 0);
-    EXPECT_EQ(inodeOf(kept), inodeOf(duplicate));
-    EXPECT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), 0) << "one file already";
-    // The kept file may be reached through a link, the directory of the duplicate too.
-    fs::create_symlink("kept", sandbox.path("alias"));
-    fs::create_symlink(".", sandbox.path("here"));
-    sandbox.write("third", std::string(300000, 'k'));
-    EXPECT_EQ(createHardLink(sandbox.path("alias").c_str(), sandbox.path("here/third").c_str(),
-                             false),
-              0);
-    EXPECT_EQ(inodeOf(kept), inodeOf(sandbox.path("third")));
-    EXPECT_EQ(statusOf(kept).st_nlink, 3U);
-    EXPECT_EQ(namesIn(sandbox.tree()),
-              (std::vector<std::string>{"alias", "duplicate", "here", "kept", "third"}));
-}
-
-TEST_F(FileIoTest, LetsGoOfTheFilesThatItReplaced) {
-    const auto isHeld = [](const fs::directory_entry& file) {
-        std::error_code gone;
-        return fs::read_symlink(file, gone).string().ends_with(" (deleted)");
-    };
-    const fs::directory_iterator none;
-    // More than wait to be closed at a time, and one with another name, which is open to writers.
-    const std::string other = sandbox.path("other");
-    fs::create_hard_link(duplicate, other);
-    for (int i = 0; i < 200; ++i) {
-        ASSERT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), 0);
-        if (i == 0) writeFile(other, "written at once");
-        sandbox.write("duplicate.new", std::string(300000, 'k'));
-        fs::rename(sandbox.path("duplicate.new"), duplicate);
-    }
-    for (int i = 0; i < 1000; ++i) {
-        if (std::none_of(fs::directory_iterator("/proc/self/fd"), none, isHeld)) break;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    EXPECT_TRUE(std::none_of(fs::directory_iterator("/proc/self/fd"), none, isHeld));
-}
-
 TEST_F(FileIoTest, RefusesToLinkWhatIsNotTheSame) {
     sandbox.write("duplicate", std::string(299999, 'k') + "x");
     expectRefusal(EILSEQ);
@@ -314,29 +275,6 @@ TEST_F(FileIoTest, TheNewestOfFilesRenamedOverTheDuplicateStays) {
               std::string(300000, 'k') + (newest == 0 ? "" : std::to_string(newest)));
     EXPECT_EQ(readFile(kept), std::string(300000, 'k'));
     EXPECT_EQ(namesIn(sandbox.tree()), (std::vector<std::string>{"duplicate", "kept"}));
-}
-
-TEST_F(FileIoTest, GroupsWithLinksOfEveryKindNeedOneRun) {
-    fs::create_directory_symlink(".", sandbox.path("here"));
-    fs::create_symlink("kept", sandbox.path("alias"));
-    fs::create_hard_link(duplicate, sandbox.path("partner"));  // partly linked already
-    const std::vector<std::string> members = {sandbox.path("alias"),
-                                              kept,
-                                              sandbox.path("here/duplicate"),
-                                              duplicate,
-                                              sandbox.path("here/kept"),
-                                              sandbox.path("partner")};
-    for (int run = 0; run < 2; ++run) {
-        for (size_t i = 1; i < members.size(); ++i) {
-            EXPECT_EQ(createHardLink(members[0].c_str(), members[i].c_str(), false), 0)
-                    << members[i];
-        }
-        for (const std::string& member : members)
-            EXPECT_EQ(readFile(member), std::string(300000, 'k'));
-        EXPECT_EQ(statusOf(kept).st_nlink, 3U);
-        EXPECT_TRUE(fs::is_symlink(sandbox.path("alias")));
-        EXPECT_EQ(inodeOf(kept), inodeOf(sandbox.path("partner")));
-    }
 }
 
 TEST_F(FileIoTest, SwappedComponentsLeadNowhereElse) {

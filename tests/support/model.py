@@ -10,6 +10,7 @@ import json
 import os
 import re
 import stat
+import sys
 
 STOP = {"scan": "sys.ruxservice.stop_scan", "list": "sys.ruxservice.stop_get_duplicate_files",
         "compress": "sys.ruxservice.stop_compress"}
@@ -18,6 +19,7 @@ FILES = ("RUXFileInfo.json", "RUXCheckNoCompress.json", "RUXCheckACompress.json"
 PAGE = 600 * 1024
 LEFTOVER = re.compile(r"\.rux-(swap|part)-[0-9a-f]{32}")
 
+sys.setrecursionlimit(10000)  # texts nest up to 999 levels
 _libc = ctypes.CDLL(None, use_errno=True)
 _libc.opendir.restype = _libc.readdir.restype = ctypes.c_void_p
 _libc.readdir.argtypes = _libc.closedir.argtypes = [ctypes.c_void_p]
@@ -52,7 +54,12 @@ class Partial(Exception):
 
 def parse(text):
     """(value, whether it is JSON): of what is not, the value as far as it goes."""
-    at = 0
+    at, depth, deepest = 0, 0, 0
+    for bracket in re.sub(r'"(\\.|[^"\\])*"|/\*.*?\*/', "", text, flags=re.S):
+        depth += (bracket in "[{") - (bracket in "]}" and depth > 0)
+        deepest = max(deepest, depth)
+    if deepest > 999:
+        return None, False
     root = [None]
 
     def space():
