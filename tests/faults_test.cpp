@@ -223,6 +223,7 @@ TEST_F(DeviceUserTest, ReachesWhatItsGroupAndCapabilitiesLetItReach) {
     EXPECT_EQ(statusOf(sandbox.path("shared/2")).st_uid, 10023U);
     kill();
 
+    fs::remove(sandbox.path("shared/hidden"));
     startWith("+chown,+dac_override,+dac_read_search,+fowner,+fsetid,+lease");
     fs::remove_all(sandbox.database("s"));
     scanTree();
