@@ -327,6 +327,14 @@ TEST_F(LookAheadTest, CannotBeObserved) {
     }
 }
 
+TEST_F(LookAheadTest, PollsBeforeEveryEntryOfTheDirectories) {
+    sandbox.write("file", "content");
+    fs::create_directory(sandbox.path("empty"));
+    const std::vector<std::string> events = scan(wholeTree(), LookAhead{4096, 1 << 30, 2}).events;
+    // The path; ".", "..", the file and the directory; and again "." and "..".
+    EXPECT_EQ(std::count(events.begin(), events.end(), "poll"), 1 + 4 + 2);
+}
+
 TEST_F(LookAheadTest, ReadsAFileOnceWhateverItsNames) {
     const std::string file = sandbox.write("a/file", "content");
     const std::string bad = sandbox.write("a/bad", "content");
