@@ -62,7 +62,7 @@ class Session:
     def populate(self, directory, depth):
         pick = self.pick
         os.makedirs(directory, exist_ok=True)
-        for name in pick.sample(NAMES, pick.randrange(1, 9)):
+        for name in pick.sample(NAMES, pick.randrange(1, 12)):
             path = os.path.join(os.fsencode(directory), os.fsencode(name))
             if not os.path.lexists(path):
                 self.make(os.fsdecode(path), depth)
@@ -93,6 +93,10 @@ class Session:
         return [os.path.join(directory, name) for directory, _, names in os.walk(self.service.tree)
                 for name in sorted(names) if stat.S_ISREG(os.lstat(os.path.join(directory, name)).st_mode)]
 
+    def nameable(self):
+        """Those that a JSON text can name."""
+        return [path for path in self.files() if "\udcff" not in path]
+
     def change(self):
         pick, files = self.pick, self.files()
         for path in pick.sample(files, min(len(files), 2)):
@@ -104,8 +108,8 @@ class Session:
             elif what == 2:
                 with open(path, "a", encoding="ascii") as file:
                     file.write("a")
-        if pick.random() < 0.3:
-            self.populate(self.service.tree + "/new" + str(pick.randrange(3)), 2)
+        if pick.random() < 0.6:
+            self.populate(self.service.tree + "/new" + str(pick.randrange(20)), 2)
 
     def damage(self):
         """One database file becomes something else."""
@@ -149,12 +153,12 @@ class Session:
         for record in image.values() if isinstance(image, dict) else []:
             if isinstance(record, dict) and record and pick.random() < 0.3:
                 name = pick.choice(sorted(record))
-                record[name] = pick.choice([None, "x", 5, 1.5, [], {}, -3])
+                record[name] = pick.choice([None, "x", 5, 1.5, [], {}, -3, 2.0**1000, 2**63 - 1, 2**64 - 1])
             if isinstance(record, dict) and isinstance(record.get("f_list"), list) and pick.random() < 0.5:
                 record["f_list"].insert(pick.randrange(len(record["f_list"]) + 1),
                                         pick.choice(["/no/such", 7, None, "", "nul\0", self.service.tree]))
         if isinstance(image, dict) and pick.random() < 0.3 and image:
-            image[sorted(image)[0] + "\0x"] = {"V": 1, "f_size": 1, "f_list": self.files()[:2]}
+            image[sorted(image)[0] + "\0x"] = {"V": 1, "f_size": 1, "f_list": self.nameable()[:2]}
         return json.dumps(image)
 
     # Requests
@@ -172,8 +176,7 @@ class Session:
     def rule(self, operation):
         pick = self.pick
         tree = self.service.tree
-        files = [path for path in self.files() if "\udcff" not in path]  # what a request can name
-        places = [tree, tree, tree + "/", tree + "/d.d", tree + "/nothing", pick.choice(files or [tree]), ""]
+        places = [tree, tree, tree + "/", tree + "/d.d", tree + "/nothing", pick.choice(self.nameable() or [tree]), ""]
         if operation == "restore":
             places = ["/e", "/", "a.jpg", "nowhere", ""]
         rule = {"sid": pick.choice(SPACES), "regs": [pick.choice(PATTERNS) for _ in range(pick.choice([1, 1, 2]))],
@@ -370,7 +373,7 @@ class Session:
                 with open(f"{self.service.tree}/many/{i}", "w", encoding="ascii") as file:
                     file.write("many")
         for _ in range(CALLS):
-            self.call(pick.choice(["scan"] * 4 + ["list"] * 3 + ["compress"] * 3 + ["restore"] * 2 + ["rules"]))
+            self.call(pick.choice(["scan"] * 4 + ["list"] * 4 + ["compress"] * 2 + ["restore"] + ["rules"]))
             for chance, step in ((0.5, self.change), (0.4, self.damage), (0.05, self.restart)):
                 if pick.random() < chance:
                     step()

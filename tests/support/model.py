@@ -16,7 +16,7 @@ STOP = {"scan": "sys.ruxservice.stop_scan", "list": "sys.ruxservice.stop_get_dup
         "compress": "sys.ruxservice.stop_compress"}
 PROGRESS, TOOL_LOG = "sys.ruxservice.compress.prog", "sys.ruxservice.enablelog.ctrl"
 FILES = ("RUXFileInfo.json", "RUXCheckNoCompress.json", "RUXCheckACompress.json", "RUXModifyFileInfo.json")
-PAGE = 600 * 1024
+PAGE, MOST = 600 * 1024, 2**63 - 1
 LEFTOVER = re.compile(r"\.rux-(swap|part)-[0-9a-f]{32}")
 
 sys.setrecursionlimit(10000)  # texts nest up to 999 levels
@@ -145,7 +145,12 @@ def member(value, name, kind):
 
 
 def number(value, name):
-    return int(member(value, name, (int, float)) or 0)
+    found = member(value, name, (int, float)) or 0
+    return int(found) if abs(found) < 9.2e18 or found == MOST else 0
+
+
+def added(first, second):
+    return min(MOST, first + second)
 
 
 def path_of(entry):
@@ -539,7 +544,7 @@ class Model:
                     self.linked += 1
                     if self.linked % 100 == 0:
                         self.properties[PROGRESS] = str(self.linked)
-                    self.bytes += max(0, number(group, "f_size"))
+                    self.bytes = added(self.bytes, max(0, number(group, "f_size")))
                     any_linked = True
                 else:
                     self.log("E", "compressFile", "createHardLink fail, error code N")
@@ -600,12 +605,11 @@ class Model:
                 if not fragments:
                     self.log("E", function, "the dirs of the rule hold no text, no group is selected")
             for fragment in fragments:
-                restored += self.restore_loaded(fragment, patterns)
+                restored = self.restore_loaded(fragment, patterns, restored)
             self.save(space, 2, 3)
         return restored
 
-    def restore_loaded(self, fragment, patterns):
-        restored = 0
+    def restore_loaded(self, fragment, patterns, restored):
         for digest in self.sorted_names(2):
             if digest == "":
                 self.log("D", "restoreFile", "md5 is empty")
@@ -614,7 +618,7 @@ class Model:
             paths = list(map(path_of, paths or []))
             if not any(self.matches(patterns, path) for path in paths) or not any(fragment in path for path in paths):
                 continue
-            restored += max(0, number(self.images[2][digest], "f_size")) * (len(paths) - 1)
+            restored = added(restored, max(0, number(self.images[2][digest], "f_size")) * (len(paths) - 1))
             self.log("D", "restoreFile", f"restore file md5 group {digest}")
             for path in paths:
                 self.log("D", "restoreFile", f"restoreLinkFile path: {path}.")
