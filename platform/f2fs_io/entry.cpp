@@ -30,9 +30,9 @@ int Entry::open(const char* path) {
     name = slash == std::string::npos ? whole : whole.substr(slash + 1);
     if (whole.empty()) return ENOENT;
     if (name.empty() || name == "." || name == "..") return EINVAL;
-    std::string parent = ".";
     if (slash != std::string::npos) parent = whole.substr(0, slash + 1);
-    directory.reset(::open(parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    directory.reset(
+            ::open(parent.empty() ? "." : parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     return directory.valid() ? 0 : errno;
 }
 

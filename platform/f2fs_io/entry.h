@@ -24,6 +24,7 @@ inline FileId idOf(const struct stat& st) {
 /// the path that is swapped later leads anywhere else.
 struct Entry {
     UniqueFd directory;
+    std::string parent;  // its path, as it was given: for the log
     std::string name;
 
     /// 0 or an errno; EINVAL for a path that ends in no name.

@@ -1,3 +1,4 @@
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -7,8 +8,10 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
+#include <functional>
 #include <random>
 #include <thread>
+#include <utility>
 
 #include "tavo_f2fs_io.h"
 #include "tests/support/sandbox.h"
@@ -30,6 +33,51 @@ std::vector<std::string> namesIn(const std::string& directory) {
     std::sort(names.begin(), names.end());
     return names;
 }
+
+/// Which of the library's calls by name fails.
+struct Faults {
+    int failing = -1;
+    int error = 0;
+    std::function<void()> atExchange;  // the first one
+    int calls = 0;
+
+    bool fails() {
+        errno = error;
+        return failing >= 0 && calls++ == failing;
+    }
+} faults;
+
+template <typename Function>
+Function* realOf(const char* name, Function* /*of this type*/) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+// In place of the C library's.
+extern "C" {
+int renameat2(int from, const char* old, int to, const char* name, unsigned flags) noexcept {
+    if (flags == RENAME_EXCHANGE && faults.atExchange) std::exchange(faults.atExchange, nullptr)();
+    return faults.fails() ? -1 : realOf("renameat2", &renameat2)(from, old, to, name, flags);
+}
+int unlinkat(int directory, const char* name, int flags) noexcept {
+    return faults.fails() ? -1 : realOf("unlinkat", &unlinkat)(directory, name, flags);
+}
+int linkat(int from, const char* old, int to, const char* name, int flags) noexcept {
+    return faults.fails() ? -1 : realOf("linkat", &linkat)(from, old, to, name, flags);
+}
+int fstatat(int directory, const char* name, struct stat* status, int flags) noexcept {
+    return faults.fails() ? -1 : realOf("fstatat", &fstatat)(directory, name, status, flags);
+}
+int fstat(int file, struct stat* status) noexcept {
+    return faults.fails() ? -1 : realOf("fstat", &fstat)(file, status);
+}
+int fsync(int file) {
+    return faults.fails() ? -1 : realOf("fsync", &fsync)(file);
+}
+}
+
+namespace {
 
 class FileIoTest : public testing::Test {
   protected:
@@ -248,6 +296,46 @@ TEST_F(FileIoTest, GivesWayToAWriterThatComesWhileBytesAreCompared) {
     }
     for (const std::string& path : {kept, duplicate}) ASSERT_EQ(truncate(path.c_str(), 300000), 0);
     EXPECT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), 0);
+}
+
+TEST_F(FileIoTest, NoFaultTakesTheNameFromAWriter) {
+    // Each call fails in its turn, while a program waits to write to one of the files.
+    const auto restore = [this] { return restoreLinkFile(duplicate.c_str(), false); };
+    const auto link = [this] { return createHardLink(kept.c_str(), duplicate.c_str(), false); };
+    for (const bool isLink : {true, false}) {
+        for (const int error : {EIO, ENOSPC, ENOMEM}) {
+            int failing = 0;
+            for (bool isReached = true; isReached; ++failing) {
+                fs::remove_all(sandbox.tree());
+                SetUp();
+                if (!isLink) {
+                    fs::remove(duplicate);
+                    fs::create_hard_link(kept, duplicate);
+                }
+                std::thread writer;
+                int file = -1;
+                faults = {.failing = failing, .error = error, .atExchange = [&] {
+                              writer = std::thread([&] {
+                                  file = open(duplicate.c_str(), O_WRONLY | O_CLOEXEC);
+                              });
+                              std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                          }};
+                const int code = isLink ? link() : restore();
+                isReached = faults.calls > failing;
+                faults = {};
+                if (!writer.joinable()) continue;  // it failed before
+                writer.join();
+                ASSERT_GE(file, 0);
+                struct stat st = {};
+                ASSERT_EQ(fstat(file, &st), 0);
+                close(file);
+                EXPECT_GT(st.st_nlink, 0U) << failing << " " << strerror(error) << " " << code;
+                EXPECT_EQ(readFile(duplicate), std::string(300000, 'k'));
+                EXPECT_EQ(readFile(kept), std::string(300000, 'k'));
+            }
+            EXPECT_GT(failing, 10);
+        }
+    }
 }
 
 TEST_F(FileIoTest, TheNewestOfFilesRenamedOverTheDuplicateStays) {

@@ -29,6 +29,13 @@ int makeCopy(const Entry& entry, const LeasedFile& source, LeasedFile* copy) {
     if (error == 0) error = copyMetadata(from, written.get(), source.status);
     if (error == 0 && fsync(written.get()) != 0) error = errno;
     if (error == 0) error = openToRead(directory, part.c_str(), O_NOFOLLOW, &copy->file);
+    // Somebody else may use the same names: another service, started on the same files.
+    struct stat made = {};
+    struct stat opened = {};
+    if (error == 0 && (fstat(written.get(), &made) != 0 || fstat(copy->file.get(), &opened) != 0))
+        error = errno;
+    if (error == 0 && (idOf(made) != idOf(opened) || made.st_size != source.status.st_size))
+        return ESTALE;
     // From here on the name says that the copy is complete.
     if (error == 0 &&
         renameat2(directory, part.c_str(), directory, swap.c_str(), RENAME_NOREPLACE) != 0) {

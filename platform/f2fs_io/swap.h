@@ -21,8 +21,10 @@ struct ExchangeChecks {
 /// The two names are exchanged in one step (renameat2(2), RENAME_EXCHANGE), then what came out is
 /// looked at: only when it is `outgoing`, and nobody has taken it up, is it removed. Otherwise the
 /// exchange is undone, and the newest file that others have put under the entry's name meanwhile
-/// ends there. When both files have been taken up, the one stays that has no other name. In every
-/// case the swap name is gone at the end.
+/// ends there. When both files have been taken up, the one stays that has no other name.
+///
+/// The swap name is gone at the end, unless a call has failed in such a way that its file may be
+/// the last name of what somebody writes: then it stays, and a line of the log at ERROR names it.
 ///
 /// 0 or an errno: ESTALE when the entry named another file, EOPNOTSUPP when the file system has no
 /// exchange, that of `checks.outgoing`.
