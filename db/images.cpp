@@ -51,9 +51,12 @@ TextStamp stampOfText(std::string_view text) {
     return stamp;
 }
 
-/// Whether the file holds the text of the image. Reads it only when the image has one.
+/// Whether the file holds the text of the image. Reads it only when it is as long as that.
 bool holdsTextOf(const Image& image, const std::string& path) {
-    return image.text() && stampOf(path, kJsonPiece) == image.text();
+    struct stat st = {};
+    return image.text() && stat(path.c_str(), &st) == 0 &&
+           static_cast<uint64_t>(st.st_size) == image.text()->bytes &&
+           stampOf(path, kJsonPiece) == image.text();
 }
 
 constexpr uint64_t kLongText = uint64_t{1} << 20;  // bytes that are worth a thread

@@ -141,6 +141,19 @@ TEST_F(FaultsTest, LimitsOnFileSizeAndDescriptors) {
     EXPECT_TRUE(isRunning());
 }
 
+TEST_F(FaultsTest, WhatAnOperationThrowsEndsInTheLog) {
+    if (RUX_SLOW_AND_LARGE) GTEST_SKIP() << "a sanitizer ends the process instead";
+    scanTree();
+    // No memory holds this file.
+    const std::string huge = sandbox.database("s", "RUXFileInfo.json");
+    limit(RLIMIT_AS, rlim_t{1} << 40);
+    ASSERT_EQ(truncate(huge.c_str(), off_t{1} << 42), 0);
+    EXPECT_EQ(call(2, rule("s", {".*"}, Json::array())), "{}");
+    EXPECT_EQ(logged("listing failed: "), 1);
+    fs::remove(huge);
+    EXPECT_NE(call(2, rule("s", {".*"}, Json::array())), "{}") << "the flag is clear again";
+}
+
 TEST_F(FaultsTest, ThingsVanishWhileTheyAreWorkedOn) {
     for (int i = 0; i < 300; ++i) {
         sandbox.write("d" + std::to_string(i % 10) + "/" + std::to_string(i), "same");

@@ -53,7 +53,7 @@ class Session:
         os.mkdir(self.hold_directory)
         self.offset = os.path.getsize(service.base + "/log")
         self.arms = 0
-        self.restarts = 0
+        self.logs = self.pick.random() < 0.25  # the library's, from the first restore on
         with open(self.model.zel + "plain", "w", encoding="ascii"):
             pass
 
@@ -99,13 +99,13 @@ class Session:
 
     def change(self):
         pick, files = self.pick, self.files()
-        for path in pick.sample(files, min(len(files), 2)):
-            what = pick.randrange(4)
+        for path in pick.sample(files, min(len(files), 4)):
+            what = pick.randrange(6)
             if what == 0:
                 os.remove(path)
-            elif what == 1:
+            elif what < 4:
                 self.set_time(path)
-            elif what == 2:
+            elif what == 4:
                 with open(path, "a", encoding="ascii") as file:
                     file.write("a")
         if pick.random() < 0.6:
@@ -125,7 +125,7 @@ class Session:
         if what < 2 and os.path.exists(path):
             os.remove(path)
         if what < 2:
-            return os.mkdir(path) if what == 1 else None
+            return (lambda: None, lambda: os.mkdir(path), lambda: os.mknod(path, stat.S_IFSOCK))[what * pick.choice([1, 2])]()
         if what == 2:
             text = ""
         elif what == 3:
@@ -207,8 +207,8 @@ class Session:
         found = {}
         for directory, _, names in os.walk(self.model.zel):
             for name in names:
-                with open(os.path.join(directory, name), encoding="utf-8", newline="") as file:
-                    found[os.path.normpath(os.path.join(directory, name))] = file.read()
+                path = os.path.join(directory, name)
+                found[os.path.normpath(path)] = "a socket" if stat.S_ISSOCK(os.stat(path).st_mode) else text_on_disk(path)
         return found
 
     def tree(self):
@@ -246,6 +246,8 @@ class Session:
         pick, model = self.pick, self.model
         request = self.request(operation)
         hold, inside, stop = None, [], False
+        if operation == "restore" and self.logs:
+            self.set(TOOL_LOG, "true")
         if operation in STOP and pick.random() < (0.9 if len(request) < 3 else 0.3):  # of no effect, from before
             self.set(STOP[operation], "true")
             self.set(PROGRESS, "x")
@@ -373,7 +375,7 @@ class Session:
                 with open(f"{self.service.tree}/many/{i}", "w", encoding="ascii") as file:
                     file.write("many")
         for _ in range(CALLS):
-            self.call(pick.choice(["scan"] * 4 + ["list"] * 4 + ["compress"] * 2 + ["restore"] + ["rules"]))
+            self.call(pick.choice(["scan"] * 4 + ["list"] * 4 + ["compress"] * 2 + ["restore"] + ["rules"] * 2))
             for chance, step in ((0.5, self.change), (0.4, self.damage), (0.05, self.restart)):
                 if pick.random() < chance:
                     step()

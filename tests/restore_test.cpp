@@ -5,14 +5,10 @@
 
 #include <fcntl.h>
 
-#include <filesystem>
-
 #include "tests/support/sandbox.h"
 
 namespace rux::test {
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr char kLinked[] = "RUXCheckACompress.json";
 constexpr char kModified[] = "RUXModifyFileInfo.json";

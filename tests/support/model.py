@@ -235,7 +235,9 @@ class Model:
     def save(self, directory, *selected):
         for index in selected:
             path = directory + "/" + FILES[index]
-            if os.path.isdir(path) or not (os.path.isdir(directory) or directory in self.made):
+            st = status(path)
+            closed = st and (stat.S_ISDIR(st.st_mode) or stat.S_ISSOCK(st.st_mode))
+            if closed or not (os.path.isdir(directory) or directory in self.made):
                 self.log("E", "DBWriteUpdate", f"The DB{index + 1} open fail.")
             else:
                 self.texts[path] = text_of(self.images[index])
