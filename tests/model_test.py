@@ -118,6 +118,8 @@ class Session:
         path = pick.choice(files + [self.model.zel + "RUXExceptRules.json"])
         if os.path.isdir(path):
             return os.rmdir(path)
+        if os.path.exists(path) and not os.path.isfile(path):
+            return os.remove(path)
         if not os.path.isdir(os.path.dirname(path)):
             return None
         text = text_on_disk(path) or ""
