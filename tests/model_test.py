@@ -37,7 +37,7 @@ NAMES = ["a.jpg", "b.jpg", "c.JPG", "archive.tar.gz", ".profile", "README", "fil
          "é 😀.txt", "quote\"\\.t", "tab\t.t", b"bad\xff.t", ".rux-swap-0123456789abcdef0123456789abcdef",
          ".rux-part-not-of-the-library-but-of-a-user-x", "d.d", "e", "f", "g"]
 PATTERNS = [".*"] * 9 + [r".*\.jpg", r".*\.(jpg|t)", ".*/[a-m][^/]*", "jpg", "(", "[", r".*é.*", ".*/d[12]?/.*"]
-SPACES = ["s"] * 8 + ["t"] * 5 + ["é u", "", "plain", "..", "a/b", "n\0l", "x" * 300]
+SPACES = ["s"] * 20 + ["t"] * 6 + ["é u", "", "plain", "..", "a/b", "n\0l", "x" * 300]
 
 
 def as_logged(text):
@@ -62,7 +62,7 @@ class Session:
     def populate(self, directory, depth):
         pick = self.pick
         os.makedirs(directory, exist_ok=True)
-        for name in pick.sample(NAMES, pick.randrange(1, 12)):
+        for name in pick.sample(NAMES, pick.randrange(1, 9)):
             path = os.path.join(os.fsencode(directory), os.fsencode(name))
             if not os.path.lexists(path):
                 self.make(os.fsdecode(path), depth)
@@ -109,7 +109,7 @@ class Session:
                 with open(path, "a", encoding="ascii") as file:
                     file.write("a")
         if pick.random() < 0.6:
-            self.populate(self.service.tree + "/new" + str(pick.randrange(20)), 2)
+            self.populate(self.service.tree + "/new" + str(pick.randrange(20)), 3)
 
     def damage(self):
         """One database file becomes something else."""
@@ -170,7 +170,7 @@ class Session:
         if pick.random() < 0.1:
             return pick.choice(WRONG[:5] if pick.random() < 0.3 else WRONG)
         if operation == "rules":
-            return json.dumps(pick.choice([[pick.choice(PATTERNS[9:])], [r".*/e/.*", "("], [], {}, None, ["x", 5], "x"]))
+            return json.dumps(pick.choice([[pick.choice(PATTERNS[9:])]] * 4 + [[r".*/e/.*", "("], [], {}, None, ["x", 5], "x"]))
         if operation == "compress":
             return json.dumps([pick.choice(SPACES + [5]) for _ in range(pick.choice([1, 1, 2, 3]))])
         return json.dumps([self.rule(operation) for _ in range(pick.choice([1, 1, 2, 3]))])
@@ -185,7 +185,7 @@ class Session:
                 "dirs": [pick.choice(places) for _ in range(pick.choice([0, 1, 1, 2, 2]))]}
         if operation != "restore" and not rule["dirs"] and pick.random() < 0.7:
             rule["dirs"] = [tree]
-        if pick.random() < 0.2:
+        if pick.random() < 0.12:
             name = pick.choice(["sid", "regs", "dirs"])
             wrong = pick.choice([None, None, 5, [], {}, ["x", 5], [5], "x"])
             if wrong is None:
@@ -253,7 +253,8 @@ class Session:
         if operation in STOP and pick.random() < (0.9 if len(request) < 3 else 0.3):  # of no effect, from before
             self.set(STOP[operation], "true")
             self.set(PROGRESS, "x")
-        # How many moments there will be, one of which may be held. The lines of a scan's readers come in any order.
+        # How many moments there will be, one of which may be held. The lines of a scan's readers come in any order,
+        # and so does what a listing does with more files than one thread looks at.
         forecast = copy.deepcopy(model)
         forecast.begin()
         getattr(forecast, operation)(request)
@@ -261,13 +262,13 @@ class Session:
             forecast.begin()  # no flag was held
         kind = "stat" if operation == "list" and pick.random() < 0.7 else "log"
         if forecast.moments[kind] and operation != "rules" and pick.random() < 0.7 and \
-                not (operation == "scan" and forecast.tool_log):
+                not (operation == "scan" and forecast.tool_log) and not (kind == "stat" and forecast.moments[kind] > 63):
             hold = (kind, pick.randrange(forecast.moments[kind]) + 1)
-            stop = operation in STOP and pick.random() < 0.7 and (kind == "stat" or operation != "list")
+            stop = operation in STOP and pick.random() < 0.85 and (kind == "stat" or operation != "list")
             if kind == "log":
                 inside = [pick.choice(sorted(REFUSALS) + ["stop scan", "stop compress"])
                           for _ in range(pick.randrange(3))]
-        value = pick.choice(["true"] * 6 + ["TRUE", "1", "true "])
+        value = pick.choice(["true"] * 8 + ["TRUE", "1", "true "])
         other = pick.choice(sorted(STOP))  # whose stop is set to be left alone by those that are refused
 
         def held():
@@ -376,9 +377,13 @@ class Session:
                 os.makedirs(self.service.tree + "/many", exist_ok=True)
                 with open(f"{self.service.tree}/many/{i}", "w", encoding="ascii") as file:
                     file.write("many")
+        operation = "scan"
         for _ in range(CALLS):
-            self.call(pick.choice(["scan"] * 4 + ["list"] * 4 + ["compress"] * 2 + ["restore"] + ["rules"] * 2))
-            for chance, step in ((0.5, self.change), (0.4, self.damage), (0.05, self.restart)):
+            self.call(operation)
+            # As a rule what a client would do next.
+            operation = pick.choice({"scan": ["list", "list", "compress"], "list": ["compress"], "compress": ["restore"]}
+                                    .get(operation, ["scan"]) * 3 + ["scan"] * 4 + ["list", "rules", "restore"])
+            for chance, step in ((0.4, self.change), (0.2, self.damage), (0.05, self.restart)):
                 if pick.random() < chance:
                     step()
             if pick.random() < 0.1:
