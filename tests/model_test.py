@@ -6,6 +6,7 @@ After each call the answer, the log, all database files, the properties and the 
 usage: model_test.py RUX RUXCTL HOLD_LIBRARY [SEED ...]     1-5 by default; 1-200 for the long form
 """
 
+import contextlib
 import copy
 import hashlib
 import json
@@ -19,7 +20,7 @@ import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from support.model import FILES, PROGRESS, STOP, TOOL_LOG, Model, text_on_disk  # noqa: E402
+from support.model import FILES, PROGRESS, STOP, TOOL_LOG, Model, owners_of, text_on_disk  # noqa: E402
 from support.service import COMPRESS, EXCEPT, LIST, RESTORE, SCAN, STOP_COMPRESS, STOP_SCAN, Service  # noqa: E402
 
 CALLS = 25  # of one seed
@@ -83,6 +84,10 @@ class Session:
         with open(path, "w", encoding="ascii") as file:
             file.write("" if kind == "empty" else "abcd"[pick.randrange(4)] * pick.choice([1, 1, 5000]))
         os.chmod(path, pick.choice([0o644, 0o644, 0o644, 0o600]))
+        if os.geteuid() == 0:
+            os.chown(path, pick.choice([0] * 9 + [1234]), pick.choice([0] * 9 + [4321]))
+        with contextlib.suppress(OSError):  # not every file system has them
+            os.setxattr(path, "user.note", pick.choice([b"1"] * 9 + [b"2"]))
         return self.set_time(path)
 
     def set_time(self, path):
@@ -223,7 +228,7 @@ class Session:
                 if stat.S_ISREG(st.st_mode):
                     with open(path, "rb") as file:
                         content = hashlib.md5(file.read()).digest()
-                found[path] = (st.st_ino, st.st_mode, st.st_mtime_ns, content)
+                found[path] = (st.st_ino, (st.st_mode, *owners_of(path)), st.st_mtime_ns, content)
         return found
 
     def log(self):

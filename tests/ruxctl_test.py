@@ -18,7 +18,7 @@ import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from support.service import LIST, SCAN, Service  # noqa: E402
+from support.service import LIST, SCAN, TOKEN, Service, string16  # noqa: E402
 
 COLOUR = re.compile(r"\x1b\[\d+m")
 
@@ -249,6 +249,23 @@ def check_messages(client, service):
         assert "Examples:\n  ruxctl " + command in client(command, "--help"), command
 
 
+def check_usage(client):
+    for arguments in ((), ("call",), ("call", "x"), ("call", "1", "--hex", "abc"), ("call", "1", "--hex", "zz"),
+                      ("call", "1", "\udcff"), ("stop", "restore"), ("scan", "--space", "s")):
+        client(*arguments, status=2)
+    client("call", "1", status=1)
+    assert "exception -4" in client.said, client.said
+    client("call", "99", status=1)
+    assert "status -74" in client.said, client.said
+    client("scan", "--space", "s", "/no/such/dir", status=1)
+    assert "No such file" in client.said, client.said
+    client("list", "--space", "unknown", status=1)
+    client("setprop", "x", "v" * 92, status=1)
+    client("setprop", "x", "v" * 91)
+    assert client("getprop", "x") == "v" * 91 + "\n"
+    assert client("call", "3", "--hex", (TOKEN + string16("[]")).hex()) == f"status 0\n{(bytes(4) + string16('0,0')).hex()}\n"
+
+
 def check_pages_and_completion(client):
     for program in ("rux", "ruxctl"):
         source = client("manual", program)
@@ -280,6 +297,7 @@ def main():
         check_report(client, service)
         check_compression_and_restore(client, service, a, odd)
         check_exceptions(client, service)
+        check_usage(client)
         check_refusals_and_interrupts(client, service)
         check_pages_and_completion(client)
         check_messages(client, service)

@@ -202,14 +202,21 @@ TEST_F(FileIoTest, RefusesToLinkWhatIsNoFileOfItsOwn) {
     }
 }
 
-TEST_F(FileIoTest, RestoredFilesKeepTheirHoles) {
+TEST_F(FileIoTest, RestoredFilesKeepTheirHolesAndTimes) {
     const std::string sparse = sandbox.write("sparse", "start");
     ASSERT_EQ(truncate(sparse.c_str(), 50 << 20), 0);
     const int file = open(sparse.c_str(), O_WRONLY | O_CLOEXEC);
     ASSERT_EQ(pwrite(file, "middle", 6, 20 << 20), 6);
     close(file);
     fs::create_hard_link(sparse, sandbox.path("other"));
+    const timespec times[] = {{1000000000, 123456789}, {900000000, 987654321}};
+    utimensat(AT_FDCWD, sparse.c_str(), times, 0);
     EXPECT_EQ(restoreLinkFile(sparse.c_str(), false), 0);
+    const struct stat restored = statusOf(sparse);
+    EXPECT_EQ(restored.st_nlink, 1U);
+    EXPECT_EQ(restored.st_atim.tv_sec, times[0].tv_sec);
+    EXPECT_EQ(restored.st_atim.tv_nsec, times[0].tv_nsec);
+    EXPECT_EQ(restored.st_mtim.tv_nsec, times[1].tv_nsec);
     EXPECT_EQ(rux::test::run({"cmp", sparse, sandbox.path("other")}).exit, 0);
     EXPECT_LT(statusOf(sparse).st_blocks, 1000);
 }

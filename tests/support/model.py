@@ -44,6 +44,13 @@ def status(path, follow=True):
         return None
 
 
+def owners_of(path):
+    """User, group and extended attributes."""
+    st = os.lstat(path)
+    return st.st_uid, st.st_gid, {name: os.getxattr(path, name, follow_symlinks=False)
+                                  for name in os.listxattr(path, follow_symlinks=False)}
+
+
 def seconds(st):
     return st.st_mtime_ns // 10**9
 
@@ -571,8 +578,8 @@ class Model:
         before, now = status(kept), status(self.file_at(path))
         if (before.st_dev, before.st_ino) == (now.st_dev, now.st_ino):
             return True
-        same = (before.st_dev, before.st_mode, before.st_uid, before.st_gid) == \
-            (now.st_dev, now.st_mode, now.st_uid, now.st_gid)
+        same = (before.st_dev, before.st_mode, *owners_of(kept)) == \
+            (now.st_dev, now.st_mode, *owners_of(self.file_at(path)))
         with open(kept, "rb") as first, open(self.file_at(path), "rb") as second:
             same = same and first.read() == second.read()
         if same:

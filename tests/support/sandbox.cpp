@@ -1,7 +1,6 @@
 #include "tests/support/sandbox.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,7 +12,6 @@
 #include <fstream>
 #include <iterator>
 #include <sstream>
-#include <utility>
 
 #include "binder/IServiceManager.h"
 #include "binder/Parcel.h"
@@ -237,38 +235,6 @@ int ServiceTest::logged(const std::string& text) const {
     int count = 0;
     for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1)) ++count;
     return count;
-}
-
-HeldFiles::HeldFiles(std::vector<std::string> paths) : mPaths(std::move(paths)) {
-    for (const std::string& path : mPaths) {
-        mContents.push_back(access(path.c_str(), F_OK) == 0 ? readFile(path) : "{}\n");
-        unlink(path.c_str());
-        EXPECT_EQ(mkfifo(path.c_str(), 0600), 0) << path;
-    }
-}
-
-HeldFiles::~HeldFiles() {
-    if (mWriter >= 0) close(mWriter);
-}
-
-bool HeldFiles::awaitReader() {
-    return waitFor([this] {
-        for (mRead = 0; mRead < mPaths.size(); ++mRead) {
-            mWriter = open(mPaths[mRead].c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-            if (mWriter >= 0) return true;
-        }
-        return false;
-    });
-}
-
-void HeldFiles::letGo() {
-    for (size_t i = 0; i < mPaths.size(); ++i) {
-        unlink(mPaths[i].c_str());
-        writeFile(mPaths[i], mContents[i]);
-    }
-    const std::string& text = mContents[mRead];
-    EXPECT_EQ(write(mWriter, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-    close(std::exchange(mWriter, -1));
 }
 
 }  // namespace rux::test

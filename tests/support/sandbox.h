@@ -115,26 +115,6 @@ class ServiceTest : public testing::Test {
     std::unique_ptr<android::host::PropertyStore> mProperties;
 };
 
-/// Files that keep whoever opens one of them waiting: pipes stand in their place for a while.
-class HeldFiles {
-  public:
-    explicit HeldFiles(std::vector<std::string> paths);
-    ~HeldFiles();
-    HeldFiles(const HeldFiles&) = delete;
-    HeldFiles& operator=(const HeldFiles&) = delete;
-
-    /// Waits until one of them is being read; false when that has not come true.
-    bool awaitReader();
-    /// Puts the files back as they were ("{}" where there was none), and has the reader read on.
-    void letGo();
-
-  private:
-    std::vector<std::string> mPaths;
-    std::vector<std::string> mContents;
-    size_t mRead = 0;  // the one that is being read
-    int mWriter = -1;
-};
-
 /// Calls `step` over and over on a thread of its own until the object goes.
 class Hammer {
   public:
