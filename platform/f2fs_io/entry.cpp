@@ -31,13 +31,12 @@ int Entry::open(const char* path) {
     if (whole.empty()) return ENOENT;
     if (name.empty() || name == "." || name == "..") return EINVAL;
     if (slash != std::string::npos) parent = whole.substr(0, slash + 1);
-    directory.reset(
-            ::open(parent.empty() ? "." : parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    return directory.valid() ? 0 : errno;
+    return resolve(parent.empty() ? "." : parent, &directory, &makers);
 }
 
 int Entry::openFile(UniqueFd* file, struct stat* st) const {
-    return openRegular(directory.get(), name.c_str(), O_NOFOLLOW, file, st);
+    const int error = openRegular(directory.get(), name.c_str(), O_NOFOLLOW, file, st);
+    return error == 0 && !makers.mayLeadTo(st->st_uid) ? ELOOP : error;
 }
 
 int Entry::status(const std::string& other, struct stat* st) const {

@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "f2fs_io/resolve.h"
 #include "utils/unique_fd.h"
 
 namespace android::host {
@@ -21,17 +22,19 @@ inline FileId idOf(const struct stat& st) {
 }
 
 /// The directory is opened once and everything else is done relative to it, so that no component of
-/// the path that is swapped later leads anywhere else.
+/// the path that is swapped later leads anywhere else. Nor does one that was swapped before lead to
+/// other people's files: symbolic links in the directory's path count by who made them.
 struct Entry {
     UniqueFd directory;
     std::string parent;  // its path, as it was given: for the log
     std::string name;
+    LinkMakers makers;  // of the links in the directory's path
 
     /// 0 or an errno; EINVAL for a path that ends in no name.
     int open(const char* path);
 
-    /// Opens the file itself for reading; ELOOP for a symbolic link, which is never followed,
-    /// EINVAL for what is not a regular file. Fills `st`.
+    /// Opens the file itself for reading; ELOOP for a symbolic link, which is never followed, and
+    /// for a file that others' links lead to, EINVAL for what is not a regular file. Fills `st`.
     int openFile(UniqueFd* file, struct stat* st) const;
 
     /// Status of `other`, a name in the same directory, links not followed.

@@ -202,6 +202,45 @@ TEST_F(FileIoTest, RefusesToLinkWhatIsNoFileOfItsOwn) {
     }
 }
 
+TEST_F(FileIoTest, LinksOfOthersLeadToNobodysFiles) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root";
+    constexpr uid_t kOwner = 12345;
+    constexpr uid_t kOther = 12346;
+    const auto link = [](const std::string& from, const std::string& to) {
+        return createHardLink(from.c_str(), to.c_str(), false);
+    };
+    const std::string home = sandbox.path("home");
+    fs::create_directory(home);
+    for (const char* name : {"/1", "/2"}) {
+        writeFile(home + name, "private");
+        ASSERT_EQ(chown((home + name).c_str(), kOwner, kOwner), 0);
+    }
+    const auto makeLink = [this](const std::string& target, const std::string& name, uid_t maker) {
+        fs::create_symlink(target, sandbox.path(name));
+        EXPECT_EQ(lchown(sandbox.path(name).c_str(), maker, maker), 0);
+        return sandbox.path(name);
+    };
+    const std::string others = makeLink("home", "others", kOther);
+    const std::string own = makeLink(home, "own", kOwner);
+    const std::string roots = makeLink("../tree/own", "roots", 0);
+    const std::string mixed = makeLink("others", "mixed", 0);
+    const std::string member = makeLink("home/1", "member", kOther);
+    for (const std::string& way : {others, mixed, others + "/../others//"}) {
+        EXPECT_EQ(link(home + "/1", way + "/2"), ELOOP) << way;
+        EXPECT_EQ(link(way + "/1", home + "/2"), ELOOP) << way;
+    }
+    EXPECT_EQ(link(member, home + "/2"), ELOOP);
+    EXPECT_EQ(statusOf(home + "/1").st_nlink, 1U);
+    for (const std::string& way : {own, roots}) {
+        EXPECT_EQ(link(way + "/1", way + "/2"), 0) << way;
+        EXPECT_EQ(restoreLinkFile((others + "/2").c_str(), false), ELOOP);
+        EXPECT_EQ(statusOf(home + "/1").st_nlink, 2U);
+        EXPECT_EQ(restoreLinkFile((way + "/2").c_str(), false), 0) << way;
+    }
+    makeLink("round", "round", 0);
+    EXPECT_EQ(link(home + "/1", sandbox.path("round/2")), ELOOP);
+}
+
 TEST_F(FileIoTest, RestoredFilesKeepTheirHolesAndTimes) {
     const std::string sparse = sandbox.write("sparse", "start");
     ASSERT_EQ(truncate(sparse.c_str(), 50 << 20), 0);

@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <utility>
 
 #include "f2fs_io/compare.h"
@@ -19,16 +18,27 @@ namespace {
 
 /// Makes `name` in the entry's directory one more name of the open file `kept`: of exactly that
 /// file, whatever its path leads to by now.
-int linkOpenFile(int kept, const Entry& entry, const std::string& name) {
+int linkOpenFile(const UniqueFd& kept, const Entry& entry, const std::string& name) {
     // Not every kernel lets every process link a bare descriptor, but then there is its name in
     // /proc.
-    if (linkat(kept, "", entry.directory.get(), name.c_str(), AT_EMPTY_PATH) == 0) return 0;
+    if (linkat(kept.get(), "", entry.directory.get(), name.c_str(), AT_EMPTY_PATH) == 0) return 0;
     if (errno != ENOENT && errno != EPERM) return errno;
-    char path[32];
-    snprintf(path, sizeof(path), "/proc/self/fd/%d", kept);
-    return linkat(AT_FDCWD, path, entry.directory.get(), name.c_str(), AT_SYMLINK_FOLLOW) == 0
+    return linkat(AT_FDCWD, ownPathOf(kept).c_str(), entry.directory.get(), name.c_str(),
+                  AT_SYMLINK_FOLLOW) == 0
                    ? 0
                    : errno;
+}
+
+/// Opens the file that is to be kept, and nothing but a file: to open a device may do something.
+int openKept(const char* path, LeasedFile* kept) {
+    UniqueFd place;
+    LinkMakers makers;
+    struct stat st = {};
+    if (const int error = resolve(path, &place, &makers); error != 0) return error;
+    if (fstat(place.get(), &st) != 0) return errno;
+    if (!S_ISREG(st.st_mode)) return EINVAL;
+    if (!makers.mayLeadTo(st.st_uid)) return ELOOP;
+    return openRegular(AT_FDCWD, ownPathOf(place).c_str(), 0, &kept->file, &kept->status);
 }
 
 int linkDuplicate(const char* keptPath, const char* duplicatePath) {
@@ -37,10 +47,7 @@ int linkDuplicate(const char* keptPath, const char* duplicatePath) {
     LeasedFile old;
     if (const int error = entry.open(duplicatePath); error != 0) return error;
     if (const int error = entry.openFile(&old.file, &old.status); error != 0) return error;
-    if (const int error = openRegular(AT_FDCWD, keptPath, 0, &kept.file, &kept.status);
-        error != 0) {
-        return error;
-    }
+    if (const int error = openKept(keptPath, &kept); error != 0) return error;
     // One file already; a call that was killed right after the exchange may have left the other
     // one.
     if (kept.id() == old.id()) return entry.removeLeftovers();
@@ -57,11 +64,11 @@ int linkDuplicate(const char* keptPath, const char* duplicatePath) {
         return error;
     }
     if (const int error = kept.undisturbed(); error != 0) return error;
-    int error = linkOpenFile(kept.file.get(), entry, entry.swapName());
+    int error = linkOpenFile(kept.file, entry, entry.swapName());
     if (error == EEXIST) {  // left by a call that was killed; looked for only now, as there is none
                             // as a rule
         error = entry.removeLeftovers();
-        if (error == 0) error = linkOpenFile(kept.file.get(), entry, entry.swapName());
+        if (error == 0) error = linkOpenFile(kept.file, entry, entry.swapName());
     }
     if (error != 0) return error;
     // From the exchange on whoever opens the name finds the kept file, linked: that is all right.

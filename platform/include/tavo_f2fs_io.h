@@ -25,7 +25,8 @@ FileMD5Result computeFileMD5(const char* path, bool enableLog);
 /// byte for byte. At every instant the name leads to the same content.
 ///
 /// 0 also when the two are one file already. Otherwise nothing has changed, and the code says why:
-///   ELOOP       the duplicate is a symbolic link
+///   ELOOP       the duplicate is a symbolic link, or a symbolic link on the way to one of the two
+///               was made neither by the file's owner, nor by root or this process's user
 ///   EINVAL      one of them is not a regular file
 ///   EXDEV       they lie on different file systems
 ///   EILSEQ      their sizes or their bytes differ
