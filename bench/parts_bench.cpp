@@ -66,7 +66,7 @@ void fillImages(int64_t files) {
                      static_cast<unsigned long long>(i / 2) * 0x9e3779b97f4a7c15ULL, 0);
             return result;
         };
-        rux::calculateFileMD5(path, path, st, rux::judge(path, all, none), digest, newcomers);
+        rux::calculateFileMD5(path, path, st, rux::judge(path, "", all, none), digest, newcomers);
     }
     newcomers.enter();
 }

@@ -2,14 +2,25 @@
 
 #include <atomic>
 
+#include "control/properties.h"
+
 /// Has the allocator keep what is freed for what will be asked for next, or no longer. An
 /// extension: where the platform's has none, the address is null.
 [[gnu::weak]] void keepFreedMemory(bool keep);
+
+/// Has the I/O library ask whether it may give up the file that it is reading. An extension too.
+[[gnu::weak]] void giveUpLongFilesWhen(bool (*unwanted)());
 
 namespace rux {
 namespace {
 
 std::atomic<uint32_t> busyFlags{0};
+
+/// Whether somebody wants the scan or the compression under way to stop.
+bool isUnwanted() {
+    return (isBusy(Operation::Scan) && getStopProp(kStopScan)) ||
+           (isBusy(Operation::Compression) && getStopProp(kStopCompression));
+}
 
 }  // namespace
 
@@ -26,7 +37,9 @@ BusyGuard::BusyGuard(Operation operation) {
     // Acquire and release: what the operation before left in memory is seen by this one.
     mAdmitted = busyFlags.compare_exchange_strong(none, static_cast<uint32_t>(operation),
                                                   std::memory_order_acq_rel);
-    if (mAdmitted && keepFreedMemory != nullptr) keepFreedMemory(true);
+    if (!mAdmitted) return;
+    if (keepFreedMemory != nullptr) keepFreedMemory(true);
+    if (giveUpLongFilesWhen != nullptr) giveUpLongFilesWhen(isUnwanted);
 }
 
 BusyGuard::~BusyGuard() {

@@ -7,27 +7,46 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 #include <utility>
 
 namespace rux {
 namespace {
 
+constexpr int kMostEntries = 16;  // into a directory behind links
+
 bool isDotName(const char* name) {
     return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
 }
 
+bool isLink(int directory, const dirent& entry) {
+    struct stat status = {};
+    if (entry.d_type != DT_UNKNOWN) return entry.d_type == DT_LNK;
+    return fstatat(directory, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+           S_ISLNK(status.st_mode);
+}
+
 }  // namespace
+
+std::string realPathOf(const std::string& path) {
+    std::error_code failure;
+    std::string real = std::filesystem::canonical(path, failure);
+    return failure || real == path ? std::string() : real;
+}
 
 Entry::Kind kindOf(const struct stat& status) {
     const bool hasContent = !S_ISDIR(status.st_mode) && status.st_size != 0;
     return hasContent ? Entry::Kind::File : Entry::Kind::Unopenable;
 }
 
-EntryStream::EntryStream(const std::string& start) : mPath(start) {
+EntryStream::EntryStream(const std::string& start, bool wantsRealPaths)
+      : mPath(start), mWantsRealPaths(wantsRealPaths) {
     struct stat status = {};
     Stream stream(opendir(start.c_str()));
     if (stream == nullptr || fstat(dirfd(stream.get()), &status) != 0) return;
-    mLevels.push_back({std::move(stream), status.st_dev, status.st_ino, start.size()});
+    mLevels.push_back({std::move(stream), status.st_dev, status.st_ino, start.size(), false,
+                       wantsRealPaths ? realPathOf(start) : ""});
     mIsOpen = true;
 }
 
@@ -73,16 +92,21 @@ Entry EntryStream::nextEntry() {
     const bool mayBeDirectory =
             found->d_type == DT_DIR || found->d_type == DT_LNK || found->d_type == DT_UNKNOWN;
     entry.isRegular = found->d_type == DT_REG;
-    const size_t nameStart = level.pathLength + 1;
-    if (mayBeDirectory) entry.kind = enter(name);
-    if (entry.kind != Entry::Kind::Unknown) return entry;
-    entry.path = mPath;
-    entry.nameStart = nameStart;
+    entry.nameStart = level.pathLength + 1;
+    const bool byLink = mayBeDirectory && isLink(dirfd(level.stream.get()), *found);
+    if (byLink && mWantsRealPaths) {
+        entry.realPath = realPathOf(mPath);
+    } else if (!level.realPath.empty()) {
+        entry.realPath = level.realPath + "/" + name;
+    }
+    if (mayBeDirectory) entry.kind = enter(name, byLink, entry.realPath);
+    if (entry.kind == Entry::Kind::Unknown) entry.path = mPath;
     return entry;
 }
 
 /// Goes down into a directory and says what came of it; `Unknown` for what is none.
-Entry::Kind EntryStream::enter(const char* name) {
+Entry::Kind EntryStream::enter(const char* name, bool byLink, const std::string& realPath) {
+    const bool isBehindLink = byLink || mLevels.back().isBehindLink;
     const int above = dirfd(mLevels.back().stream.get());
     struct stat status = {};
     const int directory = openat(above, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -93,12 +117,16 @@ Entry::Kind EntryStream::enter(const char* name) {
     }
     Stream stream;
     // A directory on the path already is not entered: a symbolic link leads back up to it.
-    if (fstat(directory, &status) == 0 && !isOnPath(status)) stream.reset(fdopendir(directory));
+    const bool mayEnter =
+            fstat(directory, &status) == 0 && !isOnPath(status) &&
+            (!isBehindLink || mEntered[{status.st_dev, status.st_ino}]++ < kMostEntries);
+    if (mayEnter) stream.reset(fdopendir(directory));
     if (stream == nullptr) {
         close(directory);
         return Entry::Kind::Unopenable;
     }
-    mLevels.push_back({std::move(stream), status.st_dev, status.st_ino, mPath.size()});
+    mLevels.push_back({std::move(stream), status.st_dev, status.st_ino, mPath.size(), isBehindLink,
+                       realPath});
     return Entry::Kind::Directory;
 }
 

@@ -6,8 +6,10 @@
 
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace rux {
@@ -27,17 +29,22 @@ struct Entry {
     bool isRegular = false;  // the directory says that it is a regular file
     std::string path;        // of one that is Unknown
     size_t nameStart = 0;    // where its name starts in it
+    std::string realPath;    // without symbolic links, where `path` has some and it is wanted
 };
 
 /// The kind of an entry with that status which cannot be entered.
 Entry::Kind kindOf(const struct stat& status);
 
-/// Walks a tree depth first, in the order of the directories, symbolic links followed; a directory
-/// that is on the current path already is not entered again.
+/// The path without symbolic links; nothing when it has none, or leads nowhere.
+std::string realPathOf(const std::string& path);
+
+/// Walks a tree depth first, in the order of the directories, symbolic links followed. A directory
+/// that is on the current path already is not entered again, and one behind links at most 16 times:
+/// some dozens of links in some dozens of directories make more paths than anybody can walk.
 class EntryStream {
   public:
     /// Opens the directory `start`.
-    explicit EntryStream(const std::string& start);
+    explicit EntryStream(const std::string& start, bool wantsRealPaths = false);
 
     /// Whether `start` could be opened as a directory.
     bool isOpen() const { return mIsOpen; }
@@ -61,16 +68,20 @@ class EntryStream {
         Stream stream;
         dev_t device;
         ino_t inode;
-        size_t pathLength;  // of its own path, to which the entries' names are added
+        size_t pathLength;     // of its own path, to which the entries' names are added
+        bool isBehindLink;     // it or one above it was entered by a symbolic link
+        std::string realPath;  // where it differs from its own, and is wanted
     };
 
     Entry nextEntry();
-    Entry::Kind enter(const char* name);
+    Entry::Kind enter(const char* name, bool byLink, const std::string& realPath);
     bool isOnPath(const struct stat& status) const;
 
     std::vector<Level> mLevels;
     std::string mPath;
+    const bool mWantsRealPaths;
     bool mIsOpen = false;
+    std::map<std::pair<dev_t, ino_t>, int> mEntered;  // directories behind links, and how often
 };
 
 }  // namespace rux

@@ -35,15 +35,18 @@ std::string suffixOf(std::string_view name) {
 
 }  // namespace
 
-Judgement judge(const std::string& path, const PatternList& regs, const PatternList& blackList,
-                bool mayBeFinished) {
+Judgement judge(const std::string& path, const std::string& realPath, const PatternList& regs,
+                const PatternList& blackList, bool mayBeFinished) {
     Judgement judgement;
     if (mayBeFinished && isFinished(path)) return judgement;
     if (!regs.matches(path, judgement.tooLong) || isLeftover(path)) return judgement;
     if (!isStorablePath(path)) {
         judgement.need = Need::NotStorable;
     } else {
-        judgement.need = blackList.matches(path, judgement.tooLong) ? Need::Record : Need::Digest;
+        const bool isException =
+                blackList.matches(path, judgement.tooLong) ||
+                (!realPath.empty() && blackList.matches(realPath, judgement.tooLong));
+        judgement.need = isException ? Need::Record : Need::Digest;
     }
     return judgement;
 }

@@ -27,10 +27,11 @@ struct Judgement {
 };
 
 /// Decides what a file needs, from its path and the images alone and without any effect: so it can
-/// be asked ahead of the file's turn. One of `regs` must match the path, and none of `blackList`.
+/// be asked ahead of the file's turn. One of `regs` must match the path; and none of `blackList`,
+/// nor the path without symbolic links, when that is another (`realPath`, or empty).
 /// Without `mayBeFinished` the path is known to be new, and the image is not asked.
-Judgement judge(const std::string& path, const PatternList& regs, const PatternList& blackList,
-                bool mayBeFinished = true);
+Judgement judge(const std::string& path, const std::string& realPath, const PatternList& regs,
+                const PatternList& blackList, bool mayBeFinished = true);
 
 /// Takes up one file that the walk has met: writes its record into DB1 and, when it needs a digest,
 /// has it enter the group of that digest in DB2, among the `newcomers`. `digest` is called at most

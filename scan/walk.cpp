@@ -25,7 +25,9 @@ void takeSingleFile(const std::string& path, const struct stat& st, const Patter
         if (claim == KnownFiles::Claim::Ours) knownFiles.settle(st, result);
         return result;
     };
-    calculateFileMD5(path, "", st, judge(path, regs, blackList), digest, preparation.newcomers);
+    const std::string realPath = blackList.empty() ? "" : realPathOf(path);
+    calculateFileMD5(path, "", st, judge(path, realPath, regs, blackList), digest,
+                     preparation.newcomers);
 }
 
 }  // namespace
@@ -33,7 +35,7 @@ void takeSingleFile(const std::string& path, const struct stat& st, const Patter
 int scanSpaceID(const std::string& path, const PatternList& regs, const PatternList& blackList,
                 Preparation& preparation) {
     const bool nameable = path.find('\0') == std::string::npos;
-    EntryStream stream(nameable ? path : "");
+    EntryStream stream(nameable ? path : "", !blackList.empty());
     if (!stream.isOpen()) {
         struct stat st = {};
         if (!nameable || stat(path.c_str(), &st) != 0) {

@@ -70,7 +70,7 @@ bool Window::findLongFiles() {
 void Window::prepare(Item& item, std::vector<ReadJob*>& jobs) {
     const Entry& entry = item.entry;
     if (entry.kind != Entry::Kind::Unknown) return;
-    item.judgement = judge(entry.path, mRegs, mBlackList, mMayBeFinished);
+    item.judgement = judge(entry.path, entry.realPath, mRegs, mBlackList, mMayBeFinished);
     item.job.path = entry.path.c_str();
     item.job.isRegular = entry.isRegular;
     item.job.wantsDigest = item.judgement.need == Need::Digest;

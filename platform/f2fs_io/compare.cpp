@@ -15,6 +15,8 @@
 #include <thread>
 #include <utility>
 
+#include "f2fs_io/long_file.h"
+
 namespace android::host {
 namespace {
 
@@ -52,12 +54,15 @@ class Comparison {
     Comparison(int first, int second, off_t size, const std::function<bool()>& interrupted)
           : mFirst(first), mSecond(second), mSize(size), mInterrupted(interrupted) {}
 
-    /// Until no share is left, or one is not the same.
-    void work(Pieces& pieces) {
+    /// Until no share is left, or one is not the same. `longFile` is for one of the threads.
+    void work(Pieces& pieces, LongFile* longFile) {
         while (true) {
             const off_t begin = mNext.fetch_add(kShare);
             if (begin >= mSize) return;
-            if (const int error = compareShare(begin, pieces); error != 0) fail(begin, error);
+            if (mSize >= kWorthHelp && skipHole(begin)) continue;
+            int error = compareShare(begin, pieces);
+            if (error == 0 && longFile != nullptr) error = longFile->count(mFirst, kShare);
+            if (error != 0) fail(begin, error);
         }
     }
 
@@ -65,6 +70,23 @@ class Comparison {
     int error() const { return mError; }
 
   private:
+    /// Whether both files have a hole at `begin` that goes beyond the share. What lies in it is not
+    /// looked at.
+    bool skipHole(off_t begin) {
+        off_t data = mSize;
+        for (const int file : {mFirst, mSecond}) {
+            const off_t found = lseek(file, begin, SEEK_DATA);
+            if (found < 0 && errno != ENXIO) return false;
+            if (found >= 0) data = std::min(data, found);
+        }
+        if (data < begin + kShare) return false;
+        const off_t next = data / kShare * kShare;
+        off_t now = mNext;
+        while (now < next && !mNext.compare_exchange_weak(now, next)) {
+        }
+        return true;
+    }
+
     int compareShare(off_t begin, Pieces& pieces) const {
         const off_t end = std::min(begin + kShare, mSize);
         for (off_t at = begin; at < end; at += kPiece) {
@@ -136,7 +158,7 @@ class Helper {
         while (mInvitation.wait_for(lock, kIdle, [this] { return mInvitedTo != nullptr; })) {
             mIsIn = std::exchange(mInvitedTo, nullptr);
             lock.unlock();
-            mIsIn->work(pieces);
+            mIsIn->work(pieces, nullptr);
             lock.lock();
             mIsIn = nullptr;
             mDeparture.notify_all();
@@ -163,7 +185,8 @@ int compareBytes(int first, int second, off_t size, const std::function<bool()>&
     static auto& helper = *new Helper;  // its thread outlives every other object
     Comparison comparison(first, second, size, interrupted);
     if (size >= kWorthHelp) helper.invite(comparison);
-    comparison.work(*pieces);
+    LongFile longFile;
+    comparison.work(*pieces, &longFile);
     if (size >= kWorthHelp) helper.dismiss(comparison);
     return comparison.error();
 }

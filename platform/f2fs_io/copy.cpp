@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <vector>
 
+#include "f2fs_io/long_file.h"
 #include "f2fs_io/xattrs.h"
 
 namespace android::host {
@@ -29,7 +30,8 @@ int writeFully(int file, const char* bytes, size_t size, off_t offset) {
 }
 
 /// Copies the bytes from `start` to `end`.
-int copyRange(int from, int to, off_t start, off_t end, const std::function<bool()>& interrupted) {
+int copyRange(int from, int to, off_t start, off_t end, const std::function<bool()>& interrupted,
+              LongFile& longFile) {
     thread_local std::vector<char> piece(kPiece);
     while (start < end) {
         const auto wanted = static_cast<size_t>(std::min<off_t>(end - start, kPiece));
@@ -41,6 +43,8 @@ int copyRange(int from, int to, off_t start, off_t end, const std::function<bool
             error != 0) {
             return error;
         }
+        if (const int error = longFile.count(from, static_cast<size_t>(got)); error != 0)
+            return error;
         if (interrupted()) return EBUSY;
         start += got;
     }
@@ -52,13 +56,14 @@ int copyRange(int from, int to, off_t start, off_t end, const std::function<bool
 int copyContent(int from, int to, const struct stat& source,
                 const std::function<bool()>& interrupted) {
     if (ioctl(to, FICLONE, from) == 0) return 0;
+    LongFile longFile;
     for (off_t end = 0; end < source.st_size;) {
         const off_t start = lseek(from, end, SEEK_DATA);
         if (start < 0 && errno == ENXIO) break;  // only a hole is left
         if (start < 0) return errno;
         end = lseek(from, start, SEEK_HOLE);
         if (end < 0) return errno;
-        if (const int error = copyRange(from, to, start, end, interrupted); error != 0)
+        if (const int error = copyRange(from, to, start, end, interrupted, longFile); error != 0)
             return error;
     }
     return ftruncate(to, source.st_size) == 0 ? 0 : errno;

@@ -307,6 +307,7 @@ class Model:
                     self.log("D", function, "stop.")
                     self.save(space, 0, 1, 3)
                     return None
+                self.entered = {}
                 if self.walk(path, patterns, exceptions, []) != 0:
                     self.log("E", function, "scanSpaceID fail")
             self.save(space, 0, 1, 3)
@@ -331,11 +332,15 @@ class Model:
             return []
         return strings(value)
 
-    def walk(self, path, patterns, exceptions, above):
+    def walk(self, path, patterns, exceptions, above, behind_link=False):
         st = status(path)
         names = entries(path)
         if names is not None and (st.st_dev, st.st_ino) in above:
             names = None
+        if names is not None and behind_link:
+            self.entered[st.st_ino] = self.entered.get(st.st_ino, 0) + 1
+            if self.entered[st.st_ino] > 16:
+                names = None
         if names is None:
             if st is None:
                 self.log("E", "scanSpaceID:stat", "The directory cannot be opened.")
@@ -356,7 +361,8 @@ class Model:
             if child_st is None:
                 self.log("E", "scanSpaceID:stat", "The directory cannot be opened.")
             elif stat.S_ISDIR(child_st.st_mode) or child_st.st_size == 0:
-                self.walk(child, patterns, exceptions, above + [(st.st_dev, st.st_ino)])
+                self.walk(child, patterns, exceptions, above + [(st.st_dev, st.st_ino)],
+                          behind_link or os.path.islink(child))
             else:
                 self.fingerprint(child, name, child_st, patterns, exceptions)
         return 0
@@ -377,7 +383,7 @@ class Model:
             suffix = "nosuffix"
         record = {"V": 1, "s_time": seconds(st), "c_flag": 0, "w_flag": 0, "reg": suffix, "is_md5": 0}
         self.object(0)[path] = record
-        if self.matches(exceptions, path):
+        if self.matches(exceptions, path) or self.matches(exceptions, os.path.realpath(path)):
             self.log("D", "calculateFileMD5", "the file is in black list")
             return
         with open(path, "rb") as file:

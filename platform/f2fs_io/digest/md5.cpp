@@ -52,7 +52,7 @@ std::string md5OfText(std::string_view text) {
     return md5.finish();
 }
 
-int md5Of(const DigestSource& source, std::string* digest) {
+int md5Of(DigestSource& source, std::string* digest) {
     thread_local std::vector<unsigned char> piece(kPiece);
     Md5 md5;
     off_t done = 0;

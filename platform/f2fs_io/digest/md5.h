@@ -14,7 +14,7 @@ std::string md5OfText(std::string_view text);
 
 /// The digest of what `source` holds, read in pieces. 0 or an errno, EAGAIN for a file that
 /// outgrows the size it had when it was opened.
-int md5Of(const DigestSource& source, std::string* digest);
+int md5Of(DigestSource& source, std::string* digest);
 
 /// Writes `size` bytes as lower-case hexadecimal digits to `text`, without a NUL.
 void writeHex(const void* bytes, size_t size, char* text);

@@ -47,11 +47,16 @@ int DigestSource::open(const char* path) {
     return 0;
 }
 
-ssize_t DigestSource::read(void* bytes, size_t size) const {
-    while (true) {
-        const ssize_t got = ::read(mFile.get(), bytes, size);
-        if (got >= 0 || errno != EINTR) return got;
-    }
+ssize_t DigestSource::read(void* bytes, size_t size) {
+    ssize_t got = -1;
+    do {
+        got = ::read(mFile.get(), bytes, size);
+    } while (got < 0 && errno == EINTR);
+    if (got <= 0) return got;
+    const int error = mLong.count(mFile.get(), static_cast<size_t>(got));
+    if (error == 0) return got;
+    errno = error;
+    return -1;
 }
 
 ssize_t DigestSource::readAtOnce(void* bytes, size_t size) const {

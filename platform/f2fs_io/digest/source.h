@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include "f2fs_io/long_file.h"
 #include "utils/unique_fd.h"
 
 namespace android::host {
@@ -14,8 +15,9 @@ class DigestSource {
     /// 0 or an errno; EINVAL for what is no regular file or only looks like one.
     int open(const char* path);
 
-    /// Up to `size` of the bytes that follow. 0 at the end, -1 with errno on failure.
-    ssize_t read(void* bytes, size_t size) const;
+    /// Up to `size` of the bytes that follow. 0 at the end, -1 with errno on failure, ECANCELED for
+    /// a long file that nobody wants any more.
+    ssize_t read(void* bytes, size_t size);
 
     /// Has the system fetch the beginning of the file, unless it is in memory already, while the
     /// caller goes on with others. Returns what of it is there at once, as `read` does, or -1.
@@ -33,6 +35,7 @@ class DigestSource {
   private:
     UniqueFd mFile;
     struct stat mOpened = {};
+    LongFile mLong;
 };
 
 }  // namespace android::host
