@@ -13,6 +13,7 @@ import json
 import os
 import random
 import re
+import shutil
 import stat
 import subprocess
 import sys
@@ -113,6 +114,10 @@ class Session:
             elif what == 4:
                 with open(path, "a", encoding="ascii") as file:
                     file.write("a")
+        if files and pick.random() < 0.3:  # a group forms again of files that are all new
+            source = pick.choice(self.files())
+            for number in pick.sample(range(1000), 2):
+                shutil.copy2(source, f"{self.service.tree}/{number}.copy")
         if pick.random() < 0.6:
             self.populate(self.service.tree + "/new" + str(pick.randrange(20)), 3)
 
@@ -382,6 +387,11 @@ class Session:
                 os.makedirs(self.service.tree + "/many", exist_ok=True)
                 with open(f"{self.service.tree}/many/{i}", "w", encoding="ascii") as file:
                     file.write("many")
+        if pick.random() < 0.1:  # more ways to a directory than are walked
+            os.makedirs(self.service.tree + "/few/few")
+            self.make(self.service.tree + "/few/few/file", 3)
+            for i in range(18):
+                os.symlink("few", f"{self.service.tree}/few{i}")
         operation = "scan"
         for _ in range(CALLS):
             self.call(operation)

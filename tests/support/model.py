@@ -260,7 +260,7 @@ class Model:
         compiled = []
         for pattern in patterns:
             try:
-                compiled.append(re.compile(pattern.encode("utf-8")))
+                compiled.append(re.compile(pattern.encode("utf-8").replace(b"[[", b"[\\[")))
             except re.error:
                 self.log("E", "compile", f"invalid pattern {pattern}")
         return compiled
