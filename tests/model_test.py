@@ -387,7 +387,7 @@ class Session:
                 os.makedirs(self.service.tree + "/many", exist_ok=True)
                 with open(f"{self.service.tree}/many/{i}", "w", encoding="ascii") as file:
                     file.write("many")
-        if pick.random() < 0.1:  # more ways to a directory than are walked
+        if pick.random() < 0.3:  # more ways to a directory than are walked
             os.makedirs(self.service.tree + "/few/few")
             self.make(self.service.tree + "/few/few/file", 3)
             for i in range(18):
