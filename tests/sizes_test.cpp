@@ -3,8 +3,11 @@
 
 #include <fcntl.h>
 #include <linux/limits.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
+#include <thread>
 
 #include "tests/support/sandbox.h"
 
@@ -51,6 +54,31 @@ TEST_F(SizesTest, FindsMembersOfLargeGroupsAgain) {
     scanTree();
     EXPECT_EQ(database(kGroups), groups);
     EXPECT_EQ(database(kRecords).size(), kFiles + 1);
+}
+
+TEST_F(SizesTest, LongFilesAreGivenUpWhenStoppedAndTheirHolesSkipped) {
+    constexpr off_t kSize = off_t{8} << 40;
+    Json paths = Json::array();
+    for (const char* name : {"a", "b"}) {
+        paths.push_back(sandbox.write(name, "x"));
+        if (truncate(sandbox.path(name).c_str(), kSize) != 0) GTEST_SKIP() << "needs long files";
+    }
+    std::atomic<bool> isDone{false};
+    std::jthread client([&] {
+        transact(1, rule("s", {".*"}, {sandbox.tree()}));
+        isDone = true;
+    });
+    EXPECT_TRUE(waitFor([this] {
+        const std::string fds = "/proc/" + std::to_string(pid()) + "/fd";
+        return run({"find", fds, "-lname", sandbox.path("?")}).out != "";
+    }));
+    setProperty("sys.ruxservice.stop_scan", "true");
+    if (!waitFor([&isDone] { return isDone.load(); })) kill();
+    client.join();
+    EXPECT_EQ(logged("cal md5 error code != 0, continue"), 1);
+    const Json groups = {{"0", {{"V", 1}, {"f_size", kSize}, {"f_list", paths}}}};
+    writeFile(sandbox.database("s", kGroups), groups.dump());
+    EXPECT_EQ(compress(), "1," + std::to_string(kSize));
 }
 
 TEST_F(SizesTest, TreesDeeperThanAPathAreWalkedAsFarAsPathsReach) {

@@ -7,6 +7,7 @@
 #include "f2fs_io/compare.h"
 #include "f2fs_io/digest/md5.h"
 #include "f2fs_io/lease.h"
+#include "f2fs_io/overlay.h"
 
 namespace android::host {
 
@@ -31,7 +32,8 @@ int Entry::open(const char* path) {
     if (whole.empty()) return ENOENT;
     if (name.empty() || name == "." || name == "..") return EINVAL;
     if (slash != std::string::npos) parent = whole.substr(0, slash + 1);
-    return resolve(parent.empty() ? "." : parent, &directory, &makers);
+    const int error = resolve(parent.empty() ? "." : parent, &directory, &makers);
+    return error != 0 ? error : refuseOverlay(directory);
 }
 
 int Entry::openFile(UniqueFd* file, struct stat* st) const {

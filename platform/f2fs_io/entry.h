@@ -30,7 +30,7 @@ struct Entry {
     std::string name;
     LinkMakers makers;  // of the links in the directory's path
 
-    /// 0 or an errno; EINVAL for a path that ends in no name.
+    /// 0 or an errno; EINVAL for a path that ends in no name, EOPNOTSUPP in an overlay.
     int open(const char* path);
 
     /// Opens the file itself for reading; ELOOP for a symbolic link, which is never followed, and

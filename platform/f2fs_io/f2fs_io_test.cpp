@@ -432,6 +432,26 @@ TEST_F(FileIoTest, SwappedComponentsLeadNowhereElse) {
     EXPECT_EQ(namesIn(y), std::vector<std::string>{"file"});
 }
 
+TEST_F(FileIoTest, RefusesOverlaysAndWhatTheyAreMadeOf) {
+    for (const char* name : {"lower", "work", "merged"}) fs::create_directory(sandbox.path(name));
+    const std::string first = sandbox.write("upper one/a", "same");
+    const std::string second = sandbox.write("upper one/b", "same");
+    const auto link = [](const std::string& from, const std::string& to) {
+        return createHardLink(from.c_str(), to.c_str(), false);
+    };
+    EXPECT_EQ(link(first, second), 0);
+    const std::string options = "lowerdir=" + sandbox.path("lower") +
+                                ",upperdir=" + sandbox.path("upper one") +
+                                ",workdir=" + sandbox.path("work");
+    const std::string merged = sandbox.path("merged");
+    if (mount("none", merged.c_str(), "overlay", 0, options.c_str()) != 0)
+        GTEST_SKIP() << "needs root and overlays";
+    EXPECT_EQ(restoreLinkFile(second.c_str(), false), EOPNOTSUPP);
+    EXPECT_EQ(link(merged + "/a", merged + "/b"), EOPNOTSUPP);
+    EXPECT_EQ(umount2(merged.c_str(), MNT_DETACH), 0);
+    EXPECT_EQ(restoreLinkFile(second.c_str(), false), 0);
+}
+
 TEST_F(FileIoTest, RefusesLinksThatTheFileSystemDoesNotTake) {
     const std::string mounted = sandbox.path("mounted");
     fs::create_directories(mounted);
