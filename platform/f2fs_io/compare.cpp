@@ -1,5 +1,9 @@
 #include "f2fs_io/compare.h"
 
+#include <linux/capability.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -24,6 +28,13 @@ constexpr off_t kPiece = 128 << 10;                     // bytes a read and file
 constexpr off_t kShare = 256 << 10;                     // bytes that a thread takes at a time
 constexpr off_t kWorthHelp = 1024 << 10;                // bytes of files that two threads compare
 constexpr auto kIdle = std::chrono::milliseconds(100);  // before the second thread ends
+
+bool hasCapability(unsigned capability) {
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3] = {};
+    return syscall(SYS_capget, &header, sets) == 0 &&
+           (sets[CAP_TO_INDEX(capability)].effective & CAP_TO_MASK(capability)) != 0;
+}
 
 bool sameTime(const timespec& a, const timespec& b) {
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
@@ -191,10 +202,19 @@ int compareBytes(int first, int second, off_t size, const std::function<bool()>&
     return comparison.error();
 }
 
+bool Attributes::canBeGiven() const {
+    const bool isOwn = uid == geteuid() && (gid == getegid() || group_member(gid) != 0);
+    return (isOwn || hasCapability(CAP_CHOWN)) &&
+           (xattrs.count("security.capability") == 0 || hasCapability(CAP_SETFCAP));
+}
+
 int readAttributes(int file, const struct stat& st, Attributes* attributes) {
     attributes->uid = st.st_uid;
     attributes->gid = st.st_gid;
     attributes->mode = st.st_mode;
+    attributes->flags = 0;  // of a file system without
+    if (ioctl(file, FS_IOC_GETFLAGS, &attributes->flags) == 0)
+        attributes->flags &= FS_FL_USER_MODIFIABLE;
     return readXattrs(file, &attributes->xattrs);
 }
 

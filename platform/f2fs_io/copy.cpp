@@ -3,12 +3,15 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <vector>
 
+#include "f2fs_io/compare.h"
 #include "f2fs_io/long_file.h"
 #include "f2fs_io/xattrs.h"
 
@@ -56,6 +59,12 @@ int copyRange(int from, int to, off_t start, off_t end, const std::function<bool
 int copyContent(int from, int to, const struct stat& source,
                 const std::function<bool()>& interrupted) {
     if (ioctl(to, FICLONE, from) == 0) return 0;
+    // What the file system keeps for root is not for copies of users' files.
+    struct statvfs room = {};
+    if (fstatvfs(to, &room) == 0 && room.f_blocks > 0 &&
+        static_cast<uint64_t>(source.st_blocks) * 512 / room.f_frsize > room.f_bavail) {
+        return ENOSPC;
+    }
     LongFile longFile;
     for (off_t end = 0; end < source.st_size;) {
         const off_t start = lseek(from, end, SEEK_DATA);
@@ -70,15 +79,23 @@ int copyContent(int from, int to, const struct stat& source,
 }
 
 int copyMetadata(int from, int to, const struct stat& source) {
-    Xattrs attributes;
-    if (const int error = readXattrs(from, &attributes); error != 0) return error;
+    Attributes wanted;
+    Attributes present;
+    if (const int error = readAttributes(from, source, &wanted); error != 0) return error;
     // In this order: a change of owner clears capabilities and set-user-ID bits, and whatever
     // changes the file at all changes its times.
     struct stat copy = {};
     if (fstat(to, &copy) != 0) return errno;
-    const bool sameOwner = copy.st_uid == source.st_uid && copy.st_gid == source.st_gid;
-    if (!sameOwner && fchown(to, source.st_uid, source.st_gid) != 0) return errno;
-    if (const int error = writeXattrs(to, attributes); error != 0) return error;
+    if (const int error = readAttributes(to, copy, &present); error != 0) return error;
+    const bool sameOwner = present.uid == wanted.uid && present.gid == wanted.gid;
+    if (!sameOwner && fchown(to, wanted.uid, wanted.gid) != 0) return errno;
+    if (const int error = writeXattrs(to, wanted.xattrs); error != 0) return error;
+    if (present.flags != wanted.flags) {
+        int flags = 0;  // with those that tell how the blocks are kept
+        if (ioctl(to, FS_IOC_GETFLAGS, &flags) != 0) return errno;
+        flags = (flags & ~FS_FL_USER_MODIFIABLE) | wanted.flags;
+        if (ioctl(to, FS_IOC_SETFLAGS, &flags) != 0) return errno;
+    }
     if (fchmod(to, source.st_mode & 07777) != 0) return errno;
     const timespec times[] = {source.st_atim, source.st_mtim};
     return futimens(to, times) == 0 ? 0 : errno;

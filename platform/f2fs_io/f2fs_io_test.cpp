@@ -260,6 +260,43 @@ TEST_F(FileIoTest, RestoredFilesKeepTheirHolesAndTimes) {
     EXPECT_LT(statusOf(sparse).st_blocks, 1000);
 }
 
+/// Runs a shell command; true when it succeeds.
+bool shell(const std::string& command) {
+    return rux::test::run({"sh", "-c", command}).exit == 0;
+}
+
+TEST_F(FileIoTest, RestoredFilesKeepTheirFlags) {
+    const auto flagsOf = [](const std::string& path) {
+        return rux::test::run({"lsattr", path}).out.substr(0, 22);
+    };
+    if (!shell("chattr +dA " + duplicate)) GTEST_SKIP() << "needs flags";
+    expectRefusal(EBADE);
+    ASSERT_TRUE(shell("chattr +dA " + kept));
+    EXPECT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), 0);
+    EXPECT_EQ(restoreLinkFile(duplicate.c_str(), false), 0);
+    EXPECT_NE(inodeOf(kept), inodeOf(duplicate));
+    EXPECT_EQ(flagsOf(duplicate), flagsOf(kept));
+}
+
+TEST_F(FileIoTest, RestoredFilesTakeNothingOfTheReserve) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root";
+    const std::string image = sandbox.path("image");
+    const std::string disk = sandbox.path("disk");
+    if (!shell("truncate -s 32M " + image + " && mkfs.ext4 -q -m 30 " + image + " && mkdir " +
+               disk + " && mount -o loop " + image + " " + disk))
+        GTEST_SKIP() << "needs mkfs.ext4 and loop devices";
+    const std::string a = disk + "/a";
+    const std::string b = disk + "/b";
+    writeFile(a, std::string(4 << 20, 'x'));
+    writeFile(b, std::string(4 << 20, 'x'));
+    EXPECT_EQ(createHardLink(a.c_str(), b.c_str(), false), 0);
+    writeFile(disk + "/c", std::string(10 << 20, 'y'));  // the rest is less than the reserve
+    EXPECT_EQ(restoreLinkFile(b.c_str(), false), ENOSPC);
+    fs::remove(disk + "/c");
+    EXPECT_EQ(restoreLinkFile(b.c_str(), false), 0);
+    EXPECT_TRUE(shell("umount " + disk));
+}
+
 TEST_F(FileIoTest, RefusesToRestoreWhatIsNoLinkedFile) {
     EXPECT_EQ(restoreLinkFile(sandbox.path("missing").c_str(), false), ENOENT);
     EXPECT_EQ(restoreLinkFile("", false), ENOENT);
@@ -318,9 +355,13 @@ TEST_F(FileIoTest, CleansUpAfterAKilledCall) {
 
 TEST_F(FileIoTest, GivesWayToAWriterThatComesWhileBytesAreCompared) {
     // The writer waits in open until the call has given up its leases, and then finds its file.
-    const off_t size = off_t{4} << 30;  // sparse, and long to compare
-    ASSERT_EQ(truncate(kept.c_str(), size), 0);
-    ASSERT_EQ(truncate(duplicate.c_str(), size), 0);
+    const off_t size = off_t{2} << 30;  // long to compare, and with some data everywhere
+    for (const std::string& path : {kept, duplicate}) {
+        const int file = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+        ASSERT_EQ(ftruncate(file, size), 0);
+        for (off_t at = 0; at < size; at += 256 << 10) ASSERT_EQ(pwrite(file, "x", 1, at), 1);
+        close(file);
+    }
     for (const std::string& path : {kept, duplicate}) {
         int32_t code = -1;
         std::thread call([&] { code = createHardLink(kept.c_str(), duplicate.c_str(), false); });

@@ -57,6 +57,7 @@ int linkDuplicate(const char* keptPath, const char* duplicatePath) {
     if (const int error = kept.takeLease(); error != 0) return error;
     if (const int error = old.takeLease(); error != 0) return error;
     if (!(kept.attributes == old.attributes)) return EBADE;
+    if (!old.attributes.canBeGiven()) return EPERM;  // as a restore would have to
     const auto interrupted = [&] { return kept.isInUse() || old.isInUse(); };
     if (const int error =
                 compareBytes(kept.file.get(), old.file.get(), old.status.st_size, interrupted);
