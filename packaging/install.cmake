@@ -28,6 +28,7 @@ install(FILES ${GENERATED}/ruxctl.bash RENAME ruxctl
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 install(FILES ${GENERATED}/_ruxctl DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
 install(FILES ${GENERATED}/rux.service DESTINATION lib/systemd/system)
+install(FILES packaging/rux.sysusers RENAME rux.conf DESTINATION lib/sysusers.d)
 install(FILES README.md LICENSE docs/safety.md docs/decisions.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 if(RUX_DEFAULT_ROOT)
     # The directory that the service never makes itself, and the way to the sockets in /run.
@@ -50,6 +51,7 @@ hard links after comparing them byte for byte, and gives linked files data of th
 own again. ruxctl is its client.")
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "systemd | systemd-standalone-sysusers | systemd-sysusers")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${CMAKE_CURRENT_SOURCE_DIR}/packaging/postinst
