@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <iostream>
+#include <set>
 
 #include "android-base/properties.h"
 #include "ruxctl/commands.h"
@@ -21,19 +22,24 @@ int printPlan(const std::vector<Group>& groups) {
     for (const Group& group : groups) {
         if (group.files < 2) continue;
         const Member* kept = nullptr;
+        std::set<FileId> others;  // whose owner, group or mode the kept file does not have
         for (const Member& member : group.members) {
             if (member.state == State::Gone) continue;
             if (kept == nullptr) {
                 kept = &member;
                 std::cout << inked(Ink::Bold, "keep") << "  " << member.path << "\n";
+            } else if (member.state == State::Changed) {
+                std::cout << inked(Ink::Warning, "skip") << "  " << member.path << "  (changed)\n";
+            } else if (member.access != kept->access) {
+                std::cout << inked(Ink::Warning, "skip") << "  " << member.path
+                          << "  (of another owner, group or mode)\n";
+                others.insert(member.file);
             } else if (member.file != kept->file) {
-                const bool changed = member.state == State::Changed;
-                std::cout << (changed ? inked(Ink::Warning, "skip") : inked(Ink::Good, "link"))
-                          << "  " << member.path << (changed ? "  (changed)" : "") << "\n";
-                if (!changed) ++links;
+                std::cout << inked(Ink::Good, "link") << "  " << member.path << "\n";
+                ++links;
             }
         }
-        bytes += group.reclaimable;
+        bytes += group.reclaimable - static_cast<int64_t>(others.size()) * group.fileBytes;
     }
     std::cout << counted(links, "file") << " would be linked, giving back " << humanBytes(bytes)
               << "; nothing has been changed\n";
@@ -92,9 +98,13 @@ int compress(const CompressOptions& options) {
     std::cerr << "About " << grouped(expected) << " of " << counted(estimate.files, "file")
               << " in " << counted(estimate.groups, "group") << " can become links, giving back "
               << humanBytes(estimate.bytes) << "\n";
-    if (expected > 0 && !options.yes && canAsk() && !confirmed("Link them?")) {
-        std::cerr << "Nothing has been changed\n";
-        return kDone;
+    if (expected > 0 && !options.yes && canAsk()) {
+        std::cerr << "Linked files are one file: what is written to one in place, and a change of "
+                     "its owner or mode,\nis there under all of its names.\n";
+        if (!confirmed("Link them?")) {
+            std::cerr << "Nothing has been changed\n";
+            return kDone;
+        }
     }
 
     const DiskUse before = diskUse(groups);

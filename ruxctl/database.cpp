@@ -59,6 +59,7 @@ Member lookedUp(const std::string& path, int64_t fileBytes, const Json::Value& r
     member.state = isSame ? State::There : State::Changed;
     member.file = {st.st_dev, st.st_ino};
     member.links = static_cast<int64_t>(st.st_nlink);
+    member.access = {st.st_uid, st.st_gid, st.st_mode};
     return member;
 }
 

@@ -7,6 +7,7 @@
 #include <ctime>
 #include <map>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -49,8 +50,9 @@ using FileId = std::pair<dev_t, ino_t>;
 struct Member {
     std::string path;
     State state = State::Gone;
-    FileId file;        ///< unless it is gone
-    int64_t links = 0;  ///< names that the file has
+    FileId file;                              ///< unless it is gone
+    int64_t links = 0;                        ///< names that the file has
+    std::tuple<uid_t, gid_t, mode_t> access;  ///< only files that have the same are linked
     bool isPresent() const { return state == State::There || state == State::Linked; }
 };
 

@@ -105,6 +105,12 @@ def check_tables_and_formats(client, service):
 def check_compression_and_restore(client, service, a, odd):
     plan = client("compress", "--dry-run", "s")
     assert plan.count("keep  ") == 2 and "3 files would be linked, giving back 21.5 KiB" in plan, plan
+    other = next(path for path in a if f"link  {path}\n" in plan)
+    mode = os.stat(other).st_mode
+    os.chmod(other, 0o600)
+    plan = client("compress", "--dry-run", "s")
+    assert f"skip  {other}  (of another owner, group or mode)" in plan and "2 files would be linked, giving back 11.7 KiB" in plan, plan
+    os.chmod(other, mode)
     assert inodes(*a) == 3
 
     shown, status = client.on_terminal("compress", "s", answer=b"n")
