@@ -14,11 +14,10 @@ namespace rux {
 namespace {
 
 /// The names under which the I/O library keeps a file for the moment in which it exchanges it:
-/// ".rux-", "swap" or "part", and 32 hexadecimal digits. One that a kill has left is nobody's file.
+/// ".rux-swap-" and 32 hexadecimal digits. One that a kill has left is nobody's file.
 bool isLeftover(std::string_view path) {
     const std::string_view name = path.substr(path.rfind('/') + 1);
-    return name.size() == 42 &&
-           (name.starts_with(".rux-swap-") || name.starts_with(".rux-part-")) &&
+    return name.size() == 42 && name.starts_with(".rux-swap-") &&
            name.find_first_not_of("0123456789abcdef", 10) == std::string_view::npos;
 }
 

@@ -37,7 +37,7 @@ REFUSALS = {"scan": (None, "Rux_scanDuplicateFilesImp", "the scan has been start
             "restore": (0, "Rux_restoreDuplicateFilesImp", "the Compress has been started,return")}
 NAMES = ["a.jpg", "b.jpg", "c.JPG", "archive.tar.gz", ".profile", "README", "file.", "x.abcdefghij", "x.abcdefghijk",
          "é 😀.txt", "quote\"\\.t", "tab\t.t", b"bad\xff.t", ".rux-swap-0123456789abcdef0123456789abcdef",
-         ".rux-part-not-of-the-library-but-of-a-user-x", "d.d", "e", "f", "g"]
+         ".rux-swap-not-of-the-library-but-of-a-user-x", "d.d", "e", "f", "g"]
 PATTERNS = [".*"] * 9 + [r".*\.jpg", r".*\.(jpg|t)", ".*/[a-m][^/]*", "jpg", "(", "[", r".*é.*", ".*/d[12]?/.*"]
 SPACES = ["s"] * 20 + ["t"] * 6 + ["é u", "", "plain", "..", "a/b", "n\0l", "x" * 300]
 

@@ -2,7 +2,10 @@
 
 #include <fcntl.h>
 
+#include <unistd.h>
+
 #include <cerrno>
+#include <random>
 
 #include "f2fs_io/compare.h"
 #include "f2fs_io/digest/md5.h"
@@ -45,12 +48,30 @@ int Entry::status(const std::string& other, struct stat* st) const {
     return fstatat(directory.get(), other.c_str(), st, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
 }
 
-std::string Entry::besideName(const char* kind) const {
-    return std::string(".rux-") + kind + "-" + md5OfText(name);
+std::string Entry::swapName() const {
+    return ".rux-swap-" + md5OfText(name + mSalt);
 }
 
-int Entry::removeLeftovers() const {
-    unlinkat(directory.get(), partName().c_str(), 0);  // there is none, as a rule
+int Entry::linkOnce(const UniqueFd& file) const {
+    const std::string swap = swapName();
+    // Not every kernel lets every process link a bare descriptor, but then there is its name in
+    // /proc.
+    if (linkat(file.get(), "", directory.get(), swap.c_str(), AT_EMPTY_PATH) == 0) return 0;
+    if (errno != ENOENT && errno != EPERM) return errno;
+    return linkat(AT_FDCWD, ownPathOf(file).c_str(), directory.get(), swap.c_str(),
+                  AT_SYMLINK_FOLLOW) == 0
+                   ? 0
+                   : errno;
+}
+
+int Entry::linkAsSwap(const UniqueFd& file) {
+    if (const int error = linkOnce(file); error != EEXIST) return error;
+    // Left by a call that was killed. It is looked for only now, as there is none as a rule.
+    const int error = removeLeftovers();
+    return error == 0 ? linkOnce(file) : error;
+}
+
+int Entry::removeLeftovers() {
     const std::string swap = swapName();
     struct stat left = {};
     if (const int error = status(swap, &left); error != 0) return error == ENOENT ? 0 : error;
@@ -62,8 +83,14 @@ int Entry::removeLeftovers() const {
         UniqueFd theirs;
         ReadLease lease;  // a program may have had the file open all the while
         struct stat st = {};
-        const int error = openToRead(directory.get(), swap.c_str(), O_NOFOLLOW, &theirs);
-        spare = error == 0 && openFile(&ours, &st) == 0 && st.st_size == left.st_size &&
+        if (const int error = openFile(&ours, &st); error != 0) return error;
+        if (st.st_uid != left.st_uid) {
+            std::random_device random;
+            for (int i = 0; i < 4; ++i) mSalt += std::to_string(random());
+            return 0;
+        }
+        spare = st.st_size == left.st_size &&
+                openToRead(directory.get(), swap.c_str(), O_NOFOLLOW, &theirs) == 0 &&
                 lease.take(theirs.get()) == 0 &&
                 compareBytes(ours.get(), theirs.get(), st.st_size, nullptr) == 0 && lease.held();
     }

@@ -40,19 +40,25 @@ struct Entry {
     /// Status of `other`, a name in the same directory, links not followed.
     int status(const std::string& other, struct stat* st) const;
 
-    /// The two names that the library uses beside `name`: for a complete file that is about to be
-    /// exchanged with it, and for a copy that is not complete yet. Both start with ".rux-" and hold
-    /// a digest of `name`, so that a call finds what an interrupted one left.
-    std::string swapName() const { return besideName("swap"); }
-    std::string partName() const { return besideName("part"); }
+    /// The name that the library uses beside `name`, for the file that is about to be exchanged
+    /// with it: ".rux-swap-" and a digest of `name`, so that a call finds what an interrupted one
+    /// left.
+    std::string swapName() const;
+
+    /// Makes the swap name one more name of the open file `file`: of exactly that file, whatever
+    /// its path leads to by now. 0 or an errno.
+    int linkAsSwap(const UniqueFd& file);
 
     /// Removes what an interrupted call on this entry left. EEXIST when that is the only name of a
     /// content that differs from the file's own: then a writer that was open while the call was
-    /// killed has written there, and it is kept.
-    int removeLeftovers() const;
+    /// killed has written there, and it is kept. A file of another owner is no leftover: it stays,
+    /// and the swap name becomes another one.
+    int removeLeftovers();
 
   private:
-    std::string besideName(const char* kind) const;
+    int linkOnce(const UniqueFd& file) const;
+
+    std::string mSalt;  // what the swap name is a digest of beside `name`
 };
 
 /// Opens `path` below `directory` for reading, without changing its access time where the owner's

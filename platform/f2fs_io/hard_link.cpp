@@ -16,19 +16,6 @@
 namespace android::host {
 namespace {
 
-/// Makes `name` in the entry's directory one more name of the open file `kept`: of exactly that
-/// file, whatever its path leads to by now.
-int linkOpenFile(const UniqueFd& kept, const Entry& entry, const std::string& name) {
-    // Not every kernel lets every process link a bare descriptor, but then there is its name in
-    // /proc.
-    if (linkat(kept.get(), "", entry.directory.get(), name.c_str(), AT_EMPTY_PATH) == 0) return 0;
-    if (errno != ENOENT && errno != EPERM) return errno;
-    return linkat(AT_FDCWD, ownPathOf(kept).c_str(), entry.directory.get(), name.c_str(),
-                  AT_SYMLINK_FOLLOW) == 0
-                   ? 0
-                   : errno;
-}
-
 /// Opens the file that is to be kept, and nothing but a file: to open a device may do something.
 int openKept(const char* path, LeasedFile* kept) {
     UniqueFd place;
@@ -65,21 +52,15 @@ int linkDuplicate(const char* keptPath, const char* duplicatePath) {
         return error;
     }
     if (const int error = kept.undisturbed(); error != 0) return error;
-    int error = linkOpenFile(kept.file, entry, entry.swapName());
-    if (error == EEXIST) {  // left by a call that was killed; looked for only now, as there is none
-                            // as a rule
-        error = entry.removeLeftovers();
-        if (error == 0) error = linkOpenFile(kept.file, entry, entry.swapName());
-    }
-    if (error != 0) return error;
+    if (const int error = entry.linkAsSwap(kept.file); error != 0) return error;
     // From the exchange on whoever opens the name finds the kept file, linked: that is all right.
     // Only the old file must have been left alone to its end.
     const auto oldUndisturbed = [&old] {
         letInterruptedTasksRun();
         return old.undisturbed();
     };
-    error = exchange(entry, kept.id(), old.id(),
-                     {oldUndisturbed, [&kept] { return kept.isInUse(); }});
+    const int error = exchange(entry, kept.id(), old.id(),
+                               {oldUndisturbed, [&kept] { return kept.isInUse(); }});
     if (error == 0) {
         old.lease.giveUp();
         closeReplaced(std::move(old.file));

@@ -15,34 +15,18 @@
 namespace android::host {
 namespace {
 
-/// Makes the copy, whole and on disk, under the entry's swap name, and opens it anew for reading
-/// only, as a lease demands. Nothing is left on failure.
-int makeCopy(const Entry& entry, const LeasedFile& source, LeasedFile* copy) {
-    const int directory = entry.directory.get();
-    const std::string part = entry.partName();
-    const std::string swap = entry.swapName();
-    const UniqueFd written(openat(directory, part.c_str(),
-                                  O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+/// Makes the copy, which gets a name only once it is whole and on disk: the entry's swap name.
+/// Opens it anew for reading only, as a lease demands. Nothing is left on failure.
+int makeCopy(Entry& entry, const LeasedFile& source, LeasedFile* copy) {
+    const UniqueFd written(
+            openat(entry.directory.get(), ".", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600));
     if (!written.valid()) return errno;
     const int from = source.file.get();
     int error = copyContent(from, written.get(), source.status, [&] { return source.isInUse(); });
     if (error == 0) error = copyMetadata(from, written.get(), source.status);
     if (error == 0 && fsync(written.get()) != 0) error = errno;
-    if (error == 0) error = openToRead(directory, part.c_str(), O_NOFOLLOW, &copy->file);
-    // Somebody else may use the same names: another service, started on the same files.
-    struct stat made = {};
-    struct stat opened = {};
-    if (error == 0 && (fstat(written.get(), &made) != 0 || fstat(copy->file.get(), &opened) != 0))
-        error = errno;
-    if (error == 0 && (idOf(made) != idOf(opened) || made.st_size != source.status.st_size))
-        return ESTALE;
-    // From here on the name says that the copy is complete.
-    if (error == 0 &&
-        renameat2(directory, part.c_str(), directory, swap.c_str(), RENAME_NOREPLACE) != 0) {
-        error = errno;
-    }
-    if (error != 0) unlinkat(directory, part.c_str(), 0);
-    return error;
+    if (error == 0) error = openToRead(AT_FDCWD, ownPathOf(written).c_str(), 0, &copy->file);
+    return error == 0 ? entry.linkAsSwap(written) : error;
 }
 
 int giveOwnData(const char* path) {

@@ -17,7 +17,7 @@ STOP = {"scan": "sys.ruxservice.stop_scan", "list": "sys.ruxservice.stop_get_dup
 PROGRESS, TOOL_LOG = "sys.ruxservice.compress.prog", "sys.ruxservice.enablelog.ctrl"
 FILES = ("RUXFileInfo.json", "RUXCheckNoCompress.json", "RUXCheckACompress.json", "RUXModifyFileInfo.json")
 PAGE, MOST = 600 * 1024, 2**63 - 1
-LEFTOVER = re.compile(r"\.rux-(swap|part)-[0-9a-f]{32}")
+LEFTOVER = re.compile(r"\.rux-swap-[0-9a-f]{32}")
 
 sys.setrecursionlimit(10000)  # texts nest up to 999 levels
 _libc = ctypes.CDLL(None, use_errno=True)
