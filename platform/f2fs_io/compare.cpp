@@ -208,13 +208,15 @@ bool Attributes::canBeGiven() const {
            (xattrs.count("security.capability") == 0 || hasCapability(CAP_SETFCAP));
 }
 
+int flagsOf(int file) {
+    int flags = 0;
+    return ioctl(file, FS_IOC_GETFLAGS, &flags) == 0 ? flags & FS_FL_USER_MODIFIABLE : 0;
+}
+
 int readAttributes(int file, const struct stat& st, Attributes* attributes) {
     attributes->uid = st.st_uid;
     attributes->gid = st.st_gid;
     attributes->mode = st.st_mode;
-    attributes->flags = 0;  // of a file system without
-    if (ioctl(file, FS_IOC_GETFLAGS, &attributes->flags) == 0)
-        attributes->flags &= FS_FL_USER_MODIFIABLE;
     return readXattrs(file, &attributes->xattrs);
 }
 

@@ -18,18 +18,21 @@ bool sameContentStamp(const struct stat& before, const struct stat& after);
 /// several threads when the files are large; once it says true the result is EBUSY.
 int compareBytes(int first, int second, off_t size, const std::function<bool()>& interrupted);
 
-/// Who may do what with a file, and what the file system does with it.
+/// Who may do what with a file.
 struct Attributes {
     uid_t uid = 0;
     gid_t gid = 0;
     mode_t mode = 0;
-    int flags = 0;  // those of ioctl_iflags(2) that somebody may have set
     Xattrs xattrs;  // among them the access-control list and the security label
     bool operator==(const Attributes&) const = default;
 
     /// Whether this process has the rights to give a copy the same.
     bool canBeGiven() const;
 };
+
+/// What the file system has been told to do with an open file: the flags of ioctl_iflags(2) that
+/// somebody may have set. None on a file system without.
+int flagsOf(int file);
 
 /// Those of an open file whose status is `st`. 0 or an errno.
 int readAttributes(int file, const struct stat& st, Attributes* attributes);

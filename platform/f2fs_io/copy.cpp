@@ -79,21 +79,19 @@ int copyContent(int from, int to, const struct stat& source,
 }
 
 int copyMetadata(int from, int to, const struct stat& source) {
-    Attributes wanted;
-    Attributes present;
-    if (const int error = readAttributes(from, source, &wanted); error != 0) return error;
+    Xattrs attributes;
+    if (const int error = readXattrs(from, &attributes); error != 0) return error;
     // In this order: a change of owner clears capabilities and set-user-ID bits, and whatever
     // changes the file at all changes its times.
     struct stat copy = {};
     if (fstat(to, &copy) != 0) return errno;
-    if (const int error = readAttributes(to, copy, &present); error != 0) return error;
-    const bool sameOwner = present.uid == wanted.uid && present.gid == wanted.gid;
-    if (!sameOwner && fchown(to, wanted.uid, wanted.gid) != 0) return errno;
-    if (const int error = writeXattrs(to, wanted.xattrs); error != 0) return error;
-    if (present.flags != wanted.flags) {
+    const bool sameOwner = copy.st_uid == source.st_uid && copy.st_gid == source.st_gid;
+    if (!sameOwner && fchown(to, source.st_uid, source.st_gid) != 0) return errno;
+    if (const int error = writeXattrs(to, attributes); error != 0) return error;
+    if (const int wanted = flagsOf(from); flagsOf(to) != wanted) {
         int flags = 0;  // with those that tell how the blocks are kept
         if (ioctl(to, FS_IOC_GETFLAGS, &flags) != 0) return errno;
-        flags = (flags & ~FS_FL_USER_MODIFIABLE) | wanted.flags;
+        flags = (flags & ~FS_FL_USER_MODIFIABLE) | wanted;
         if (ioctl(to, FS_IOC_SETFLAGS, &flags) != 0) return errno;
     }
     if (fchmod(to, source.st_mode & 07777) != 0) return errno;

@@ -35,13 +35,13 @@ int Entry::open(const char* path) {
     if (whole.empty()) return ENOENT;
     if (name.empty() || name == "." || name == "..") return EINVAL;
     if (slash != std::string::npos) parent = whole.substr(0, slash + 1);
-    const int error = resolve(parent.empty() ? "." : parent, &directory, &makers);
-    return error != 0 ? error : refuseOverlay(directory);
+    return resolve(parent.empty() ? "." : parent, &directory, &makers);
 }
 
 int Entry::openFile(UniqueFd* file, struct stat* st) const {
     const int error = openRegular(directory.get(), name.c_str(), O_NOFOLLOW, file, st);
-    return error == 0 && !makers.mayLeadTo(st->st_uid) ? ELOOP : error;
+    if (error != 0) return error;
+    return makers.mayLeadTo(st->st_uid) ? refuseOverlay(directory, st->st_dev) : ELOOP;
 }
 
 int Entry::status(const std::string& other, struct stat* st) const {

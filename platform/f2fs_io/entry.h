@@ -30,11 +30,12 @@ struct Entry {
     std::string name;
     LinkMakers makers;  // of the links in the directory's path
 
-    /// 0 or an errno; EINVAL for a path that ends in no name, EOPNOTSUPP in an overlay.
+    /// 0 or an errno; EINVAL for a path that ends in no name.
     int open(const char* path);
 
     /// Opens the file itself for reading; ELOOP for a symbolic link, which is never followed, and
-    /// for a file that others' links lead to, EINVAL for what is not a regular file. Fills `st`.
+    /// for a file that others' links lead to, EINVAL for what is not a regular file, EOPNOTSUPP in
+    /// an overlay. Fills `st`.
     int openFile(UniqueFd* file, struct stat* st) const;
 
     /// Status of `other`, a name in the same directory, links not followed.

@@ -486,9 +486,11 @@ TEST_F(FileIoTest, RefusesOverlaysAndWhatTheyAreMadeOf) {
     const std::string merged = sandbox.path("merged");
     if (mount("none", merged.c_str(), "overlay", 0, options.c_str()) != 0)
         GTEST_SKIP() << "needs root and overlays";
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // then new mounts are known
     EXPECT_EQ(restoreLinkFile(second.c_str(), false), EOPNOTSUPP);
     EXPECT_EQ(link(merged + "/a", merged + "/b"), EOPNOTSUPP);
     EXPECT_EQ(umount2(merged.c_str(), MNT_DETACH), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
     EXPECT_EQ(restoreLinkFile(second.c_str(), false), 0);
 }
 

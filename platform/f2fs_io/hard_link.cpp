@@ -16,16 +16,24 @@
 namespace android::host {
 namespace {
 
-/// Opens the file that is to be kept, and nothing but a file: to open a device may do something.
+/// Opens the file that is to be kept. Where links lead to it, it is looked at first: to open a
+/// device may do something.
 int openKept(const char* path, LeasedFile* kept) {
-    UniqueFd place;
-    LinkMakers makers;
-    struct stat st = {};
-    if (const int error = resolve(path, &place, &makers); error != 0) return error;
-    if (fstat(place.get(), &st) != 0) return errno;
-    if (!S_ISREG(st.st_mode)) return EINVAL;
-    if (!makers.mayLeadTo(st.st_uid)) return ELOOP;
-    return openRegular(AT_FDCWD, ownPathOf(place).c_str(), 0, &kept->file, &kept->status);
+    const int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_NOATIME;
+    int error = openWithoutLinks(path, flags, &kept->file);
+    if (error == ELOOP) {
+        UniqueFd place;
+        LinkMakers makers;
+        struct stat st = {};
+        if (error = resolve(path, &place, &makers); error != 0) return error;
+        if (fstat(place.get(), &st) != 0) return errno;
+        if (!S_ISREG(st.st_mode)) return EINVAL;
+        if (!makers.mayLeadTo(st.st_uid)) return ELOOP;
+        error = openToRead(AT_FDCWD, ownPathOf(place).c_str(), 0, &kept->file);
+    }
+    if (error != 0) return error == ENXIO ? EINVAL : error;
+    if (fstat(kept->file.get(), &kept->status) != 0) return errno;
+    return S_ISREG(kept->status.st_mode) ? 0 : EINVAL;
 }
 
 int linkDuplicate(const char* keptPath, const char* duplicatePath) {
@@ -44,6 +52,7 @@ int linkDuplicate(const char* keptPath, const char* duplicatePath) {
     if (const int error = kept.takeLease(); error != 0) return error;
     if (const int error = old.takeLease(); error != 0) return error;
     if (!(kept.attributes == old.attributes)) return EBADE;
+    if (flagsOf(kept.file.get()) != flagsOf(old.file.get())) return EBADE;
     if (!old.attributes.canBeGiven()) return EPERM;  // as a restore would have to
     const auto interrupted = [&] { return kept.isInUse() || old.isInUse(); };
     if (const int error =

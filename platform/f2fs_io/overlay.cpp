@@ -9,11 +9,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "f2fs_io/resolve.h"
@@ -52,8 +55,12 @@ class UpperDirectories {
     }
 
   private:
-    /// Reads the table when it has changed, which it tells those who poll it.
+    /// Reads the table when it has changed, which it tells those who poll it: ten times a second.
     void refresh() {
+        timespec now = {};
+        clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+        const int64_t tenth = now.tv_sec * 10 + now.tv_nsec / 100'000'000;
+        if (std::exchange(mPolledAt, tenth) == tenth) return;
         pollfd change = {mTable.get(), POLLPRI, 0};
         if (mTable.valid() && poll(&change, 1, 0) == 0) return;
         if (!mTable.valid()) mTable.reset(open(kMounts, O_RDONLY | O_CLOEXEC));
@@ -72,16 +79,22 @@ class UpperDirectories {
 
     std::mutex mMutex;
     UniqueFd mTable;
+    int64_t mPolledAt = -1;  // in tenths of a second
     std::vector<std::string> mPaths;
 };
 
 }  // namespace
 
-int refuseOverlay(const UniqueFd& directory) {
+int refuseOverlay(const UniqueFd& directory, dev_t device) {
     static UpperDirectories upperDirectories;
-    struct statfs fs = {};
-    if (fstatfs(directory.get(), &fs) != 0) return errno;
-    if (fs.f_type == OVERLAYFS_SUPER_MAGIC) return EOPNOTSUPP;
+    // Files come from one file system for a long time, which answers for all of them.
+    thread_local dev_t known = 0;
+    if (known == 0 || device != known) {
+        struct statfs fs = {};
+        if (fstatfs(directory.get(), &fs) != 0) return errno;
+        if (fs.f_type == OVERLAYFS_SUPER_MAGIC) return EOPNOTSUPP;
+        known = device;
+    }
     return upperDirectories.hold(directory) ? EOPNOTSUPP : 0;
 }
 

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <utility>
 
 namespace android::host {
@@ -19,6 +20,7 @@ constexpr int kMaxLinks = 40;
 /// One component after the other. A link's text takes the place of its name.
 int walk(std::string rest, UniqueFd* place, LinkMakers* makers) {
     const auto root = [&rest] { return open(rest[0] == '/' ? "/" : ".", O_PATH | O_CLOEXEC); };
+    if (rest.empty()) return ENOENT;
     UniqueFd at(root());
     int links = 0;
     while (at.valid() && !rest.empty()) {
@@ -57,15 +59,19 @@ bool LinkMakers::mayLeadTo(uid_t owner) const {
                        [owner](uid_t maker) { return maker == owner; });
 }
 
-int resolve(const std::string& path, UniqueFd* place, LinkMakers* makers) {
+int openWithoutLinks(const char* path, int flags, UniqueFd* file) {
     open_how how = {};
-    how.flags = O_PATH | O_CLOEXEC;
+    how.flags = static_cast<uint64_t>(flags | O_CLOEXEC);
     how.resolve = RESOLVE_NO_SYMLINKS;
-    place->reset(static_cast<int>(syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof(how))));
-    if (place->valid()) return 0;
-    // A link, or a kernel or a filter of calls that does not know this one.
-    if (errno != ELOOP && errno != ENOSYS && errno != EPERM) return errno;
-    return path.empty() ? ENOENT : walk(path, place, makers);
+    file->reset(static_cast<int>(syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof(how))));
+    if (file->valid()) return 0;
+    // ENOSYS: an old kernel. EPERM: a filter of calls that does not know this one, or O_NOATIME.
+    return errno == ENOSYS || errno == EPERM ? ELOOP : errno;
+}
+
+int resolve(const std::string& path, UniqueFd* place, LinkMakers* makers) {
+    const int error = openWithoutLinks(path.c_str(), O_PATH, place);
+    return error == ELOOP ? walk(path, place, makers) : error;
 }
 
 std::string ownPathOf(const UniqueFd& file) {

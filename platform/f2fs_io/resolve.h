@@ -23,6 +23,10 @@ class LinkMakers {
     std::vector<uid_t> mOthers;  // than root and this process's user
 };
 
+/// Opens what `path` leads to without following a symbolic link, with the flags of open(2). 0 or an
+/// errno: ELOOP when there is one, or when the kernel cannot tell.
+int openWithoutLinks(const char* path, int flags, UniqueFd* file);
+
 /// Opens what `path` leads to, of whatever kind, as a place alone (O_PATH in open(2)). Symbolic
 /// links are followed, the last one too, and their makers noted.
 ///
