@@ -29,7 +29,7 @@ install(FILES ${GENERATED}/ruxctl.bash RENAME ruxctl
 install(FILES ${GENERATED}/_ruxctl DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
 install(FILES ${GENERATED}/rux.service DESTINATION lib/systemd/system)
 install(FILES packaging/rux.sysusers RENAME rux.conf DESTINATION lib/sysusers.d)
-install(FILES README.md LICENSE docs/safety.md docs/decisions.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES README.md LICENSE packaging/containers.rules docs/safety.md docs/decisions.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 if(RUX_DEFAULT_ROOT)
     # The directory that the service never makes itself, and the way to the sockets in /run.
     install(CODE "

@@ -62,6 +62,7 @@ diff <(in_root dpkg -L rux | while read -r path; do [ -d "$root$path" ] || echo 
 /usr/share/bash-completion/completions/ruxctl
 /usr/share/doc/rux/LICENSE
 /usr/share/doc/rux/README.md
+/usr/share/doc/rux/containers.rules
 /usr/share/doc/rux/decisions.md
 /usr/share/doc/rux/safety.md
 /usr/share/man/man1/ruxctl.1

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Programs that write to the files while scan, listing, compression and restore run in a loop.
+"""Programs that write to the files while scans, listings, compressions and restores of two services run in a loop.
 
 Some rename new files over members, unlink and make them anew; some hold a member open and append,
 rewrite and truncate it in place. Each keeps the truth of what it wrote last, and at the end every path
@@ -92,7 +92,8 @@ class Writer:
 def main():
     rux, seconds = sys.argv[1], float(sys.argv[2]) if len(sys.argv) > 2 else 10
     print(f"seed {(seed := random.randrange(1 << 30))}")
-    with Service(rux) as service:
+    with Service(rux) as service, Service(rux) as other:
+        other.tree = service.tree  # nobody keeps a second one from the same files
         results = multiprocessing.Queue()
         writers = [Writer(f"{service.tree}/{i}", seed + i) for i in range(WRITERS)]
         processes = [multiprocessing.Process(target=writer.run, args=(seconds, results)) for writer in writers]
@@ -100,7 +101,7 @@ def main():
             process.start()
         done, rounds, linked = threading.Event(), 0, 0
 
-        def operate():
+        def operate(service):
             nonlocal rounds, linked
             while not done.is_set():
                 shutil.rmtree(service.space, ignore_errors=True)  # so that every file is read anew
@@ -111,11 +112,13 @@ def main():
                     service.restore()
                 rounds += 1
 
-        operator = threading.Thread(target=operate)
-        operator.start()
+        operators = [threading.Thread(target=operate, args=(one,)) for one in (service, other)]
+        for operator in operators:
+            operator.start()
         outcomes = [results.get() for _ in processes]
         done.set()
-        operator.join()
+        for operator in operators:
+            operator.join()
         for process in processes:
             process.join()
         totals = {name: sum(counts[name] for _, counts, _ in outcomes) for name in outcomes[0][1]}
