@@ -70,7 +70,7 @@ TEST_F(SizesTest, LongFilesAreGivenUpWhenStoppedAndTheirHolesSkipped) {
     });
     EXPECT_TRUE(waitFor([this] {
         const std::string fds = "/proc/" + std::to_string(pid()) + "/fd";
-        return run({"find", fds, "-lname", sandbox.path("?")}).out != "";
+        return !run({"find", fds, "-lname", sandbox.path("?")}).out.empty();
     }));
     setProperty("sys.ruxservice.stop_scan", "true");
     if (!waitFor([&isDone] { return isDone.load(); })) kill();

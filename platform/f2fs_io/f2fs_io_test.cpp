@@ -409,6 +409,9 @@ TEST_F(FileIoTest, NoFaultTakesTheNameFromAWriter) {
                 const int code = isLink ? link() : restore();
                 isReached = faults.calls > failing;
                 faults = {};
+                if (code == 0) {
+                    EXPECT_EQ(namesIn(sandbox.tree()).size(), 2U) << "what is kept is told";
+                }
                 if (!writer.joinable()) continue;  // it failed before
                 writer.join();
                 ASSERT_GE(file, 0);
