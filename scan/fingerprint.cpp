@@ -38,8 +38,10 @@ Judgement judge(const std::string& path, const std::string& realPath, const Patt
                 const PatternList& blackList, bool mayBeFinished) {
     Judgement judgement;
     if (mayBeFinished && isFinished(path)) return judgement;
-    if (!regs.matches(path, judgement.tooLong) || isLeftover(path)) return judgement;
-    if (!isStorablePath(path)) {
+    if (!regs.matches(path, judgement.tooLong)) return judgement;
+    if (isLeftover(path)) {
+        judgement.need = Need::Leftover;
+    } else if (!isStorablePath(path)) {
         judgement.need = Need::NotStorable;
     } else {
         const bool isException =
@@ -56,7 +58,7 @@ void calculateFileMD5(const std::string& path, std::string_view name, const stru
     if (!judgement.tooLong.empty() && isFinished(path)) return;
     for (const std::string* pattern : judgement.tooLong)
         RUX_LOGE("pattern %s takes too long for %s", pattern->c_str(), path.c_str());
-    if (judgement.need == Need::Nothing) return;
+    if (judgement.need == Need::Nothing || judgement.need == Need::Leftover) return;
     if (judgement.need == Need::NotStorable) {
         RUX_LOGD("the path %s is not valid UTF-8, skip", path.c_str());
         return;

@@ -17,6 +17,7 @@ namespace rux {
 /// What has to be done for a file.
 enum class Need {
     Nothing,      // it has a digest, or no pattern selects it
+    Leftover,     // of the I/O library's, to be removed if nobody needs it
     NotStorable,  // its path cannot be held by a database file
     Record,       // it is an exception
     Digest,

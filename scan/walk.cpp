@@ -7,6 +7,10 @@
 #include "scan/entry_stream.h"
 #include "scan/fingerprint.h"
 
+/// Has the I/O library look at what its calls have left in a directory when they were killed, or
+/// had to leave. An extension: where the library has none, the address is null.
+[[gnu::weak]] void removeLeftovers(const char* directory);
+
 namespace rux {
 namespace {
 
@@ -28,6 +32,12 @@ void takeSingleFile(const std::string& path, const struct stat& st, const Patter
     const std::string realPath = blackList.empty() ? "" : realPathOf(path);
     calculateFileMD5(path, "", st, judge(path, realPath, regs, blackList), digest,
                      preparation.newcomers);
+}
+
+/// Once a request and directory, however many names of that kind somebody has put there.
+void removeOnce(const std::string& directory, Preparation& preparation) {
+    if (removeLeftovers != nullptr && preparation.tidied.insert(directory).second)
+        removeLeftovers(directory.c_str());
 }
 
 }  // namespace
@@ -79,6 +89,8 @@ int scanSpaceID(const std::string& path, const PatternList& regs, const PatternL
                 RUX_LOG(ANDROID_LOG_ERROR, ":opendir", "The directory cannot be opened.");
                 break;
             case Entry::Kind::File:
+                if (window.judgement().need == Need::Leftover)
+                    removeOnce(entry->path.substr(0, entry->nameStart - 1), preparation);
                 calculateFileMD5(
                         entry->path, std::string_view(entry->path).substr(entry->nameStart),
                         window.status(), window.judgement(), [&window] { return window.digest(); },

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <deque>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,7 @@ struct Preparation {
     KnownFiles knownFiles;
     Readers readers{lookAhead.workers, lookAhead.bytes, knownFiles};
     Newcomers newcomers;
+    std::set<std::string> tidied;  // directories that leftovers were removed from
 };
 
 /// The entries of a walk that have been read ahead, with the status and the digests of their files.

@@ -121,6 +121,9 @@ class Round:
         assert all(after.get(path) == digest for path, digest in self.digests.items()), "content has changed"
 
         self.service.start()
+        if operation != "scan" and pick.random() < 0.5:  # it tidies up as well
+            self.service.scan()
+            assert not self.service.leftovers(), self.service.leftovers()
         if operation != "restore" and not self.is_whole() and os.path.exists(self.service.space):
             # Nothing is whole before the first save, which a scan that starts over makes good.
             act()

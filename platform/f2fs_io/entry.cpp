@@ -5,7 +5,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
+#include <fstream>
 #include <random>
+#include <set>
+#include <system_error>
 
 #include "f2fs_io/compare.h"
 #include "f2fs_io/digest/md5.h"
@@ -13,6 +17,23 @@
 #include "f2fs_io/overlay.h"
 
 namespace android::host {
+namespace {
+
+/// Whether another process holds a lease on a file with that number, on whatever device: see
+/// proc(5), /proc/locks.
+bool isLeasedByOthers(ino_t inode) {
+    std::ifstream table("/proc/locks");
+    for (std::string line; std::getline(table, line);) {
+        int process = 0;
+        unsigned long file = 0;
+        if (sscanf(line.c_str(), "%*s LEASE %*s %*s %d %*x:%*x:%lu", &process, &file) == 2 &&
+            file == inode && process != getpid())
+            return true;
+    }
+    return false;
+}
+
+}  // namespace
 
 int openToRead(int directory, const char* path, int flags, UniqueFd* file) {
     const int all = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | flags;
@@ -74,28 +95,45 @@ int Entry::linkAsSwap(const UniqueFd& file) {
 int Entry::removeLeftovers() {
     const std::string swap = swapName();
     struct stat left = {};
+    struct stat st = {};
     if (const int error = status(swap, &left); error != 0) return error == ENOENT ? 0 : error;
-
-    // Does another name hold the content too, be it this entry's or that of another member?
-    bool spare = left.st_nlink > 1;
-    if (!spare) {
-        UniqueFd ours;
-        UniqueFd theirs;
-        ReadLease lease;  // a program may have had the file open all the while
-        struct stat st = {};
-        if (const int error = openFile(&ours, &st); error != 0) return error;
-        if (st.st_uid != left.st_uid) {
-            std::random_device random;
-            for (int i = 0; i < 4; ++i) mSalt += std::to_string(random());
-            return 0;
-        }
-        spare = st.st_size == left.st_size &&
-                openToRead(directory.get(), swap.c_str(), O_NOFOLLOW, &theirs) == 0 &&
-                lease.take(theirs.get()) == 0 &&
-                compareBytes(ours.get(), theirs.get(), st.st_size, nullptr) == 0 && lease.held();
+    UniqueFd ours;
+    UniqueFd theirs;
+    ReadLease lease;
+    if (const int error = openFile(&ours, &st); error != 0) return error;
+    if (st.st_uid != left.st_uid) {
+        std::random_device random;
+        for (int i = 0; i < 4; ++i) mSalt += std::to_string(random());
+        return 0;
     }
-    if (!spare) return EEXIST;
+    // A program may have had the file open all the while. And another service may be in the middle
+    // of a call on it: each of the two sees the other's lease, and gives way.
+    if (openRegular(directory.get(), swap.c_str(), O_NOFOLLOW, &theirs, &left) != 0 ||
+        lease.take(theirs.get()) != 0 || isLeasedByOthers(left.st_ino)) {
+        return EEXIST;
+    }
+    // Does another name hold the content too, be it this entry's or that of another member?
+    const bool spare =
+            left.st_nlink > 1 ||
+            (st.st_size == left.st_size &&
+             compareBytes(ours.get(), theirs.get(), st.st_size, nullptr) == 0 && lease.held());
+    if (!spare || status(swap, &st) != 0 || idOf(st) != idOf(left)) return EEXIST;
     return unlinkat(directory.get(), swap.c_str(), 0) == 0 || errno == ENOENT ? 0 : errno;
 }
 
 }  // namespace android::host
+
+/// Looks again at what calls that were killed, or that failed, have left in a directory. An
+/// extension.
+void removeLeftovers(const char* directory) {
+    std::error_code failure;
+    std::set<std::string> names;
+    for (const auto& found : std::filesystem::directory_iterator(directory, failure))
+        names.insert(found.path().filename());
+    for (const std::string& name : names) {
+        android::host::Entry entry;
+        entry.name = name;
+        if (names.count(entry.swapName()) == 0) continue;
+        if (entry.open((std::string(directory) + "/" + name).c_str()) == 0) entry.removeLeftovers();
+    }
+}

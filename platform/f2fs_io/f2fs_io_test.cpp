@@ -16,6 +16,8 @@
 #include "tavo_f2fs_io.h"
 #include "tests/support/sandbox.h"
 
+void removeLeftovers(const char* directory);
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -322,9 +324,15 @@ TEST_F(FileIoTest, CleansUpAfterAKilledCall) {
     EXPECT_EQ(namesIn(sandbox.tree()), clean);
     EXPECT_EQ(statusOf(kept).st_nlink, 2U);
     // Killed after it: the name stands for the old file, or for the shared one after a restore.
-    rux::test::writeFile(swap, readFile(kept));
-    EXPECT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), 0);
-    EXPECT_EQ(namesIn(sandbox.tree()), clean);
+    for (const bool byScan : {false, true}) {
+        rux::test::writeFile(swap, readFile(kept));
+        if (byScan) {
+            removeLeftovers(sandbox.tree().c_str());
+        } else {
+            EXPECT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), 0);
+        }
+        EXPECT_EQ(namesIn(sandbox.tree()), clean);
+    }
     EXPECT_EQ(restoreLinkFile(duplicate.c_str(), false), 0);
     fs::create_hard_link(kept, swap);
     EXPECT_EQ(restoreLinkFile(duplicate.c_str(), false), 0);
@@ -341,6 +349,7 @@ TEST_F(FileIoTest, CleansUpAfterAKilledCall) {
     rux::test::writeFile(swap, "written meanwhile");
     EXPECT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), EEXIST);
     EXPECT_EQ(restoreLinkFile(duplicate.c_str(), false), EEXIST);
+    removeLeftovers(sandbox.tree().c_str());
     EXPECT_EQ(readFile(swap), "written meanwhile");
     EXPECT_EQ(readFile(duplicate), std::string(300000, 'k'));
     // Somebody else has made a file of that name, in a directory where that cannot be denied.
