@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Programs that write to the files while scans, listings, compressions and restores of two services run in a loop.
+"""Programs that write to the files while scan, listing, compression and restore run in a loop.
 
 Some rename new files over members, unlink and make them anew; some hold a member open and append,
 rewrite and truncate it in place. Each keeps the truth of what it wrote last, and at the end every path
 must hold just that. A member that is being written must stay unlinked.
 
-usage: writers_test.py RUX [SECONDS]     10 seconds by default; 600 for the long form
+usage: writers_test.py RUX [SECONDS [SERVICES]]     10 seconds by default, 600 for the long form; one service, or two
 """
 
 import multiprocessing
@@ -91,6 +91,7 @@ class Writer:
 
 def main():
     rux, seconds = sys.argv[1], float(sys.argv[2]) if len(sys.argv) > 2 else 10
+    services = int(sys.argv[3]) if len(sys.argv) > 3 else 1
     print(f"seed {(seed := random.randrange(1 << 30))}")
     with Service(rux) as service, Service(rux) as other:
         other.tree = service.tree  # nobody keeps a second one from the same files
@@ -112,7 +113,7 @@ def main():
                     service.restore()
                 rounds += 1
 
-        operators = [threading.Thread(target=operate, args=(one,)) for one in (service, other)]
+        operators = [threading.Thread(target=operate, args=(one,)) for one in (service, other)[:services]]
         for operator in operators:
             operator.start()
         outcomes = [results.get() for _ in processes]
