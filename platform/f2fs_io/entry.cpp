@@ -9,6 +9,7 @@
 #include <fstream>
 #include <random>
 #include <set>
+#include <sstream>
 #include <system_error>
 
 #include "f2fs_io/compare.h"
@@ -23,12 +24,13 @@ namespace {
 /// proc(5), /proc/locks.
 bool isLeasedByOthers(ino_t inode) {
     std::ifstream table("/proc/locks");
+    const std::string place = ":" + std::to_string(inode);  // behind the device
     for (std::string line; std::getline(table, line);) {
-        int process = 0;
-        unsigned long file = 0;
-        if (sscanf(line.c_str(), "%*s LEASE %*s %*s %d %*x:%*x:%lu", &process, &file) == 2 &&
-            file == inode && process != getpid())
-            return true;
+        std::istringstream fields(line);
+        std::string number, kind, state, mode, file;
+        pid_t process = 0;
+        fields >> number >> kind >> state >> mode >> process >> file;
+        if (kind == "LEASE" && process != getpid() && file.ends_with(place)) return true;
     }
     return false;
 }

@@ -2,11 +2,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <filesystem>
 #include <functional>
 #include <random>
@@ -345,6 +347,25 @@ TEST_F(FileIoTest, CleansUpAfterAKilledCall) {
     EXPECT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), 0);
     EXPECT_EQ(restoreLinkFile(duplicate.c_str(), false), 0);
     EXPECT_EQ(namesIn(sandbox.tree()), clean);
+    // Another service is in the middle of a call on it, as its lease tells.
+    rux::test::writeFile(swap, readFile(kept));
+    int ready[2];
+    ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
+    const pid_t other = fork();
+    if (other == 0) {
+        const int file = open(swap.c_str(), O_RDONLY | O_CLOEXEC);
+        const char isLeased = fcntl(file, F_SETLEASE, F_RDLCK) == 0 ? 'y' : 'n';
+        if (write(ready[1], &isLeased, 1) == 1) pause();
+        _exit(0);
+    }
+    char isLeased = 0;
+    EXPECT_EQ(read(ready[0], &isLeased, 1), 1);
+    EXPECT_EQ(isLeased, 'y');
+    EXPECT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), EEXIST);
+    kill(other, SIGKILL);
+    waitpid(other, nullptr, 0);
+    EXPECT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), 0);
+    EXPECT_EQ(restoreLinkFile(duplicate.c_str(), false), 0);
     // Somebody wrote to the old file while the call was killed: that content has no other name.
     rux::test::writeFile(swap, "written meanwhile");
     EXPECT_EQ(createHardLink(kept.c_str(), duplicate.c_str(), false), EEXIST);
