@@ -11,7 +11,7 @@ namespace {
 
 TEST(BusyGuardTest, AdmitsOneOfThoseWhoAskAtOnce) {
     std::atomic<int> inside{0};
-    std::vector<std::jthread> callers;
+    std::vector<std::thread> callers;
     for (const Operation operation :
          {Operation::Listing, Operation::Scan, Operation::Compression, Operation::Restore}) {
         callers.emplace_back([&inside, operation] {
@@ -25,7 +25,7 @@ TEST(BusyGuardTest, AdmitsOneOfThoseWhoAskAtOnce) {
             }
         });
     }
-    callers.clear();
+    for (std::thread& caller : callers) caller.join();
     EXPECT_FALSE(isAnyBusy());
 }
 
