@@ -37,7 +37,7 @@ REFUSALS = {"scan": (None, "Rux_scanDuplicateFilesImp", "the scan has been start
             "restore": (0, "Rux_restoreDuplicateFilesImp", "the Compress has been started,return")}
 NAMES = ["a.jpg", "b.jpg", "c.JPG", "archive.tar.gz", ".profile", "README", "file.", "x.abcdefghij", "x.abcdefghijk",
          "é 😀.txt", "quote\"\\.t", "tab\t.t", b"bad\xff.t", ".rux-swap-0123456789abcdef0123456789abcdef",
-         ".rux-swap-not-of-the-library-but-of-a-user-x", "d.d", "e", "f", "g"]
+         ".rux-swap-not-of-the-library-but-a-users-x", "d.d", "e", "f", "g"]
 PATTERNS = [".*"] * 9 + [r".*\.jpg", r".*\.(jpg|t)", ".*/[a-m][^/]*", "jpg", "(", "[", r".*é.*", ".*/d[12]?/.*"]
 SPACES = ["s"] * 20 + ["t"] * 6 + ["é u", "", "plain", "..", "a/b", "n\0l", "x" * 300]
 
@@ -183,6 +183,9 @@ class Session:
             return json.dumps(pick.choice([[pick.choice(PATTERNS[9:])]] * 4 + [[r".*/e/.*", "("], [], {}, None, ["x", 5], "x"]))
         if operation == "compress":
             return json.dumps([pick.choice(SPACES + [5]) for _ in range(pick.choice([1, 1, 2, 3]))])
+        if operation == "scan" and pick.random() < 0.2:  # whose are the files of the last one?
+            return json.dumps([{"sid": "s", "regs": [".*"], "dirs": []}, {"sid": pick.choice([5, None, "a/b", "x" * 300])},
+                               {"regs": [".*"], "dirs": [self.service.tree]}])
         return json.dumps([self.rule(operation) for _ in range(pick.choice([1, 1, 2, 3]))])
 
     def rule(self, operation):
@@ -195,7 +198,7 @@ class Session:
                 "dirs": [pick.choice(places) for _ in range(pick.choice([0, 1, 1, 2, 2]))]}
         if operation != "restore" and not rule["dirs"] and pick.random() < 0.7:
             rule["dirs"] = [tree]
-        if pick.random() < 0.12:
+        if pick.random() < 0.3:
             name = pick.choice(["sid", "regs", "dirs"])
             wrong = pick.choice([None, None, 5, [], {}, ["x", 5], [5], "x"])
             if wrong is None:
