@@ -120,10 +120,9 @@ TEST_P(LanesTest, DigestsFilesOfAllLengths) {
     for (const auto& [path, result] : files.results) {
         EXPECT_EQ(result.code, 0) << path;
         EXPECT_EQ(result.md5, expected[path]) << path;
+        EXPECT_EQ(computeFileMD5(path.c_str(), false).md5, expected[path]) << path;
     }
-    // The oracle itself, and the form for one file.
-    EXPECT_EQ(expected[paths[0]], rux::test::md5sum(paths[0]));
-    EXPECT_EQ(computeFileMD5(paths[0].c_str(), false).md5, expected[paths[0]]);
+    EXPECT_EQ(expected[paths[0]], rux::test::md5sum(paths[0])) << "the oracle itself";
 }
 
 TEST_P(LanesTest, KeepsEachFileThroughLanesOfAnyNumber) {
