@@ -14,8 +14,8 @@ bool sameContentStamp(const struct stat& before, const struct stat& after);
 
 /// 0 when the first `size` bytes of both files are the same, EILSEQ when they are not or one of
 /// them is shorter, ECANCELED when nobody wants the answer any more, else an errno. What is a hole
-/// in both is the same. `interrupted` (may be null) is asked after each piece, from
-/// several threads when the files are large; once it says true the result is EBUSY.
+/// in both is the same. `interrupted` (may be null) is asked after each piece, from several threads
+/// when the files are large; once it says true the result is EBUSY.
 int compareBytes(int first, int second, off_t size, const std::function<bool()>& interrupted);
 
 /// Who may do what with a file.

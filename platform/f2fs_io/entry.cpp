@@ -1,7 +1,7 @@
 #include "f2fs_io/entry.h"
 
 #include <fcntl.h>
-
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -41,14 +41,32 @@ int openToRead(int directory, const char* path, int flags, UniqueFd* file) {
     const int all = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | flags;
     file->reset(openat(directory, path, all | O_NOATIME));
     if (!file->valid() && errno == EPERM) file->reset(openat(directory, path, all));
-    return file->valid() ? 0 : errno;
+    if (file->valid()) return 0;
+    return errno == ENXIO ? EINVAL : errno;
 }
 
 int openRegular(int directory, const char* path, int flags, UniqueFd* file, struct stat* st) {
     const int error = openToRead(directory, path, flags, file);
-    if (error != 0) return error == ENXIO ? EINVAL : error;  // ENXIO: a socket
-    if (fstat(file->get(), st) != 0) return errno;
+    return error == 0 ? statusOfRegular(*file, st) : error;
+}
+
+int statusOfRegular(const UniqueFd& file, struct stat* st) {
+    if (fstat(file.get(), st) != 0) return errno;
     return S_ISREG(st->st_mode) ? 0 : EINVAL;
+}
+
+int fileSystemOf(int file, dev_t device, long* type) {
+    // Files come from one file system for a long time, which answers for all of them.
+    thread_local dev_t knownDevice = 0;
+    thread_local long knownType = 0;
+    if (knownDevice == 0 || device != knownDevice) {
+        struct statfs fs = {};
+        if (fstatfs(file, &fs) != 0) return errno;
+        knownDevice = device;
+        knownType = fs.f_type;
+    }
+    *type = knownType;
+    return 0;
 }
 
 int Entry::open(const char* path) {
@@ -81,7 +99,7 @@ int Entry::linkOnce(const UniqueFd& file) const {
     // /proc.
     if (linkat(file.get(), "", directory.get(), swap.c_str(), AT_EMPTY_PATH) == 0) return 0;
     if (errno != ENOENT && errno != EPERM) return errno;
-    return linkat(AT_FDCWD, ownPathOf(file).c_str(), directory.get(), swap.c_str(),
+    return linkat(AT_FDCWD, ownPathOf(file.get()).c_str(), directory.get(), swap.c_str(),
                   AT_SYMLINK_FOLLOW) == 0
                    ? 0
                    : errno;

@@ -63,10 +63,17 @@ struct Entry {
 };
 
 /// Opens `path` below `directory` for reading, without changing its access time where the owner's
-/// rights allow that, and without waiting for the other end of a pipe. 0 or an errno.
+/// rights allow that, and without waiting for the other end of a pipe. 0 or an errno, EINVAL for a
+/// socket.
 int openToRead(int directory, const char* path, int flags, UniqueFd* file);
 
 /// The same for a regular file, EINVAL for what is none. Fills `st`.
 int openRegular(int directory, const char* path, int flags, UniqueFd* file, struct stat* st);
+
+/// Fills `st`. 0 or an errno, EINVAL for what is no regular file.
+int statusOfRegular(const UniqueFd& file, struct stat* st);
+
+/// The type of the file system (statfs(2)) that an open file on `device` lies on. 0 or an errno.
+int fileSystemOf(int file, dev_t device, long* type);
 
 }  // namespace android::host

@@ -26,14 +26,11 @@ int openKept(const char* path, LeasedFile* kept) {
         LinkMakers makers;
         struct stat st = {};
         if (error = resolve(path, &place, &makers); error != 0) return error;
-        if (fstat(place.get(), &st) != 0) return errno;
-        if (!S_ISREG(st.st_mode)) return EINVAL;
+        if (error = statusOfRegular(place, &st); error != 0) return error;
         if (!makers.mayLeadTo(st.st_uid)) return ELOOP;
-        error = openToRead(AT_FDCWD, ownPathOf(place).c_str(), 0, &kept->file);
+        error = openToRead(AT_FDCWD, ownPathOf(place.get()).c_str(), 0, &kept->file);
     }
-    if (error != 0) return error == ENXIO ? EINVAL : error;
-    if (fstat(kept->file.get(), &kept->status) != 0) return errno;
-    return S_ISREG(kept->status.st_mode) ? 0 : EINVAL;
+    return error == 0 ? statusOfRegular(kept->file, &kept->status) : error;
 }
 
 int linkDuplicate(const char* keptPath, const char* duplicatePath) {

@@ -1,14 +1,10 @@
 #include "f2fs_io/long_file.h"
 
-#include <linux/limits.h>
-#include <unistd.h>
-
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <string>
 
 #include "android/log.h"
+#include "f2fs_io/resolve.h"
 
 namespace android::host {
 namespace {
@@ -28,13 +24,8 @@ int LongFile::count(int file, size_t bytes) {
     if (mStart == Clock::time_point()) mStart = mAsked = now;
     if (!mIsNamed && now - mStart > 10s) {
         mIsNamed = true;
-        char path[PATH_MAX] = "";
-        const std::string link = "/proc/self/fd/" + std::to_string(file);
-        const ssize_t length = readlink(link.c_str(), path, sizeof(path));
-        __android_log_print(ANDROID_LOG_ERROR, "tavo_f2fs_io",
-                            "%.*s takes long: %lld bytes in 10 s",
-                            static_cast<int>(std::max<ssize_t>(0, length)), path,
-                            static_cast<long long>(mBytes));
+        __android_log_print(ANDROID_LOG_ERROR, "tavo_f2fs_io", "%s takes long: %lld bytes in 10 s",
+                            placeOf(file).c_str(), static_cast<long long>(mBytes));
     }
     if (now - mAsked < 100ms) return 0;
     mAsked = now;

@@ -1,11 +1,8 @@
 #include "f2fs_io/overlay.h"
 
 #include <fcntl.h>
-#include <linux/limits.h>
 #include <linux/magic.h>
 #include <poll.h>
-#include <sys/vfs.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -19,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "f2fs_io/entry.h"
 #include "f2fs_io/resolve.h"
 
 namespace android::host {
@@ -46,9 +44,7 @@ class UpperDirectories {
         const std::lock_guard lock(mMutex);
         refresh();
         if (mPaths.empty()) return false;
-        char text[PATH_MAX];
-        const ssize_t length = readlink(ownPathOf(directory).c_str(), text, sizeof(text));
-        const std::string path = std::string(text, std::max<ssize_t>(0, length)) + "/";
+        const std::string path = placeOf(directory.get()) + "/";
         return std::any_of(mPaths.begin(), mPaths.end(), [&path](const std::string& upper) {
             return path.starts_with(upper + "/");
         });
@@ -87,15 +83,10 @@ class UpperDirectories {
 
 int refuseOverlay(const UniqueFd& directory, dev_t device) {
     static UpperDirectories upperDirectories;
-    // Files come from one file system for a long time, which answers for all of them.
-    thread_local dev_t known = 0;
-    if (known == 0 || device != known) {
-        struct statfs fs = {};
-        if (fstatfs(directory.get(), &fs) != 0) return errno;
-        if (fs.f_type == OVERLAYFS_SUPER_MAGIC) return EOPNOTSUPP;
-        known = device;
-    }
-    return upperDirectories.hold(directory) ? EOPNOTSUPP : 0;
+    long type = 0;
+    if (const int error = fileSystemOf(directory.get(), device, &type); error != 0) return error;
+    const bool isRefused = type == OVERLAYFS_SUPER_MAGIC || upperDirectories.hold(directory);
+    return isRefused ? EOPNOTSUPP : 0;
 }
 
 }  // namespace android::host

@@ -65,6 +65,7 @@ int openWithoutLinks(const char* path, int flags, UniqueFd* file) {
     how.resolve = RESOLVE_NO_SYMLINKS;
     file->reset(static_cast<int>(syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof(how))));
     if (file->valid()) return 0;
+    if (errno == ENXIO) return EINVAL;
     // ENOSYS: an old kernel. EPERM: a filter of calls that does not know this one, or O_NOATIME.
     return errno == ENOSYS || errno == EPERM ? ELOOP : errno;
 }
@@ -74,8 +75,14 @@ int resolve(const std::string& path, UniqueFd* place, LinkMakers* makers) {
     return error == ELOOP ? walk(path, place, makers) : error;
 }
 
-std::string ownPathOf(const UniqueFd& file) {
-    return "/proc/self/fd/" + std::to_string(file.get());
+std::string ownPathOf(int file) {
+    return "/proc/self/fd/" + std::to_string(file);
+}
+
+std::string placeOf(int file) {
+    char path[PATH_MAX];
+    const ssize_t length = readlink(ownPathOf(file).c_str(), path, sizeof(path));
+    return {path, static_cast<size_t>(std::max<ssize_t>(0, length))};
 }
 
 }  // namespace android::host

@@ -24,7 +24,7 @@ class LinkMakers {
 };
 
 /// Opens what `path` leads to without following a symbolic link, with the flags of open(2). 0 or an
-/// errno: ELOOP when there is one, or when the kernel cannot tell.
+/// errno: ELOOP when there is one, or when the kernel cannot tell; EINVAL for a socket.
 int openWithoutLinks(const char* path, int flags, UniqueFd* file);
 
 /// Opens what `path` leads to, of whatever kind, as a place alone (O_PATH in open(2)). Symbolic
@@ -34,6 +34,9 @@ int openWithoutLinks(const char* path, int flags, UniqueFd* file);
 int resolve(const std::string& path, UniqueFd* place, LinkMakers* makers);
 
 /// The path under which the process itself finds an open file.
-std::string ownPathOf(const UniqueFd& file);
+std::string ownPathOf(int file);
+
+/// Where an open file or directory lies now, as proc(5) has it; empty when that cannot be told.
+std::string placeOf(int file);
 
 }  // namespace android::host

@@ -25,7 +25,7 @@ int makeCopy(Entry& entry, const LeasedFile& source, LeasedFile* copy) {
     int error = copyContent(from, written.get(), source.status, [&] { return source.isInUse(); });
     if (error == 0) error = copyMetadata(from, written.get(), source.status);
     if (error == 0 && fsync(written.get()) != 0) error = errno;
-    if (error == 0) error = openToRead(AT_FDCWD, ownPathOf(written).c_str(), 0, &copy->file);
+    if (error == 0) error = openToRead(AT_FDCWD, ownPathOf(written.get()).c_str(), 0, &copy->file);
     return error == 0 ? entry.linkAsSwap(written) : error;
 }
 

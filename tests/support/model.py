@@ -208,7 +208,7 @@ class Model:
     def switch_log(self):
         self.tool_log = self.tool_log or self.properties.get(TOOL_LOG) == "true"
 
-    def library(self, function, path):
+    def tool(self, function, path):
         if self.tool_log:
             self.log("D", "tavo_f2fs_io", f"{function} {path}")
 
@@ -554,7 +554,7 @@ class Model:
                     self.log("D", "compressFile", f"file {path} is deleted")
                     continue
                 linked = self.link(paths[there[0]], path)
-                self.library("createHardLink", path)
+                self.tool("createHardLink", path)
                 if linked:
                     self.linked += 1
                     if self.linked % 100 == 0:
@@ -638,7 +638,7 @@ class Model:
             for path in paths:
                 self.log("D", "restoreFile", f"restoreLinkFile path: {path}.")
                 st = status(path, follow=False)
-                self.library("restoreLinkFile", path)
+                self.tool("restoreLinkFile", path)
                 if st and stat.S_ISREG(st.st_mode):
                     self.restored.append(name_of(path))
                     self.log("D", "restoreFile", "restoreLinkFile success")

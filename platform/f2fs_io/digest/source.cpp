@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <sys/uio.h>
-#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,14 +20,9 @@ constexpr off_t kFetchAhead = off_t{2}
 
 /// Whether the file only looks like one: /proc/kcore claims more bytes than anybody will ever read.
 bool isKernelInterface(int file, dev_t device) {
-    // Files come from one file system for a long time, which answers for all of them.
-    thread_local dev_t known = 0;
-    if (known != 0 && device == known) return false;
-    struct statfs fs = {};
-    if (fstatfs(file, &fs) != 0) return false;
-    if (fs.f_type == PROC_SUPER_MAGIC || fs.f_type == SYSFS_MAGIC) return true;
-    known = device;
-    return false;
+    long type = 0;
+    return fileSystemOf(file, device, &type) == 0 &&
+           (type == PROC_SUPER_MAGIC || type == SYSFS_MAGIC);
 }
 
 /// Whether a time and that of a change which comes now might be in the same second.
