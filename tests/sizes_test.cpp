@@ -5,9 +5,7 @@
 #include <linux/limits.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <filesystem>
-#include <thread>
 
 #include "tests/support/sandbox.h"
 
