@@ -1,6 +1,7 @@
 #include "compress/compress_request.h"
 
 #include <cstdint>
+#include <map>
 #include <utility>
 #include <vector>
 
@@ -15,20 +16,30 @@
 #include "request/rules.h"
 #include "tavo_f2fs_io.h"
 
-/// Returns when the blocks of all files that were replaced are free. An extension: where the
-/// platform's library has none, the address is null.
-[[gnu::weak]] void finishHardLinks();
+/// Returns when all links are certain, with the paths that had to be undone after `createHardLink`
+/// had said 0. An extension: where the platform's library has none, the address is null.
+[[gnu::weak]] std::map<std::string, int32_t> settleLinks();
 
 namespace rux {
 namespace {
 
 constexpr int32_t kProgressStep = 100;  // links between two writes of the progress property
 
+constexpr size_t kMaxUncertain = 4096;  // groups
+
+/// A group with links that may still be undone.
+struct LinkedGroup {
+    int64_t fileBytes = 0;
+    std::vector<std::string> links;
+    bool isFinished = false;
+};
+
 /// What a request has done so far, over all of its spaces.
 struct Tally {
     int32_t linkedFiles = 0;
     int64_t compressedGroupCount = 0;
     int64_t linkedBytes = 0;
+    std::vector<LinkedGroup> uncertain;  // not in the two above yet
 };
 
 void load(const std::string& SpaceID_DBPath) {
@@ -45,12 +56,28 @@ Json::ArrayIndex firstExisting(const Json::Value& paths) {
     return index;
 }
 
-void countLink(int64_t fileBytes, Tally& tally) {
+void countLink(const std::string& duplicate, Tally& tally) {
+    tally.uncertain.back().links.push_back(duplicate);
     tally.linkedFiles += 1;
-    tally.linkedBytes = addBytes(tally.linkedBytes, fileBytes, 1);
     if (tally.linkedFiles % kProgressStep == 0) {
         android::base::SetProperty(kCompressionProgress, std::to_string(tally.linkedFiles));
     }
+}
+
+/// Counts what has been linked for good.
+void settle(Tally& tally) {
+    std::map<std::string, int32_t> undone;
+    if (settleLinks != nullptr) undone = settleLinks();
+    for (LinkedGroup& group : tally.uncertain) {
+        const auto lost = std::erase_if(group.links, [&](const std::string& path) {
+            return undone.contains(path);
+        });
+        const auto links = static_cast<int64_t>(group.links.size());
+        tally.linkedFiles -= static_cast<int32_t>(lost);
+        tally.linkedBytes = addBytes(tally.linkedBytes, group.fileBytes, links);
+        if (group.isFinished && links > 0) tally.compressedGroupCount += 1;
+    }
+    tally.uncertain.clear();
 }
 
 void moveToCompressed(const std::string& digest) {
@@ -82,7 +109,8 @@ bool compressFile(Tally& tally) {
             continue;
         }
         const std::string kept = pathOf((*paths)[keptIndex]);
-        bool anyLinked = false;
+        if (tally.uncertain.size() >= kMaxUncertain) settle(tally);
+        tally.uncertain.emplace_back().fileBytes = groupFileBytes(group);
         for (Json::ArrayIndex i = keptIndex + 1; i < paths->size(); ++i) {
             const std::string duplicate = pathOf((*paths)[i]);
             if (!pathExists(duplicate)) {
@@ -93,10 +121,10 @@ bool compressFile(Tally& tally) {
             if (code != 0) {
                 RUX_LOGE("createHardLink fail, error code %d", code);
             } else {
-                countLink(groupFileBytes(group), tally);
-                anyLinked = true;
+                countLink(duplicate, tally);
             }
             if (getStopProp(kStopCompression)) {
+                settle(tally);
                 if (tally.compressedGroupCount == 0) {
                     RUX_LOGD("the compressedGroupCount is 0, selfadd.");
                     tally.compressedGroupCount = 1;
@@ -106,8 +134,9 @@ bool compressFile(Tally& tally) {
             }
         }
         moveToCompressed(digest);
-        if (anyLinked) tally.compressedGroupCount += 1;
+        tally.uncertain.back().isFinished = true;
     }
+    settle(tally);
     return false;
 }
 
@@ -138,7 +167,6 @@ std::string Rux_compressDuplicateFilesImp(const std::string& request) {
         compressFile(tally);
         const bool stopped = getStopProp(kStopCompression);
         if (stopped) RUX_LOGD("compress stop.");
-        if (finishHardLinks != nullptr) finishHardLinks();
         save(SpaceID_DBPath);
         if (stopped) break;
     }

@@ -1,5 +1,8 @@
 #include "compress/restore_request.h"
 
+#include <cstdint>
+#include <map>
+#include <string>
 #include <vector>
 
 #include "control/busy.h"
@@ -12,6 +15,10 @@
 #include "request/patterns.h"
 #include "request/rules.h"
 #include "tavo_f2fs_io.h"
+
+/// Returns when all files that `restoreLinkFile` has copied are restored. An extension: where the
+/// platform's library has none, the address is null.
+[[gnu::weak]] std::map<std::string, int32_t> settleLinks();
 
 namespace rux {
 namespace {
@@ -105,6 +112,7 @@ int64_t Rux_restoreDuplicateFilesImp(const std::string& request) {
             for (const std::string& fragment : *rule.places)
                 restoreFile(fragment, patterns, restored);
         }
+        if (settleLinks != nullptr) settleLinks();
         save(SpaceID_DBPath);
     }
     return restored;

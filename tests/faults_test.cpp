@@ -7,10 +7,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <thread>
 
+#include "tests/support/open_guard.h"
 #include "tests/support/sandbox.h"
 
 namespace rux::test {
@@ -50,6 +52,9 @@ class FaultsTest : public ServiceTest {
         for (const int code : {1, 2, 3, 4}) {
             transact(code, code == 3 ? Json::array({"s"}) : rule("s", {".*"}, {sandbox.tree()}));
         }
+    }
+    static std::string textDigest(const std::string& text) {
+        return run({"md5sum"}, "", text).out.substr(0, 32);
     }
     void limit(__rlimit_resource resource, rlim_t value) const {
         rlimit limit = {};
@@ -138,7 +143,70 @@ TEST_F(FaultsTest, LimitsOnFileSizeAndDescriptors) {
     limit(RLIMIT_NOFILE, 1024);
     scanTree();
     EXPECT_TRUE(database("RUXFileInfo.json").contains(sandbox.path(deep + "/c")));
+    for (const char* copy : {"x", "y"})
+        for (int i = 0; i < 100; ++i)
+            sandbox.write(copy + std::to_string(i), std::to_string(i) + " of a pair");
+    scanTree();
+    limit(RLIMIT_NOFILE, 64);
+    EXPECT_EQ(compress().substr(0, 4), "101,");
+    restore();
+    EXPECT_EQ(logged("restoreLinkFile fail"), 2);
+    EXPECT_EQ(statusOf(sandbox.path("x99")).st_nlink, 1U);
     EXPECT_TRUE(isRunning());
+}
+
+TEST_F(FaultsTest, CountsNoLinkThatIsUndone) {
+    const std::string content(96 << 20, 'x');  // that takes its time to compare
+    sandbox.write("a", content);
+    sandbox.write("b", content);
+    sandbox.write("c", "other");
+    sandbox.write("d", "other");
+    scanTree();
+    const Json group = database("RUXCheckNoCompress.json")[md5sum(sandbox.path("a"))];
+    const std::string a = group["f_list"][0];
+    const std::string b = group["f_list"][1];
+    std::string result;
+    std::thread writer;
+    {
+        const OpenGuard guard(b, pid());
+        if (!guard.works()) GTEST_SKIP() << "needs root";
+        writer = std::thread([&] {
+            const std::string inode = ":" + std::to_string(inodeOf(b)) + " ";
+            waitFor([&] { return readFile("/proc/locks").find(inode) != std::string::npos; });
+            ::kill(pid(), SIGSTOP);  // while it compares, until the writer is on its way
+            std::thread hold([&] {
+                EXPECT_TRUE(waitFor([&guard] { return guard.holds(); }));
+                ::kill(pid(), SIGCONT);
+            });
+            run({"sh", "-c", "echo late >> " + b});
+            hold.join();
+        });
+        result = compress();
+    }
+    writer.join();
+    EXPECT_EQ(result, "1,5");
+    EXPECT_EQ(logged("undone " + b + ": 16 "), 1);
+    EXPECT_EQ(database("RUXCheckACompress.json").size(), 2U);
+    EXPECT_TRUE(readFile(a) == content);
+    EXPECT_TRUE(readFile(b) == content + "late\n");
+}
+
+TEST_F(FaultsTest, TidiesUpAfterAKillWhereverItWorksNext) {
+    for (const char* name : {"a", "b", "c", "d"}) sandbox.write(name, "same");
+    scanTree();
+    kill();
+    fs::create_hard_link(sandbox.path("d"), sandbox.path(".rux-swap-") + textDigest("d"));
+    sandbox.write(".rux-swap-" + textDigest("gone"), "the only name");
+    const std::string mark = sandbox.root() + "/run/rux/unsettled";
+    writeFile(mark, "");
+    start();
+    const Json pair = {sandbox.path("a"), sandbox.path("b")};
+    writeFile(sandbox.database("s", "RUXCheckNoCompress.json"),
+              Json({{"0", {{"V", 1}, {"f_size", 4}, {"f_list", pair}}}}).dump());
+    EXPECT_EQ(compress(), "1,4");
+    EXPECT_EQ(statusOf(sandbox.path("d")).st_nlink, 1U);
+    EXPECT_EQ(readFile(sandbox.path(".rux-swap-" + textDigest("gone"))), "the only name");
+    EXPECT_FALSE(fs::exists(mark));
 }
 
 TEST_F(FaultsTest, WhatAnOperationThrowsEndsInTheLog) {

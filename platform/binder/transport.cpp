@@ -16,6 +16,7 @@ namespace {
 constexpr size_t kMaxConnections = 512;
 constexpr size_t kMaxBufferedBytes = size_t{64} << 20;  // of frames not yet whole or not yet sent
 constexpr int kEventsPerWait = 64;
+constexpr int kExpectedDescriptors = 4096;
 
 // What an epoll event is about: connections count up from kFirstConnection, the listeners are told
 // by the topmost bit.
@@ -23,13 +24,16 @@ constexpr uint64_t kWakeId = 0;
 constexpr uint64_t kFirstConnection = 1;
 constexpr uint64_t kListenerBit = uint64_t{1} << 63;
 
-/// Raises the limit on descriptors as far as it goes, and tells how many that is.
+/// Raises the limit on descriptors as far as it goes, and tells how many that is. Has the kernel
+/// make its table large while there is one thread: later, to enlarge it holds the caller up for
+/// many milliseconds.
 size_t raiseDescriptorLimit() {
     rlimit limit = {};
     getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
     getrlimit(RLIMIT_NOFILE, &limit);
+    close(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, kExpectedDescriptors));
     return limit.rlim_cur;
 }
 

@@ -5,37 +5,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
-#include <fstream>
-#include <random>
-#include <set>
-#include <sstream>
-#include <system_error>
 
-#include "f2fs_io/compare.h"
 #include "f2fs_io/digest/md5.h"
-#include "f2fs_io/lease.h"
 #include "f2fs_io/overlay.h"
 
 namespace android::host {
-namespace {
-
-/// Whether another process holds a lease on a file with that number, on whatever device: see
-/// proc(5), /proc/locks.
-bool isLeasedByOthers(ino_t inode) {
-    std::ifstream table("/proc/locks");
-    const std::string place = ":" + std::to_string(inode);  // behind the device
-    for (std::string line; std::getline(table, line);) {
-        std::istringstream fields(line);
-        std::string number, kind, state, mode, file;
-        pid_t process = 0;
-        fields >> number >> kind >> state >> mode >> process >> file;
-        if (kind == "LEASE" && process != getpid() && file.ends_with(place)) return true;
-    }
-    return false;
-}
-
-}  // namespace
 
 int openToRead(int directory, const char* path, int flags, UniqueFd* file) {
     const int all = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | flags;
@@ -76,7 +50,12 @@ int Entry::open(const char* path) {
     if (whole.empty()) return ENOENT;
     if (name.empty() || name == "." || name == "..") return EINVAL;
     if (slash != std::string::npos) parent = whole.substr(0, slash + 1);
-    return resolve(parent.empty() ? "." : parent, &directory, &makers);
+    if (const int error = resolve(parent.empty() ? "." : parent, &directory, &makers); error != 0)
+        return error;
+    struct stat st = {};
+    if (fstat(directory.get(), &st) != 0) return errno;
+    directoryId = idOf(st);
+    return 0;
 }
 
 int Entry::openFile(UniqueFd* file, struct stat* st) const {
@@ -90,10 +69,10 @@ int Entry::status(const std::string& other, struct stat* st) const {
 }
 
 std::string Entry::swapName() const {
-    return ".rux-swap-" + md5OfText(name + mSalt);
+    return kSwapPrefix + md5OfText(name + salt);
 }
 
-int Entry::linkOnce(const UniqueFd& file) const {
+int Entry::linkAsSwap(const UniqueFd& file) const {
     const std::string swap = swapName();
     // Not every kernel lets every process link a bare descriptor, but then there is its name in
     // /proc.
@@ -105,55 +84,4 @@ int Entry::linkOnce(const UniqueFd& file) const {
                    : errno;
 }
 
-int Entry::linkAsSwap(const UniqueFd& file) {
-    if (const int error = linkOnce(file); error != EEXIST) return error;
-    // Left by a call that was killed. It is looked for only now, as there is none as a rule.
-    const int error = removeLeftovers();
-    return error == 0 ? linkOnce(file) : error;
-}
-
-int Entry::removeLeftovers() {
-    const std::string swap = swapName();
-    struct stat left = {};
-    struct stat st = {};
-    if (const int error = status(swap, &left); error != 0) return error == ENOENT ? 0 : error;
-    UniqueFd ours;
-    UniqueFd theirs;
-    ReadLease lease;
-    if (const int error = openFile(&ours, &st); error != 0) return error;
-    if (st.st_uid != left.st_uid) {
-        std::random_device random;
-        for (int i = 0; i < 4; ++i) mSalt += std::to_string(random());
-        return 0;
-    }
-    // A program may have had the file open all the while. And another service may be in the middle
-    // of a call on it: each of the two sees the other's lease, and gives way.
-    if (openRegular(directory.get(), swap.c_str(), O_NOFOLLOW, &theirs, &left) != 0 ||
-        lease.take(theirs.get()) != 0 || isLeasedByOthers(left.st_ino)) {
-        return EEXIST;
-    }
-    // Does another name hold the content too, be it this entry's or that of another member?
-    const bool spare =
-            left.st_nlink > 1 ||
-            (st.st_size == left.st_size &&
-             compareBytes(ours.get(), theirs.get(), st.st_size, nullptr) == 0 && lease.held());
-    if (!spare || status(swap, &st) != 0 || idOf(st) != idOf(left)) return EEXIST;
-    return unlinkat(directory.get(), swap.c_str(), 0) == 0 || errno == ENOENT ? 0 : errno;
-}
-
 }  // namespace android::host
-
-/// Looks again at what calls that were killed, or that failed, have left in a directory. An
-/// extension.
-void removeLeftovers(const char* directory) {
-    std::error_code failure;
-    std::set<std::string> names;
-    for (const auto& found : std::filesystem::directory_iterator(directory, failure))
-        names.insert(found.path().filename());
-    for (const std::string& name : names) {
-        android::host::Entry entry;
-        entry.name = name;
-        if (names.count(entry.swapName()) == 0) continue;
-        if (entry.open((std::string(directory) + "/" + name).c_str()) == 0) entry.removeLeftovers();
-    }
-}

@@ -26,12 +26,18 @@ inline FileId idOf(const struct stat& st) {
 /// other people's files: symbolic links in the directory's path count by who made them.
 struct Entry {
     UniqueFd directory;
+    FileId directoryId;
     std::string parent;  // its path, as it was given: for the log
     std::string name;
     LinkMakers makers;  // of the links in the directory's path
+    std::string salt;   // what the swap name is a digest of beside `name`
 
     /// 0 or an errno; EINVAL for a path that ends in no name.
     int open(const char* path);
+
+    bool isSameAs(const Entry& other) const {
+        return directoryId == other.directoryId && name == other.name;
+    }
 
     /// Opens the file itself for reading; ELOOP for a symbolic link, which is never followed, and
     /// for a file that others' links lead to, EINVAL for what is not a regular file, EOPNOTSUPP in
@@ -42,24 +48,14 @@ struct Entry {
     int status(const std::string& other, struct stat* st) const;
 
     /// The name that the library uses beside `name`, for the file that is about to be exchanged
-    /// with it: ".rux-swap-" and a digest of `name`, so that a call finds what an interrupted one
+    /// with it: `kSwapPrefix` and a digest of `name`, so that a call finds what an interrupted one
     /// left.
     std::string swapName() const;
+    static constexpr char kSwapPrefix[] = ".rux-swap-";
 
     /// Makes the swap name one more name of the open file `file`: of exactly that file, whatever
     /// its path leads to by now. 0 or an errno.
-    int linkAsSwap(const UniqueFd& file);
-
-    /// Removes what an interrupted call on this entry left. EEXIST when that is the only name of a
-    /// content that differs from the file's own: then a writer that was open while the call was
-    /// killed has written there, and it is kept. A file of another owner is no leftover: it stays,
-    /// and the swap name becomes another one.
-    int removeLeftovers();
-
-  private:
-    int linkOnce(const UniqueFd& file) const;
-
-    std::string mSalt;  // what the swap name is a digest of beside `name`
+    int linkAsSwap(const UniqueFd& file) const;
 };
 
 /// Opens `path` below `directory` for reading, without changing its access time where the owner's

@@ -2,13 +2,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <memory>
 #include <utility>
 
 #include "f2fs_io/compare.h"
-#include "f2fs_io/discard.h"
 #include "f2fs_io/entry.h"
 #include "f2fs_io/leased_file.h"
-#include "f2fs_io/settle.h"
+#include "f2fs_io/leftovers.h"
+#include "f2fs_io/line.h"
 #include "f2fs_io/swap.h"
 #include "f2fs_io/tool_log.h"
 #include "tavo_f2fs_io.h"
@@ -34,15 +35,18 @@ int openKept(const char* path, LeasedFile* kept) {
 }
 
 int linkDuplicate(const char* keptPath, const char* duplicatePath) {
-    Entry entry;
+    auto replacement = std::make_unique<Replacement>();
+    Entry& entry = replacement->entry;
+    LeasedFile& old = replacement->outgoing;
     LeasedFile kept;
-    LeasedFile old;
+    replacement->path = duplicatePath;
     if (const int error = entry.open(duplicatePath); error != 0) return error;
+    tidyOnce(entry);
     if (const int error = entry.openFile(&old.file, &old.status); error != 0) return error;
     if (const int error = openKept(keptPath, &kept); error != 0) return error;
     // One file already; a call that was killed right after the exchange may have left the other
     // one.
-    if (kept.id() == old.id()) return entry.removeLeftovers();
+    if (kept.id() == old.id()) return isBeingLinked(entry) ? 0 : removeLeftovers(entry);
     if (kept.status.st_dev != old.status.st_dev) return EXDEV;
     if (kept.status.st_size != old.status.st_size) return EILSEQ;
 
@@ -58,19 +62,14 @@ int linkDuplicate(const char* keptPath, const char* duplicatePath) {
         return error;
     }
     if (const int error = kept.undisturbed(); error != 0) return error;
-    if (const int error = entry.linkAsSwap(kept.file); error != 0) return error;
+    int error = entry.linkAsSwap(kept.file);
+    if (error == EEXIST && (error = removeLeftovers(entry)) == 0)
+        error = entry.linkAsSwap(kept.file);
+    if (error != 0) return error;
     // From the exchange on whoever opens the name finds the kept file, linked: that is all right.
-    // Only the old file must have been left alone to its end.
-    const auto oldUndisturbed = [&old] {
-        letInterruptedTasksRun();
-        return old.undisturbed();
-    };
-    const int error = exchange(entry, kept.id(), old.id(),
-                               {oldUndisturbed, [&kept] { return kept.isInUse(); }});
-    if (error == 0) {
-        old.lease.giveUp();
-        closeReplaced(std::move(old.file));
-    }
+    // Only the old file must be left alone to its end.
+    replacement->incoming = kept.status;
+    if (error = exchange(*replacement); error == 0) standInLine(std::move(replacement));
     return error;
 }
 

@@ -34,6 +34,15 @@ class ReadLease {
         mFile = -1;
     }
 
+    /// Takes it anew: EBUSY also when somebody is just opening the file for writing and has not
+    /// come as far as the lease, but may wait for another program's word about it (fanotify(7)).
+    int renew() {
+        const int file = mFile;
+        if (!held()) return EBUSY;
+        giveUp();
+        return take(file);
+    }
+
     bool held() const { return fcntl(mFile, F_GETLEASE) == F_RDLCK; }
 
   private:

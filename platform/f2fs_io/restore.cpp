@@ -2,12 +2,14 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
+#include <memory>
+#include <utility>
 
 #include "f2fs_io/copy.h"
 #include "f2fs_io/entry.h"
 #include "f2fs_io/leased_file.h"
-#include "f2fs_io/settle.h"
+#include "f2fs_io/leftovers.h"
+#include "f2fs_io/line.h"
 #include "f2fs_io/swap.h"
 #include "f2fs_io/tool_log.h"
 #include "tavo_f2fs_io.h"
@@ -15,43 +17,41 @@
 namespace android::host {
 namespace {
 
-/// Makes the copy, which gets a name only once it is whole and on disk: the entry's swap name.
-/// Opens it anew for reading only, as a lease demands. Nothing is left on failure.
-int makeCopy(Entry& entry, const LeasedFile& source, LeasedFile* copy) {
-    const UniqueFd written(
-            openat(entry.directory.get(), ".", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600));
-    if (!written.valid()) return errno;
-    const int from = source.file.get();
-    int error = copyContent(from, written.get(), source.status, [&] { return source.isInUse(); });
-    if (error == 0) error = copyMetadata(from, written.get(), source.status);
-    if (error == 0 && fsync(written.get()) != 0) error = errno;
-    if (error == 0) error = openToRead(AT_FDCWD, ownPathOf(written.get()).c_str(), 0, &copy->file);
-    return error == 0 ? entry.linkAsSwap(written) : error;
+/// Makes the copy, which has no name yet.
+int makeCopy(Replacement& replacement) {
+    const LeasedFile& shared = replacement.outgoing;
+    UniqueFd copy(
+            openat(replacement.entry.directory.get(), ".", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600));
+    if (!copy.valid()) return errno;
+    const int from = shared.file.get();
+    const auto interrupted = [&shared] { return shared.isInUse(); };
+    if (const int error = copyContent(from, copy.get(), shared.status, interrupted); error != 0)
+        return error;
+    if (const int error = copyMetadata(from, copy.get(), shared.status); error != 0) return error;
+    if (fstat(copy.get(), &replacement.incoming) != 0) return errno;
+    replacement.copy = std::move(copy);
+    replacement.isCopy = true;
+    return 0;
 }
 
 int giveOwnData(const char* path) {
-    Entry entry;
-    LeasedFile shared;
-    LeasedFile copy;
+    auto replacement = std::make_unique<Replacement>();
+    Entry& entry = replacement->entry;
+    LeasedFile& shared = replacement->outgoing;
+    replacement->path = path;
     if (const int error = entry.open(path); error != 0) return error;
+    tidyOnce(entry);
+    if (isBeingRestored(entry)) return 0;
     if (const int error = entry.openFile(&shared.file, &shared.status); error != 0) return error;
-    if (const int error = entry.removeLeftovers(); error != 0) return error;
+    if (const int error = removeLeftovers(entry); error != 0) return error;
     // Read again: the leftover of an interrupted call counted as a link.
     if (fstat(shared.file.get(), &shared.status) != 0) return errno;
-    if (shared.status.st_nlink == 1) return 0;
+    if (shared.status.st_nlink <= 1 + namesInLine(shared.id())) return 0;
 
     if (const int error = shared.takeLease(); error != 0) return error;
-    if (const int error = makeCopy(entry, shared, &copy); error != 0) return error;
-    if (const int error = copy.takeLease(); error != 0) {
-        unlinkat(entry.directory.get(), entry.swapName().c_str(), 0);
-        return error;
-    }
-    const auto sharedUndisturbed = [&shared] {
-        letInterruptedTasksRun();
-        return shared.undisturbed();
-    };
-    return exchange(entry, copy.id(), shared.id(),
-                    {sharedUndisturbed, [&copy] { return copy.isInUse(); }});
+    if (const int error = makeCopy(*replacement); error != 0) return error;
+    standInLine(std::move(replacement));
+    return 0;
 }
 
 }  // namespace

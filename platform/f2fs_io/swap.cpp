@@ -37,14 +37,26 @@ int removeSwap(const Entry& entry, const std::string& swap) {
     return keep(entry, swap, errno);
 }
 
-/// Takes an exchange back that put `previous` under the entry's name.
+/// Whether the incoming file lies under `name`, as it was, and nobody writes to it.
+bool isIncomingAsItWas(const Replacement& replacement, const std::string& name) {
+    LeasedFile file;
+    return openRegular(replacement.entry.directory.get(), name.c_str(), O_NOFOLLOW, &file.file,
+                       &file.status) == 0 &&
+           file.takeLease() == 0 && file.id() == idOf(replacement.incoming) &&
+           sameContentStamp(replacement.incoming, file.status) &&
+           file.attributes == replacement.outgoing.attributes;
+}
+
+/// Takes an exchange back that put the incoming file under the entry's name.
 ///
 /// When the name leads elsewhere by now, or nowhere, somebody has replaced or removed it: so it
 /// stays, and the file that came out is as good as replaced. And what an exchange brings out must
 /// be what the one before it put in. If it is not, somebody has renamed a file over the entry in
 /// between; that file is the newest and goes back in its turn. Whatever cannot be found out, or
 /// not be done, leaves the swap name there.
-int undo(const Entry& entry, const std::string& swap, FileId previous) {
+int undo(const Replacement& replacement, const std::string& swap) {
+    const Entry& entry = replacement.entry;
+    FileId previous = idOf(replacement.incoming);
     struct stat st = {};
     if (const int error = entry.status(swap, &st); error != 0) return keep(entry, swap, error);
     FileId inHand = idOf(st);
@@ -55,7 +67,12 @@ int undo(const Entry& entry, const std::string& swap, FileId previous) {
         if (const int error = exchangeNames(entry, swap); error != 0)
             return keep(entry, swap, error);
         if (const int error = entry.status(swap, &st); error != 0) return keep(entry, swap, error);
-        if (idOf(st) == previous) return removeSwap(entry, swap);
+        if (idOf(st) == previous) {
+            // Somebody may have opened the incoming file by this name, and it have no other.
+            const bool isNeeded = previous == idOf(replacement.incoming) && st.st_nlink == 1 &&
+                                  !isIncomingAsItWas(replacement, swap);
+            return isNeeded ? keep(entry, swap, EBUSY) : removeSwap(entry, swap);
+        }
         previous = inHand;
         inHand = idOf(st);
     }
@@ -64,12 +81,13 @@ int undo(const Entry& entry, const std::string& swap, FileId previous) {
 
 }  // namespace
 
-int exchange(const Entry& entry, const FileId& incoming, const FileId& outgoing,
-             const ExchangeChecks& checks) {
+int exchange(const Replacement& replacement) {
+    const Entry& entry = replacement.entry;
+    const FileId incoming = idOf(replacement.incoming);
     const std::string swap = entry.swapName();
     struct stat st = {};
     int error = entry.status(entry.name, &st);
-    if (error == 0 && idOf(st) != outgoing) error = ESTALE;
+    if (error == 0 && idOf(st) != replacement.outgoing.id()) error = ESTALE;
     if (error == 0) error = entry.status(swap, &st);
     if (error == 0 && idOf(st) != incoming) error = ESTALE;
     if (error == 0) error = exchangeNames(entry, swap);
@@ -81,17 +99,28 @@ int exchange(const Entry& entry, const FileId& incoming, const FileId& outgoing,
         return error == EINVAL || error == ENOSYS ? EOPNOTSUPP : error;
     }
     error = entry.status(swap, &st);
-    if (error == 0 && idOf(st) != outgoing) error = ESTALE;
+    if (error == 0 && idOf(st) != replacement.outgoing.id()) error = ESTALE;
+    if (error == 0) return 0;
+    const int undone = undo(replacement, swap);
+    return undone != 0 ? undone : error;
+}
+
+int conclude(Replacement& replacement) {
+    const Entry& entry = replacement.entry;
+    const std::string swap = entry.swapName();
+    struct stat st = {};
+    int error = entry.status(swap, &st);
+    if (error == ENOENT) return 0;  // somebody has tidied up
+    if (error == 0 && idOf(st) != replacement.outgoing.id()) return keep(entry, swap, ESTALE);
     if (error == 0) {
-        error = checks.outgoing();
+        error = replacement.outgoing.lease.renew();
+        if (error == 0) error = replacement.outgoing.undisturbed();
         // A file with another name is not lost with this one, while the other might be.
-        if (error != 0 && st.st_nlink > 1 && checks.incomingInUse()) error = 0;
+        if (error != 0 && st.st_nlink > 1 && !isIncomingAsItWas(replacement, entry.name)) error = 0;
     }
-    if (error != 0) {
-        const int undone = undo(entry, swap, incoming);
-        return undone != 0 ? undone : error;
-    }
-    return removeSwap(entry, swap);
+    if (error == 0) return removeSwap(entry, swap);
+    const int undone = undo(replacement, swap);
+    return undone != 0 ? undone : error;
 }
 
 }  // namespace android::host

@@ -1,34 +1,45 @@
 /// The atomic exchange of one file of a directory for another.
 #pragma once
 
-#include <functional>
+#include <sys/stat.h>
+
+#include <string>
 
 #include "f2fs_io/entry.h"
+#include "f2fs_io/leased_file.h"
+#include "utils/unique_fd.h"
 
 namespace android::host {
 
-/// What is asked of the two files after the exchange, when the names have changed hands.
-struct ExchangeChecks {
-    /// 0 while nobody has done anything to the file that goes, or is about to; else an errno.
-    std::function<int()> outgoing;
-    /// Whether somebody has opened the file that has come, or waits to, for writing.
-    std::function<bool()> incomingInUse;
+/// A file that takes another's place. Both have the same attributes.
+struct Replacement {
+    std::string path;  // as the caller gave it
+    Entry entry;
+    LeasedFile outgoing;        // under lease until its name is gone
+    struct stat incoming = {};  // of the other file
+    bool isCopy = false;        // whether that is a restore's copy
+    UniqueFd copy;              // which is open as long as it has no name and is not on disk
 };
 
-/// Puts the file `incoming`, which lies under `entry.swapName()`, in the place of `outgoing`, which
-/// the entry must name, and removes `outgoing`'s name.
+/// Exchanges the file under `entry.swapName()`, the incoming one, for the outgoing one, which the
+/// entry must name, in one step (renameat2(2), RENAME_EXCHANGE). Unless exactly that file came out
+/// the exchange is undone.
 ///
-/// The two names are exchanged in one step (renameat2(2), RENAME_EXCHANGE), then what came out is
-/// looked at: only when it is `outgoing`, and nobody has taken it up, is it removed. Otherwise the
-/// exchange is undone, and the newest file that others have put under the entry's name meanwhile
-/// ends there. When both files have been taken up, the one stays that has no other name.
+/// 0, or an errno and nothing has changed: ESTALE when the entry named another file, EOPNOTSUPP
+/// when the file system has no exchange.
+int exchange(const Replacement& replacement);
+
+/// Ends what `exchange` has begun: removes the outgoing file's name when nobody has taken the file
+/// up meanwhile. Otherwise the exchange is undone, and the newest file that others have put under
+/// the entry's name meanwhile ends there. When both files have been taken up, the one stays that
+/// has no other name.
 ///
-/// The swap name is gone at the end, unless a call has failed in such a way that its file may be
-/// the last name of what somebody writes: then it stays, and a line of the log at ERROR names it.
+/// The swap name is gone at the end, unless a call has failed in such a way, or so much has been
+/// done to the two, that its file may be the last name of what somebody writes: then it stays, and
+/// a line of the log at ERROR names it.
 ///
-/// 0 or an errno: ESTALE when the entry named another file, EOPNOTSUPP when the file system has no
-/// exchange, that of `checks.outgoing`.
-int exchange(const Entry& entry, const FileId& incoming, const FileId& outgoing,
-             const ExchangeChecks& checks);
+/// 0, or the errno for which the exchange was undone: EBUSY or ESTALE for a file that is written to
+/// or has changed.
+int conclude(Replacement& replacement);
 
 }  // namespace android::host
