@@ -7,7 +7,9 @@ run once more, must complete; no temporary name may be left then, and the groups
 A kill in the middle of saving may tear or part the database files, which are rewritten in place. That
 costs knowledge, never content: the space is then scanned anew. How often it happened is printed.
 
-usage: kill_test.py RUX [ROUNDS]     20 by default; 200 for the long form
+usage: kill_test.py RUX [ROUNDS] [--busy LOOPS]
+
+20 by default; 200 for the long form. LOOPS programs keep the machine busy beside.
 """
 
 import json
@@ -19,7 +21,7 @@ import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from support.service import Service, groups_of, md5sums  # noqa: E402
+from support.service import busy_loops, taken_option, Service, groups_of, md5sums  # noqa: E402
 
 FILES = 3000
 
@@ -143,10 +145,11 @@ class Round:
 
 
 def main():
+    loops = taken_option("--busy", 0)
     rux, rounds = sys.argv[1], int(sys.argv[2]) if len(sys.argv) > 2 else 20
     print(f"seed {(seed := random.randrange(1 << 30))}")
     pick = random.Random(seed)
-    with Service(rux) as service:
+    with busy_loops(loops), Service(rux) as service:
         make_tree(service.tree, pick)
         test = Round(service, md5sums(service.tree))
         for number in range(rounds):

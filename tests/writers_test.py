@@ -5,7 +5,9 @@ Some rename new files over members, unlink and make them anew; some hold a membe
 rewrite and truncate it in place. Each keeps the truth of what it wrote last, and at the end every path
 must hold just that. A member that is being written must stay unlinked.
 
-usage: writers_test.py RUX [SECONDS [SERVICES]]     10 seconds by default, 600 for the long form; one service, or two
+usage: writers_test.py RUX [SECONDS [SERVICES]] [--busy LOOPS]
+
+10 seconds by default, 600 for the long form; one service, or two. LOOPS programs keep the machine busy beside.
 """
 
 import multiprocessing
@@ -17,7 +19,7 @@ import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from support.service import LIST, Service  # noqa: E402
+from support.service import busy_loops, taken_option, LIST, Service  # noqa: E402
 
 WRITERS, FILES = 4, 60
 CONTENTS = [bytes([97 + i]) * size for i, size in enumerate((10, 4096, 20000, 150000))]
@@ -90,10 +92,11 @@ class Writer:
 
 
 def main():
+    loops = taken_option("--busy", 0)
     rux, seconds = sys.argv[1], float(sys.argv[2]) if len(sys.argv) > 2 else 10
     services = int(sys.argv[3]) if len(sys.argv) > 3 else 1
     print(f"seed {(seed := random.randrange(1 << 30))}")
-    with Service(rux) as service, Service(rux) as other:
+    with busy_loops(loops), Service(rux) as service, Service(rux) as other:
         other.tree = service.tree  # nobody keeps a second one from the same files
         results = multiprocessing.Queue()
         writers = [Writer(f"{service.tree}/{i}", seed + i) for i in range(WRITERS)]

@@ -1,5 +1,6 @@
 """A service process in a root of its own, and a client for it that shares no code with the project."""
 
+import contextlib
 import json
 import os
 import re
@@ -8,6 +9,7 @@ import signal
 import socket
 import struct
 import subprocess
+import sys
 import tempfile
 import time
 
@@ -23,6 +25,28 @@ def string16(text):
 
 
 TOKEN = struct.pack("<iii", 0, -1, 0x53595354) + string16("tavo.rux.IRux")
+
+
+@contextlib.contextmanager
+def busy_loops(count):
+    """So many programs beside that use all they get of the processors."""
+    loops = [subprocess.Popen(["sh", "-c", "while :; do :; done"]) for _ in range(count)]
+    try:
+        yield
+    finally:
+        for loop in loops:
+            loop.kill()
+            loop.wait()
+
+
+def taken_option(name, default):
+    """The number behind the option `name` on the command line, which loses the two."""
+    if name not in sys.argv:
+        return default
+    at = sys.argv.index(name)
+    value = int(sys.argv[at + 1])
+    del sys.argv[at:at + 2]
+    return value
 
 
 class Service:
