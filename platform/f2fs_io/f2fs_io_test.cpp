@@ -195,6 +195,24 @@ TEST_F(FileIoTest, RestoredFilesTakeNothingOfTheReserve) {
     EXPECT_TRUE(shell("umount " + disk));
 }
 
+TEST_F(FileIoTest, RestoresEveryMemberOfALargeGroup) {
+    ASSERT_EQ(truncate(kept.c_str(), 1000), 0);
+    std::vector<std::string> members = {kept};
+    for (int i = 0; i < 2000; ++i) {
+        members.push_back(sandbox.path("l" + std::to_string(i)));
+        fs::create_hard_link(kept, members.back());
+    }
+    for (const std::string& member : members) {
+        for (int time = 0; time < 2; ++time)
+            EXPECT_EQ(restoreLinkFile(member.c_str(), false), 0);
+    }
+    EXPECT_TRUE(settleLinks().empty());
+    for (const std::string& member : members) {
+        EXPECT_EQ(statusOf(member).st_nlink, 1U);
+        EXPECT_EQ(statusOf(member).st_size, 1000);
+    }
+}
+
 TEST_F(FileIoTest, RefusesToRestoreWhatIsNoLinkedFile) {
     EXPECT_EQ(restore(sandbox.path("missing")), ENOENT);
     EXPECT_EQ(restore(""), ENOENT);

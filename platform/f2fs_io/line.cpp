@@ -80,6 +80,7 @@ struct Item {
     std::unique_ptr<Replacement> replacement;
     bool isExchanged = false;
     Clock::time_point since;  // the exchange
+    bool isLeaving = false;   // its name may be gone
     int code = 0;
 };
 using Items = std::vector<std::list<Item>::iterator>;
@@ -138,9 +139,7 @@ class Line {
     template <typename Predicate>
     size_t count(const Predicate& predicate) {
         const std::lock_guard lock(mMutex);
-        return static_cast<size_t>(
-                std::count_if(mItems.begin(), mItems.end(),
-                              [&](const Item& item) { return predicate(*item.replacement); }));
+        return static_cast<size_t>(std::count_if(mItems.begin(), mItems.end(), predicate));
     }
 
   private:
@@ -182,6 +181,7 @@ class Line {
             if (!item->isExchanged) {
                 copies.push_back(item);
             } else if (item->since <= latest) {
+                item->isLeaving = true;
                 due.push_back(item);
             }
         }
@@ -244,20 +244,20 @@ void standInLine(std::unique_ptr<Replacement> replacement) {
 }
 
 bool isBeingLinked(const Entry& entry) {
-    return line().count([&entry](const Replacement& replacement) {
-        return !replacement.isCopy && replacement.entry.isSameAs(entry);
+    return line().count([&entry](const Item& item) {
+        return !item.replacement->isCopy && item.replacement->entry.isSameAs(entry);
     }) != 0;
 }
 
 bool isBeingRestored(const Entry& entry) {
-    return line().count([&entry](const Replacement& replacement) {
-        return replacement.isCopy && replacement.entry.isSameAs(entry);
+    return line().count([&entry](const Item& item) {
+        return item.replacement->isCopy && item.replacement->entry.isSameAs(entry);
     }) != 0;
 }
 
 size_t namesInLine(const FileId& outgoing) {
-    return line().count([&outgoing](const Replacement& replacement) {
-        return replacement.outgoing.id() == outgoing;
+    return line().count([&outgoing](const Item& item) {
+        return !item.isLeaving && item.replacement->outgoing.id() == outgoing;
     });
 }
 

@@ -28,7 +28,8 @@ void standInLine(std::unique_ptr<Replacement> replacement);
 bool isBeingLinked(const Entry& entry);
 bool isBeingRestored(const Entry& entry);
 
-/// How many of the names of a file are about to go.
+/// How many of the names of a file are about to go: of those that its number of links counts still,
+/// if that has been read before.
 size_t namesInLine(const FileId& outgoing);
 
 /// Whether a process before this one has left files in the line. To be asked before the first call
