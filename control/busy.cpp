@@ -4,15 +4,14 @@
 
 #include "control/properties.h"
 
-/// Has the allocator keep what is freed for what will be asked for next, or no longer. An
-/// extension: where the platform's has none, the address is null.
-[[gnu::weak]] void keepFreedMemory(bool keep);
-
-/// Has the I/O library ask whether it may give up the file that it is reading. An extension too.
+/// Has the I/O library ask whether it may give up the file that it is reading. An extension: where
+/// the platform's has none, the address is null.
 [[gnu::weak]] void giveUpLongFilesWhen(bool (*unwanted)());
 
 namespace rux {
 namespace {
+
+constexpr uint32_t kBetween = 1U << 31;  // beside the operations' bits
 
 std::atomic<uint32_t> busyFlags{0};
 
@@ -25,7 +24,7 @@ bool isUnwanted() {
 }  // namespace
 
 bool isAnyBusy() {
-    return busyFlags.load(std::memory_order_acquire) != 0;
+    return (busyFlags.load(std::memory_order_acquire) & ~kBetween) != 0;
 }
 
 bool isBusy(Operation operation) {
@@ -33,19 +32,30 @@ bool isBusy(Operation operation) {
 }
 
 BusyGuard::BusyGuard(Operation operation) {
-    uint32_t none = 0;
+    uint32_t found = 0;
     // Acquire and release: what the operation before left in memory is seen by this one.
-    mAdmitted = busyFlags.compare_exchange_strong(none, static_cast<uint32_t>(operation),
-                                                  std::memory_order_acq_rel);
-    if (!mAdmitted) return;
-    if (keepFreedMemory != nullptr) keepFreedMemory(true);
+    while (!busyFlags.compare_exchange_strong(found, static_cast<uint32_t>(operation),
+                                              std::memory_order_acq_rel)) {
+        if (found != kBetween) return;
+        busyFlags.wait(kBetween, std::memory_order_acquire);
+        found = 0;
+    }
+    mAdmitted = true;
     if (giveUpLongFilesWhen != nullptr) giveUpLongFilesWhen(isUnwanted);
 }
 
 BusyGuard::~BusyGuard() {
     if (!mAdmitted) return;
-    if (keepFreedMemory != nullptr) keepFreedMemory(false);
     busyFlags.store(0, std::memory_order_release);
+}
+
+bool betweenOperations(const std::function<void()>& step) {
+    uint32_t none = 0;
+    if (!busyFlags.compare_exchange_strong(none, kBetween, std::memory_order_acq_rel)) return false;
+    step();
+    busyFlags.store(0, std::memory_order_release);
+    busyFlags.notify_all();
+    return true;
 }
 
 }  // namespace rux

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 namespace rux {
 
@@ -29,7 +30,11 @@ class BusyGuard {
     bool admitted() const { return mAdmitted; }
 
   private:
-    bool mAdmitted;
+    bool mAdmitted = false;
 };
+
+/// Runs `step`, which must be brief, if no operation runs: one that asks for admission meanwhile
+/// waits. False when one does.
+bool betweenOperations(const std::function<void()>& step);
 
 }  // namespace rux

@@ -6,20 +6,30 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <fstream>
 #include <iterator>
 #include <string_view>
+#include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
+#include "control/busy.h"
 #include "control/log.h"
 #include "control/parallel.h"
 #include "db/files.h"
 #include "db/json_text.h"
 #include "db/json_writer.h"
 #include "db/records.h"
+
+/// Has the allocator keep what is freed for what will be asked for next: a scan drops the images of
+/// one space and fills the memory with those of the next. Or give it back to the system, at once.
+/// An extension: where the platform's has none, the address is null.
+[[gnu::weak]] void keepFreedMemory(bool keep);
 
 namespace rux {
 
@@ -157,6 +167,47 @@ class Rewrite {
     bool mWritten = false;
 };
 
+constexpr int kIdleSeconds = 10;
+
+std::atomic<uint32_t> uses{0};  // loads and saves
+std::atomic<bool> isWatched{false};
+
+/// Empties the images. False when an operation runs.
+bool letGo() {
+    std::array<Json::Value, std::size(kSlots)> values;
+    // They are taken apart after that, for which no operation waits.
+    return betweenOperations([&values] {
+        for (size_t i = 0; i < std::size(kSlots); ++i) values[i] = kSlots[i].image.release();
+    });
+}
+
+void letGoWhenIdle() {
+    uint32_t seen = uses;
+    do {
+        if (keepFreedMemory != nullptr) keepFreedMemory(true);
+        for (int quiet = 0; quiet < kIdleSeconds || !letGo(); ++quiet) {
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+            if (const uint32_t now = uses; now != seen) {
+                seen = now;
+                quiet = 0;
+            }
+        }
+        if (keepFreedMemory != nullptr) keepFreedMemory(false);
+        isWatched = false;
+    } while (uses != seen && !isWatched.exchange(true));
+}
+
+/// Counts a use of the images, and has them let go in time.
+void noteUse() {
+    ++uses;
+    if (isWatched.exchange(true)) return;
+    try {
+        std::thread(letGoWhenIdle).detach();
+    } catch (const std::system_error&) {  // no thread to be had: the next use tries again
+        isWatched = false;
+    }
+}
+
 }  // namespace
 
 Json::Value readFileDBJson(const std::string& path, std::optional<TextStamp>* stamp) {
@@ -180,6 +231,7 @@ Json::Value readFileDBJson(const std::string& path, std::optional<TextStamp>* st
 }
 
 void DBReaderInit(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db3, bool db4) {
+    noteUse();
     const std::array selected = {db1, db2, db3, db4};
     const auto held = holdTexts(SpaceID_DBPath, selected);
     for (size_t i = 0; i < std::size(kSlots); ++i) {
@@ -195,6 +247,7 @@ void DBReaderInit(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db
 
 void DBWriteUpdate(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db3, bool db4) {
     const std::array selected = {db1, db2, db3, db4};
+    noteUse();
     std::array asWritten = selected;
     for (size_t i = 0; i < std::size(kSlots); ++i)
         asWritten[i] = selected[i] && kSlots[i].image.isAsWritten();

@@ -2,7 +2,8 @@
 ///
 /// An operation loads the images it needs when it takes up a space, reads and changes them, and
 /// saves them when it is done with the space. They belong to the operation that holds its busy
-/// flag; what an operation does not load keeps what it held, possibly of another space.
+/// flag; what an operation does not load keeps what it held, possibly of another space. Ten seconds
+/// after the last load or save all four are let go.
 #pragma once
 
 #include <json/json.h>
@@ -10,6 +11,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "db/files.h"
 
@@ -35,6 +37,12 @@ class Image {
         mValue = std::move(value);
         mText = text;
         mIsAsWritten = false;
+    }
+
+    /// Gives the value away, and is as at the start.
+    Json::Value release() {
+        mText.reset();
+        return std::exchange(mValue, {});
     }
 
     /// Notes the text that the value was written as.

@@ -203,8 +203,7 @@ TEST_F(FileIoTest, RestoresEveryMemberOfALargeGroup) {
         fs::create_hard_link(kept, members.back());
     }
     for (const std::string& member : members) {
-        for (int time = 0; time < 2; ++time)
-            EXPECT_EQ(restoreLinkFile(member.c_str(), false), 0);
+        for (int time = 0; time < 2; ++time) EXPECT_EQ(restoreLinkFile(member.c_str(), false), 0);
     }
     EXPECT_TRUE(settleLinks().empty());
     for (const std::string& member : members) {

@@ -165,9 +165,13 @@ class Line {
                 naps = 0;
                 continue;
             }
-            // Whoever wakes up often on a busy machine takes the processor from the caller.
-            const auto due = mItems.empty() ? kNap : mItems.front().since + wait - now;
-            mRequest.wait_for(lock, std::max<Clock::duration>(due, kNap));
+            // Longer and longer naps: whoever wakes up often on a busy machine takes the processor
+            // from the caller.
+            Clock::duration nap = kNap;
+            if (!mItems.empty())
+                nap = std::clamp<Clock::duration>(mItems.front().since + wait - now, kNap,
+                                                  kNap * (1 << std::min(naps, 6)));
+            mRequest.wait_for(lock, nap);
         }
         mHasWorker = false;
     }
