@@ -43,7 +43,8 @@ constexpr int kMaxNaps = 40;  // in a row, before it ends
 /// How many tasks run or would like to, this one included (proc_loadavg(5)); 0 when that is not
 /// known.
 long runnableTasks() {
-    static const UniqueFd loadavg(open("/proc/loadavg", O_RDONLY | O_CLOEXEC));
+    // Never closed: the line's thread outlives every other object.
+    static const auto& loadavg = *new UniqueFd(open("/proc/loadavg", O_RDONLY | O_CLOEXEC));
     char text[128];
     const ssize_t got = pread(loadavg.get(), text, sizeof(text) - 1, 0);
     if (got <= 0) return 0;
