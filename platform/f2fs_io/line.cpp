@@ -137,10 +137,19 @@ class Line {
         return std::exchange(mUndone, {});
     }
 
-    template <typename Predicate>
-    size_t count(const Predicate& predicate) {
+    bool holds(const Entry& entry, bool asCopy) {
         const std::lock_guard lock(mMutex);
-        return static_cast<size_t>(std::count_if(mItems.begin(), mItems.end(), predicate));
+        return std::any_of(mItems.begin(), mItems.end(), [&](const Item& item) {
+            return item.replacement->isCopy == asCopy && item.replacement->entry.isSameAs(entry);
+        });
+    }
+
+    size_t count(const FileId& outgoing) {
+        const std::lock_guard lock(mMutex);
+        return static_cast<size_t>(
+                std::count_if(mItems.begin(), mItems.end(), [&](const Item& item) {
+                    return !item.isLeaving && item.replacement->outgoing.id() == outgoing;
+                }));
     }
 
   private:
@@ -158,6 +167,10 @@ class Line {
     /// Until the line has been empty for so many naps. By one thread at a time.
     void work(std::unique_lock<std::mutex>& lock, int maxNaps) {
         for (int naps = 0; !mItems.empty() || naps < maxNaps; ++naps) {
+            if (mItems.empty()) {
+                mRequest.wait_for(lock, kNap);
+                continue;
+            }
             const Clock::time_point now = Clock::now();
             lock.unlock();
             const Clock::duration wait = timeWithoutProcessor();
@@ -168,10 +181,8 @@ class Line {
             }
             // Longer and longer naps: whoever wakes up often on a busy machine takes the processor
             // from the caller.
-            Clock::duration nap = kNap;
-            if (!mItems.empty())
-                nap = std::clamp<Clock::duration>(mItems.front().since + wait - now, kNap,
-                                                  kNap * (1 << std::min(naps, 6)));
+            const auto nap = std::clamp<Clock::duration>(mItems.front().since + wait - now, kNap,
+                                                         kNap * (1 << std::min(naps, 6)));
             mRequest.wait_for(lock, nap);
         }
         mHasWorker = false;
@@ -249,21 +260,15 @@ void standInLine(std::unique_ptr<Replacement> replacement) {
 }
 
 bool isBeingLinked(const Entry& entry) {
-    return line().count([&entry](const Item& item) {
-        return !item.replacement->isCopy && item.replacement->entry.isSameAs(entry);
-    }) != 0;
+    return line().holds(entry, false);
 }
 
 bool isBeingRestored(const Entry& entry) {
-    return line().count([&entry](const Item& item) {
-        return item.replacement->isCopy && item.replacement->entry.isSameAs(entry);
-    }) != 0;
+    return line().holds(entry, true);
 }
 
 size_t namesInLine(const FileId& outgoing) {
-    return line().count([&outgoing](const Item& item) {
-        return !item.isLeaving && item.replacement->outgoing.id() == outgoing;
-    });
+    return line().count(outgoing);
 }
 
 bool hasLineBeenLeft() {
