@@ -3,14 +3,41 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace rux {
 
-/// Tells one text from another: its length and a hash of it. For texts that chance, not somebody,
-/// makes different.
+/// An open file, closed with the object.
+class File {
+  public:
+    /// Takes over what open(2) has returned.
+    explicit File(int descriptor = -1) : mDescriptor(descriptor) {}
+    File(File&& other) noexcept : mDescriptor(std::exchange(other.mDescriptor, -1)) {}
+    File& operator=(File&& other) noexcept {
+        std::swap(mDescriptor, other.mDescriptor);
+        return *this;
+    }
+    ~File();
+
+    bool isOpen() const { return mDescriptor >= 0; }
+    int get() const { return mDescriptor; }
+
+  private:
+    int mDescriptor;
+};
+
+/// A string of that many bytes, with its NUL, fills whole pages of memory.
+constexpr size_t kPieceBytes = (size_t{64} << 10) - 1;
+
+/// Gets a text in pieces of `kPieceBytes`, and a last one of up to that.
+using TakePiece = std::function<void(std::string_view piece)>;
+
+/// Tells one text from another: its length and a hash of it, the same in every build. For texts
+/// that chance, not somebody, makes different.
 struct TextStamp {
     uint64_t bytes = 0;
     uint64_t hash = 0;
@@ -24,10 +51,11 @@ struct TextStamp {
 /// read, a directory for one, gives what was read before.
 std::optional<std::string> readWholeFile(const std::string& path);
 
-/// The stamp of a file's content in pieces of `pieceBytes`; nothing when it cannot be read.
-std::optional<TextStamp> stampOf(const std::string& path, size_t pieceBytes);
+/// Hands the `bytes` bytes from `offset` on to `take`. False when there are fewer, or one cannot be
+/// read; `take` has got those before it.
+bool readPieces(const File& file, uint64_t offset, uint64_t bytes, const TakePiece& take);
 
-/// Writes all of `text` to an open file. False, with errno set, when it does not take it.
-bool writeFully(int file, std::string_view text);
+/// Writes all of `text`. False, with errno set, when the file does not take it.
+bool writeFully(const File& file, std::string_view text);
 
 }  // namespace rux

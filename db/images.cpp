@@ -11,7 +11,7 @@
 #include <chrono>
 #include <cstddef>
 #include <fstream>
-#include <iterator>
+#include <functional>
 #include <string_view>
 #include <system_error>
 #include <thread>
@@ -22,6 +22,7 @@
 #include "control/log.h"
 #include "control/parallel.h"
 #include "db/files.h"
+#include "db/journal.h"
 #include "db/json_text.h"
 #include "db/json_writer.h"
 #include "db/records.h"
@@ -40,132 +41,146 @@ Image modifyFileInfoDB;
 
 namespace {
 
-/// What belongs to an image on disk.
-struct Slot {
-    int number;  // as save errors give it
-    const char* fileName;
-    Image& image;
-};
+const std::array<Image*, kDatabaseFiles.size()> kImages = {&fileInfoDB, &checkNoCompressDB,
+                                                           &checkACompressDB, &modifyFileInfoDB};
 
-const Slot kSlots[] = {
-        {1, "/RUXFileInfo.json", fileInfoDB},
-        {2, "/RUXCheckNoCompress.json", checkNoCompressDB},
-        {3, "/RUXCheckACompress.json", checkACompressDB},
-        {4, "/RUXModifyFileInfo.json", modifyFileInfoDB},
-};
-
-TextStamp stampOfText(std::string_view text) {
+TextStamp stampOf(std::string_view text) {
     TextStamp stamp;
-    for (; !text.empty(); text.remove_prefix(std::min(kJsonPiece, text.size())))
-        stamp.add(text.substr(0, kJsonPiece));
+    for (; !text.empty(); text.remove_prefix(std::min(kPieceBytes, text.size())))
+        stamp.add(text.substr(0, kPieceBytes));
     return stamp;
 }
 
-/// Whether the file holds the text of the image. Reads it only when it is as long as that.
-bool holdsTextOf(const Image& image, const std::string& path) {
+/// Whether the file holds that text. Reads it only when it is as long as that.
+bool holds(const std::string& path, const TextStamp& text) {
     struct stat st = {};
-    return image.text() && stat(path.c_str(), &st) == 0 &&
-           static_cast<uint64_t>(st.st_size) == image.text()->bytes &&
-           stampOf(path, kJsonPiece) == image.text();
-}
-
-constexpr uint64_t kLongText = uint64_t{1} << 20;  // bytes that are worth a thread
-
-/// Of the images in question, those that hold the texts of their files. Long texts are looked at
-/// together.
-std::array<bool, std::size(kSlots)> holdTexts(
-        const std::string& SpaceID_DBPath, const std::array<bool, std::size(kSlots)>& inQuestion) {
-    std::array<bool, std::size(kSlots)> held = {};
-    const auto look = [&](size_t i) {
-        held[i] = holdsTextOf(kSlots[i].image, SpaceID_DBPath + kSlots[i].fileName);
-    };
-    std::vector<size_t> longOnes;
-    for (size_t i = 0; i < std::size(kSlots); ++i) {
-        if (!inQuestion[i]) continue;
-        const std::optional<TextStamp>& text = kSlots[i].image.text();
-        if (text && text->bytes >= kLongText) {
-            longOnes.push_back(i);
-        } else {
-            look(i);
-        }
-    }
-    inParallel(longOnes.size(), [&](size_t part) { look(longOnes[part]); });
-    return held;
+    if (stat(path.c_str(), &st) != 0 || static_cast<uint64_t>(st.st_size) != text.bytes)
+        return false;
+    const File file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    TextStamp found;
+    return readPieces(file, 0, text.bytes, [&](std::string_view piece) { found.add(piece); }) &&
+           found == text;
 }
 
 constexpr uint64_t kMaxKeptBytes = uint64_t{16} << 20;  // of a text, between its two uses
 
-/// A file that is about to be rewritten in place.
+/// A file that may get the text of its image.
 class Rewrite {
   public:
-    Rewrite(const Slot& slot, const std::string& path)
-          : mSlot(slot), mFile(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666)) {
+    Rewrite(size_t number, const std::string& SpaceID_DBPath)
+          : mNumber(number),
+            mPath(SpaceID_DBPath + kDatabaseFiles[number]),
+            mFile(open(mPath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666)) {
         struct stat st = {};
-        if (mFile >= 0 && fstat(mFile, &st) == 0) mOldSize = st.st_size;
-    }
-    Rewrite(Rewrite&& other) noexcept
-          : mSlot(other.mSlot),
-            mFile(std::exchange(other.mFile, -1)),
-            mOldSize(other.mOldSize),
-            mText(other.mText),
-            mKept(std::move(other.mKept)) {}
-    Rewrite& operator=(Rewrite&&) = delete;
-    ~Rewrite() {
-        if (mFile >= 0) close(mFile);
+        if (fstat(mFile.get(), &st) == 0) mOldSize = st.st_size;
     }
 
-    int number() const { return mSlot.number; }
-    bool isOpen() const { return mFile >= 0; }
+    /// The place of the file and the image among their kind.
+    size_t number() const { return mNumber; }
+    bool isOpen() const { return mFile.isOpen(); }
 
     /// Finds out what the text is. Pieces of it are kept as long as they are few.
     void prepare() {
-        writeJson(*mSlot.image, [this](std::string_view piece) {
-            mText.add(piece);
-            if (mText.bytes <= kMaxKeptBytes) {
-                mKept.emplace_back(piece);
-            } else {
-                mKept.clear();
-            }
-        });
+        if (image().isAsWritten()) {
+            mText = *image().text();
+        } else {
+            writeJson(*image(), [this](std::string_view piece) {
+                mText.add(piece);
+                if (mText.bytes <= kMaxKeptBytes) {
+                    mKept.emplace_back(piece);
+                } else {
+                    mKept.clear();
+                }
+            });
+        }
+        mIsDone = holds(mPath, mText);
+        if (mIsDone) setDone();
     }
+    /// Whether the file holds the text.
+    bool isDone() const { return mIsDone; }
 
     /// Has the disk set aside what the text needs, where the file system can do that.
     bool reserve() const {
-        return size() <= mOldSize || fallocate(mFile, FALLOC_FL_KEEP_SIZE, 0, size()) == 0 ||
+        const auto size = static_cast<off_t>(mText.bytes);
+        return size <= mOldSize || fallocate(mFile.get(), FALLOC_FL_KEEP_SIZE, 0, size) == 0 ||
                errno == EOPNOTSUPP;
     }
 
     /// Leaves the file as it was.
     void giveBack() const {
-        if (ftruncate(mFile, mOldSize) != 0) return;  // the room stays set aside, for the next time
+        // Where that fails the room stays set aside, for the next time.
+        if (ftruncate(mFile.get(), mOldSize) != 0) return;
     }
 
-    /// Writes the text, and says whether the disk has taken it.
+    /// Writes the text, and has it put on disk.
     void write() {
-        mWritten = true;
+        mIsDone = true;
         const auto writePiece = [this](std::string_view piece) {
-            mWritten = mWritten && writeFully(mFile, piece);
+            mIsDone = mIsDone && writeFully(mFile, piece);
         };
-        if (mText.bytes <= kMaxKeptBytes) {
-            std::for_each(mKept.begin(), mKept.end(), writePiece);
+        if (mKept.empty()) {
+            writeJson(*image(), writePiece);
         } else {
-            writeJson(*mSlot.image, writePiece);
+            std::for_each(mKept.begin(), mKept.end(), writePiece);
         }
-        mWritten = mWritten && ftruncate(mFile, size()) == 0;
-        if (mWritten) mSlot.image.setWritten(mText);
+        mIsDone = mIsDone && ftruncate(mFile.get(), static_cast<off_t>(mText.bytes)) == 0 &&
+                  fdatasync(mFile.get()) == 0;
     }
-    bool isWritten() const { return mWritten; }
+    /// Notes that the image is what its file holds.
+    void setDone() const { image().setWritten(mText); }
 
   private:
-    off_t size() const { return static_cast<off_t>(mText.bytes); }
+    Image& image() const { return *kImages[mNumber]; }
 
-    const Slot& mSlot;
-    int mFile;
+    size_t mNumber;
+    std::string mPath;
+    File mFile;
     off_t mOldSize = 0;
     TextStamp mText;
     std::vector<std::string> mKept;
-    bool mWritten = false;
+    bool mIsDone = false;
 };
+
+/// Gives all the files their texts. False, and none changes, when the disk does not take them or
+/// something is in the way.
+bool save(const std::string& SpaceID_DBPath, std::vector<Rewrite>& rewrites) {
+    std::array<bool, kDatabaseFiles.size()> files = {};
+    for (const Rewrite& rewrite : rewrites) files[rewrite.number()] = true;
+    Journal journal(SpaceID_DBPath);
+    if (!std::all_of(rewrites.begin(), rewrites.end(), std::mem_fn(&Rewrite::reserve)) ||
+        !journal.setDown(files)) {
+        for (const Rewrite& rewrite : rewrites) rewrite.giveBack();
+        return false;
+    }
+    inParallel(rewrites.size(), [&rewrites](size_t i) { rewrites[i].write(); });
+    const bool isDone =
+            std::all_of(rewrites.begin(), rewrites.end(), std::mem_fn(&Rewrite::isDone)) &&
+            journal.drop();
+    if (!isDone) journal.takeBack();  // what cannot be taken back now, the next load will
+    return isDone;
+}
+
+/// Takes back a save that was interrupted.
+void takeBackSave(const std::string& SpaceID_DBPath) {
+    Journal journal(SpaceID_DBPath);
+    switch (journal.state()) {
+        case Journal::State::None:
+            break;
+        case Journal::State::Unfinished:
+            journal.drop();
+            break;
+        case Journal::State::Foreign:
+            RUX_LOGE("what is in the place of the journal of %s is left alone.",
+                     SpaceID_DBPath.c_str());
+            break;
+        case Journal::State::Whole:
+            if (journal.takeBack()) {
+                RUX_LOGD("an interrupted save of %s is taken back.", SpaceID_DBPath.c_str());
+            } else {
+                RUX_LOGE("an interrupted save of %s cannot be taken back.", SpaceID_DBPath.c_str());
+            }
+    }
+}
 
 constexpr int kIdleSeconds = 10;
 
@@ -174,10 +189,10 @@ std::atomic<bool> isWatched{false};
 
 /// Empties the images. False when an operation runs.
 bool letGo() {
-    std::array<Json::Value, std::size(kSlots)> values;
+    std::array<Json::Value, kImages.size()> values;
     // They are taken apart after that, for which no operation waits.
     return betweenOperations([&values] {
-        for (size_t i = 0; i < std::size(kSlots); ++i) values[i] = kSlots[i].image.release();
+        for (size_t i = 0; i < kImages.size(); ++i) values[i] = kImages[i]->release();
     });
 }
 
@@ -225,19 +240,28 @@ Json::Value readFileDBJson(const std::string& path, std::optional<TextStamp>* st
     if (!parseJson(*text, value)) {
         RUX_LOGE("the file %s read fail", path.c_str());
     } else if (stamp != nullptr) {
-        *stamp = stampOfText(*text);
+        *stamp = stampOf(*text);
     }
     return value;
 }
 
 void DBReaderInit(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db3, bool db4) {
     noteUse();
+    takeBackSave(SpaceID_DBPath);
     const std::array selected = {db1, db2, db3, db4};
-    const auto held = holdTexts(SpaceID_DBPath, selected);
-    for (size_t i = 0; i < std::size(kSlots); ++i) {
-        if (!selected[i] || held[i]) continue;
-        Image& image = kSlots[i].image;
-        const std::string path = SpaceID_DBPath + kSlots[i].fileName;
+    std::vector<size_t> inMemory;
+    for (size_t i = 0; i < kImages.size(); ++i) {
+        if (selected[i] && kImages[i]->text()) inMemory.push_back(i);
+    }
+    std::array<bool, kImages.size()> isHeld = {};
+    inParallel(inMemory.size(), [&](size_t part) {
+        const size_t i = inMemory[part];
+        isHeld[i] = holds(SpaceID_DBPath + kDatabaseFiles[i], *kImages[i]->text());
+    });
+    for (size_t i = 0; i < kImages.size(); ++i) {
+        if (!selected[i] || isHeld[i]) continue;
+        Image& image = *kImages[i];
+        const std::string path = SpaceID_DBPath + kDatabaseFiles[i];
         image.replace({}, {});  // first, so that two contents are never held at once
         std::optional<TextStamp> text;
         Json::Value value = readFileDBJson(path, &text);
@@ -246,39 +270,28 @@ void DBReaderInit(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db
 }
 
 void DBWriteUpdate(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db3, bool db4) {
-    const std::array selected = {db1, db2, db3, db4};
     noteUse();
-    std::array asWritten = selected;
-    for (size_t i = 0; i < std::size(kSlots); ++i)
-        asWritten[i] = selected[i] && kSlots[i].image.isAsWritten();
-    const auto held = holdTexts(SpaceID_DBPath, asWritten);
+    const std::array selected = {db1, db2, db3, db4};
     std::vector<Rewrite> rewrites;
-    for (size_t i = 0; i < std::size(kSlots); ++i) {
+    for (size_t i = 0; i < kImages.size(); ++i) {
         if (!selected[i]) continue;
-        const std::string path = SpaceID_DBPath + kSlots[i].fileName;
-        Rewrite rewrite(kSlots[i], path);
-        if (!rewrite.isOpen()) {
-            RUX_LOGE("The DB%d open fail.", rewrite.number());
-            continue;
+        Rewrite rewrite(i, SpaceID_DBPath);
+        if (rewrite.isOpen()) {
+            rewrites.push_back(std::move(rewrite));
+        } else {
+            RUX_LOGE("The DB%zu open fail.", i + 1);
         }
-        if (held[i]) continue;
-        rewrites.push_back(std::move(rewrite));
     }
-    // The files go together: on a full disk none of them changes.
-    bool fit = true;
     inParallel(rewrites.size(), [&rewrites](size_t i) { rewrites[i].prepare(); });
+    std::erase_if(rewrites, std::mem_fn(&Rewrite::isDone));
+    if (rewrites.empty()) return;
+    const bool isSaved = save(SpaceID_DBPath, rewrites);
     for (const Rewrite& rewrite : rewrites) {
-        if (rewrite.reserve()) continue;
-        RUX_LOGE("The DB%d write fail.", rewrite.number());
-        fit = false;
-    }
-    if (!fit) {
-        for (const Rewrite& rewrite : rewrites) rewrite.giveBack();
-        return;
-    }
-    inParallel(rewrites.size(), [&rewrites](size_t i) { rewrites[i].write(); });
-    for (const Rewrite& rewrite : rewrites) {
-        if (!rewrite.isWritten()) RUX_LOGE("The DB%d write fail.", rewrite.number());
+        if (isSaved) {
+            rewrite.setDone();
+        } else {
+            RUX_LOGE("The DB%zu write fail.", rewrite.number() + 1);
+        }
     }
 }
 

@@ -73,11 +73,12 @@ extern Image modifyFileInfoDB;   ///< DB4, "RUXModifyFileInfo.json": retired and
 /// before the error (is not JSON). Otherwise `stamp`, when it is given, tells the text.
 Json::Value readFileDBJson(const std::string& path, std::optional<TextStamp>* stamp = nullptr);
 
-/// Replaces each selected image by the content of its file in `SpaceID_DBPath`.
+/// Replaces each selected image by the content of its file in `SpaceID_DBPath`. A save that was
+/// interrupted there is taken back first.
 void DBReaderInit(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db3, bool db4);
 
 /// Writes each selected image over its file in `SpaceID_DBPath`, as compact JSON and a line feed;
-/// one whose file holds just that already is left alone.
+/// one whose file holds just that already is left alone. On disk all of them change or none.
 ///
 /// A file that cannot be opened is logged, and the others are still written. When the disk has no
 /// room for all of them, that is logged and all keep what they hold.

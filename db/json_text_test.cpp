@@ -58,7 +58,7 @@ TEST(JsonTextTest, WritesWhatTheLibraryWouldWrite) {
     // In pieces of one size, whatever lies across their bounds.
     Json::Value large(Json::arrayValue);
     for (int i = 0; i < 3; ++i)
-        large.append(std::string(kJsonPiece - 3 + static_cast<size_t>(i), 'x'));
+        large.append(std::string(kPieceBytes - 3 + static_cast<size_t>(i), 'x'));
     std::vector<size_t> sizes;
     std::string text;
     writeJson(large, [&](std::string_view piece) {
@@ -66,7 +66,7 @@ TEST(JsonTextTest, WritesWhatTheLibraryWouldWrite) {
         text += piece;
     });
     EXPECT_EQ(text, Json::FastWriter().write(large));
-    for (size_t i = 0; i + 1 < sizes.size(); ++i) EXPECT_EQ(sizes[i], kJsonPiece);
+    for (size_t i = 0; i + 1 < sizes.size(); ++i) EXPECT_EQ(sizes[i], kPieceBytes);
 }
 
 TEST(JsonTextTest, NestingStopsShortOfTheLibrarysOwnLimit) {

@@ -60,9 +60,7 @@ class MembersAhead {
 
 class Writer {
   public:
-    explicit Writer(const std::function<void(std::string_view)>& take) : mTake(take) {
-        mPiece.reserve(kJsonPiece);
-    }
+    explicit Writer(const TakePiece& take) : mTake(take) { mPiece.reserve(kPieceBytes); }
 
     void writeValue(const Json::Value& value) {
         switch (value.type()) {
@@ -87,8 +85,8 @@ class Writer {
     }
 
     void write(std::string_view text) {
-        while (mPiece.size() + text.size() >= kJsonPiece) {
-            const size_t fits = kJsonPiece - mPiece.size();
+        while (mPiece.size() + text.size() >= kPieceBytes) {
+            const size_t fits = kPieceBytes - mPiece.size();
             mPiece.append(text.substr(0, fits));
             text.remove_prefix(fits);
             flush();
@@ -153,13 +151,13 @@ class Writer {
         write({digits, static_cast<size_t>(end - digits)});
     }
 
-    const std::function<void(std::string_view)>& mTake;
+    const TakePiece& mTake;
     std::string mPiece;
 };
 
 }  // namespace
 
-void writeJson(const Json::Value& value, const std::function<void(std::string_view)>& take) {
+void writeJson(const Json::Value& value, const TakePiece& take) {
     Writer writer(take);
     writer.writeValue(value);
     writer.write("\n");

@@ -38,14 +38,12 @@ void Rux_setRUXExceptRulesImp(const std::string& rules) {
     const std::lock_guard lock(writing);
     const std::string path = exceptRulesPath();
     const std::string unfinished = databaseRoot() + ".RUXExceptRules.json.new";
-    const int file = open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (file < 0) {
+    const File file(open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    if (!file.isOpen()) {
         RUX_LOGE("the exceptPath open fail");
         return;
     }
-    const bool written = writeFully(file, value.toStyledString()) && fsync(file) == 0;
-    const bool closed = close(file) == 0;
-    if (!closed || !written) {
+    if (!writeFully(file, value.toStyledString()) || fsync(file.get()) != 0) {
         RUX_LOGE("the exceptPath write fail");
     } else if (rename(unfinished.c_str(), path.c_str()) == 0) {
         return;

@@ -1,18 +1,20 @@
 #include "ruxctl/database.h"
 
+#include <fcntl.h>
 #include <json/json.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
 
 #include "db/database_root.h"
+#include "db/files.h"
+#include "db/journal.h"
 #include "ruxctl/json.h"
 
 namespace ruxctl {
@@ -20,32 +22,66 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kRecords[] = "RUXFileInfo.json";
-constexpr char kToCompress[] = "RUXCheckNoCompress.json";
-constexpr char kCompressed[] = "RUXCheckACompress.json";
-constexpr const char* kFiles[] = {kRecords, kToCompress, kCompressed, "RUXModifyFileInfo.json"};
+/// The places of the files among a space's.
+enum { kRecords, kToCompress, kCompressed };
 // One of each record and of each group. Quotes inside of strings are escaped, so in the text these
 // stand for members alone, and counting them needs no parser.
 constexpr std::string_view kDigestMember = "\"is_md5\":";
 constexpr std::string_view kListMember = "\"f_list\":";
 
-std::string pathOf(const std::string& spaceId, const char* file) {
-    return rux::databaseRoot() + spaceId + "/" + file;
+std::string pathOf(const std::string& spaceId, const char* file = "") {
+    return rux::databaseRoot() + spaceId + file;
 }
 
-/// The text of a file; empty when there is none.
+/// The text of a file, empty when there is none.
 std::string textOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    const rux::File file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat st = {};
+    std::string text;
+    if (fstat(file.get(), &st) != 0) return text;
+    rux::readPieces(file, 0, static_cast<uint64_t>(st.st_size),
+                    [&text](std::string_view piece) { text += piece; });
+    return text;
 }
 
-Json::Value read(const std::string& path, Json::ValueType type) {
-    const std::string text = textOf(path);
+using Texts = std::array<std::string, rux::kDatabaseFiles.size()>;
+/// Sizes and times in nanoseconds of the files, which a save changes.
+using Marks = std::array<std::pair<off_t, int64_t>, rux::kDatabaseFiles.size()>;
+
+Marks marksOf(const std::string& spaceId) {
+    Marks marks;
+    for (size_t i = 0; i < marks.size(); ++i) {
+        struct stat st = {};
+        stat(pathOf(spaceId, rux::kDatabaseFiles[i]).c_str(), &st);
+        marks[i] = {st.st_size, int64_t{st.st_mtim.tv_sec} * 1'000'000'000 + st.st_mtim.tv_nsec};
+    }
+    return marks;
+}
+
+/// The texts of a space's files, all of one moment. That of a missing file is empty.
+Texts textsOf(const std::string& spaceId) {
+    for (Texts texts;;) {
+        const auto before = marksOf(spaceId);
+        // What a save is changing, or has left half-written, is whole in its journal.
+        const rux::Journal journal(pathOf(spaceId));
+        for (size_t i = 0; i < texts.size(); ++i) {
+            texts[i] = journal.holds(i) ? journal.text(i)
+                                        : textOf(pathOf(spaceId, rux::kDatabaseFiles[i]));
+        }
+        if (journal.state() == rux::Journal::State::Whole || marksOf(spaceId) == before)
+            return texts;
+    }
+}
+
+Json::Value parsed(const std::string& text, Json::ValueType type, const std::string& path) {
     Json::Value value;
     if (text.empty()) return Json::Value(type);
     if (!Json::Reader().parse(text, value, false) || value.type() != type)
         throw std::runtime_error(path + " is damaged; remove the space's directory and scan again");
     return value;
+}
+Json::Value parsed(const Texts& texts, size_t file, const std::string& spaceId) {
+    return parsed(texts[file], Json::objectValue, pathOf(spaceId, rux::kDatabaseFiles[file]));
 }
 
 Member lookedUp(const std::string& path, int64_t fileBytes, const Json::Value& record) {
@@ -82,10 +118,10 @@ void takeStock(Group& group) {
         group.given += (std::min(counts.first, counts.second) - 1) * group.fileBytes;
 }
 
-void addGroups(const std::string& spaceId, bool compressed, const Json::Value& records,
+void addGroups(const std::string& spaceId, bool compressed, const Texts& texts,
                std::vector<Group>& groups) {
-    const Json::Value all =
-            read(pathOf(spaceId, compressed ? kCompressed : kToCompress), Json::objectValue);
+    const Json::Value records = compressed ? Json::Value() : parsed(texts, kRecords, spaceId);
+    const Json::Value all = parsed(texts, compressed ? kCompressed : kToCompress, spaceId);
     for (auto entry = all.begin(); entry != all.end(); ++entry) {
         const Json::Value& paths = entry->isObject() ? (*entry)["f_list"] : *entry;
         if (!entry->isObject() || !paths.isArray() || paths.size() < 2) continue;
@@ -132,7 +168,7 @@ std::vector<std::string> spaceIds() {
     std::error_code error;
     for (const auto& entry : fs::directory_iterator(rux::databaseRoot(), error)) {
         const std::string id = entry.path().filename();
-        if (std::any_of(std::begin(kFiles), std::end(kFiles),
+        if (std::any_of(rux::kDatabaseFiles.begin(), rux::kDatabaseFiles.end(),
                         [&id](const char* file) { return fs::exists(pathOf(id, file)); })) {
             found.push_back(id);
         }
@@ -144,15 +180,16 @@ std::vector<std::string> spaceIds() {
 Space lookAt(const std::string& spaceId) {
     Space space;
     space.id = spaceId;
-    for (const char* file : kFiles) {
+    for (const char* file : rux::kDatabaseFiles) {
         struct stat st = {};
         if (stat(pathOf(spaceId, file).c_str(), &st) != 0) continue;
         space.bytes += st.st_size;
         space.changed = std::max(space.changed, st.st_mtime);
     }
-    space.files = recordCount(spaceId);
-    space.toCompress = countOf(textOf(pathOf(spaceId, kToCompress)), kListMember);
-    space.compressed = countOf(textOf(pathOf(spaceId, kCompressed)), kListMember);
+    const Texts texts = textsOf(spaceId);
+    space.files = countOf(texts[kRecords], kDigestMember);
+    space.toCompress = countOf(texts[kToCompress], kListMember);
+    space.compressed = countOf(texts[kCompressed], kListMember);
     return space;
 }
 
@@ -161,11 +198,11 @@ bool exists(const std::string& spaceId) {
 }
 
 int64_t recordCount(const std::string& spaceId) {
-    return countOf(textOf(pathOf(spaceId, kRecords)), kDigestMember);
+    return countOf(textsOf(spaceId)[kRecords], kDigestMember);
 }
 
 std::vector<std::string> recordedPaths(const std::string& spaceId) {
-    return read(pathOf(spaceId, kRecords), Json::objectValue).getMemberNames();
+    return parsed(textsOf(spaceId), kRecords, spaceId).getMemberNames();
 }
 
 const char* nameOf(State state) {
@@ -183,11 +220,10 @@ const char* nameOf(State state) {
 }
 
 std::vector<Group> groupsOf(const std::string& spaceId, Which which) {
+    const Texts texts = textsOf(spaceId);
     std::vector<Group> groups;
-    if (which != Which::Compressed) {
-        addGroups(spaceId, false, read(pathOf(spaceId, kRecords), Json::objectValue), groups);
-    }
-    if (which != Which::ToCompress) addGroups(spaceId, true, {}, groups);
+    if (which != Which::Compressed) addGroups(spaceId, false, texts, groups);
+    if (which != Which::ToCompress) addGroups(spaceId, true, texts, groups);
     return groups;
 }
 
@@ -223,7 +259,8 @@ int64_t takenUpByRestore(const DiskUse& use) {
 
 std::vector<std::string> exceptionRules() {
     std::vector<std::string> rules;
-    const Json::Value value = read(rux::databaseRoot() + "RUXExceptRules.json", Json::arrayValue);
+    const std::string path = rux::databaseRoot() + "RUXExceptRules.json";
+    const Json::Value value = parsed(textOf(path), Json::arrayValue, path);
     for (const Json::Value& rule : value) {
         if (rule.isString()) rules.push_back(rule.asString());
     }

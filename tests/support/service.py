@@ -137,6 +137,9 @@ class Service:
     def scan(self):
         self.call(SCAN, self.rule())
 
+    def list(self):
+        return self.call(LIST, self.rule())
+
     def compress(self):
         return self.call(COMPRESS, '["s"]')
 
