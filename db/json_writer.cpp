@@ -1,16 +1,12 @@
 #include "db/json_writer.h"
 
 #include <charconv>
-#include <cstdint>
-#include <optional>
 #include <string>
 
 #include "db/json_text.h"
 
 namespace rux {
 namespace {
-
-constexpr Json::ArrayIndex kLarge = 64;  // members of an object that is more than an entry
 
 /// Whether every byte stands for itself in a string, whatever its neighbours. All of them are
 /// looked at: without a way out the compiler takes many at once.
@@ -21,42 +17,6 @@ bool isPlain(std::string_view text) {
                 static_cast<unsigned>(byte < 0x20 || byte >= 0x7f || byte == '"' || byte == '\\');
     return special == 0;
 }
-
-/// Has the processor fetch what an object holds some members before it is written.
-///
-/// An image is a million small pieces, which lie in memory in the order in which its entries were
-/// made. They are written in the order of their names, and half of the time went to waiting for
-/// the memory.
-class MembersAhead {
-  public:
-    explicit MembersAhead(const Json::Value& object) : mNext(object.begin()), mEnd(object.end()) {
-        for (int i = 0; i < kDistance; ++i) fetchNext();
-    }
-
-    void fetchNext() {
-        if (mNext == mEnd) return;
-        const Json::Value& member = *mNext;
-        ++mNext;
-        if (member.isObject() && !member.empty()) fetchAround(*member.begin());
-    }
-
-  private:
-    static constexpr int kDistance = 4;            // members
-    static constexpr uintptr_t kEntryBytes = 512;  // of memory, or a little more
-    static constexpr uintptr_t kLineBytes = 64;    // of the cache
-
-    /// The allocator has given the members of an entry places beside each other, of which the first
-    /// member may have the first or the last.
-    static void fetchAround(const Json::Value& first) {
-        const auto address = reinterpret_cast<uintptr_t>(&first);
-        for (uintptr_t line = address - kEntryBytes; line <= address + kEntryBytes;
-             line += kLineBytes)
-            __builtin_prefetch(reinterpret_cast<const void*>(line));
-    }
-
-    Json::ValueConstIterator mNext;
-    const Json::ValueConstIterator mEnd;
-};
 
 class Writer {
   public:
@@ -108,10 +68,7 @@ class Writer {
     void writeObject(const Json::Value& value) {
         const char* separator = "{";
         const auto last = value.end();
-        std::optional<MembersAhead> ahead;
-        if (value.size() >= kLarge) ahead.emplace(value);
         for (auto member = value.begin(); member != last; ++member) {
-            if (ahead) ahead->fetchNext();
             write(separator);
             separator = ",";
             const char* end = nullptr;

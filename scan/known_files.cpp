@@ -1,8 +1,12 @@
 #include "scan/known_files.h"
 
+#include <array>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <new>
+
+#include "db/files.h"
 
 namespace rux {
 namespace {
@@ -11,8 +15,20 @@ constexpr size_t kPlaces = 1 << 16;         // for files; a power of two
 constexpr int64_t kSettled = 100'000'000;   // nanoseconds
 constexpr int64_t kSecond = 1'000'000'000;  // nanoseconds
 
-bool isSameTime(const timespec& a, const timespec& b) {
-    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+/// A number for what tells a file from others, and from itself before it was changed. Should chance
+/// give two the same, one would be grouped by the other's digest: only what is equal byte by byte
+/// is linked.
+uint64_t keyOf(const struct stat& status) {
+    const std::array<uint64_t, 7> parts = {status.st_dev,
+                                           status.st_ino,
+                                           static_cast<uint64_t>(status.st_size),
+                                           static_cast<uint64_t>(status.st_mtim.tv_sec),
+                                           static_cast<uint64_t>(status.st_mtim.tv_nsec),
+                                           static_cast<uint64_t>(status.st_ctim.tv_sec),
+                                           static_cast<uint64_t>(status.st_ctim.tv_nsec)};
+    TextStamp stamp;
+    stamp.add({reinterpret_cast<const char*>(parts.data()), sizeof(parts)});
+    return stamp.hash | 1;
 }
 
 /// Whether the file's times would tell if it were changed from now on. The clock of a file system
@@ -31,51 +47,31 @@ KnownFiles::KnownFiles() : mFiles(static_cast<File*>(calloc(kPlaces, sizeof(File
 }
 
 KnownFiles::Place KnownFiles::lockPlace(const struct stat& status) {
-    const size_t place = (status.st_ino ^ status.st_dev * 0x9e3779b1U) % kPlaces;
-    return {std::unique_lock(mMutexes[place % mMutexes.size()]), mFiles[place]};
-}
-
-bool KnownFiles::holds(const File& file, const struct stat& status) {
-    return file.isClaimed && file.inode == status.st_ino && file.device == status.st_dev &&
-           file.size == status.st_size && isSameTime(file.mtime, status.st_mtim) &&
-           isSameTime(file.ctime, status.st_ctim);
+    const uint64_t key = keyOf(status);
+    const size_t place = (key >> 32) % kPlaces;
+    return {std::unique_lock(mMutexes[place % mMutexes.size()]), mFiles[place], key};
 }
 
 KnownFiles::Claim KnownFiles::claim(const struct stat& status) {
-    const bool isShared = status.st_nlink > 1;
     const bool mayBeKept = isSettled(status);
-    const auto [lock, file] = lockPlace(status);
-    if (holds(file, status)) {
-        ++file.awaited;
-        return Claim::Others;
-    }
-    // A file with other names will be met again; one with a single name perhaps, by way of a link.
-    const bool isNeeded = file.isClaimed && (file.awaited > 0 || (file.isShared && !isShared));
-    if (isNeeded || !mayBeKept) return Claim::OnceOnly;
-    file = {.device = status.st_dev,
-            .inode = status.st_ino,
-            .size = status.st_size,
-            .mtime = status.st_mtim,
-            .ctime = status.st_ctim,
-            .isClaimed = true,
-            .isShared = isShared,
-            .awaited = 0,
-            .digest = ""};
+    const auto [lock, file, key] = lockPlace(status);
+    if (file.key == key) return Claim::Others;
+    if (!mayBeKept) return Claim::OnceOnly;
+    file = {.key = key, .digest = ""};
     return Claim::Ours;
 }
 
 void KnownFiles::settle(const struct stat& status, const FileMD5Result& result) {
-    const auto [lock, file] = lockPlace(status);
-    if (!holds(file, status)) return;
-    file.isClaimed = result.code == 0;
+    const auto [lock, file, key] = lockPlace(status);
+    if (file.key != key) return;
+    if (result.code != 0) file.key = 0;
     memcpy(file.digest, result.md5, sizeof(file.digest));
 }
 
 KnownFiles::Answer KnownFiles::take(const struct stat& status, FileMD5Result* result) {
-    const auto [lock, file] = lockPlace(status);
-    if (!holds(file, status)) return Answer::Unknown;
+    const auto [lock, file, key] = lockPlace(status);
+    if (file.key != key) return Answer::Unknown;
     if (file.digest[0] == '\0') return Answer::Claimed;
-    if (file.awaited > 0) --file.awaited;
     result->code = 0;
     memcpy(result->md5, file.digest, sizeof(file.digest));
     return Answer::Known;

@@ -34,37 +34,27 @@ class KnownFiles {
     void settle(const struct stat& status, const FileMD5Result& result);
 
     enum class Answer : uint8_t { Known, Claimed, Unknown };
-    /// What there is of a file that is another's; fills `result` when that is `Known`. Until then
-    /// the file keeps its place here.
+    /// What there is of a file that is another's; fills `result` when that is `Known`.
     Answer take(const struct stat& status, FileMD5Result* result);
 
   private:
     struct File {
-        dev_t device;
-        ino_t inode;
-        off_t size;
-        timespec mtime;
-        timespec ctime;
-        bool isClaimed;
-        bool isShared;     // it has several names
-        unsigned awaited;  // how many are still to take the digest
+        uint64_t key;  // of what it is told by; 0 for none
         char digest[sizeof(FileMD5Result::md5)];
     };
     struct Free {
         void operator()(File* files) const { free(files); }
     };
 
-    /// Whether a place is taken by just that file.
-    static bool holds(const File& file, const struct stat& status);
-
     /// Holds the lock of a place as long as it is at hand.
     struct Place {
         std::unique_lock<std::mutex> lock;
         File& file;
+        uint64_t key;  // of the file that is looked for
     };
     Place lockPlace(const struct stat& status);
 
-    // Each in the one place that its inode gives it. Zeros that the system supplies as they are
+    // Each in the one place that its key gives it. Zeros that the system supplies as they are
     // touched: most scans know few files.
     std::unique_ptr<File[], Free> mFiles;
     // For every so many places one: the workers seldom meet, as a wait costs more than all the

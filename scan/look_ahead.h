@@ -12,9 +12,6 @@ struct LookAhead {
     size_t entries = 16384;              ///< of directories, read ahead of their turn
     int64_t bytes = int64_t{512} << 20;  ///< of files whose digests were begun
     unsigned workers = std::thread::hardware_concurrency();  ///< threads that read files
-    /// From this size on, a file that a walk has met is begun before the others that are left at
-    /// the walk's end. For them there are half as many `bytes` once more.
-    int64_t longBytes = int64_t{4} << 20;
 };
 
 /// Everything in its turn and on the scan's own thread.

@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
@@ -29,7 +28,6 @@
 #include "control/properties.h"
 #include "f2fs_io/digest/lanes.h"
 #include "f2fs_io/digest/md5.h"
-#include "scan/known_files.h"
 #include "scan/scan_request.h"
 #include "tavo_f2fs_io.h"
 #include "tests/support/sandbox.h"
@@ -44,12 +42,10 @@ using rux::test::readFile;
 struct World {
     std::vector<std::string> events;  // polls and log lines
     std::set<size_t> stops;           // the polls that read "true"
-    std::atomic<size_t> polls = 0;
+    size_t polls = 0;
     std::thread::id scanThread;
     std::mutex mutex;
     std::vector<ino_t> readings;  // of files, by the digest calls
-
-    auto timesRead(ino_t file) const { return std::count(readings.begin(), readings.end(), file); }
 
     void note(const std::string& event) {
         EXPECT_EQ(std::this_thread::get_id(), scanThread) << event;
@@ -68,7 +64,6 @@ std::string formatted(const char* fmt, va_list args) {
 std::set<ino_t> badFiles;  // their content cannot be read
 ino_t slowFile = 0;        // its reading waits until the others come to nothing
 size_t readMeanwhile = 0;  // files, the slow one included
-ino_t awaitedFile = 0;     // the first two readings wait for the walk, the others for its reading
 
 /// Of the bad files, whether not even opening it succeeds.
 [[maybe_unused]] bool cannotBeOpened(const char* path) {
@@ -92,14 +87,6 @@ bool isBad(const char* path) {
             std::this_thread::sleep_for(300ms);
             lock.lock();
         }
-    }
-    const bool isAmongFirst = world->readings.size() <= 2;
-    while (awaitedFile != 0 &&
-           (isAmongFirst ? world->polls < 2 : world->timesRead(awaitedFile) == 0)) {
-        lock.unlock();
-        std::this_thread::sleep_for(1ms);
-        lock.lock();
-        if (std::chrono::steady_clock::now() > deadline) awaitedFile = 0;
     }
     return badFiles.count(status.st_ino) != 0;
 }
@@ -309,7 +296,7 @@ TEST_F(LookAheadTest, CannotBeObserved) {
         for (const std::set<size_t>& stops : {std::set<size_t>(), once, often, forGood}) {
             const Result expected = scan(request, kNoLookAhead, stops);
             for (const LookAhead& ahead :
-                 {LookAhead{4096, 1 << 30, 2, 1000}, LookAhead{1 + random() % 40, 100, 3, 1},
+                 {LookAhead{4096, 1 << 30, 2}, LookAhead{1 + random() % 40, 100, 3},
                   LookAhead{1 + random() % 1000, 1 << 30, 1}, LookAhead{100, 1 << 30, 0}}) {
                 const Result result = scan(request, ahead, stops);
                 const auto differ = std::mismatch(result.events.begin(), result.events.end(),
@@ -363,40 +350,6 @@ TEST_F(LookAheadTest, ReadsAFileOnceWhateverItsNames) {
     }
     // Within one request: the next one reads again.
     EXPECT_EQ(scan(request, LookAhead{4096, 1 << 30, 2}).readingsOf(file), 1);
-}
-
-TEST(KnownFilesTest, KeepAFileForThoseWhoAwaitIt) {
-    using rux::KnownFiles;
-    KnownFiles files;
-    struct stat file = {};
-    file.st_ino = 1;
-    struct stat other = {};
-    other.st_ino = 1 + (1 << 16);  // belongs into the same place
-    FileMD5Result result = {0, "0123456789abcdef0123456789abcdef"};
-    EXPECT_EQ(files.claim(file), KnownFiles::Claim::Ours);
-    EXPECT_EQ(files.claim(file), KnownFiles::Claim::Others);
-    files.settle(file, result);
-    EXPECT_EQ(files.claim(other), KnownFiles::Claim::OnceOnly);
-    result = {};
-    EXPECT_EQ(files.take(file, &result), KnownFiles::Answer::Known);
-    EXPECT_STREQ(result.md5, "0123456789abcdef0123456789abcdef");
-    EXPECT_EQ(files.claim(other), KnownFiles::Claim::Ours);
-    EXPECT_EQ(files.take(file, &result), KnownFiles::Answer::Unknown);
-}
-
-TEST_F(LookAheadTest, BeginsALongFileBeforeTheOthersThatAreLeft) {
-    for (int i = 0; i < 500; ++i) sandbox.write(std::to_string(i), "content");
-    std::string last;
-    std::string lastButOne;
-    for (const auto& file : fs::directory_iterator(sandbox.tree()))
-        lastButOne = std::exchange(last, file.path());
-    rux::test::writeFile(last, std::string(2000, 'x'));
-    rux::test::writeFile(lastButOne, std::string(1500, 'x'));  // there is no room for both
-    awaitedFile = test::inodeOf(last);
-    const Result result = scan(wholeTree(), LookAhead{4096, 3000, 2, 1000});
-    EXPECT_NE(awaitedFile, 0U);  // it came while one worker at most was left to take others
-    awaitedFile = 0;
-    EXPECT_EQ(result.readings.size(), 500U);
 }
 
 TEST_F(LookAheadTest, PreparesNoMoreThanItMayWhileAFileTakesLong) {

@@ -146,31 +146,6 @@ void Readers::start(const std::vector<ReadJob*>& jobs) {
     if (isAwaited) mWork.notify_all();
 }
 
-bool Readers::bringForward(const std::vector<ReadJob*>& jobs) {
-    const int64_t most = mMaxBytes / 2;
-    if (jobs.empty() || mThreads.size() < 2 || mForwardBytes >= most) return false;
-    std::vector<std::pair<int64_t, ReadJob*>> longOnes;
-    for (ReadJob* job : jobs) {
-        if (!job->isRegular || !job->wantsDigest || job->hasStatus()) continue;
-        struct stat status = {};
-        if (stat(job->path, &status) == 0 && status.st_size >= lookAhead.longBytes)
-            longOnes.emplace_back(status.st_size, job);
-    }
-    std::sort(longOnes.rbegin(), longOnes.rend());
-    const std::lock_guard lock(mMutex);
-    std::ptrdiff_t moved = 0;
-    for (const auto& [bytes, job] : longOnes) {
-        if (mForwardBytes >= most) break;
-        const auto place = std::find(mQueue.begin(), mQueue.end(), job);
-        if (place == mQueue.end()) continue;
-        mQueue.erase(place);
-        mQueue.insert(mQueue.begin() + moved++, job);
-        job->forwardBytes = bytes;
-        mForwardBytes += bytes;
-    }
-    return true;
-}
-
 void Readers::advance(ReadJob& job) {
     if (mThreads.empty()) {
         if (job.hasStatus()) {
@@ -193,8 +168,7 @@ void Readers::waitAMoment() {
 }
 
 void Readers::release(const ReadJob& job) {
-    mForwardBytes -= job.forwardBytes;
-    if (!job.isBegun || job.forwardBytes != 0) return;
+    if (!job.isBegun) return;
     const int64_t before = mBytes.fetch_sub(job.status.st_size);
     if (before < mMaxBytes) return;
     const std::lock_guard lock(mMutex);
@@ -211,7 +185,6 @@ void Readers::dropAll(ReadJob* first) {
     while (mUnderWay > 0) mProgress.wait_for(lock, kMoment);
     mAbandoned = false;
     mBytes = 0;
-    mForwardBytes = 0;
 }
 
 /// Once: jobs that found no threads are in no queue, and threads that came later would not know
@@ -302,8 +275,7 @@ bool Readers::begin(ReadJob& job) {
         job.isBegun = job.claim != KnownFiles::Claim::Others;
     }
     const bool isBegun = job.isBegun;
-    // What was brought forward is released late and must not keep those before it from being begun.
-    if (isBegun && job.forwardBytes == 0) mBytes += job.status.st_size;
+    if (isBegun) mBytes += job.status.st_size;
     setState(job, isBegun ? ReadJob::State::HasStatus : ReadJob::State::Done);
     return isBegun;
 }

@@ -22,7 +22,6 @@ struct ReadJob {
     const char* path = nullptr;  ///< must stay valid until the job is done
     bool isRegular = false;      ///< the directory says so
     bool wantsDigest = false;    ///< if it is a file with content
-    int64_t forwardBytes = 0;    ///< of a long file, which was brought forward
 
     enum class State : uint8_t { Unread, HasStatus, Done };
     std::atomic<State> state{State::Unread};
@@ -53,11 +52,6 @@ class Readers {
 
     /// Puts jobs in the queue.
     void start(const std::vector<ReadJob*>& jobs);
-
-    /// Puts the jobs of long files to the front of the queue, the longest first, as far as they are
-    /// still in it and there is room for them. False when that is of no use: there are no jobs, or
-    /// nobody who would do the others meanwhile, or no room for more.
-    bool bringForward(const std::vector<ReadJob*>& jobs);
 
     /// Brings the first job that is not done further, or waits for it, but no longer than a moment:
     /// the scan may have something else to do.
@@ -92,7 +86,6 @@ class Readers {
     std::condition_variable mWork;      // for the workers: jobs, or room, or the end
     std::condition_variable mProgress;  // for the scan: a worker has run out of jobs
     std::deque<ReadJob*> mQueue;
-    int64_t mForwardBytes = 0;         // of files brought forward, until their release
     std::atomic<int64_t> mBytes{0};    // of files whose digests were begun, until their release
     std::atomic<size_t> mUnderWay{0};  // jobs that workers have in hand
     std::atomic<bool> mAbandoned{false};

@@ -41,13 +41,13 @@ const Entry* Window::next() {
     return &item.entry;
 }
 
-/// Looks at some further entries and has their files read, as far as there is room. At the end of
-/// the walk it looks for long files instead. False when nothing of that is left to do now.
+/// Looks at some further entries and has their files read, as far as there is room. False when
+/// there is none, or at the end of the walk.
 bool Window::refill() {
     const size_t most = std::max<size_t>(lookAhead.entries, 1);
     if (mItems.size() >= most) return false;
     size_t count = std::min(kStep, most - mItems.size());
-    if (mEntries.empty() && !mStream.read(mEntries, count)) return findLongFiles();
+    if (mEntries.empty() && !mStream.read(mEntries, count)) return false;
     std::vector<ReadJob*> jobs;
     for (; count > 0 && !mEntries.empty(); --count) {
         mItems.emplace_back(std::move(mEntries.front()));
@@ -56,15 +56,6 @@ bool Window::refill() {
     }
     mPreparation.readers.start(jobs);
     return true;
-}
-
-/// Has the long ones among some of the files that are left begun before the others. It goes from
-/// the last one to the first, as those at the end would keep everybody waiting.
-bool Window::findLongFiles() {
-    const size_t count = std::min(kStep, mItems.size() - std::min(mLookedAt, mItems.size()));
-    std::vector<ReadJob*> jobs;
-    for (size_t i = 0; i < count; ++i) jobs.push_back(&mItems[mItems.size() - 1 - mLookedAt++].job);
-    return mPreparation.readers.bringForward(jobs);
 }
 
 void Window::prepare(Item& item, std::vector<ReadJob*>& jobs) {
@@ -119,7 +110,6 @@ void Window::leaveDirectory(size_t depth) {
 void Window::dropAll() {
     mPreparation.readers.dropAll(mItems.empty() ? nullptr : &mItems.front().job);
     mItems.clear();
-    mLookedAt = 0;
 }
 
 }  // namespace rux

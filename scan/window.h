@@ -60,7 +60,6 @@ class Window {
     };
 
     bool refill();
-    bool findLongFiles();
     void prepare(Item& item, std::vector<ReadJob*>& jobs);
     void dropAll();
 
@@ -71,7 +70,6 @@ class Window {
     const bool mMayBeFinished;   // there were records before this walk, which meets each path once
     std::deque<Item> mItems;     // in the order of the walk
     std::deque<Entry> mEntries;  // read, but not looked at
-    size_t mLookedAt = 0;        // items from the last one on, when the walk is at its end
 };
 
 }  // namespace rux

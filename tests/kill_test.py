@@ -51,7 +51,7 @@ class Round:
         if not os.path.exists(path):
             return {}
         with open(path, encoding="utf-8") as file:
-            return json.load(file)
+            return json.loads(file.read() or "{}") or {}  # empty when it was just being made
 
     def check_known(self):
         """Nothing that has a record may be out of reach of a later compression or restore."""
