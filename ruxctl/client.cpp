@@ -1,6 +1,8 @@
 #include "ruxctl/client.h"
 
 #include <cstring>
+#include <fstream>
+#include <string>
 
 #include "binder/IServiceManager.h"
 #include "binder/Status.h"
@@ -39,6 +41,17 @@ std::optional<Client> Client::connect() {
             android::defaultServiceManager()->checkService(android::String16("RuxNativeService"));
     if (service == nullptr) return std::nullopt;
     return Client(service);
+}
+
+int64_t Client::memory() const {
+    pid_t process = 0;
+    if (mService->getDebugPid(&process) != OK) return 0;
+    std::ifstream status("/proc/" + std::to_string(process) + "/status");
+    for (std::string word; status >> word;) {
+        int64_t kibibytes = 0;
+        if (word == "VmRSS:" && status >> kibibytes) return kibibytes * 1024;
+    }
+    return 0;
 }
 
 void Client::send(uint32_t code, const Parcel& parcel, Answer* answer) const {

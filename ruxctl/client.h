@@ -49,6 +49,10 @@ class Client {
     /// The running service; nothing when there is none.
     static std::optional<Client> connect();
 
+    /// Bytes of memory that the service holds at the moment (proc(5), VmRSS); 0 when the system
+    /// does not say.
+    int64_t memory() const;
+
     /// Sends `parcel` as it is, and waits for the answer.
     void send(uint32_t code, const android::Parcel& parcel, Answer* answer) const;
 

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <ctime>
 #include <iostream>
 
@@ -24,17 +25,26 @@ std::string ago(time_t then) {
 
 int status() {
     const auto client = Client::connect();
+    std::vector<Space> spaces;
+    time_t changed = 0;
+    for (const std::string& spaceId : spaceIds()) {
+        spaces.push_back(lookAt(spaceId));
+        changed = std::max(changed, spaces.back().changed);
+    }
     std::string running = "idle";
-    if (client && isBusy(*client))
+    if (client && isBusy(*client)) {
         running = "busy with " + runningOperation().value_or("something");
+    } else if (changed > 0) {
+        running += ", last change " + ago(changed);
+    }
+    if (client) running += ", holds " + humanBytes(client->memory());
     std::cout << "service: "
               << (client ? inked(Ink::Good, "running") + ", " + running
                          : inked(Ink::Bad, "not running"))
               << "\n";
     std::vector<std::vector<std::string>> rows = {
             {"SPACE", "FILES", "CONTENTS", "LINKED", "DATABASE", "CHANGED"}};
-    for (const std::string& spaceId : spaceIds()) {
-        const Space space = lookAt(spaceId);
+    for (const Space& space : spaces) {
         rows.push_back({space.id, grouped(space.files), grouped(space.toCompress),
                         grouped(space.compressed), humanBytes(space.bytes), ago(space.changed)});
     }

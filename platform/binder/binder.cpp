@@ -1,5 +1,7 @@
 #include "binder/Binder.h"
 
+#include <unistd.h>
+
 #include "binder/IInterface.h"
 #include "binder/Parcel.h"
 
@@ -7,6 +9,11 @@ namespace android {
 
 sp<IInterface> IBinder::queryLocalInterface(const String16& /*descriptor*/) {
     return nullptr;
+}
+
+status_t IBinder::getDebugPid(pid_t* outPid) {
+    *outPid = getpid();
+    return OK;
 }
 
 const String16& BBinder::getInterfaceDescriptor() const {

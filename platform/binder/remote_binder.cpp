@@ -60,6 +60,15 @@ bool RemoteBinder::isAlive() const {
     return connect().valid();
 }
 
+status_t RemoteBinder::getDebugPid(pid_t* outPid) {
+    const UniqueFd socket = connect();
+    ucred peer = {};
+    socklen_t size = sizeof(peer);
+    if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return DEAD_OBJECT;
+    *outPid = peer.pid;
+    return OK;
+}
+
 status_t RemoteBinder::transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
     if (data.dataSize() > kMaxParcelSize) return FAILED_TRANSACTION;
     const UniqueFd socket = connect();

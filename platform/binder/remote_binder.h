@@ -20,6 +20,8 @@ class RemoteBinder : public IBinder {
     /// A proxy does not know its service's interface.
     const String16& getInterfaceDescriptor() const override;
 
+    status_t getDebugPid(pid_t* outPid) override;
+
     /// `DEAD_OBJECT` when nobody answers or the service dies before it does; `FAILED_TRANSACTION`
     /// for a request larger than a frame may be.
     status_t transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override;

@@ -1,6 +1,8 @@
 /// What both ends of a transaction have in common.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 
 #include "utils/Errors.h"
@@ -32,6 +34,9 @@ class IBinder : public virtual RefBase {
     virtual sp<IInterface> queryLocalInterface(const String16& descriptor);
 
     virtual const String16& getInterfaceDescriptor() const = 0;
+
+    /// The process that the object lives in. `DEAD_OBJECT` when there is none any more.
+    virtual status_t getDebugPid(pid_t* outPid);
 
     /// Carries out transaction `code` with the request `data`; `reply` (may be null) receives what
     /// the object answers. Returns the transaction's status.
