@@ -9,7 +9,7 @@ The service itself is ended too, at the entry of each of the calls.
 
 usage: saves_test.py RUX RUXCTL [STATES]
 
-STATES power cuts an operation, 1000 by default.
+STATES power cuts an operation, 300 by default.
 """
 
 import json
@@ -25,11 +25,11 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from support.service import RESTORE, Service  # noqa: E402
 
 RUX, RUXCTL = sys.argv[1:3]
-STATES = int(sys.argv[3]) if len(sys.argv) > 3 else 1000
+STATES = int(sys.argv[3]) if len(sys.argv) > 3 else 300
 FILES = [f"RUX{name}.json" for name in ("FileInfo", "CheckNoCompress", "CheckACompress", "ModifyFileInfo")]
 JOURNAL = "RUXSave.journal"
 CALLS = "openat,lseek,write,ftruncate,fdatasync,fsync,unlink"
-UNIT = 64  # bytes that reach the disk together; a real one has more
+UNIT = 7  # bytes that reach the disk together: fewer than are summed up together
 OPERATIONS = ["scan", "again", "list", "compress", "restore"]
 
 
@@ -160,6 +160,9 @@ def states_of(calls, before, after, pick):
     for call in calls:
         found.append((disk.state([True] * len(disk.pending)), possible))
         found += [(disk.power_cut(pick), possible) for _ in range(STATES // len(calls))]
+        if call[1] == "fdatasync":
+            count = len(disk.pending)
+            found += [(disk.state([i != lost for i in range(count)]), possible) for lost in range(count)]
         disk.call(*call)
         whole = disk.state([True] * len(disk.pending))
         if call[1] == "unlink":
@@ -170,9 +173,8 @@ def states_of(calls, before, after, pick):
             found += [(whole | {JOURNAL: whole[JOURNAL][:size]}, possible) for size in range(len(whole[JOURNAL]))]
             found += [(whole | {name: after[name][:size]}, possible) for name in FILES
                       if after.get(name) != before.get(name) for size in range(len(after[name]))]
-    last = disk.state([True] * len(disk.pending))
-    assert last == after, "the record is not the whole truth"
-    return found
+    assert whole == after, "the record is not the whole truth"
+    return found + [(disk.power_cut(pick), [new]) for _ in range(STATES // len(calls))]
 
 
 def groups_seen(service):
