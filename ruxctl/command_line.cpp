@@ -18,6 +18,7 @@ class CommandLine {
     CommandLine() {
         mApp.require_subcommand(1);
         mApp.footer(kExitStatuses);
+        mApp.set_version_flag("--version", "ruxctl " RUX_VERSION);
         addScan();
         addList();
         addGroups();

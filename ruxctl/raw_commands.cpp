@@ -57,7 +57,8 @@ int getProperty(const std::string& name) {
 
 int setProperty(const std::string& name, const std::string& value) {
     if (android::base::SetProperty(name, value)) return kDone;
-    return fail({kFailed, "the property " + name + " could not be set"});
+    return fail({kFailed, "the property " + name +
+                                  " could not be set: it is too long, or its disk is full"});
 }
 
 int stop(const std::string& operation) {

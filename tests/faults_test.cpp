@@ -85,6 +85,22 @@ TEST_F(FaultsTest, FullDiskDuringASave) {
     EXPECT_EQ(database("RUXCheckNoCompress.json").size(), 1001U);
 }
 
+TEST_F(FaultsTest, FullDiskUnderTheProperties) {
+    kill();
+    const SmallDisk disk(sandbox.root() + "/run/rux", "mode=0700,size=4k");
+    if (!disk.mounted()) GTEST_SKIP() << "needs root";
+    writeFile(sandbox.root() + "/run/rux/full", std::string(4096, 'x'));
+    sandbox.write("a", "same");
+    sandbox.write("b", "same");
+    start();
+    scanTree();  // sets one
+    EXPECT_EQ(call(3, Json::array({"s"})), "1,4");
+    const Outcome stop = ruxctl({"stop", "scan"});
+    EXPECT_EQ(stop.exit, 1);
+    EXPECT_NE(stop.err.find("its disk is full"), std::string::npos) << stop.err;
+    EXPECT_TRUE(isRunning());
+}
+
 TEST_F(FaultsTest, FullOrReadOnlyDiskUnderTheFiles) {
     const SmallDisk disk(sandbox.path("disk"), "size=3m,nr_inodes=20");
     if (!disk.mounted()) GTEST_SKIP() << "needs root";

@@ -252,6 +252,7 @@ def check_messages(client, service):
         assert "rux &" in client.said and "RUX_ROOT" in client.said, (command, client.said)
     assert "s " in client("status", status=3), "the spaces are shown all the same"
     service.start()
+    assert re.fullmatch(r"ruxctl \d+\.\d+\.\d+\n", client("--version"))
     for command in ("scan", "list", "groups", "compress", "restore", "except", "stop", "call"):
         assert "Examples:\n  ruxctl " + command in client(command, "--help"), command
 
