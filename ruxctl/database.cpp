@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <filesystem>
+#include <initializer_list>
 #include <map>
 #include <stdexcept>
 #include <string_view>
@@ -23,7 +24,7 @@ namespace {
 namespace fs = std::filesystem;
 
 /// The places of the files among a space's.
-enum { kRecords, kToCompress, kCompressed };
+enum : size_t { kRecords, kToCompress, kCompressed };
 // One of each record and of each group. Quotes inside of strings are escaped, so in the text these
 // stand for members alone, and counting them needs no parser.
 constexpr std::string_view kDigestMember = "\"is_md5\":";
@@ -58,13 +59,13 @@ Marks marksOf(const std::string& spaceId) {
     return marks;
 }
 
-/// The texts of a space's files, all of one moment. That of a missing file is empty.
-Texts textsOf(const std::string& spaceId) {
+/// The texts of the wanted files of a space, all of one moment. That of a missing file is empty.
+Texts textsOf(const std::string& spaceId, std::initializer_list<size_t> wanted) {
     for (Texts texts;;) {
         const auto before = marksOf(spaceId);
         // What a save is changing, or has left half-written, is whole in its journal.
         const rux::Journal journal(pathOf(spaceId));
-        for (size_t i = 0; i < texts.size(); ++i) {
+        for (const size_t i : wanted) {
             texts[i] = journal.holds(i) ? journal.text(i)
                                         : textOf(pathOf(spaceId, rux::kDatabaseFiles[i]));
         }
@@ -186,7 +187,7 @@ Space lookAt(const std::string& spaceId) {
         space.bytes += st.st_size;
         space.changed = std::max(space.changed, st.st_mtime);
     }
-    const Texts texts = textsOf(spaceId);
+    const Texts texts = textsOf(spaceId, {kRecords, kToCompress, kCompressed});
     space.files = countOf(texts[kRecords], kDigestMember);
     space.toCompress = countOf(texts[kToCompress], kListMember);
     space.compressed = countOf(texts[kCompressed], kListMember);
@@ -198,11 +199,11 @@ bool exists(const std::string& spaceId) {
 }
 
 int64_t recordCount(const std::string& spaceId) {
-    return countOf(textsOf(spaceId)[kRecords], kDigestMember);
+    return countOf(textsOf(spaceId, {kRecords})[kRecords], kDigestMember);
 }
 
 std::vector<std::string> recordedPaths(const std::string& spaceId) {
-    return parsed(textsOf(spaceId), kRecords, spaceId).getMemberNames();
+    return parsed(textsOf(spaceId, {kRecords}), kRecords, spaceId).getMemberNames();
 }
 
 const char* nameOf(State state) {
@@ -220,7 +221,9 @@ const char* nameOf(State state) {
 }
 
 std::vector<Group> groupsOf(const std::string& spaceId, Which which) {
-    const Texts texts = textsOf(spaceId);
+    const Texts texts = which == Which::Compressed
+                                ? textsOf(spaceId, {kCompressed})
+                                : textsOf(spaceId, {kRecords, kToCompress, kCompressed});
     std::vector<Group> groups;
     if (which != Which::Compressed) addGroups(spaceId, false, texts, groups);
     if (which != Which::ToCompress) addGroups(spaceId, true, texts, groups);

@@ -102,7 +102,10 @@ PropertyStore::Area* PropertyStore::area(bool create) {
     {
         const FileLock fileLock(file);
         // With its blocks: to touch a mapped page that the disk has no room for ends the process.
-        if (!create || posix_fallocate(file, 0, sizeof(Area)) == 0) fstat(file, &st);
+        if (fstat(file, &st) == 0 && st.st_size == 0 && create &&
+            posix_fallocate(file, 0, sizeof(Area)) == 0) {
+            fstat(file, &st);
+        }
     }
     void* mapped = MAP_FAILED;
     if (S_ISREG(st.st_mode) && st.st_size == sizeof(Area)) {
