@@ -30,7 +30,7 @@ FILES = [f"RUX{name}.json" for name in ("FileInfo", "CheckNoCompress", "CheckACo
 JOURNAL = "RUXSave.journal"
 CALLS = "openat,lseek,write,ftruncate,fdatasync,fsync,unlink"
 UNIT = 7  # bytes that reach the disk together: fewer than are summed up together
-OPERATIONS = ["scan", "again", "list", "compress", "restore"]
+OPERATIONS = ["scan", "list", "compress", "restore"]
 
 
 class Recorder:
@@ -209,10 +209,6 @@ def check_states(states):
             assert images(loaded) in possible, (number, files, loaded)
 
 
-def act(service, operation):
-    getattr(service, "scan" if operation == "again" else operation)()
-
-
 def copy(source, target):
     shutil.rmtree(target, ignore_errors=True)
     subprocess.run(["cp", "-a", source, target], check=True)
@@ -223,7 +219,7 @@ def record(service, operation):
     copy(service.tree, f"{service.base}/before {operation}")
     before = read(service.space)
     recorder = Recorder(service)
-    act(service, operation)
+    getattr(service, operation)()
     recorder.end()
     return recorder.calls(), before, read(service.space)
 
@@ -240,28 +236,27 @@ def end_everywhere(service, operation, calls, before, after):
         service.start()
         recorder = Recorder(service, "-e", f"inject={call}:signal=SIGKILL:when={count}")
         try:
-            act(service, operation)
+            getattr(service, operation)()
             raise AssertionError(f"{operation} was not ended at {call} {count}")
         except OSError:
             recorder.end(signal.SIGKILL)  # it may wait for a thread that died as it began
         assert service.process.wait() == -9
         service.start()
-        act(service, operation)
+        getattr(service, operation)()
         assert images(read(service.space)) == images(after), (operation, call, count)
         service.kill()
 
 
+def put(service, name, content):
+    with open(f"{service.tree}/{name}", "w", encoding="ascii") as file:
+        file.write(content)
+
+
 def change_tree(service, operation):
     """What the operation will find."""
-    def put(name, content):
-        with open(f"{service.tree}/{name}", "w", encoding="ascii") as file:
-            file.write(content)
     if operation == "scan":
         for name, content in {"a1": "a", "a2": "a", "a3": "a", "b1": "bb", "b2": "bb", "c": "c"}.items():
-            put(name, content)
-    elif operation == "again":
-        put("c2", "c")
-        put("d", "d")
+            put(service, name, content)
     elif operation == "list":
         os.utime(f"{service.tree}/b1", (1, 1))
 
@@ -283,8 +278,7 @@ def check_strangers():
             strangers.append(lambda: (shutil.copy(outside, place), os.chown(place, 12345, -1)))
         for number, make in enumerate(strangers):
             make()
-            change_tree(service, "again")
-            os.rename(f"{service.tree}/d", f"{service.tree}/d{number}")
+            put(service, f"d{number}", "d")
             before = databases(service.space)
             service.scan()
             assert databases(service.space) == before and os.path.lexists(place)

@@ -55,6 +55,13 @@ TEST_F(StoreTest, RefusesADirectoryThatOthersMayEnter) {
     EXPECT_FALSE(PropertyStore(directory()).set("a", "2"));
 }
 
+TEST_F(StoreTest, RefusesAFileOfAnotherSize) {
+    ASSERT_TRUE(store.set("a", "1"));
+    ASSERT_EQ(truncate((directory() + "/properties").c_str(), 3), 0);
+    EXPECT_FALSE(PropertyStore(directory()).set("a", "2"));
+    EXPECT_EQ(rux::test::statusOf(directory() + "/properties").st_size, 3);
+}
+
 TEST_F(StoreTest, ReadersInOtherProcessesSeeWholeValuesWhateverWritersDo) {
     // Writers in two processes, one of which is killed again and again in the middle of it.
     const std::string longValue(91, 'l');
