@@ -7,12 +7,13 @@
 #include <jemalloc/jemalloc.h>
 
 /// Read by jemalloc(3) when the program starts. One arena, because one thread does nearly all of
-/// it. What large pieces have left is given out in pieces of any size, before new memory is. What
-/// has not been used for a second goes back to the system.
+/// it. What large pieces have left is given out in pieces of any size, before new memory is. Small
+/// pieces are taken from 16 pages at a time, not from 3: the allocator never gives its record of
+/// such a set back. What has not been used for a second goes back to the system.
 extern "C" {
 extern const char* malloc_conf;
 const char* malloc_conf =
-        "thp:always,narenas:1,lg_extent_max_active_fit:20,"
+        "thp:always,narenas:1,lg_extent_max_active_fit:20,slab_sizes:16-128:16,"
         "dirty_decay_ms:1000,background_thread:true";
 }
 
