@@ -43,13 +43,13 @@ std::optional<Client> Client::connect() {
     return Client(service);
 }
 
-int64_t Client::memory() const {
+int64_t Client::counter(const char* file, const std::string& word) const {
     pid_t process = 0;
     if (mService->getDebugPid(&process) != OK) return 0;
-    std::ifstream status("/proc/" + std::to_string(process) + "/status");
-    for (std::string word; status >> word;) {
-        int64_t kibibytes = 0;
-        if (word == "VmRSS:" && status >> kibibytes) return kibibytes * 1024;
+    std::ifstream lines("/proc/" + std::to_string(process) + "/" + file);
+    int64_t number = 0;
+    for (std::string found; lines >> found;) {
+        if (found == word && lines >> number) return number;
     }
     return 0;
 }

@@ -51,7 +51,11 @@ class Client {
 
     /// Bytes of memory that the service holds at the moment (proc(5), VmRSS); 0 when the system
     /// does not say.
-    int64_t memory() const;
+    int64_t memory() const { return counter("status", "VmRSS:") * 1024; }
+
+    /// Bytes that the service has read ("rchar:") or written ("wchar:") since its start (proc(5),
+    /// io); 0 when the system does not say.
+    int64_t bytesMoved(const char* way) const { return counter("io", way); }
 
     /// Sends `parcel` as it is, and waits for the answer.
     void send(uint32_t code, const android::Parcel& parcel, Answer* answer) const;
@@ -63,6 +67,9 @@ class Client {
 
   private:
     explicit Client(android::sp<android::IBinder> service) : mService(std::move(service)) {}
+
+    /// What a file in the service's directory below /proc has behind a word.
+    int64_t counter(const char* file, const std::string& word) const;
 
     android::sp<android::IBinder> mService;
 };

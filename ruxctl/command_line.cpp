@@ -19,11 +19,13 @@ class CommandLine {
         mApp.require_subcommand(1);
         mApp.footer(kExitStatuses);
         mApp.set_version_flag("--version", "ruxctl " RUX_VERSION);
+        addDedupe();
         addScan();
         addList();
         addGroups();
         addCompress();
         addRestore();
+        addForget();
         addExcept();
         addStatus();
         addReport();
@@ -71,23 +73,69 @@ class CommandLine {
                 ->add_option("--match", patterns,
                              "Regular expression (ECMAScript) of whole paths; may be repeated")
                 ->type_name("REGEX")
-                ->allow_extra_args(false)
-                ->default_str(".*");
+                ->allow_extra_args(false);
+    }
+    static void addYes(CLI::App* command, bool& yes) {
+        command->add_flag("-y,--yes", yes, "Answer the question with yes");
+    }
+    void addScanOptions(CLI::App* command) {
+        addMatch(command, mScan.query.patterns);
+        const auto addGlobs = [command](const char* name, std::vector<std::string>& globs,
+                                        const char* description) {
+            command->add_option(name, globs, description)
+                    ->type_name("GLOB")
+                    ->allow_extra_args(false)
+                    ->check([](const std::string& glob) {
+                        return glob.empty() ? std::string("is empty") : std::string();
+                    });
+        };
+        addGlobs("--include", mScan.included, "Only such names, or what is below them");
+        addGlobs("--exclude", mScan.excluded, "No such names, nor what is below them");
+        command->add_option("--min-size", mScan.leastBytes, "No smaller files: 100000, 64KiB, 2MiB")
+                ->type_name("SIZE")
+                ->transform(CLI::AsSizeValue(false));
+        command->add_flag("--fresh", mScan.fresh, "Find all files anew, and forget what was known");
+        command->add_flag("--force", mScan.force,
+                          "With --fresh: even if links may lose their undo");
+        command->add_flag_callback(
+                "--no-progress", [this] { mScan.progress = false; },
+                "Do not count the files beside the scan");
+        command->add_flag("-v,--verbose", mScan.verbose, "Name what is left out");
+        command->add_option("DIR", mScan.query.places, "Directories or files")->required();
+    }
+
+    void addDedupe() {
+        CLI::App* command = add("dedupe", "Scan directories and link their duplicates, in one go",
+                                "  ruxctl dedupe ~/Pictures\n"
+                                "  ruxctl dedupe --dry-run --exclude node_modules ~/src");
+        addScanOptions(command);
+        addYes(command, mCompress.yes);
+        command->add_flag("-n,--dry-run", mCompress.dryRun, "Print what would be linked");
+        command->add_flag("--json", mCompress.json, "Print JSON");
+        does(command, [this] { return dedupe(mScan, mCompress); });
     }
 
     void addScan() {
         CLI::App* command =
                 add("scan", "Record the files below directories, with a digest of each",
                     "  ruxctl scan --space photos ~/Pictures\n"
-                    "  ruxctl scan --space music --match '.*\\.(flac|mp3)' /srv/music ~/Music");
-        addSpace(command, mQuery.spaceId);
-        addMatch(command, mQuery.patterns);
-        command->add_option("DIR", mQuery.places, "Directories or files")->required();
-        does(command, [this] { return scan(mQuery); });
+                    "  ruxctl scan --space music --include '*.flac' /srv/music ~/Music");
+        addSpace(command, mScan.query.spaceId);
+        addScanOptions(command);
+        does(command, [this] { return scan(mScan); });
+    }
+
+    void addForget() {
+        CLI::App* command = add("forget", "Forget what is known of a space; files stay as they are",
+                                "  ruxctl forget photos");
+        command->add_option("NAME", mForget.spaceId, "The space")->required();
+        addYes(command, mForget.yes);
+        command->add_flag("--force", mForget.force, "Even if links lose their undo");
+        does(command, [this] { return forget(mForget); });
     }
 
     void addList() {
-        CLI::App* command = add("list", "Count duplicates, after a look at each file",
+        CLI::App* command = add("list", "Count what can be linked, after a look at each file",
                                 "  ruxctl list\n"
                                 "  ruxctl list --space photos --json");
         addSpaces(command, mList.spaceIds);
@@ -106,15 +154,21 @@ class CommandLine {
         command->add_option("--sort", mGroups.sort, "By reclaimable size or number of files")
                 ->type_name("ORDER")
                 ->check(CLI::IsMember({"size", "count"}));
-        command->add_option("--top", mGroups.top, "Only so many")->type_name("N");
+        command->add_option("--top", mGroups.top, "Only so many")
+                ->type_name("N")
+                ->check(CLI::PositiveNumber);
+        command->add_flag("--all", mGroups.all, "Those with nothing to give back as well");
         const std::pair<const char*, const char*> formats[] =
                 {{"json", "Print JSON"},
                  {"csv", "Print comma-separated values"},
-                 {"null", "Print paths, each ended by a zero byte, each group by another"}};
+                 {"null", "Print paths, each ended by a zero byte (for xargs -0)"}};
+        std::vector<CLI::Option*> others;
         for (const auto& [format, description] : formats) {
-            command->add_flag_callback(
+            CLI::Option* option = command->add_flag_callback(
                     std::string("--") + format, [this, name = format] { mGroups.format = name; },
                     description);
+            for (CLI::Option* other : others) option->excludes(other);
+            others.push_back(option);
         }
         does(command, [this] { return groups(mGroups); });
     }
@@ -125,8 +179,9 @@ class CommandLine {
                     "  ruxctl compress --dry-run photos\n"
                     "  ruxctl compress photos");
         command->add_option("NAME", mCompress.spaceIds, "Spaces")->required();
-        command->add_flag("-y,--yes", mCompress.yes, "Do not ask");
+        addYes(command, mCompress.yes);
         command->add_flag("-n,--dry-run", mCompress.dryRun, "Print what would be linked");
+        command->add_flag("--json", mCompress.json, "Print JSON");
         does(command, [this] { return compress(mCompress); });
     }
 
@@ -141,7 +196,8 @@ class CommandLine {
                             "Only groups with a path that contains this text; may be repeated")
                 ->type_name("TEXT")
                 ->allow_extra_args(false);
-        command->add_flag("-y,--yes", mRestore.yes, "Do not ask, and go on without enough room");
+        addYes(command, mRestore.yes);
+        command->add_flag("--force", mRestore.force, "Go on without enough room");
         does(command, [this] { return restore(mRestore); });
     }
 
@@ -163,6 +219,9 @@ class CommandLine {
         };
         addSetter("add", "Add patterns to those that are set", true);
         addSetter("set", "Set these patterns and no others", false);
+        CLI::App* remove = addPart("remove", "Take patterns out of those that are set");
+        remove->add_option("REGEX", mPatterns)->required();
+        does(remove, [this] { return removeExceptRules(mPatterns); });
         CLI::App* check = addPart("check", "Try a pattern before it is set; changes nothing");
         check->add_option("REGEX", mPattern)->required();
         check->add_option("PATH", mPaths, "What to try it on (all recorded files)");
@@ -240,7 +299,8 @@ class CommandLine {
 
     CLI::App mApp{"Finds files of identical content, links them, and takes that back.", "ruxctl"};
     std::function<int()> mAction;
-    SpaceQuery mQuery;
+    ScanOptions mScan;
+    ForgetOptions mForget;
     ListOptions mList;
     GroupsOptions mGroups;
     CompressOptions mCompress;

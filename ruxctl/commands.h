@@ -12,15 +12,26 @@ namespace ruxctl {
 /// A space, the patterns of the paths that are meant, and the places to look at.
 struct SpaceQuery {
     std::string spaceId;
-    std::vector<std::string> patterns = {".*"};
+    std::vector<std::string> patterns;
     std::vector<std::string> places;
 };
 
-int scan(const SpaceQuery& query);
+struct ScanOptions {
+    SpaceQuery query;                   ///< no patterns: all paths
+    std::vector<std::string> included;  ///< globs: only such paths, beside those of the patterns
+    std::vector<std::string> excluded;  ///< globs: no such paths
+    uint64_t leastBytes = 0;            ///< no smaller files
+    bool fresh = false;                 ///< finds all files anew
+    bool force = false;                 ///< even where that may lose the undo of links
+    bool progress = true;
+    bool verbose = false;  ///< names what is left out
+    bool quiet = false;    ///< keeps standard output for what comes after
+};
+int scan(const ScanOptions& options);
 
 struct ListOptions {
     std::vector<std::string> spaceIds;  ///< none: all
-    std::vector<std::string> patterns = {".*"};
+    std::vector<std::string> patterns = {"[\\s\\S]*"};
     bool json = false;
     bool bytes = false;  ///< exact numbers in place of human ones
 };
@@ -29,8 +40,9 @@ int list(const ListOptions& options);
 struct GroupsOptions {
     std::vector<std::string> spaceIds;  ///< none: all
     std::string sort = "size";          ///< or "count"
-    size_t top = 0;                     ///< 0: all
-    std::string format = "text";        ///< "json", "csv", "null"
+    size_t top = SIZE_MAX;
+    std::string format = "text";  ///< "json", "csv", "null"
+    bool all = false;             ///< those with nothing to give back as well
 };
 int groups(const GroupsOptions& options);
 
@@ -38,18 +50,33 @@ struct CompressOptions {
     std::vector<std::string> spaceIds;
     bool yes = false;
     bool dryRun = false;
+    bool json = false;
 };
 int compress(const CompressOptions& options);
+
+/// Scans into a space of the directories' own, and links.
+int dedupe(ScanOptions options, CompressOptions then);
 
 struct RestoreOptions {
     SpaceQuery query;
     bool yes = false;
+    bool force = false;  ///< even without enough room
 };
 int restore(const RestoreOptions& options);
+
+struct ForgetOptions {
+    std::string spaceId;
+    bool yes = false;
+    bool force = false;  ///< even where links would lose their undo
+};
+/// Removes what is known of a space.
+int forget(const ForgetOptions& options);
 
 int showExceptRules();
 /// Sets the patterns, or adds them to those that are set.
 int setExceptRules(std::vector<std::string> patterns, bool add);
+/// Takes patterns out of those that are set.
+int removeExceptRules(const std::vector<std::string>& patterns);
 /// Says which of the paths a pattern matches; of all recorded ones when none are given.
 int checkExceptRule(const std::string& pattern, const std::vector<std::string>& paths);
 

@@ -31,7 +31,8 @@ const char* argumentOf(const CLI::App& command) {
     for (const CLI::Option* option : command.get_options()) {
         if (option->nonpositional()) continue;
         const std::string name = option->get_name(true);
-        if (name == "NAME" && command.get_name() == "compress") return "spaces";
+        if (name == "NAME" && command.get_name() != "getprop" && command.get_name() != "setprop")
+            return "spaces";
         if (name == "OPERATION") return "operations";
         if (name == "DIR" || name == "PATH") return "files";
     }
@@ -46,6 +47,12 @@ _ruxctl() {
     COMPREPLY=()
     if [ "$previous" = --space ]; then
         mapfile -t COMPREPLY < <(compgen -W "$(_ruxctl_spaces)" -- "$current")
+        return
+    elif [ "$previous" = --sort ]; then
+        mapfile -t COMPREPLY < <(compgen -W 'size count' -- "$current")
+        return
+    elif [ "$previous" = --html ]; then
+        mapfile -t COMPREPLY < <(compgen -f -- "$current"); compopt -o filenames 2>/dev/null
         return
     fi
     [ "$COMP_CWORD" -gt 1 ] && command=${COMP_WORDS[1]}
@@ -93,13 +100,15 @@ std::string described(const std::string& text) {
 void printZshArguments(const CLI::App& command) {
     std::cout << "_arguments";
     for (const CLI::Option* option : command.get_options()) {
-        const std::string argument = option->get_items_expected_max() == 0 ? ""
-                                     : option->get_lnames() == std::vector<std::string>{"space"}
-                                             ? ":space:_ruxctl_spaces"
-                                             : ":value: ";
         for (const std::string& name : option->get_lnames()) {
+            const bool isFlag = option->get_items_expected_max() == 0;
             std::cout << " '*--" << name << "[" << described(option->get_description()) << "]"
-                      << argument << "'";
+                      << (isFlag            ? ""
+                          : name == "space" ? ":space:_ruxctl_spaces"
+                          : name == "sort"  ? ":order:(size count)"
+                          : name == "html"  ? ":file:_files"
+                                            : ":value: ")
+                      << "'";
         }
     }
     const std::string argument = argumentOf(command);

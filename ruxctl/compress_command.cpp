@@ -1,75 +1,116 @@
+#include <json/json.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <iostream>
-#include <set>
 
 #include "android-base/properties.h"
 #include "ruxctl/commands.h"
 #include "ruxctl/database.h"
+#include "ruxctl/groups.h"
 #include "ruxctl/messages.h"
 #include "ruxctl/operation.h"
+#include "ruxctl/paths.h"
 #include "ruxctl/terminal.h"
 #include "ruxctl/units.h"
 
 namespace ruxctl {
 namespace {
 
-constexpr int kBarWidth = 30;
+constexpr size_t kShown = 3;  // of the largest groups
+
+void printSkipped(const std::vector<Group>& groups) {
+    for (const Group& group : groups) {
+        for (const Member& member : group.members) {
+            if (member.step != Step::Skip) continue;
+            std::cout << inked(Ink::Warning, "skip") << "  " << shown(member.path) << ": "
+                      << member.reason << "\n";
+        }
+    }
+}
 
 /// Prints which names would become links to which.
-int printPlan(const std::vector<Group>& groups) {
-    int64_t links = 0;
-    int64_t bytes = 0;
+void printPlan(const std::vector<Group>& groups) {
     for (const Group& group : groups) {
-        if (group.files < 2) continue;
-        const Member* kept = nullptr;
-        std::set<FileId> others;  // whose owner, group or mode the kept file does not have
         for (const Member& member : group.members) {
-            if (member.state == State::Gone) continue;
-            if (kept == nullptr) {
-                kept = &member;
-                std::cout << inked(Ink::Bold, "keep") << "  " << member.path << "\n";
-            } else if (member.state == State::Changed) {
-                std::cout << inked(Ink::Warning, "skip") << "  " << member.path << "  (changed)\n";
-            } else if (member.access != kept->access) {
-                std::cout << inked(Ink::Warning, "skip") << "  " << member.path
-                          << "  (of another owner, group or mode)\n";
-                others.insert(member.file);
-            } else if (member.file != kept->file) {
-                std::cout << inked(Ink::Good, "link") << "  " << member.path << "\n";
-                ++links;
-            }
+            if (member.step == Step::Keep && group.count(Step::Link) > 0)
+                std::cout << inked(Ink::Bold, "keep") << "  " << shown(member.path) << "\n";
+            if (member.step == Step::Link)
+                std::cout << inked(Ink::Good, "link") << "  " << shown(member.path) << "\n";
         }
-        bytes += group.reclaimable - static_cast<int64_t>(others.size()) * group.fileBytes;
     }
-    std::cout << counted(links, "file") << " would be linked, giving back " << humanBytes(bytes)
-              << "; nothing has been changed\n";
-    return kDone;
+    printSkipped(groups);
 }
 
-/// How far a compression of about `expected` links is.
+/// The names that would be linked although scans are to leave them alone.
+std::vector<std::string> exceptions(const std::vector<Group>& groups) {
+    const PathPatterns rules(exceptionRules());
+    std::vector<std::string> paths;
+    for (const Group& group : groups) {
+        for (const Member& member : group.members) {
+            if (member.step == Step::Link && rules.match(member.path)) paths.push_back(member.path);
+        }
+    }
+    return paths;
+}
+
+/// Says what the question is about.
+void describe(std::vector<Group> groups, const std::vector<std::string>& spaceIds) {
+    std::stable_sort(groups.begin(), groups.end(),
+                     [](const Group& a, const Group& b) { return a.reclaimable > b.reclaimable; });
+    for (size_t i = 0; i < std::min(groups.size(), kShown) && groups[i].reclaimable > 0; ++i) {
+        const Group& group = groups[i];
+        std::cerr << "  " << humanBytes(group.reclaimable) << " from "
+                  << counted(group.count(Step::Link), "copy", "copies") << " of "
+                  << shown(group.kept()->path, STDERR_FILENO) << "\n";
+    }
+    const std::vector<std::string> excepted = exceptions(groups);
+    for (const std::string& path : excepted)
+        std::cerr << "  " << shown(path, STDERR_FILENO) << " matches an exception\n";
+    if (!excepted.empty()) {
+        std::cerr
+                << "Exceptions keep files out of later scans. Files recorded before stay in until "
+                   "`ruxctl scan --fresh`.\n";
+    }
+    if (const int64_t skipped = count(groups, Step::Skip); skipped > 0) {
+        std::cerr << counted(skipped, "file") << " will be left alone; --dry-run says why\n";
+    }
+    sayWhatIsSetAside(spaceIds);
+}
+
+/// How far a compression of `expected` links is.
 std::string progressText(int64_t expected, double seconds) {
     const std::string text = android::base::GetProperty("sys.ruxservice.compress.prog", "0");
-    const auto done = static_cast<double>(strtoll(text.c_str(), nullptr, 10));
-    std::string line = bar(expected > 0 ? done / static_cast<double>(expected) : 0, kBarWidth) +
-                       " " + grouped(static_cast<int64_t>(done)) + " of " +
-                       counted(expected, "link");
-    const double rate = seconds > 0 ? done / seconds : 0;
-    if (rate > 0) {
-        const double left = (static_cast<double>(expected) - done) / rate;
-        line += ", " + grouped(static_cast<int64_t>(rate)) + "/s, " +
-                duration(std::max(left, 0.0)) + " left";
-    }
-    return line;
+    return progress(strtoll(text.c_str(), nullptr, 10), expected, seconds,
+                    [](int64_t links) { return grouped(links); });
 }
 
-/// Paths that still lead to a file of their own.
-int64_t leftAlone(const std::vector<Group>& groups) {
-    int64_t files = 0;
+Json::Value valueOf(const CompressOptions& options, const std::vector<Group>& groups,
+                    int64_t bytes) {
+    Json::Value value(Json::objectValue);
+    value["spaces"] = Json::Value(Json::arrayValue);
+    for (const std::string& spaceId : options.spaceIds) value["spaces"].append(spaceId);
+    value["links"] = static_cast<Json::Int64>(count(groups, Step::Link));
+    value["freed_bytes"] = static_cast<Json::Int64>(bytes);
+    value["dry_run"] = options.dryRun;
+    value["skipped"] = Json::Value(Json::arrayValue);
     for (const Group& group : groups) {
-        const int64_t different = static_cast<int64_t>(diskUse(group).size());
-        files += std::max<int64_t>(different - 1, 0);
+        for (const Member& member : group.members) {
+            if (member.step != Step::Skip) continue;
+            Json::Value skipped(Json::objectValue);
+            skipped["path"] = member.path;
+            skipped["reason"] = member.reason;
+            value["skipped"].append(std::move(skipped));
+        }
     }
-    return files;
+    return value;
+}
+
+std::string undoOf(const std::vector<std::string>& spaceIds) {
+    std::string text;
+    for (const std::string& spaceId : spaceIds)
+        text += (text.empty() ? "" : ", ") + ("ruxctl restore --space " + spaceId);
+    return text;
 }
 
 }  // namespace
@@ -77,61 +118,59 @@ int64_t leftAlone(const std::vector<Group>& groups) {
 int compress(const CompressOptions& options) {
     std::optional<Client> client;
     if (!options.dryRun && !(client = Client::connect())) return noService();
-    std::vector<Group> groups;
     for (const std::string& spaceId : options.spaceIds) {
         if (!exists(spaceId)) return noSpace(spaceId);
-        for (Group& group : groupsOf(spaceId, Which::ToCompress))
-            groups.push_back(std::move(group));
     }
-    if (options.dryRun) return printPlan(groups);
-
-    std::vector<Listing> listing;
-    if (const auto failure = fetchListing(*client, options.spaceIds, {".*"}, &listing); failure)
-        return fail(*failure);
-    Listing estimate;
-    for (const Listing& entry : listing) {
-        estimate.groups += entry.groups;
-        estimate.files += entry.files;
-        estimate.bytes += entry.bytes;
+    std::vector<Group> groups = groupsOf(options.spaceIds, Which::ToCompress);
+    const int64_t links = count(groups, Step::Link);
+    const int64_t bytes = reclaimable(groups);
+    const std::string summary = counted(links, "file") + " can become " +
+                                (links == 1 ? "a link" : "links") + ", giving back " +
+                                humanBytes(bytes);
+    if (options.dryRun) {
+        if (options.json) {
+            std::cout << Json::FastWriter().write(valueOf(options, groups, bytes));
+            return kDone;
+        }
+        printPlan(groups);
+        std::cout << summary << "; nothing has been changed\n";
+        sayWhatIsSetAside(options.spaceIds);
+        return kDone;
     }
-    const int64_t expected = estimate.files - estimate.groups;
-    std::cerr << "About " << grouped(expected) << " of " << counted(estimate.files, "file")
-              << " in " << counted(estimate.groups, "group") << " can become links, giving back "
-              << humanBytes(estimate.bytes) << "\n";
-    if (expected > 0 && !options.yes && canAsk()) {
+    std::cerr << summary << "\n";
+    describe(groups, options.spaceIds);
+    if (links > 0 && !options.yes) {
         std::cerr << "Linked files are one file: what is written to one in place, and a change of "
                      "its owner or mode,\nis there under all of its names.\n";
-        if (!confirmed("Link them?")) {
+        const auto answer = confirmed("Link them?");
+        if (!answer) return nobodyToAsk();
+        if (!*answer) {
             std::cerr << "Nothing has been changed\n";
             return kDone;
         }
     }
 
-    const DiskUse before = diskUse(groups);
     StatusLine line;
     const Outcome outcome =
             carryOut(*client, kCompressOperation, arrayText(options.spaceIds), [&](double seconds) {
                 line.show(Interrupts::any() ? "Stopping after the link at hand"
-                                            : progressText(expected, seconds));
+                                            : progressText(links, seconds));
             });
     line.clear();
     if (outcome.failure) return fail(*outcome.failure);
-    const size_t comma = outcome.text.find(',');
-    if (comma == std::string::npos) return fail({kFailed, "unexpected result: " + outcome.text});
-    const int64_t bytes = strtoll(outcome.text.c_str() + comma + 1, nullptr, 10);
-    const DiskUse after = diskUse(groups);
-    std::cout << counted(strtoll(outcome.text.c_str(), nullptr, 10), "group") << " linked in "
-              << duration(outcome.seconds) << ": " << humanBytes(bytes)
-              << " by the service's count, " << humanBytes(givenBack(before, after))
-              << " of disk blocks given back\n";
+    const int64_t freed = checkLinks(groups);
+    if (options.json) {
+        std::cout << Json::FastWriter().write(valueOf(options, groups, freed));
+    } else {
+        if (!outcome.stopped) printSkipped(groups);
+        const int64_t linked = count(groups, Step::Link);
+        std::cout << counted(linked, "file") << " linked in " << duration(outcome.seconds) << ", "
+                  << humanBytes(freed) << " given back\n";
+        if (linked > 0) std::cout << "undo: " << undoOf(options.spaceIds) << "\n";
+    }
     if (outcome.stopped) {
         std::cerr << "ruxctl: stopped; what is linked stays linked, the same command goes on\n";
         return kInterrupted;
-    }
-    if (const int64_t left = leftAlone(groups); left > 0) {
-        std::cerr << counted(left, "file")
-                  << " were left as they are (in use, changed, or of another owner, mode or file "
-                     "system); the service's log says which\n";
     }
     return kDone;
 }

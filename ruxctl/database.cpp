@@ -1,14 +1,14 @@
 #include "ruxctl/database.h"
 
 #include <fcntl.h>
-#include <json/json.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <filesystem>
 #include <initializer_list>
-#include <map>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -16,7 +16,6 @@
 #include "db/database_root.h"
 #include "db/files.h"
 #include "db/journal.h"
-#include "ruxctl/json.h"
 
 namespace ruxctl {
 namespace {
@@ -24,11 +23,12 @@ namespace {
 namespace fs = std::filesystem;
 
 /// The places of the files among a space's.
-enum : size_t { kRecords, kToCompress, kCompressed };
+enum : size_t { kRecords, kToCompress, kCompressed, kModified };
 // One of each record and of each group. Quotes inside of strings are escaped, so in the text these
 // stand for members alone, and counting them needs no parser.
 constexpr std::string_view kDigestMember = "\"is_md5\":";
 constexpr std::string_view kListMember = "\"f_list\":";
+constexpr std::string_view kMarkMember = "\"r_flag\":";
 
 std::string pathOf(const std::string& spaceId, const char* file = "") {
     return rux::databaseRoot() + spaceId + file;
@@ -85,76 +85,6 @@ Json::Value parsed(const Texts& texts, size_t file, const std::string& spaceId) 
     return parsed(texts[file], Json::objectValue, pathOf(spaceId, rux::kDatabaseFiles[file]));
 }
 
-Member lookedUp(const std::string& path, int64_t fileBytes, const Json::Value& record) {
-    Member member;
-    member.path = path;
-    struct stat st = {};
-    if (stat(path.c_str(), &st) != 0) return member;
-    const bool isNewer = record.isObject() && record["s_time"].isInt64() &&
-                         record["s_time"].asInt64() != st.st_mtime;
-    const bool isSame = S_ISREG(st.st_mode) && st.st_size == fileBytes && !isNewer;
-    member.state = isSame ? State::There : State::Changed;
-    member.file = {st.st_dev, st.st_ino};
-    member.links = static_cast<int64_t>(st.st_nlink);
-    member.access = {st.st_uid, st.st_gid, st.st_mode};
-    return member;
-}
-
-/// Tells files of one's own from links, and adds up.
-void takeStock(Group& group) {
-    std::map<FileId, std::pair<int64_t, int64_t>> files;  // paths that lead there, and names
-    for (const Member& member : group.members) {
-        if (!member.isPresent()) continue;
-        ++group.present;
-        auto& [paths, names] = files[member.file];
-        ++paths;
-        names = member.links;
-    }
-    for (Member& member : group.members) {
-        if (member.isPresent() && files[member.file].first > 1) member.state = State::Linked;
-    }
-    group.files = static_cast<int64_t>(files.size());
-    group.reclaimable = std::max<int64_t>(group.files - 1, 0) * group.fileBytes;
-    for (const auto& [file, counts] : files)
-        group.given += (std::min(counts.first, counts.second) - 1) * group.fileBytes;
-}
-
-void addGroups(const std::string& spaceId, bool compressed, const Texts& texts,
-               std::vector<Group>& groups) {
-    const Json::Value records = compressed ? Json::Value() : parsed(texts, kRecords, spaceId);
-    const Json::Value all = parsed(texts, compressed ? kCompressed : kToCompress, spaceId);
-    for (auto entry = all.begin(); entry != all.end(); ++entry) {
-        const Json::Value& paths = entry->isObject() ? (*entry)["f_list"] : *entry;
-        if (!entry->isObject() || !paths.isArray() || paths.size() < 2) continue;
-        Group group;
-        group.spaceId = spaceId;
-        group.digest = entry.name();
-        group.fileBytes = numberOf(*entry, "f_size");
-        group.compressed = compressed;
-        for (const Json::Value& path : paths) {
-            if (!path.isString()) continue;
-            // A link has the time of the file that was kept, not the recorded one of its own.
-            const Json::Value& record =
-                    compressed ? Json::Value::nullSingleton() : records[path.asString()];
-            group.members.push_back(lookedUp(path.asString(), group.fileBytes, record));
-        }
-        takeStock(group);
-        groups.push_back(std::move(group));
-    }
-}
-
-/// Adds the regular files that the group's paths lead to right now.
-void addUse(const Group& group, DiskUse& use) {
-    for (const Member& member : group.members) {
-        struct stat st = {};
-        if (lstat(member.path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
-        FileUse& file = use[{st.st_dev, st.st_ino}];
-        file.allocated = int64_t{st.st_blocks} * 512;
-        file.links = static_cast<int64_t>(st.st_nlink);
-        ++file.names;
-    }
-}
-
 int64_t countOf(std::string_view text, std::string_view part) {
     int64_t count = 0;
     for (size_t at = text.find(part); at != std::string_view::npos; at = text.find(part, at + 1))
@@ -187,10 +117,11 @@ Space lookAt(const std::string& spaceId) {
         space.bytes += st.st_size;
         space.changed = std::max(space.changed, st.st_mtime);
     }
-    const Texts texts = textsOf(spaceId, {kRecords, kToCompress, kCompressed});
+    const Texts texts = textsOf(spaceId, {kRecords, kToCompress, kCompressed, kModified});
     space.files = countOf(texts[kRecords], kDigestMember);
     space.toCompress = countOf(texts[kToCompress], kListMember);
     space.compressed = countOf(texts[kCompressed], kListMember);
+    space.setAside = countOf(texts[kModified], kMarkMember);
     return space;
 }
 
@@ -206,58 +137,21 @@ std::vector<std::string> recordedPaths(const std::string& spaceId) {
     return parsed(textsOf(spaceId, {kRecords}), kRecords, spaceId).getMemberNames();
 }
 
-const char* nameOf(State state) {
-    switch (state) {
-        case State::There:
-            return "there";
-        case State::Linked:
-            return "linked";
-        case State::Changed:
-            return "changed";
-        case State::Gone:
-            break;
+SpaceImages imagesOf(const std::string& spaceId, bool all) {
+    const Texts texts = all ? textsOf(spaceId, {kRecords, kToCompress, kCompressed})
+                            : textsOf(spaceId, {kCompressed});
+    return {spaceId, parsed(texts, kRecords, spaceId), parsed(texts, kToCompress, spaceId),
+            parsed(texts, kCompressed, spaceId)};
+}
+
+bool forgetRecords(const std::string& spaceId, bool links) {
+    if (links) rux::Journal(pathOf(spaceId)).drop();
+    for (size_t i = 0; i < rux::kDatabaseFiles.size(); ++i) {
+        if (i == kCompressed && !links) continue;
+        if (unlink(pathOf(spaceId, rux::kDatabaseFiles[i]).c_str()) != 0 && errno != ENOENT)
+            return false;
     }
-    return "gone";
-}
-
-std::vector<Group> groupsOf(const std::string& spaceId, Which which) {
-    const Texts texts = which == Which::Compressed
-                                ? textsOf(spaceId, {kCompressed})
-                                : textsOf(spaceId, {kRecords, kToCompress, kCompressed});
-    std::vector<Group> groups;
-    if (which != Which::Compressed) addGroups(spaceId, false, texts, groups);
-    if (which != Which::ToCompress) addGroups(spaceId, true, texts, groups);
-    return groups;
-}
-
-DiskUse diskUse(const std::vector<Group>& groups) {
-    DiskUse use;
-    for (const Group& group : groups) addUse(group, use);
-    return use;
-}
-
-DiskUse diskUse(const Group& group) {
-    DiskUse use;
-    addUse(group, use);
-    return use;
-}
-
-int64_t givenBack(const DiskUse& before, const DiskUse& after) {
-    int64_t bytes = 0;
-    for (const auto& [file, use] : before) {
-        if (after.count(file) == 0 && use.links <= use.names) bytes += use.allocated;
-    }
-    return bytes;
-}
-
-int64_t takenUpByRestore(const DiskUse& use) {
-    int64_t bytes = 0;
-    for (const auto& [file, name] : use) {
-        // The last of its names keeps the file, unless it has others elsewhere. A name that is
-        // reached by two paths is still one.
-        bytes += name.allocated * (name.links > name.names ? name.names : name.links - 1);
-    }
-    return bytes;
+    return !links || rmdir(pathOf(spaceId).c_str()) == 0;
 }
 
 std::vector<std::string> exceptionRules() {

@@ -1,10 +1,10 @@
 #include <algorithm>
 #include <iostream>
-#include <regex>
 
 #include "ruxctl/commands.h"
 #include "ruxctl/database.h"
 #include "ruxctl/messages.h"
+#include "ruxctl/operation.h"
 #include "ruxctl/paths.h"
 #include "ruxctl/terminal.h"
 #include "ruxctl/units.h"
@@ -12,13 +12,38 @@
 namespace ruxctl {
 namespace {
 
-std::optional<Failure> problemWith(const std::string& pattern) {
-    try {
-        const std::regex compiled(pattern);
-        return std::nullopt;
-    } catch (const std::regex_error& error) {
-        return Failure{kUsage, "\"" + pattern +
-                                       "\" is no regular expression (ECMAScript): " + error.what()};
+int setPatterns(const std::vector<std::string>& patterns) {
+    const auto client = Client::connect();
+    if (!client) return noService();
+    if (const auto failure = client->call(kSetExceptRules, arrayText(patterns)); failure)
+        return fail(*failure);
+    if (exceptionRules() != patterns)
+        return fail({kFailed, "the exceptions were not set; the service's log says why"});
+    std::cerr << counted(static_cast<int64_t>(patterns.size()), "exception")
+              << " set; scans from now on leave matching files alone\n";
+    return kDone;
+}
+
+/// Exceptions keep files out of scans, not out of what scans have recorded: says what that is, and
+/// offers to have it forgotten.
+void offerToForget(const PathPatterns& patterns) {
+    for (const std::string& spaceId : spaceIds()) {
+        const auto paths = recordedPaths(spaceId);
+        const int64_t matching = std::count_if(paths.begin(), paths.end(), [&](const auto& path) {
+            return patterns.match(path);
+        });
+        if (matching == 0) continue;
+        std::cerr << counted(matching, "file") << " recorded in " << spaceId << " "
+                  << (matching == 1 ? "matches" : "match")
+                  << " and would still be linked, until a scan with --fresh\n";
+        const auto client = Client::connect();
+        if (!client || !confirmed("Forget the records of " + spaceId + "?").value_or(false))
+            continue;
+        if (const auto failure = startAfresh(*client, spaceId); failure) {
+            fail(*failure);
+        } else {
+            std::cerr << "Forgotten; links stay known. Now scan it again\n";
+        }
     }
 }
 
@@ -33,11 +58,8 @@ int showExceptRules() {
 }
 
 int setExceptRules(std::vector<std::string> patterns, bool add) {
-    for (const std::string& pattern : patterns) {
-        if (const auto problem = problemWith(pattern); problem) return fail(*problem);
-    }
-    const auto client = Client::connect();
-    if (!client) return noService();
+    const PathPatterns given(patterns);
+    if (given.problem()) return fail({kUsage, *given.problem()});
     if (add) {
         std::vector<std::string> all = exceptionRules();
         for (const std::string& pattern : patterns) {
@@ -45,24 +67,33 @@ int setExceptRules(std::vector<std::string> patterns, bool add) {
         }
         patterns = std::move(all);
     }
-    if (const auto failure = client->call(kSetExceptRules, arrayText(patterns)); failure)
-        return fail(*failure);
-    if (exceptionRules() != patterns)
-        return fail({kFailed, "the exceptions were not set; the service's log says why"});
-    std::cerr << counted(static_cast<int64_t>(patterns.size()), "exception")
-              << " set; scans from now on leave matching files alone\n";
+    if (const int exit = setPatterns(patterns); exit != kDone) return exit;
+    offerToForget(given);
     return kDone;
 }
 
+int removeExceptRules(const std::vector<std::string>& patterns) {
+    std::vector<std::string> all = exceptionRules();
+    for (const std::string& pattern : patterns) {
+        if (std::erase(all, pattern) == 0) return fail({kFailed, pattern + " is not set"});
+    }
+    if (all.empty()) {
+        return fail({kFailed,
+                     "the service takes no empty list; `ruxctl except set '(?!)'` sets a "
+                     "pattern that matches nothing"});
+    }
+    return setPatterns(all);
+}
+
 int checkExceptRule(const std::string& pattern, const std::vector<std::string>& paths) {
-    if (const auto problem = problemWith(pattern); problem) return fail(*problem);
-    const std::regex compiled(pattern);
+    const PathPatterns patterns({pattern});
+    if (patterns.problem()) return fail({kUsage, *patterns.problem()});
     if (!paths.empty()) {
         for (const std::string& path : paths) {
             const std::string whole = absolutePath(path);
-            const bool matches = std::regex_match(whole, compiled);
+            const bool matches = patterns.match(whole);
             std::cout << (matches ? inked(Ink::Warning, "excepted") : inked(Ink::Good, "scanned "))
-                      << "  " << whole << "\n";
+                      << "  " << shown(whole) << "\n";
         }
         return kDone;
     }
@@ -71,9 +102,9 @@ int checkExceptRule(const std::string& pattern, const std::vector<std::string>& 
     for (const std::string& spaceId : spaceIds()) {
         for (const std::string& path : recordedPaths(spaceId)) {
             ++all;
-            if (!std::regex_match(path, compiled)) continue;
+            if (!patterns.match(path)) continue;
             ++matching;
-            std::cout << path << "\n";
+            std::cout << shown(path) << "\n";
         }
     }
     std::cerr << grouped(matching) << " of " << counted(all, "recorded file") << " match\n";

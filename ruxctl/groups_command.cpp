@@ -5,6 +5,7 @@
 
 #include "ruxctl/commands.h"
 #include "ruxctl/database.h"
+#include "ruxctl/groups.h"
 #include "ruxctl/messages.h"
 #include "ruxctl/terminal.h"
 #include "ruxctl/units.h"
@@ -13,8 +14,8 @@ namespace ruxctl {
 namespace {
 
 void printText(const Group& group) {
-    std::string heading = humanBytes(group.reclaimable) + " in " + counted(group.files, "file") +
-                          " of " + humanBytes(group.fileBytes);
+    std::string heading = counted(group.files, "file") + " of " + humanBytes(group.fileBytes);
+    if (group.reclaimable > 0) heading += ", " + humanBytes(group.reclaimable) + " to give back";
     if (group.given > 0) heading += ", " + humanBytes(group.given) + " given back";
     std::cout << inked(Ink::Bold, heading) << "  "
               << inked(Ink::Faint, group.spaceId + " " + group.digest) << "\n";
@@ -25,7 +26,7 @@ void printText(const Group& group) {
         if (member.state == State::There) ink = Ink::Bold;
         if (member.state == State::Changed) ink = Ink::Warning;
         if (member.state == State::Gone) ink = Ink::Bad;
-        std::cout << "  " << inked(ink, state) << " " << member.path << "\n";
+        std::cout << "  " << inked(ink, state) << " " << shown(member.path) << "\n";
     }
 }
 
@@ -46,7 +47,7 @@ Json::Value valueOf(const Group& group) {
     return value;
 }
 
-/// A field as RFC 4180 has it.
+/// A field as RFC 4180 has it; lines end as those of other tools do.
 std::string quoted(const std::string& text) {
     if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
     std::string field = "\"";
@@ -58,12 +59,12 @@ std::string quoted(const std::string& text) {
 }
 
 void printCsv(const std::vector<Group>& all) {
-    std::cout << "space,digest,file_bytes,reclaimable_bytes,state,path\r\n";
+    std::cout << "space,digest,file_bytes,reclaimable_bytes,state,path\n";
     for (const Group& group : all) {
         for (const Member& member : group.members) {
             std::cout << quoted(group.spaceId) << "," << quoted(group.digest) << ","
                       << group.fileBytes << "," << group.reclaimable << "," << nameOf(member.state)
-                      << "," << quoted(member.path) << "\r\n";
+                      << "," << quoted(member.path) << "\n";
         }
     }
 }
@@ -71,16 +72,17 @@ void printCsv(const std::vector<Group>& all) {
 }  // namespace
 
 int groups(const GroupsOptions& options) {
-    std::vector<Group> all;
-    for (const std::string& spaceId : chosenSpaces(options.spaceIds)) {
+    const std::vector<std::string> chosen = chosenSpaces(options.spaceIds);
+    for (const std::string& spaceId : chosen) {
         if (!exists(spaceId)) return noSpace(spaceId);
-        for (Group& group : groupsOf(spaceId, Which::All)) all.push_back(std::move(group));
     }
+    std::vector<Group> all = groupsOf(chosen, Which::All);
+    if (!options.all) std::erase_if(all, [](const Group& group) { return group.reclaimable == 0; });
     const bool bySize = options.sort == "size";
     std::stable_sort(all.begin(), all.end(), [bySize](const Group& a, const Group& b) {
         return bySize ? a.reclaimable > b.reclaimable : a.members.size() > b.members.size();
     });
-    if (options.top > 0 && all.size() > options.top) all.resize(options.top);
+    if (all.size() > options.top) all.resize(options.top);
 
     if (options.format == "csv") {
         printCsv(all);
@@ -91,10 +93,12 @@ int groups(const GroupsOptions& options) {
     } else if (options.format == "null") {
         for (const Group& group : all) {
             for (const Member& member : group.members) std::cout << member.path << '\0';
-            std::cout << '\0';
         }
     } else {
         for (const Group& group : all) printText(group);
+        if (all.empty())
+            std::cerr << "No group has anything to give back; --all shows all groups\n";
+        sayWhatIsSetAside(chosen);
     }
     return kDone;
 }

@@ -2,66 +2,88 @@
 
 #include <algorithm>
 #include <iostream>
+#include <map>
 
 #include "ruxctl/commands.h"
+#include "ruxctl/database.h"
+#include "ruxctl/groups.h"
 #include "ruxctl/messages.h"
+#include "ruxctl/paths.h"
 #include "ruxctl/table.h"
 #include "ruxctl/units.h"
 
 namespace ruxctl {
 namespace {
 
-Json::Value valueOf(const Listing& listing) {
-    Json::Value value(Json::objectValue);
-    if (!listing.spaceId.empty()) value["space"] = listing.spaceId;
-    value["groups"] = static_cast<Json::Int64>(listing.groups);
-    value["files"] = static_cast<Json::Int64>(listing.files);
-    value["bytes"] = static_cast<Json::Int64>(listing.bytes);
-    return value;
-}
+/// What linking would do in a space, or in all.
+struct Sums {
+    int64_t groups = 0;
+    int64_t links = 0;
+    int64_t bytes = 0;
+
+    void add(const Group& group) {
+        ++groups;
+        links += group.count(Step::Link);
+        bytes += group.reclaimable;
+    }
+    Json::Value value() const {
+        Json::Value value(Json::objectValue);
+        value["groups"] = static_cast<Json::Int64>(groups);
+        value["links"] = static_cast<Json::Int64>(links);
+        value["bytes"] = static_cast<Json::Int64>(bytes);
+        return value;
+    }
+};
 
 }  // namespace
 
 int list(const ListOptions& options) {
-    const auto client = Client::connect();
-    if (!client) return noService();
-    std::vector<Listing> listing;
+    const PathPatterns patterns(options.patterns);
+    if (patterns.problem()) return fail({kUsage, *patterns.problem()});
     const std::vector<std::string> chosen = chosenSpaces(options.spaceIds);
-    if (const auto failure = fetchListing(*client, chosen, options.patterns, &listing); failure)
-        return fail(*failure);
-    for (const std::string& spaceId : options.spaceIds) {
-        const auto isIt = [&](const Listing& entry) { return entry.spaceId == spaceId; };
-        if (std::none_of(listing.begin(), listing.end(), isIt)) return noSpace(spaceId);
+    std::map<std::string, Sums> bySpace;
+    for (const std::string& spaceId : chosen) {
+        if (!exists(spaceId)) return noSpace(spaceId);
+        bySpace[spaceId];
     }
-    Listing total;
-    for (const Listing& entry : listing) {
-        total.groups += entry.groups;
-        total.files += entry.files;
-        total.bytes += entry.bytes;
+    Sums total;
+    for (const Group& group : groupsOf(chosen, Which::ToCompress)) {
+        const auto matches = [&](const Member& member) { return patterns.match(member.path); };
+        if (group.count(Step::Link) == 0 ||
+            std::none_of(group.members.begin(), group.members.end(), matches)) {
+            continue;
+        }
+        bySpace[group.spaceId].add(group);
+        total.add(group);
     }
     if (options.json) {
         Json::Value page(Json::objectValue);
         page["spaces"] = Json::Value(Json::arrayValue);
-        for (const Listing& entry : listing) page["spaces"].append(valueOf(entry));
-        page["total"] = valueOf(total);
+        for (const auto& [spaceId, sums] : bySpace) {
+            Json::Value value = sums.value();
+            value["space"] = spaceId;
+            page["spaces"].append(std::move(value));
+        }
+        page["total"] = total.value();
         std::cout << Json::FastWriter().write(page);
         return kDone;
     }
-    if (listing.empty()) {
+    if (bySpace.empty()) {
         std::cout << "nothing has been scanned yet; begin with `ruxctl scan --space NAME DIR`\n";
         return kDone;
     }
-    const auto number = [&](int64_t value) {
-        return options.bytes ? std::to_string(value) : grouped(value);
+    std::vector<std::vector<std::string>> rows = {{"SPACE", "GROUPS", "LINKS", "RECLAIMABLE"}};
+    const auto add = [&](const std::string& name, const Sums& sums) {
+        const auto number = [&](int64_t value) {
+            return options.bytes ? std::to_string(value) : grouped(value);
+        };
+        rows.push_back({name, number(sums.groups), number(sums.links),
+                        options.bytes ? number(sums.bytes) : humanBytes(sums.bytes)});
     };
-    std::vector<std::vector<std::string>> rows = {{"SPACE", "GROUPS", "FILES", "RECLAIMABLE"}};
-    const auto add = [&](const std::string& name, const Listing& entry) {
-        rows.push_back({name, number(entry.groups), number(entry.files),
-                        options.bytes ? number(entry.bytes) : humanBytes(entry.bytes)});
-    };
-    for (const Listing& entry : listing) add(entry.spaceId, entry);
-    if (listing.size() > 1) add("total", total);
+    for (const auto& [spaceId, sums] : bySpace) add(spaceId, sums);
+    if (bySpace.size() > 1) add("total", total);
     printTable(rows);
+    sayWhatIsSetAside(chosen);
     return kDone;
 }
 

@@ -1,13 +1,16 @@
 #include "ruxctl/messages.h"
 
-#include <algorithm>
-#include <cstdlib>
-#include <iostream>
-#include <map>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+
+#include "db/database_root.h"
 #include "ruxctl/database.h"
-#include "ruxctl/json.h"
 #include "ruxctl/operation.h"
+#include "ruxctl/units.h"
 
 namespace ruxctl {
 namespace {
@@ -39,6 +42,12 @@ int noService() {
     const std::string where = root != nullptr && *root != '\0'
                                       ? std::string(" for RUX_ROOT=") + root
                                       : " (RUX_ROOT is not set)";
+    if (access(rux::databaseRoot().c_str(), R_OK | X_OK) != 0) {
+        return fail(
+                {kNoService, rux::databaseRoot() + ": " + strerror(errno) +
+                                     (errno == ENOENT ? "; make it, and start the service: rux &"
+                                                      : "; this takes the service's rights")});
+    }
     return fail({kNoService, "no service answers" + where +
                                      "; start it with `rux &`, or `systemctl start rux` where it "
                                      "is installed"});
@@ -48,6 +57,22 @@ int noSpace(const std::string& spaceId) {
     return fail({kFailed, "no space " + spaceId +
                                   " has been scanned; scan one with `ruxctl scan --space " +
                                   spaceId + " DIR`, see them all with `ruxctl status`"});
+}
+
+int nobodyToAsk() {
+    return fail({kUsage, "there is no terminal to ask on; --yes answers the question"});
+}
+
+void sayWhatIsSetAside(const std::vector<std::string>& spaceIds) {
+    for (const std::string& spaceId : spaceIds) {
+        const int64_t setAside = lookAt(spaceId).setAside;
+        if (setAside == 0) continue;
+        std::cerr << "In " << spaceId << " "
+                  << counted(setAside, "group or file", "groups and files")
+                  << " had changed or were restored. To have them looked at again: ruxctl scan "
+                     "--fresh --space "
+                  << spaceId << " DIR\n";
+    }
 }
 
 std::string arrayText(const std::vector<std::string>& strings) {
@@ -64,42 +89,11 @@ std::vector<std::string> chosenSpaces(const std::vector<std::string>& chosen) {
     return chosen.empty() ? spaceIds() : chosen;
 }
 
-std::optional<Failure> fetchListing(const Client& client, const std::vector<std::string>& spaceIds,
-                                    const std::vector<std::string>& patterns,
-                                    std::vector<Listing>* listing) {
-    Json::Value request(Json::arrayValue);
-    for (const std::string& spaceId : spaceIds) request.append(ruleOf({spaceId, patterns, {}}));
-    const std::string text = Json::FastWriter().write(request);
-    std::map<std::string, Json::Value> entries;
-    const auto isComplete = [&] {
-        return std::all_of(spaceIds.begin(), spaceIds.end(), [&](const std::string& spaceId) {
-            return entries.count(spaceId) != 0 || !exists(spaceId);
-        });
-    };
-    // The first pages may be left over from another client's listing: then ask once more.
-    for (int attempt = 0; attempt < 2 && !isComplete(); ++attempt) {
-        for (bool isEnd = false; !isEnd;) {
-            const Outcome outcome = carryOut(client, kListOperation, text, [](double) {});
-            if (outcome.failure) return outcome.failure;
-            Json::Value page;
-            if (!Json::Reader().parse(outcome.text, page) || !page.isObject() ||
-                !page["isEnd"].isInt()) {
-                return Failure{kFailed, "the service could not read the request"};
-            }
-            for (const std::string& name : page.getMemberNames()) {
-                if (page[name].isObject()) entries[name] = page[name];
-            }
-            isEnd = page["isEnd"].asInt() == 1;
-            if (outcome.stopped) return Failure{kInterrupted, "the listing was stopped"};
-        }
-    }
-    for (const std::string& spaceId : spaceIds) {
-        const auto found = entries.find(spaceId);
-        if (found == entries.end()) continue;
-        listing->push_back({spaceId, numberOf(found->second, "gCount"),
-                            numberOf(found->second, "fileCount"), numberOf(found->second, "size")});
-    }
-    return std::nullopt;
+std::optional<Failure> startAfresh(const Client& client, const std::string& spaceId) {
+    const Outcome settled = carryOut(client, kScanOperation, ruleText({spaceId, {".*"}, {}}));
+    if (settled.failure) return settled.failure;
+    if (forgetRecords(spaceId, false)) return std::nullopt;
+    return Failure{kFailed, "the records of " + spaceId + " cannot be removed: " + strerror(errno)};
 }
 
 }  // namespace ruxctl

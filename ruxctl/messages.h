@@ -1,6 +1,7 @@
 /// What the subcommands have in common.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,24 +14,20 @@ namespace ruxctl {
 int fail(const Failure& failure);
 int noService();
 int noSpace(const std::string& spaceId);
+int nobodyToAsk();
+
+/// Says on standard error which spaces have files that no scan takes up again, and what to do.
+void sayWhatIsSetAside(const std::vector<std::string>& spaceIds);
 
 /// JSON of strings, and of one space rule.
 std::string arrayText(const std::vector<std::string>& strings);
 std::string ruleText(const SpaceQuery& query);
 
+/// Has the service settle what it may have left unfinished in a space, then makes it forget what it
+/// has recorded there; links stay known.
+std::optional<Failure> startAfresh(const Client& client, const std::string& spaceId);
+
 /// The given spaces, or all when none are given.
 std::vector<std::string> chosenSpaces(const std::vector<std::string>& chosen);
-
-/// What linking would give back, as the service's listing counts it.
-struct Listing {
-    std::string spaceId;
-    int64_t groups = 0;
-    int64_t files = 0;
-    int64_t bytes = 0;
-};
-/// Lists spaces; those that the service does not know are left out.
-std::optional<Failure> fetchListing(const Client& client, const std::vector<std::string>& spaceIds,
-                                    const std::vector<std::string>& patterns,
-                                    std::vector<Listing>* listing);
 
 }  // namespace ruxctl

@@ -38,8 +38,9 @@ struct Outcome {
 ///
 /// A refusal is a failure (kBusy) that names what the service is busy with, as far as that is
 /// known: other clients of this kind say what they do in the property "ruxctl.operation".
-Outcome carryOut(const Client& client, const Operation& operation, const std::string& request,
-                 const std::function<void(double seconds)>& tick);
+Outcome carryOut(
+        const Client& client, const Operation& operation, const std::string& request,
+        const std::function<void(double seconds)>& tick = [](double) {});
 
 /// Whether a long operation is running. Asks with a scan of nothing, which for some microseconds is
 /// an operation itself: one that begins just then is refused.

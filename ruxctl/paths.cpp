@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <string_view>
 #include <system_error>
 
 namespace ruxctl {
@@ -19,6 +20,41 @@ std::string absolutePath(const std::string& path) {
     std::string text = whole.lexically_normal().string();
     while (text.size() > 1 && text.back() == '/') text.pop_back();
     return text;
+}
+
+PathPatterns::PathPatterns(const std::vector<std::string>& patterns) {
+    for (const std::string& pattern : patterns) {
+        try {
+            mPatterns.emplace_back(pattern);
+        } catch (const std::regex_error& error) {
+            if (mProblem) continue;
+            mProblem = "\"" + pattern + "\" is no regular expression (ECMAScript): " + error.what();
+        }
+    }
+}
+
+bool PathPatterns::match(const std::string& path) const {
+    return std::any_of(mPatterns.begin(), mPatterns.end(),
+                       [&path](const std::regex& it) { return std::regex_match(path, it); });
+}
+
+std::string patternOfGlob(const std::string& glob) {
+    std::string pattern = glob.front() == '/' ? "" : "[\\s\\S]*/";
+    for (size_t i = 0; i < glob.size(); ++i) {
+        if (glob.compare(i, 2, "**") == 0) {
+            pattern += "[\\s\\S]*";
+            ++i;
+        } else if (glob[i] == '*') {
+            pattern += "[^/]*";
+        } else if (glob[i] == '?') {
+            pattern += "[^/]";
+        } else {
+            if (std::string_view("\\^$.|+()[]{}").find(glob[i]) != std::string_view::npos)
+                pattern += '\\';
+            pattern += glob[i];
+        }
+    }
+    return pattern + "(?:/[\\s\\S]*)?";
 }
 
 }  // namespace ruxctl

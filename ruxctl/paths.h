@@ -1,14 +1,35 @@
-/// Paths as the user gives them.
+/// Paths as the user gives them, and patterns of paths.
 #pragma once
 
+#include <optional>
+#include <regex>
 #include <string>
+#include <vector>
 
 namespace ruxctl {
 
 /// `path` from the root, without ".", doubled or trailing slashes: the service takes paths letter
 /// by letter, and one file is to have one name. Symbolic links stay as they are, but for a path
-/// with
-/// ".." in it, which is resolved when it exists.
+/// with ".." in it, which is resolved when it exists.
 std::string absolutePath(const std::string& path);
+
+/// Regular expressions (ECMAScript) of whole paths. One that is none matches nothing, as with the
+/// service.
+class PathPatterns {
+  public:
+    explicit PathPatterns(const std::vector<std::string>& patterns);
+
+    bool match(const std::string& path) const;
+    /// What is wrong with the first that is no regular expression.
+    const std::optional<std::string>& problem() const { return mProblem; }
+
+  private:
+    std::vector<std::regex> mPatterns;
+    std::optional<std::string> mProblem;
+};
+
+/// The pattern of the paths that a shell pattern (glob(7), without ranges) describes: of whole
+/// paths when it begins with "/", else of the last part and all that is below.
+std::string patternOfGlob(const std::string& glob);
 
 }  // namespace ruxctl

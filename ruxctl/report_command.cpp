@@ -7,6 +7,7 @@
 
 #include "ruxctl/commands.h"
 #include "ruxctl/database.h"
+#include "ruxctl/groups.h"
 #include "ruxctl/messages.h"
 #include "ruxctl/report_page.h"
 #include "ruxctl/units.h"
@@ -55,20 +56,17 @@ void divide(const Directory& directory, const std::string& path, int64_t whole,
 Report reportOn(const std::vector<std::string>& chosen) {
     Report report;
     Directory root;
-    for (const std::string& spaceId : spaceIds()) {
-        if (std::find(chosen.begin(), chosen.end(), spaceId) == chosen.end()) continue;
-        report.spaces.push_back(lookAt(spaceId));
-        for (Group& group : groupsOf(spaceId, Which::All)) {
-            report.reclaimable += group.reclaimable;
-            report.given += group.given;
-            // All paths of a group have an equal part in it.
-            for (const Member& member : group.members) {
-                if (!member.isPresent()) continue;
-                add(root, member.path, group.reclaimable / group.present,
-                    group.given / group.present);
-            }
-            if (group.reclaimable + group.given > 0) report.groups.push_back(std::move(group));
+    for (const std::string& spaceId : chosen) report.spaces.push_back(lookAt(spaceId));
+    for (Group& group : groupsOf(chosen, Which::All)) {
+        report.reclaimable += group.reclaimable;
+        report.given += group.given;
+        // All paths of a group have an equal part in it.
+        const int64_t present = group.present();
+        for (const Member& member : group.members) {
+            if (!member.isPresent()) continue;
+            add(root, member.path, group.reclaimable / present, group.given / present);
         }
+        if (group.reclaimable + group.given > 0) report.groups.push_back(std::move(group));
     }
     std::stable_sort(report.groups.begin(), report.groups.end(),
                      [](const Group& a, const Group& b) {

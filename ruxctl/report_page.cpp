@@ -140,8 +140,10 @@ void writeGroups(std::ostream& out, const std::vector<Group>& groups) {
     out << "<h2>Largest groups</h2>\n";
     for (size_t i = 0; i < std::min(groups.size(), kMaxGroups); ++i) {
         const Group& group = groups[i];
-        out << "<details><summary>" << counted(group.present, "path") << ", "
-            << counted(group.files, "file") << " of " << humanBytes(group.fileBytes);
+        const std::string& first = group.members.front().path;
+        out << "<details><summary><b>" << escaped(first.substr(first.rfind('/') + 1)) << "</b> "
+            << counted(group.present(), "path") << ", " << counted(group.files, "file") << " of "
+            << humanBytes(group.fileBytes);
         if (group.reclaimable > 0)
             out << ", <span class=\"free\">" << humanBytes(group.reclaimable) << "</span>";
         if (group.given > 0)

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "ruxctl/database.h"
+#include "ruxctl/groups.h"
 
 namespace ruxctl {
 

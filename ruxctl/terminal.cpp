@@ -5,9 +5,13 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <iostream>
+
+#include "ruxctl/units.h"
 
 namespace ruxctl {
 namespace {
@@ -57,20 +61,52 @@ void StatusLine::clear() {
     mShown = false;
 }
 
-std::string bar(double part, int width) {
-    const int filled = static_cast<int>(std::clamp(part, 0.0, 1.0) * width);
-    return "[" + std::string(static_cast<size_t>(filled), '#') +
-           std::string(static_cast<size_t>(width - filled), '-') + "]";
+std::string shown(const std::string& path, int fd) {
+    const auto isControl = [&path](size_t i) {
+        const auto c = static_cast<unsigned char>(path[i]);
+        // The second half of U+0080 to U+009F, which some terminals obey as well.
+        const bool isC1 = i > 0 && path[i - 1] == '\xc2' && c >= 0x80 && c < 0xa0;
+        return c < 0x20 || c == 0x7f || isC1;
+    };
+    std::string quoted = "$'";
+    bool isPlain = true;
+    for (size_t i = 0; i < path.size(); ++i) {
+        char octal[8];
+        snprintf(octal, sizeof(octal), "\\%03o", static_cast<unsigned char>(path[i]));
+        const bool isEscaped =
+                isControl(i) || (i + 1 < path.size() && path[i] == '\xc2' && isControl(i + 1));
+        isPlain = isPlain && !isEscaped;
+        if (isEscaped) {
+            quoted += octal;
+        } else {
+            if (path[i] == '\'' || path[i] == '\\') quoted += '\\';
+            quoted += path[i];
+        }
+    }
+    return isPlain || isatty(fd) == 0 ? path : quoted + "'";
 }
 
-bool canAsk() {
-    return isatty(STDIN_FILENO) != 0 && isatty(STDERR_FILENO) != 0;
+std::string progress(int64_t done, int64_t all, double seconds,
+                     const std::function<std::string(int64_t)>& amount) {
+    const double part =
+            all > 0 ? std::min(static_cast<double>(done) / static_cast<double>(all), 1.0) : 0;
+    const size_t width = std::clamp<size_t>(terminalWidth(), 55, 80) - 50;
+    const auto filled = static_cast<size_t>(part * static_cast<double>(width));
+    std::string line = "[" + std::string(filled, '#') + std::string(width - filled, '-') + "] " +
+                       amount(done) + " of " + amount(all);
+    if (part > 0 && seconds > 0) {
+        line += ", " + amount(static_cast<int64_t>(static_cast<double>(done) / seconds)) + "/s, " +
+                duration(seconds / part - seconds) + " left";
+    }
+    return line;
 }
 
-bool confirmed(const std::string& question) {
-    std::cerr << question << " [y/N] " << std::flush;
+std::optional<bool> confirmed(const std::string& question) {
+    std::fstream terminal("/dev/tty");
+    if (!terminal) return std::nullopt;
+    terminal << question << " [y/N] " << std::flush;
     std::string answer;
-    std::getline(std::cin, answer);
+    std::getline(terminal, answer);
     return answer == "y" || answer == "Y" || answer == "yes";
 }
 

@@ -1,6 +1,11 @@
 /// The terminal: colour, a line that changes, questions, and Ctrl-C.
 #pragma once
 
+#include <unistd.h>
+
+#include <cstdint>
+#include <functional>
+#include <optional>
 #include <string>
 
 namespace ruxctl {
@@ -28,13 +33,18 @@ class StatusLine {
     bool mShown = false;
 };
 
-/// "[#####-----]", `width` characters between the brackets, `part` of them (0 to 1) filled.
-std::string bar(double part, int width);
+/// A path as it is written to the file `fd`: when that is a terminal, one with control characters
+/// is quoted as shells read it ($'a\nb'), so that it can do nothing to the terminal.
+std::string shown(const std::string& path, int fd = STDOUT_FILENO);
 
-/// Whether there is somebody to ask: standard input and standard error are a terminal.
-bool canAsk();
-/// Asks a question that "y" or "yes" answers with yes.
-bool confirmed(const std::string& question);
+/// How far something is, for a line: a bar as long as the terminal allows, `done` of `all` as
+/// `amount` writes them, the rate, and the time that is left at that rate.
+std::string progress(int64_t done, int64_t all, double seconds,
+                     const std::function<std::string(int64_t)>& amount);
+
+/// Asks a question that "y" or "yes" answers with yes, on the process's terminal, whatever its
+/// standard streams are. Nothing when it has none.
+std::optional<bool> confirmed(const std::string& question);
 
 /// While it lives Ctrl-C (SIGINT) and SIGTERM are only noted. A second one ends the program.
 class Interrupts {

@@ -38,8 +38,9 @@ std::string grouped(int64_t number) {
     return text;
 }
 
-std::string counted(int64_t number, const std::string& noun) {
-    return grouped(number) + " " + noun + (number == 1 ? "" : "s");
+std::string counted(int64_t number, const std::string& noun, const std::string& plural) {
+    const std::string& word = number == 1 || !plural.empty() ? noun : noun + "s";
+    return grouped(number) + " " + (number == 1 || plural.empty() ? word : plural);
 }
 
 std::string duration(double seconds) {

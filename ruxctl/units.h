@@ -12,8 +12,8 @@ std::string humanBytes(int64_t bytes);
 /// "57,296".
 std::string grouped(int64_t number);
 
-/// "57,296 files", "1 file".
-std::string counted(int64_t number, const std::string& noun);
+/// "57,296 files", "1 file". A plural that does not end in "s" alone is given.
+std::string counted(int64_t number, const std::string& noun, const std::string& plural = "");
 
 /// "0.8 s", "12 s", "2 min 05 s", "1 h 02 min".
 std::string duration(double seconds);

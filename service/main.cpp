@@ -1,5 +1,9 @@
 // The service process: registers the one service object and serves it for as long as it lives.
 
+#include <sys/stat.h>
+
+#include <cstdio>
+
 #include "android/log.h"
 #include "binder/IPCThreadState.h"
 #include "binder/IServiceManager.h"
@@ -15,9 +19,15 @@ android::sp<android::RuxNativeService> instance;
 
 }  // namespace
 
-int main() {
+int main(int argc, char**) {
     using android::IServiceManager;
     using android::ProcessState;
+
+    if (argc > 1) {
+        fputs("usage: rux\nThe service. It takes no arguments; ruxctl is its client.\n", stderr);
+        return 2;
+    }
+    umask(S_IRWXG | S_IRWXO);  // a database tells the names of everybody's files
 
     __android_log_print(ANDROID_LOG_DEBUG, kTag, "%s:%d: RUXStarting rux", __func__, __LINE__);
     const android::sp<IServiceManager> manager = android::defaultServiceManager();

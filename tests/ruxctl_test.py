@@ -12,7 +12,9 @@ import os
 import pty
 import re
 import select
+import shutil
 import signal
+import stat
 import subprocess
 import sys
 import time
@@ -31,9 +33,10 @@ class Client:
 
     def __call__(self, *arguments, status=0):
         """What a run prints on standard output; what it says on standard error is in `said`."""
-        run = subprocess.run([self.binary, *arguments], env=self.environment, capture_output=True, text=True, check=False)
+        run = subprocess.run([self.binary, *arguments], env=self.environment, capture_output=True, text=True, errors="replace", check=False,
+                             stdin=subprocess.DEVNULL, start_new_session=True)
         assert run.returncode == status, (arguments, run)
-        assert "\x1b" not in run.stdout + run.stderr, "colour without a terminal"
+        assert not COLOUR.search(run.stdout + run.stderr), "colour without a terminal"
         self.said = run.stderr
         return run.stdout
 
@@ -41,10 +44,12 @@ class Client:
         return subprocess.Popen([self.binary, *arguments], env=self.environment, stdout=subprocess.PIPE,
                                 stderr=subprocess.PIPE, text=True)
 
-    def on_terminal(self, *arguments, answer=b"", **environment):
+    def on_terminal(self, *arguments, answer=b"", quiet=False, **environment):
         """What a run on a terminal shows, the answer typed once it asks; its exit status."""
         process, terminal = pty.fork()
         if process == 0:
+            if quiet:
+                os.dup2(os.open("/dev/null", os.O_WRONLY), 2)
             os.execve(self.binary, [self.binary, *arguments], {**self.environment, **environment})
         shown = b""
         while select.select([terminal], [], [], 30)[0]:
@@ -74,70 +79,138 @@ def inodes(*paths):
 def check_tables_and_formats(client, service):
     assert "ruxctl scan --space" in client("list") and "ruxctl scan --space" in client("status")
     a = [write(service, name, "a" * 10000) for name in ("a0", "a1", "<i>&/a2")]
-    odd = [write(service, name, "b" * 2000) for name in ('b,"1', "b \u00fc")]
+    odd = [write(service, name, "b" * 2000) for name in ('b,"1', "b \u00fc\n\x1b[K")]
     write(service, "alone", "c")
     printed = client("scan", "--space", "s", service.tree)
     assert re.match(r"6 files recorded, 6 of them new, in \d+\.\d s\n", printed), printed
     assert "6 files recorded, 0 of them new" in client("scan", "--space", "s", service.tree)
     client("scan", "--space", "t", a[0], a[1])
 
+    blocks = os.stat(a[0]).st_blocks * 512, os.stat(odd[0]).st_blocks * 512
+    listing = json.loads(client("list", "--json", "--space", "s"))
+    assert listing["total"] == {"groups": 2, "links": 3, "bytes": 2 * blocks[0] + blocks[1]}, listing
+    # What the first space would link is no longer to be had in the second.
     listing = json.loads(client("list", "--json"))
-    assert listing["spaces"] == [{"space": "s", "groups": 2, "files": 5, "bytes": 22000},
-                                 {"space": "t", "groups": 1, "files": 2, "bytes": 10000}], listing
-    assert listing["total"] == {"groups": 3, "files": 7, "bytes": 32000}
+    assert listing["spaces"][1] == {"space": "t", "groups": 0, "links": 0, "bytes": 0}, listing
     rows = [line.split() for line in client("list").splitlines()]
-    assert rows[0] == ["SPACE", "GROUPS", "FILES", "RECLAIMABLE"]
-    assert rows[1] == ["s", "2", "5", "21.5", "KiB"] and rows[3] == ["total", "3", "7", "31.2", "KiB"], rows
-    assert client("list", "--bytes", "--space", "s").split()[-1] == "22000"
+    assert rows[0] == ["SPACE", "GROUPS", "LINKS", "RECLAIMABLE"] and rows[3][0] == "total", rows
+    assert client("list", "--bytes", "--space", "s").split()[-1] == str(2 * blocks[0] + blocks[1])
+    assert client("list", "--bytes", "--space", "s", "--match", ".*/a1").split()[-1] == str(2 * blocks[0])
 
     groups = json.loads(client("groups", "--space", "s", "--json"))
-    assert [(group["reclaimable_bytes"], group["file_bytes"]) for group in groups] == [(20000, 10000), (2000, 2000)]
+    assert [group["reclaimable_bytes"] for group in groups] == [2 * blocks[0], blocks[1]]
     assert {member["path"] for member in groups[1]["members"]} == set(odd)
     assert len(json.loads(client("groups", "--space", "s", "--json", "--top", "1"))) == 1
     table = list(csv.DictReader(io.StringIO(client("groups", "--space", "s", "--csv"), newline="")))
     assert {row["path"] for row in table} == {*a, *odd} and {row["state"] for row in table} == {"there"}
-    parts = client("groups", "--space", "s", "--null").split("\0\0")
-    assert [set(part.split("\0")) for part in parts if part] == [set(a), set(odd)], parts
-    assert "there    " + a[0] in client("groups")
+    assert set(client("groups", "--space", "s", "--null").split("\0")) == {*a, *odd, ""}
+    assert "there    " + a[0] in client("groups") and "there    " + odd[1] in client("groups")
+    # A name does nothing to a terminal.
+    shown = client.on_terminal("groups", NO_COLOR="1")[0]
+    assert f"$'{service.tree}/b \u00fc\\012\\033[K'" in shown, shown
     return a, odd
 
 
 def check_compression_and_restore(client, service, a, odd):
-    plan = client("compress", "--dry-run", "s")
-    assert plan.count("keep  ") == 2 and "3 files would be linked, giving back 21.5 KiB" in plan, plan
-    other = next(path for path in a if f"link  {path}\n" in plan)
-    mode = os.stat(other).st_mode
-    os.chmod(other, 0o600)
-    plan = client("compress", "--dry-run", "s")
-    assert f"skip  {other}  (of another owner, group or mode)" in plan and "2 files would be linked, giving back 11.7 KiB" in plan, plan
-    os.chmod(other, mode)
-    assert inodes(*a) == 3
-
+    assert "3 files can become links, giving back" in client("compress", "--dry-run", "s")
+    client("compress", "s", status=2)
+    assert "--yes" in client.said and inodes(*a) == 3
     shown, status = client.on_terminal("compress", "s", answer=b"n")
     assert status == 0 and "Nothing has been changed" in shown and inodes(*a) == 3, shown
-    blocks = sum(os.stat(path).st_blocks * 512 for path in set(a + odd))
-    shown, status = client.on_terminal("compress", "s", answer=b"y")
-    freed = blocks - sum({os.stat(path).st_ino: os.stat(path).st_blocks * 512 for path in a + odd}.values())
-    assert status == 0 and inodes(*a) == 1 and inodes(*odd) == 1, shown
-    assert f"21.5 KiB by the service's count, {freed / 1024:.1f} KiB of disk blocks given back" in shown, (freed, shown)
+    # The terminal is asked, whatever standard error is.
+    shown, status = client.on_terminal("compress", "s", answer=b"y", quiet=True)
+    assert status == 0 and inodes(*a) == 1 and inodes(*odd) == 1 and "undo: ruxctl restore --space s" in shown, shown
     # Colour is for terminals, unless it is not wanted.
     assert COLOUR.search(client.on_terminal("list")[0])
     assert not COLOUR.search(client.on_terminal("list", NO_COLOR="1")[0])
     assert not COLOUR.search(client.on_terminal("list", TERM="dumb")[0])
 
     def states():
-        return {member["path"]: member["state"] for group in json.loads(client("groups", "--space", "s", "--json"))
-                for member in group["members"]}
+        return {member["path"]: member["state"] for group in
+                json.loads(client("groups", "--all", "--space", "s", "--json")) for member in group["members"]}
 
     os.remove(a[2])
     write(service, "other", "b")
     os.rename(f"{service.tree}/other", odd[1])
     assert states() == {a[0]: "linked", a[1]: "linked", a[2]: "gone", odd[0]: "there", odd[1]: "changed"}, states()
-    printed = client("restore", "--space", "s", "--match", ".*/a1")
+    client("restore", "--space", "s", status=2)
+    printed = client("restore", "--space", "s", "--match", ".*/a1", "--yes")
     assert "3 files of 1 group will get data of their own, taking up 12.0 KiB" in client.said, client.said
-    assert inodes(a[0], a[1]) == 2 and "of disk blocks" in printed, printed
+    assert inodes(a[0], a[1]) == 2 and "12.0 KiB taken up again" in printed, printed
+    client("restore", "--space", "s", "--match", "nothing")
+    assert "No linked files match" in client.said
     client("restore", "--space", "s", "--match", "(", status=2)
     assert "ruxctl scan --space nowhere" in (client("restore", "--space", "nowhere", status=1) or client.said)
+
+
+def disk_use(*trees):
+    text = subprocess.run(["du", "-sc", "--block-size=1", *trees], check=True, stdout=subprocess.PIPE, text=True).stdout
+    return int(text.splitlines()[-1].split()[0])
+
+
+def check_figures(client, service):
+    """The preview's figure, the result's and what du sees are one, whatever links there are before."""
+    tree = f"{service.base}/linked"
+    os.makedirs(tree + "/d")
+    for name in ("one", "two", "three"):
+        shutil.copy(service.binary, f"{tree}/{name}")
+        shutil.copy("/bin/true", f"{tree}/d/{name}")
+    os.link(tree + "/three", tree + "/d/three-too")
+    os.link(tree + "/d/two", service.base + "/outside")  # frees nothing
+    os.symlink("two", tree + "/pointer")
+    os.symlink("d", tree + "/e")
+    os.chmod(tree + "/d/three", 0o700)
+    places = (tree + "/one", tree + "/d/one", tree)  # so these are kept
+    with open(tree + "/d/busy", "ab") as busy, open("/bin/true", "rb") as file:
+        busy.write(file.read())
+        busy.flush()
+        text = client("dedupe", "--dry-run", "--exclude", "d", "--exclude", "/**/e", *places)
+        assert "/two" in text and "/d/" not in text and "/e/" not in text, text
+        large = client("dedupe", "--dry-run", "--fresh", "--min-size", str(os.stat(tree + "/one").st_size), *places)
+        assert "/two" in large and not re.search("/[de]/(one|two|busy)", large), large
+        space = re.search(r"\S*linked-[0-9a-f]{8}", client("status")).group()
+        client("forget", "--yes", space)
+        plan = json.loads(client("dedupe", "--dry-run", "--json", *places))
+        text = client("dedupe", "--dry-run", *places)
+        assert re.search("skip  .*/three: of another owner, group, mode", text) and "/busy: open for writing" in text, text
+        before = disk_use(tree, service.base + "/outside")
+        shown, status = client.on_terminal("dedupe", *places, answer=b"y", quiet=True)
+        assert status == 0 and "undo: ruxctl restore --space " + space in shown, shown
+        freed = before - disk_use(tree, service.base + "/outside")
+    assert plan["freed_bytes"] == freed > 0, (plan, freed)
+    figure = re.search(r"linked in .*, ([\d.]+ [KM]iB) given back", shown).group(1)
+    assert f"giving back {figure}; nothing" in text, (figure, text)
+    assert {skip["path"].rsplit("/", 1)[1] for skip in plan["skipped"]} == {"three", "busy", "pointer"}, plan
+    client("forget", "--yes", space, status=1)
+    assert "would lose their undo" in client.said
+    # A file that has changed is linked again after a fresh scan.
+    os.remove(tree + "/two")
+    shutil.copy(tree + "/one", tree + "/two")
+    again = json.loads(client("dedupe", "--yes", "--json", *places))
+    assert again["links"] == 0, again
+    again = json.loads(client("dedupe", "--yes", "--json", "--fresh", *places))
+    assert again["links"] == 1 and inodes(tree + "/one", tree + "/two") == 1, again
+    client("scan", "--fresh", "--space", space, tree + "/d", status=1)
+    assert "would not be met" in client.said
+    client("restore", "--yes", "--space", space)
+    assert inodes(tree + "/one", tree + "/two", tree + "/three", tree + "/d/three-too") == 4
+
+
+def check_what_is_left_out(client, service):
+    tree = service.base + "/odd"
+    os.makedirs(tree + "/closed")
+    for name in (b"a\nb", b"\xff"):
+        with open(os.fsencode(tree) + b"/" + name, "w", encoding="ascii") as file:
+            file.write("odd")
+    os.chmod(tree + "/closed", 0)
+    printed = client("scan", "--verbose", "--space", "odd", tree)
+    assert printed.startswith("1 file recorded") and "not valid UTF-8" in client.said, (printed, client.said)
+    assert ("closed: Permission denied" in client.said) == (os.geteuid() != 0)
+    client("scan", "--space", "odd", "--match", "(", tree, status=2)
+    assert "no regular expression" in client.said
+    with open(service.space + "/RUXFileInfo.json", encoding="utf-8") as file:
+        assert stat.S_IMODE(os.fstat(file.fileno()).st_mode) == 0o600
+    assert stat.S_IMODE(os.stat(service.space).st_mode) == 0o700
 
 
 class Page(html.parser.HTMLParser):
@@ -168,7 +241,7 @@ def check_report(client, service):
     with open(target, encoding="utf-8") as file:
         page = Page(file.read())
     # One group of three copies of 10,000 bytes, one of two of 2,000, nothing linked yet.
-    for text in ("21.5 KiBcan be given back", "0 Bgiven back by links", "2groups of duplicates", "6files recorded",
+    for text in ("28.0 KiBcan be given back", "0 Bgiven back by links", "2groups of duplicates", "6files recorded",
                  f"{service.tree}/b,\"1 there", f"{service.tree}/<i>&"):
         assert text in page.text, (text, page.text)
     assert page.cells == 2, page.cells
@@ -189,6 +262,15 @@ def check_exceptions(client, service):
     assert client("except", "check", ".*/alone") == f"{service.tree}/alone\n"
     client("except", "set", "never")
     assert client("except", "show") == "never\n"
+    client("except", "remove", "never", status=1)
+    assert "takes no empty list" in client.said
+    client("except", "add", ".*/a1")
+    client("except", "remove", "never")
+    # What has been recorded before is told of, and forgotten when that is wanted.
+    shown, _ = client.on_terminal("except", "add", ".*/alone", answer=b"y")
+    assert "1 file recorded in s matches and would still be linked" in shown, shown
+    assert "5 files recorded, 5 of them new" in client("scan", "--space", "s", service.tree)
+    assert client("except", "check", ".*/alone") == f"{service.tree}/alone\n"
 
 
 def check_refusals_and_interrupts(client, service):
@@ -219,7 +301,8 @@ def check_refusals_and_interrupts(client, service):
     long_scan = client.start("scan", "--space", "u", service.tree)
     writer = reached(pipe, long_scan)
     assert re.search(r"busy with a scan \(process \d+, for ", client("status"))
-    for command in (("scan", "--space", "s", service.tree), ("list",), ("compress", "s"), ("restore", "--space", "s")):
+    for command in (("scan", "--space", "s", service.tree), ("compress", "--yes", "s"), ("forget", "--yes", "t"),
+                    ("scan", "--fresh", "--space", "t", service.tree)):
         expect_busy(*command, what=r"a scan (process ")
     assert client("getprop", "sys.ruxservice.stop_scan") == "false\n"
     long_scan.send_signal(signal.SIGINT)
@@ -236,7 +319,7 @@ def check_refusals_and_interrupts(client, service):
     raw = subprocess.Popen([client.binary, "call", str(SCAN), service.rule(space="v")], env=client.environment)
     writer = reached(pipe, raw)
     assert "busy" in client("status")
-    expect_busy("compress", "s")
+    expect_busy("compress", "--yes", "s")
     expect_busy("scan", "--space", "s", service.tree)
     client("stop", "scan")
     let_go(pipe, writer)
@@ -246,20 +329,28 @@ def check_refusals_and_interrupts(client, service):
 
 def check_messages(client, service):
     service.kill()
-    for command in (("scan", "--space", "s", service.tree), ("list",), ("compress", "s"), ("restore", "--space", "s"),
+    for command in (("scan", "--space", "s", service.tree), ("compress", "s"), ("restore", "--space", "s"),
                     ("except", "set", "x"), ("stop", "scan"), ("status",), ("call", "5")):
         client(*command, status=3)
         assert "rux &" in client.said and "RUX_ROOT" in client.said, (command, client.said)
     assert "s " in client("status", status=3), "the spaces are shown all the same"
+    os.rename(f"{service.root}/data/local/zel", f"{service.root}/data/local/lez")
+    client("status", status=3)
+    assert "data/local/zel/: No such file or directory; make it" in client.said
+    os.rename(f"{service.root}/data/local/lez", f"{service.root}/data/local/zel")
+    for option in ("--help", "--version"):
+        run = subprocess.run([service.binary, option], env=client.environment, capture_output=True, text=True, timeout=30)
+        assert run.returncode == 2 and "ruxctl is its client" in run.stderr, run
     service.start()
     assert re.fullmatch(r"ruxctl \d+\.\d+\.\d+\n", client("--version"))
-    for command in ("scan", "list", "groups", "compress", "restore", "except", "stop", "call"):
+    for command in ("dedupe", "scan", "list", "groups", "compress", "restore", "forget", "except", "stop", "call"):
         assert "Examples:\n  ruxctl " + command in client(command, "--help"), command
 
 
 def check_usage(client):
     for arguments in ((), ("call",), ("call", "x"), ("call", "1", "--hex", "abc"), ("call", "1", "--hex", "zz"),
-                      ("call", "1", "\udcff"), ("stop", "restore"), ("scan", "--space", "s")):
+                      ("call", "1", "\udcff"), ("stop", "restore"), ("scan", "--space", "s"), ("groups", "--top", "0"),
+                      ("groups", "--json", "--csv")):
         client(*arguments, status=2)
     client("call", "1", status=1)
     assert "exception -4" in client.said, client.said
@@ -281,8 +372,8 @@ def check_pages_and_completion(client):
                               env={**os.environ, "MANWIDTH": "100", "LC_ALL": "C.UTF-8"})
         assert page.stderr == "" and "EXIT STATUS" in page.stdout, page
         if program == "ruxctl":
-            text = re.sub(r".\x08", "", page.stdout)
-            for command in ("scan --space NAME", "list", "groups", "compress NAME...", "except add REGEX..."):
+            text = re.sub(r"\s+", " ", re.sub(r".\x08", "", page.stdout))  # lines are filled
+            for command in ("dedupe", "scan --space NAME", "list", "groups", "compress NAME...", "except add REGEX..."):
                 assert f"ruxctl {command}" in text, command
 
     def completed(*words):
@@ -293,8 +384,9 @@ def check_pages_and_completion(client):
 
     assert completed("res") == ["restore"] and completed("g") == ["groups", "getprop"], completed("g")
     assert completed("list", "--sp") == ["--space"] and "--dry-run" in completed("compress", "--")
-    assert completed("scan", "--space", "") == ["s", "t", "u", "v"], completed("scan", "--space", "")
+    assert completed("scan", "--space", "")[-5:] == ["odd", "s", "t", "u", "v"], completed("scan", "--space", "")
     assert "add" in completed("except", "") and completed("stop", "c") == ["compress"]
+    assert completed("groups", "--sort", "") == ["size", "count"] and "odd" in completed("forget", "")
 
 
 def main():
@@ -303,6 +395,8 @@ def main():
         client = Client(ruxctl, service)
         a, odd = check_tables_and_formats(client, service)
         check_report(client, service)
+        check_figures(client, service)
+        check_what_is_left_out(client, service)
         check_compression_and_restore(client, service, a, odd)
         check_exceptions(client, service)
         check_usage(client)

@@ -179,7 +179,7 @@ def states_of(calls, before, after, pick):
 
 def groups_seen(service):
     """{space: digests} as the client shows them."""
-    run = subprocess.run([RUXCTL, "groups", "--json"], env={**os.environ, "RUX_ROOT": service.root},
+    run = subprocess.run([RUXCTL, "groups", "--all", "--json"], env={**os.environ, "RUX_ROOT": service.root},
                          stdout=subprocess.PIPE, text=True, check=True)
     seen = {}
     for group in json.loads(run.stdout):

@@ -168,12 +168,6 @@ TEST_F(SizesTest, ListsInPages) {
     EXPECT_EQ(logged("the size is larger"), 2);
     EXPECT_EQ(logged("analysis fail"), 0);
     EXPECT_EQ(list(), counts(0, 0, 0)) << "the next call starts a new listing";
-
-    // The client puts pages together, its own after what somebody else has left.
-    call(2, rules);
-    EXPECT_EQ(ruxctl({"list", "--space", "s", "--json"}).out,
-              "{\"spaces\":[{\"bytes\":0,\"files\":0,\"groups\":0,\"space\":\"s\"}],"
-              "\"total\":{\"bytes\":0,\"files\":0,\"groups\":0}}\n");
 }
 
 TEST_F(SizesTest, PublishesProgressInHundreds) {

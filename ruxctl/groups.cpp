@@ -1,0 +1,271 @@
+#include "ruxctl/groups.h"
+
+#include <json/json.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <numeric>
+
+#include "f2fs_io/hard_link.h"
+#include "ruxctl/database.h"
+#include "ruxctl/json.h"
+
+namespace ruxctl {
+namespace {
+
+FileId idOf(const struct stat& st) {
+    return {st.st_dev, st.st_ino};
+}
+
+/// The name that a path leads to by way of its directory.
+NameId nameIdOf(const std::string& path) {
+    const size_t slash = path.rfind('/') + 1;
+    struct stat st = {};
+    stat(slash == 0 ? "." : path.substr(0, slash).c_str(), &st);
+    return {idOf(st), path.substr(slash)};
+}
+
+Member lookedUp(const std::string& path, int64_t fileBytes, const Json::Value& record) {
+    Member member;
+    member.path = path;
+    struct stat st = {};
+    if (lstat(path.c_str(), &st) != 0) return member;
+    member.isSymlink = S_ISLNK(st.st_mode);
+    if (member.isSymlink && stat(path.c_str(), &st) != 0) return member;
+    const bool isNewer = record.isObject() && record["s_time"].isInt64() &&
+                         record["s_time"].asInt64() != st.st_mtime;
+    const bool isSame = S_ISREG(st.st_mode) && st.st_size == fileBytes && !isNewer;
+    member.state = isSame ? State::There : State::Changed;
+    member.file = idOf(st);
+    member.name = nameIdOf(path);
+    member.links = static_cast<int64_t>(st.st_nlink);
+    member.allocated = int64_t{st.st_blocks} * 512;
+    return member;
+}
+
+/// Tells files of one's own from links. Fills `names` with the names of each file that is present.
+void tellLinks(Group& group, std::map<FileId, std::set<NameId>>& names) {
+    std::map<FileId, int64_t> paths;
+    for (const Member& member : group.members) {
+        if (!member.isPresent()) continue;
+        ++paths[member.file];
+        if (!member.isSymlink) names[member.file].insert(member.name);
+    }
+    for (Member& member : group.members) {
+        if (member.isPresent() && paths[member.file] > 1) member.state = State::Linked;
+    }
+    group.files = static_cast<int64_t>(paths.size());
+}
+
+const char* reasonFor(int error) {
+    switch (error) {
+        case EBUSY:
+            return "open for writing";
+        case EBADE:
+            return "of another owner, group, mode or attribute";
+        case EXDEV:
+            return "on another file system";
+        case EILSEQ:
+            return "of another content by now";
+        case ELOOP:
+            return "a symbolic link, or behind somebody else's";
+        case EINVAL:
+            return "no regular file";
+        case EOPNOTSUPP:
+            return "in an overlay, or on a file system that cannot exchange files";
+        default:
+            return strerror(error);
+    }
+}
+
+/// How many names each file has while they are moved from file to file.
+class Names {
+  public:
+    /// The file that a member's path leads to.
+    FileId fileOf(const Member& member) const {
+        const auto moved = mMoved.find(member.name);
+        return moved == mMoved.end() ? member.file : moved->second;
+    }
+    /// Makes one member's name lead to another one's file. Returns the bytes that this frees.
+    int64_t move(const Member& member, const Member& kept) {
+        const FileId from = fileOf(member);
+        const FileId to = fileOf(kept);
+        if (from == to) return 0;
+        mCount.try_emplace(member.file, member.links);
+        mCount.try_emplace(kept.file, kept.links);
+        mMoved[member.name] = to;
+        ++mCount[to];
+        return --mCount[from] == 0 ? member.allocated : 0;
+    }
+
+  private:
+    std::map<NameId, FileId> mMoved;
+    std::map<FileId, int64_t> mCount;
+};
+
+/// Says what linking would do to each member, as the service goes about it.
+void plan(Group& group, Names& names) {
+    Member* kept = nullptr;
+    for (Member& member : group.members) {
+        if (member.state == State::Gone) continue;
+        if (kept == nullptr) {
+            kept = &member;
+        } else if (names.fileOf(member) != names.fileOf(*kept)) {
+            const int error = checkHardLink(kept->path.c_str(), member.path.c_str(),
+                                            std::max(kept->state, member.state) == State::Changed);
+            member.step = error == 0 ? Step::Link : Step::Skip;
+            if (error != 0) member.reason = reasonFor(error);
+            if (error == 0) group.reclaimable += names.move(member, *kept);
+        }
+    }
+    if (kept != nullptr && group.count(Step::None) < static_cast<int64_t>(group.members.size()))
+        kept->step = Step::Keep;
+}
+
+void addGroups(const SpaceImages& images, bool compressed, Names& names,
+               std::vector<Group>& groups) {
+    const Json::Value& all = compressed ? images.compressed : images.toCompress;
+    for (auto entry = all.begin(); entry != all.end(); ++entry) {
+        const Json::Value& paths = entry->isObject() ? (*entry)["f_list"] : *entry;
+        if (!entry->isObject() || !paths.isArray() || paths.size() < 2) continue;
+        Group group;
+        group.spaceId = images.spaceId;
+        group.digest = entry.name();
+        group.fileBytes = numberOf(*entry, "f_size");
+        group.compressed = compressed;
+        for (const Json::Value& path : paths) {
+            if (!path.isString()) continue;
+            // A link has the time of the file that was kept, not the recorded one of its own.
+            const Json::Value& record =
+                    compressed ? Json::Value::nullSingleton() : images.records[path.asString()];
+            group.members.push_back(lookedUp(path.asString(), group.fileBytes, record));
+        }
+        std::map<FileId, std::set<NameId>> sharing;
+        tellLinks(group, sharing);
+        if (!compressed) {
+            plan(group, names);
+        } else {
+            for (const Member& member : group.members) {
+                const auto found = sharing.find(member.file);
+                if (!member.isPresent() || found == sharing.end()) continue;
+                const auto further = static_cast<int64_t>(found->second.size()) - 1;
+                group.given += std::max<int64_t>(further, 0) * member.allocated;
+                sharing.erase(found);
+            }
+        }
+        groups.push_back(std::move(group));
+    }
+}
+
+template <typename Number>
+int64_t sum(const std::vector<Group>& groups, const Number& number) {
+    return std::accumulate(groups.begin(), groups.end(), int64_t{0},
+                           [&](int64_t sum, const Group& group) { return sum + number(group); });
+}
+
+}  // namespace
+
+const char* nameOf(State state) {
+    constexpr const char* kNames[] = {"there", "linked", "changed", "gone"};
+    return kNames[static_cast<size_t>(state)];
+}
+
+const Member* Group::kept() const {
+    for (const Member& member : members) {
+        if (member.step == Step::Keep) return &member;
+    }
+    return nullptr;
+}
+
+int64_t Group::count(Step step) const {
+    return std::count_if(members.begin(), members.end(),
+                         [step](const Member& member) { return member.step == step; });
+}
+
+int64_t Group::present() const {
+    return std::count_if(members.begin(), members.end(),
+                         [](const Member& member) { return member.isPresent(); });
+}
+
+std::vector<Group> groupsOf(const std::vector<std::string>& spaceIds, Which which) {
+    std::vector<Group> groups;
+    Names names;
+    for (const std::string& spaceId : spaceIds) {
+        const SpaceImages images = imagesOf(spaceId, which != Which::Compressed);
+        if (which != Which::Compressed) addGroups(images, false, names, groups);
+        if (which != Which::ToCompress) addGroups(images, true, names, groups);
+    }
+    return groups;
+}
+
+int64_t reclaimable(const std::vector<Group>& groups) {
+    return sum(groups, [](const Group& group) { return group.reclaimable; });
+}
+
+int64_t count(const std::vector<Group>& groups, Step step) {
+    return sum(groups, [step](const Group& group) { return group.count(step); });
+}
+
+int64_t checkLinks(std::vector<Group>& groups) {
+    int64_t freed = 0;
+    Names names;
+    for (Group& group : groups) {
+        const Member* kept = group.kept();
+        if (kept == nullptr) continue;
+        struct stat keptStatus = {};
+        stat(kept->path.c_str(), &keptStatus);
+        for (Member& member : group.members) {
+            struct stat st = {};
+            if (member.step != Step::Link) continue;
+            if (stat(member.path.c_str(), &st) == 0 && idOf(st) == idOf(keptStatus)) {
+                freed += names.move(member, *kept);
+                continue;
+            }
+            const int error = checkHardLink(kept->path.c_str(), member.path.c_str(), true);
+            member.step = Step::Skip;
+            member.reason = error == 0 ? "in use, or not reached" : reasonFor(error);
+        }
+    }
+    return freed;
+}
+
+int64_t takenUpByRestore(const std::vector<Group>& groups) {
+    std::map<FileId, std::set<NameId>> names;
+    int64_t bytes = 0;
+    for (const Group& group : groups) {
+        for (const Member& member : group.members) {
+            // The last of its names keeps the file, unless it has others elsewhere.
+            if (member.state == State::Gone || member.isSymlink ||
+                !names[member.file].insert(member.name).second) {
+                continue;
+            }
+            if (static_cast<int64_t>(names[member.file].size()) < member.links)
+                bytes += member.allocated;
+        }
+    }
+    return bytes;
+}
+
+int64_t checkRestored(const std::vector<Group>& groups, std::vector<std::string>* left) {
+    std::set<NameId> seen;
+    int64_t bytes = 0;
+    for (const Group& group : groups) {
+        for (const Member& member : group.members) {
+            struct stat st = {};
+            if (member.state == State::Gone || member.isSymlink ||
+                !seen.insert(member.name).second || lstat(member.path.c_str(), &st) != 0) {
+                continue;
+            }
+            if (idOf(st) != member.file) {
+                bytes += int64_t{st.st_blocks} * 512;
+            } else if (st.st_nlink > 1) {
+                left->push_back(member.path);
+            }
+        }
+    }
+    return bytes;
+}
+
+}  // namespace ruxctl

@@ -1,0 +1,89 @@
+/// The groups of equal files: what each path leads to right now, and what linking would do to it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace ruxctl {
+
+/// What a path of a group leads to.
+enum class State {
+    There,    ///< a file of its own, as it was scanned
+    Linked,   ///< the same file as another path of the group
+    Changed,  ///< of another size or time, or no file
+    Gone,     ///< nothing
+};
+const char* nameOf(State state);
+
+/// What linking the group would do to a path.
+enum class Step {
+    None,  ///< nothing: it is gone, or leads to the kept file already
+    Keep,  ///< its file is the one that stays
+    Link,  ///< it would become a name of the kept file
+    Skip,  ///< it would be left alone
+};
+
+/// A file, whatever its names: its device and inode.
+using FileId = std::pair<dev_t, ino_t>;
+/// A name, whatever paths lead to it: its directory and the last part.
+using NameId = std::pair<FileId, std::string>;
+
+struct Member {
+    std::string path;
+    State state = State::Gone;
+    FileId file;            ///< unless it is gone
+    NameId name;            ///< unless it is gone
+    int64_t links = 0;      ///< names that the file has
+    int64_t allocated = 0;  ///< bytes of its blocks (stat(2), st_blocks)
+    bool isSymlink = false;
+    Step step = Step::None;
+    std::string reason;  ///< of a Skip, in words
+    bool isPresent() const { return state == State::There || state == State::Linked; }
+};
+
+/// Files of identical content.
+struct Group {
+    std::string spaceId;
+    std::string digest;
+    int64_t fileBytes = 0;
+    bool compressed = false;  ///< whether the service has linked it
+    std::vector<Member> members;
+    int64_t files = 0;        ///< different files among those that are present
+    int64_t reclaimable = 0;  ///< bytes of blocks that linking would give back
+    int64_t given = 0;        ///< bytes of blocks that links have given back
+
+    /// The member that is kept; null when there is nothing to do.
+    const Member* kept() const;
+    int64_t count(Step step) const;
+    /// Members that are there or linked.
+    int64_t present() const;
+};
+
+enum class Which { ToCompress, Compressed, All };
+/// The groups with more than one path of the spaces, in the order in which the service would link
+/// them, with each step as it would be when those before it are done. Throws std::runtime_error for
+/// a database that cannot be read.
+std::vector<Group> groupsOf(const std::vector<std::string>& spaceIds, Which which);
+
+/// Sums over groups.
+int64_t reclaimable(const std::vector<Group>& groups);
+int64_t count(const std::vector<Group>& groups, Step step);
+
+/// Looks again at what was to be linked, after it should have been: a Link that has not become one
+/// is a Skip now, with its reason. Returns the bytes of blocks that the others have given back.
+int64_t checkLinks(std::vector<Group>& groups);
+
+/// Bytes of blocks that are taken up when each path gets data of its own.
+int64_t takenUpByRestore(const std::vector<Group>& groups);
+/// Looks again at what was to be restored. Returns the bytes of blocks that were taken up, and adds
+/// the paths that still share their data.
+int64_t checkRestored(const std::vector<Group>& groups, std::vector<std::string>* left);
+
+}  // namespace ruxctl
