@@ -127,19 +127,25 @@ int compress(const CompressOptions& options) {
     const std::string summary = counted(links, "file") + " can become " +
                                 (links == 1 ? "a link" : "links") + ", giving back " +
                                 humanBytes(bytes);
+    if (options.json && (options.dryRun || links == 0)) {
+        std::cout << Json::FastWriter().write(valueOf(options, groups, bytes));
+        return kDone;
+    }
     if (options.dryRun) {
-        if (options.json) {
-            std::cout << Json::FastWriter().write(valueOf(options, groups, bytes));
-            return kDone;
-        }
         printPlan(groups);
         std::cout << summary << "; nothing has been changed\n";
         sayWhatIsSetAside(options.spaceIds);
         return kDone;
     }
+    if (links == 0) {
+        printSkipped(groups);
+        std::cout << "Nothing can be linked\n";
+        sayWhatIsSetAside(options.spaceIds);
+        return kDone;
+    }
     std::cerr << summary << "\n";
     describe(groups, options.spaceIds);
-    if (links > 0 && !options.yes) {
+    if (!options.yes) {
         std::cerr << "Linked files are one file: what is written to one in place, and a change of "
                      "its owner or mode,\nis there under all of its names.\n";
         const auto answer = confirmed("Link them?");

@@ -70,7 +70,7 @@ const char* reasonFor(int error) {
         case EILSEQ:
             return "of another content by now";
         case ELOOP:
-            return "a symbolic link, or behind somebody else's";
+            return "behind a symbolic link of somebody else's";
         case EINVAL:
             return "no regular file";
         case EOPNOTSUPP:
@@ -112,7 +112,7 @@ void plan(Group& group, Names& names) {
         if (member.state == State::Gone) continue;
         if (kept == nullptr) {
             kept = &member;
-        } else if (names.fileOf(member) != names.fileOf(*kept)) {
+        } else if (!member.isSymlink && names.fileOf(member) != names.fileOf(*kept)) {
             const int error = checkHardLink(kept->path.c_str(), member.path.c_str(),
                                             std::max(kept->state, member.state) == State::Changed);
             member.step = error == 0 ? Step::Link : Step::Skip;

@@ -24,7 +24,7 @@ const char* nameOf(State state);
 
 /// What linking the group would do to a path.
 enum class Step {
-    None,  ///< nothing: it is gone, or leads to the kept file already
+    None,  ///< nothing: it is gone, a symbolic link, or leads to the kept file already
     Keep,  ///< its file is the one that stays
     Link,  ///< it would become a name of the kept file
     Skip,  ///< it would be left alone

@@ -95,6 +95,7 @@ int groups(const GroupsOptions& options) {
             for (const Member& member : group.members) std::cout << member.path << '\0';
         }
     } else {
+        if (chosen.empty()) return nothingScanned();
         for (const Group& group : all) printText(group);
         if (all.empty())
             std::cerr << "No group has anything to give back; --all shows all groups\n";

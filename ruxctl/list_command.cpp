@@ -68,10 +68,7 @@ int list(const ListOptions& options) {
         std::cout << Json::FastWriter().write(page);
         return kDone;
     }
-    if (bySpace.empty()) {
-        std::cout << "nothing has been scanned yet; begin with `ruxctl scan --space NAME DIR`\n";
-        return kDone;
-    }
+    if (bySpace.empty()) return nothingScanned();
     std::vector<std::vector<std::string>> rows = {{"SPACE", "GROUPS", "LINKS", "RECLAIMABLE"}};
     const auto add = [&](const std::string& name, const Sums& sums) {
         const auto number = [&](int64_t value) {

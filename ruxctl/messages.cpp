@@ -59,6 +59,11 @@ int noSpace(const std::string& spaceId) {
                                   spaceId + " DIR`, see them all with `ruxctl status`"});
 }
 
+int nothingScanned() {
+    std::cerr << "nothing has been scanned yet; begin with `ruxctl scan --space NAME DIR`\n";
+    return kDone;
+}
+
 int nobodyToAsk() {
     return fail({kUsage, "there is no terminal to ask on; --yes answers the question"});
 }

@@ -15,6 +15,8 @@ int fail(const Failure& failure);
 int noService();
 int noSpace(const std::string& spaceId);
 int nobodyToAsk();
+/// For a client that is to show spaces and finds none.
+int nothingScanned();
 
 /// Says on standard error which spaces have files that no scan takes up again, and what to do.
 void sayWhatIsSetAside(const std::vector<std::string>& spaceIds);

@@ -67,6 +67,10 @@ int stop(const std::string& operation) {
                                                      : kCompressOperation;
     const auto client = Client::connect();
     if (!client) return noService();
+    if (!isBusy(*client)) {
+        std::cerr << "Nothing is running\n";
+        return kDone;
+    }
     if (const int exit = setProperty(stopped.stopProperty, "true"); exit != kDone) return exit;
     if (!stopped.stopNote) return kDone;
     const auto failure = client->call(*stopped.stopNote, std::nullopt);

@@ -86,6 +86,7 @@ int report(const std::string& htmlFile, const std::vector<std::string>& spaceIds
     for (const std::string& spaceId : spaceIds) {
         if (!exists(spaceId)) return noSpace(spaceId);
     }
+    if (chosenSpaces(spaceIds).empty()) return nothingScanned();
     const std::string page = pageOf(reportOn(chosenSpaces(spaceIds)));
     if (htmlFile == "-") {
         std::cout << page;

@@ -57,6 +57,8 @@ is_enabled || fail "it is not enabled"
 diff <(in_root dpkg -L rux | while read -r path; do [ -d "$root$path" ] || echo "$path"; done | sort) - <<'END'
 /usr/bin/rux
 /usr/bin/ruxctl
+/usr/lib/systemd/system/rux-dedupe@.service
+/usr/lib/systemd/system/rux-dedupe@.timer
 /usr/lib/systemd/system/rux.service
 /usr/lib/sysusers.d/rux.conf
 /usr/share/bash-completion/completions/ruxctl
@@ -74,7 +76,7 @@ END
 in_root id -u rux >/dev/null || fail "there is no user for it"
 grep -q '^ExecStart=/usr/bin/rux$' "$root/usr/lib/systemd/system/rux.service"
 dpkg-deb -f "$package" Depends | grep -q libjsoncpp || fail "the libraries are not named"
-in_root systemd-analyze verify --man=no rux.service || fail "the unit has faults"
+in_root systemd-analyze verify --man=no rux.service rux-dedupe@photos.service rux-dedupe@photos.timer || fail "the unit has faults"
 # Of 10, which is no protection at all.
 exposure=$(systemd-analyze security --offline=true --root="$root" rux.service --no-pager | tail -n 1 |
     grep -o '[0-9]\+\.[0-9]')
@@ -92,8 +94,9 @@ for _ in $(seq 100); do
     "$root/usr/bin/ruxctl" call 5 2>/dev/null && break
     sleep 0.05
 done
-"$root/usr/bin/ruxctl" scan --space s "$base/tree" >/dev/null
-"$root/usr/bin/ruxctl" compress --yes s >/dev/null 2>&1
+# As the timer would have it.
+unit=$root/usr/lib/systemd/system/rux-dedupe@.service
+DIRECTORIES=$base/tree OPTIONS=--yes sh -c "$root$(sed -n 's/^ExecStart=//p' "$unit")" >/dev/null 2>&1
 [ "$base/tree/a" -ef "$base/tree/b" ] || fail "nothing was linked"
 # Without RUX_ROOT the packaged client looks where the packaged service is.
 grep -qa /var/lib/rux "$root/usr/bin/ruxctl" || fail "the default root is not built in"
