@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "control/properties.h"
-#include "scan/look_ahead.h"
 
 /// The I/O library's digests of many files at once, several times as fast as one by one. An
 /// extension: where the library has none, the address is null.
@@ -29,6 +28,10 @@ namespace {
 /// How long the scan waits for a job before it looks after the walk again. It is not woken for
 /// every job: of small files there are hundreds in that time.
 constexpr auto kMoment = std::chrono::milliseconds(1);
+
+/// What may be in preparation at once; it bounds a scan's memory beyond the images, as the bound on
+/// entries in the window does.
+constexpr int64_t kMaxBytes = int64_t{512} << 20;  // of files whose digests were begun
 
 constexpr size_t kRun = 32;  // jobs that want but a status and are taken together
 
@@ -120,9 +123,6 @@ class Readers::Worker {
     std::vector<ReadJob*> mInHand;
 };
 
-Readers::Readers(unsigned workers, int64_t maxBytes, KnownFiles& knownFiles)
-      : mWorkers(workers), mMaxBytes(maxBytes), mKnownFiles(knownFiles) {}
-
 Readers::~Readers() {
     dropAll();
     {
@@ -136,7 +136,6 @@ Readers::~Readers() {
 void Readers::start(const std::vector<ReadJob*>& jobs) {
     if (jobs.empty()) return;
     startThreads();
-    if (mThreads.empty()) return;  // each is done when it is awaited
     bool isAwaited = false;
     {
         const std::lock_guard lock(mMutex);
@@ -147,15 +146,6 @@ void Readers::start(const std::vector<ReadJob*>& jobs) {
 }
 
 void Readers::advance(ReadJob& job) {
-    if (mThreads.empty()) {
-        if (job.hasStatus()) {
-            finish(job, computeFileMD5(job.path, toolLogEnabled));
-        } else {
-            look(job);
-            begin(job);
-        }
-        return;
-    }
     std::unique_lock lock(mMutex);
     const bool isNext = !mQueue.empty() && mQueue.front() == &job;
     if (isNext && takeStatuses(lock)) return;
@@ -170,15 +160,12 @@ void Readers::waitAMoment() {
 void Readers::release(const ReadJob& job) {
     if (!job.isBegun) return;
     const int64_t before = mBytes.fetch_sub(job.status.st_size);
-    if (before < mMaxBytes) return;
+    if (before < kMaxBytes) return;
     const std::lock_guard lock(mMutex);
     mWork.notify_all();
 }
 
-void Readers::dropAll(ReadJob* first) {
-    // Without workers, one that was begun is in nobody's hands and in no queue.
-    if (first != nullptr && mThreads.empty() && first->isBegun && !first->isDone())
-        finish(*first, failure(ECANCELED));
+void Readers::dropAll() {
     std::unique_lock lock(mMutex);
     for (ReadJob* job : std::exchange(mQueue, {})) finish(*job, failure(ECANCELED));
     mAbandoned = true;
@@ -187,16 +174,15 @@ void Readers::dropAll(ReadJob* first) {
     mBytes = 0;
 }
 
-/// Once: jobs that found no threads are in no queue, and threads that came later would not know
-/// them.
+/// As many as there are processors, or as the system grants. Throws when that is none.
 void Readers::startThreads() {
-    if (std::exchange(mStarted, true)) return;
+    if (!mThreads.empty()) return;
     try {
-        while (mThreads.size() < mWorkers) {
+        do {
             mThreads.emplace_back([this] { Worker(*this).run(); });
-        }
+        } while (mThreads.size() < std::thread::hardware_concurrency());
     } catch (const std::system_error&) {
-        // There are as many threads as the system grants; without any the scan's own does all.
+        if (mThreads.empty()) throw;
     }
 }
 
@@ -204,7 +190,7 @@ void Readers::startThreads() {
 bool Readers::hasWork() const {
     if (mQueue.empty()) return false;
     const int64_t bytes = mBytes;
-    return bytes == 0 || bytes < mMaxBytes || !mQueue.front()->wantsDigest;
+    return bytes == 0 || bytes < kMaxBytes || !mQueue.front()->wantsDigest;
 }
 
 /// Out of the batch, whose buffers are not held for nothing. False at the end.

@@ -43,14 +43,13 @@ struct ReadJob {
 /// started them. The jobs must live until they are done.
 class Readers {
   public:
-    /// With 0 workers each job is done when it is awaited. No further digest is begun while files
-    /// of `maxBytes` or more have been and are not released.
-    Readers(unsigned workers, int64_t maxBytes, KnownFiles& knownFiles);
+    explicit Readers(KnownFiles& knownFiles) : mKnownFiles(knownFiles) {}
     ~Readers();
     Readers(const Readers&) = delete;
     Readers& operator=(const Readers&) = delete;
 
-    /// Puts jobs in the queue.
+    /// Puts jobs in the queue. No further digest is begun while files of 512 MiB or more have been
+    /// and are not released.
     void start(const std::vector<ReadJob*>& jobs);
 
     /// Brings the first job that is not done further, or waits for it, but no longer than a moment:
@@ -62,8 +61,8 @@ class Readers {
     void release(const ReadJob& job);
 
     /// Drops the jobs that are not done yet: they end with ECANCELED, those under way as soon as
-    /// the library lets go of them. `first` is the one that would be awaited next; may be null.
-    void dropAll(ReadJob* first = nullptr);
+    /// the library lets go of them.
+    void dropAll();
 
   private:
     class Worker;
@@ -77,10 +76,7 @@ class Readers {
     bool begin(ReadJob& job);
     void finish(ReadJob& job, const FileMD5Result& result);
 
-    const unsigned mWorkers;
-    const int64_t mMaxBytes;
     KnownFiles& mKnownFiles;
-    bool mStarted = false;  // whether threads have been asked for
     std::vector<std::thread> mThreads;
     std::mutex mMutex;
     std::condition_variable mWork;      // for the workers: jobs, or room, or the end

@@ -9,7 +9,8 @@
 namespace rux {
 namespace {
 
-constexpr size_t kStep = 1024;  // entries that are read and looked at together
+constexpr size_t kStep = 1024;         // entries that are read and looked at together
+constexpr size_t kMaxEntries = 16384;  // that are read ahead of their turn
 
 }  // namespace
 
@@ -26,8 +27,7 @@ Window::~Window() {
 }
 
 const Entry* Window::next() {
-    const size_t step = std::min(kStep, lookAhead.entries / 2);
-    while (mItems.empty() || mItems.size() + step <= lookAhead.entries) {
+    while (mItems.size() + kStep <= kMaxEntries) {
         if (!refill()) break;
     }
     if (mItems.empty()) return nullptr;
@@ -44,9 +44,8 @@ const Entry* Window::next() {
 /// Looks at some further entries and has their files read, as far as there is room. False when
 /// there is none, or at the end of the walk.
 bool Window::refill() {
-    const size_t most = std::max<size_t>(lookAhead.entries, 1);
-    if (mItems.size() >= most) return false;
-    size_t count = std::min(kStep, most - mItems.size());
+    if (mItems.size() >= kMaxEntries) return false;
+    size_t count = std::min(kStep, kMaxEntries - mItems.size());
     if (mEntries.empty() && !mStream.read(mEntries, count)) return false;
     std::vector<ReadJob*> jobs;
     for (; count > 0 && !mEntries.empty(); --count) {
@@ -108,7 +107,7 @@ void Window::leaveDirectory(size_t depth) {
 }
 
 void Window::dropAll() {
-    mPreparation.readers.dropAll(mItems.empty() ? nullptr : &mItems.front().job);
+    mPreparation.readers.dropAll();
     mItems.clear();
 }
 

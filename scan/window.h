@@ -10,7 +10,6 @@
 #include "scan/entry_stream.h"
 #include "scan/fingerprint.h"
 #include "scan/known_files.h"
-#include "scan/look_ahead.h"
 #include "scan/newcomers.h"
 #include "scan/readers.h"
 
@@ -19,7 +18,7 @@ namespace rux {
 /// What the walks of one request share.
 struct Preparation {
     KnownFiles knownFiles;
-    Readers readers{lookAhead.workers, lookAhead.bytes, knownFiles};
+    Readers readers{knownFiles};
     Newcomers newcomers;
     std::set<std::string> tidied;  // directories that leftovers were removed from
 };

@@ -63,7 +63,7 @@ namespace rux::test {
 namespace {
 
 TEST_F(FileIoTest, CleansUpAfterAKilledCall) {
-    const auto digest = run({"md5sum"}, "", "duplicate").out.substr(0, 32);
+    const auto digest = run("printf duplicate | md5sum").out.substr(0, 32);
     const std::string swap = sandbox.path(".rux-swap-" + digest);
     const std::vector<std::string> clean = {"duplicate", "kept"};
     // Killed before the exchange: the name stands for the kept file.
@@ -147,7 +147,7 @@ TEST_F(FileIoTest, GivesWayToAWriterThatHasNotComeToTheLease) {
         const OpenGuard guard(duplicate);
         if (!guard.works()) GTEST_SKIP() << "needs root";
         faults.atExchange = [&] {
-            writer = std::thread([&] { run({"sh", "-c", "echo late >> " + duplicate}); });
+            writer = std::thread([&] { run("echo late >> " + duplicate); });
             EXPECT_TRUE(waitFor([&guard] { return guard.holds(); }));
         };
         EXPECT_EQ(link(kept, duplicate), EBUSY);
@@ -232,8 +232,10 @@ TEST_F(FileIoTest, SwappedComponentsLeadNowhereElse) {
     const std::string x = sandbox.path("x");
     const std::string y = sandbox.path("y");
     {
-        const Hammer swap(
-                [&] { renameat2(AT_FDCWD, x.c_str(), AT_FDCWD, y.c_str(), RENAME_EXCHANGE); });
+        const std::jthread swap([&](const std::stop_token& isOver) {
+            while (!isOver.stop_requested())
+                renameat2(AT_FDCWD, x.c_str(), AT_FDCWD, y.c_str(), RENAME_EXCHANGE);
+        });
         for (int round = 0; round < 2000; ++round) {
             link(kept, same);
             restore(same);

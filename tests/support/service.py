@@ -52,8 +52,8 @@ def taken_option(name, default):
 class Service:
     """Use as a context: the process is killed and everything removed at its end."""
 
-    def __init__(self, binary):
-        self.binary = binary
+    def __init__(self, binary, ruxctl=None):
+        self.binary, self.ruxctl = binary, ruxctl
         self.base = tempfile.mkdtemp(prefix="rux-")
         self.root, self.tree = self.base + "/root", self.base + "/tree"
         self.space = self.root + "/data/local/zel/s"
@@ -68,13 +68,14 @@ class Service:
 
     def __exit__(self, *_):
         self.kill()
-        shutil.rmtree(self.base, ignore_errors=True)
+        subprocess.run(["rm", "-rf", self.base], check=False)  # trees may be deeper than Python goes
 
-    def start(self):
+    def start(self, *prefix):
+        """Starts the service, with `prefix` before its command, and waits until it answers."""
         environment = {**os.environ, **self.environment, "RUX_ROOT": self.root}
         environment.pop("ANDROID_LOG_TAGS", None)
         with open(self.base + "/log", "ab") as log:
-            self.process = subprocess.Popen([self.binary], env=environment, stderr=log)
+            self.process = subprocess.Popen([*prefix, self.binary], env=environment, stderr=log)
         deadline = time.monotonic() + 30
         while True:
             try:
@@ -153,9 +154,71 @@ class Service:
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.process.pid}/fd"))
 
+    def bytes_read(self):
+        with open(f"/proc/{self.process.pid}/io", encoding="ascii") as counters:
+            return int(counters.readline().split()[1])
+
+    def open_files(self):
+        found = []
+        for name in os.listdir(f"/proc/{self.process.pid}/fd"):
+            with contextlib.suppress(OSError):
+                found.append(os.readlink(f"/proc/{self.process.pid}/fd/{name}"))
+        return found
+
+    def write(self, name, content):
+        """Writes a file of the tree, with its directories; returns its path."""
+        path = f"{self.tree}/{name}"
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "w", encoding="utf-8") as file:
+            file.write(content)
+        return path
+
+    def database(self, name):
+        """What a file of the space "s" holds."""
+        with open(f"{self.space}/{name}", encoding="utf-8") as file:
+            return json.load(file)
+
+    def edit(self, name, value):
+        with open(f"{self.space}/{name}", "w", encoding="utf-8") as file:
+            json.dump(value, file)
+
+    def logged(self, text):
+        """How often the text stands in the log."""
+        with open(self.base + "/log", encoding="utf-8", errors="replace") as file:
+            return file.read().count(text)
+
+    def client(self, *arguments, check=True):
+        return subprocess.run([self.ruxctl, *arguments], env={**os.environ, "RUX_ROOT": self.root}, check=check,
+                              capture_output=True, text=True)
+
+    def property(self, name):
+        return self.client("getprop", name).stdout.rstrip("\n")
+
+    def set_property(self, name, value):
+        self.client("setprop", name, value)
+
     def leftovers(self):
         """Temporary names below the tree."""
         return [name for _, _, names in os.walk(self.tree) for name in names if name.startswith(".rux-")]
+
+
+def wait_for(condition):
+    deadline = time.monotonic() + 30
+    while not condition():
+        assert time.monotonic() < deadline, "it does not come true"
+        time.sleep(0.002)
+
+
+def checks(functions):
+    """Runs the functions whose names begin with "check_", or those of them that the command line names behind the two
+    programs, each with a service of its own."""
+    wanted = sys.argv[3:]
+    for name, function in list(functions.items()):
+        if name.startswith("check_") and (not wanted or name in wanted):
+            print(name, flush=True)
+            with Service(*sys.argv[1:3]) as service:
+                function(service)
+    print("ok")
 
 
 def md5sums(tree):
