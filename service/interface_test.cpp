@@ -1,4 +1,5 @@
-// The order of the interface's virtual functions, and the descriptor that it answers for.
+// What a device sees of the interface: the order of its virtual functions, the descriptor that it
+// answers for, and the trace sections of its methods.
 
 #include "service/RuxNativeService.h"
 
@@ -6,6 +7,32 @@
 
 #include <cstddef>
 #include <cstring>
+#include <string>
+#include <vector>
+
+#include "binder/Parcel.h"
+#include "binder/Trace.h"
+
+namespace {
+
+std::vector<std::string> traced;  // "+NAME" for a section that was opened, "-" for one closed
+
+}  // namespace
+
+// In place of the platform's: this program is linked with these.
+namespace android::binder::os {
+
+void trace_begin(uint64_t tag, const char* name) {
+    EXPECT_EQ(tag, 0x1000000U);
+    traced.push_back(std::string("+") + name);
+}
+
+void trace_end(uint64_t tag) {
+    EXPECT_EQ(tag, 0x1000000U);
+    traced.emplace_back("-");
+}
+
+}  // namespace android::binder::os
 
 namespace {
 
@@ -63,6 +90,34 @@ TEST(InterfaceTest, AnswersForItsDescriptorAlone) {
               static_cast<android::IInterface*>(service.get()));
     for (const char* other : {"tavo.rux.IRu", "tavo.rux.IRux2", "tavo.rux.IRuy", ""})
         EXPECT_EQ(service->queryLocalInterface(String16(other)).get(), nullptr) << other;
+}
+
+TEST(InterfaceTest, RunsEachMethodInsideItsTraceSection) {
+    const auto service = android::sp<RuxNativeService>::make();
+    const char* const methods[] = {"Rux_scanDuplicateFiles",          "Rux_getDuplicateFiles",
+                                   "Rux_compressDuplicateFiles",      "Rux_restoreDuplicateFiles",
+                                   "Rux_forceStopScanDuplicateFiles", "Rux_setRUXExceptRules",
+                                   "Rux_stopCompressDuplicateFiles"};
+    uint32_t code = 0;
+    for (const char* method : methods) {
+        ++code;
+        const std::vector<std::string> section = {std::string("+AIDL::cpp::IRux::") + method +
+                                                          "::cppServer",
+                                                  "-"};
+        for (const bool hasText : {true, false}) {  // without, most end before their method
+            android::Parcel request;
+            android::Parcel reply;
+            request.writeInterfaceToken(String16("tavo.rux.IRux"));
+            if (hasText && code != 5 && code != 7) request.writeUtf8AsUtf16(std::string("{"));
+            traced.clear();
+            EXPECT_EQ(service->transact(code, request, &reply), android::OK);
+            EXPECT_EQ(traced, section);
+        }
+        traced.clear();
+        android::Parcel reply;
+        EXPECT_EQ(service->transact(code, android::Parcel(), &reply), android::BAD_TYPE);
+        EXPECT_TRUE(traced.empty());
+    }
 }
 
 }  // namespace
