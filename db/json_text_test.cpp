@@ -2,72 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
-#include <vector>
-
-#include "db/json_writer.h"
 #include "db/space.h"
 
 namespace rux {
 namespace {
-
-/// A value of any kind, with others in it.
-Json::Value anyValue(std::mt19937& random, int depth) {
-    const auto text = [&random] {
-        constexpr std::string_view kPieces[] = {"a",    "/",    "\"",   "\\",       "\n", "\x01",
-                                                "\x7f", "\xc3", "\xa9", "\xc3\xa9", "😀",  "b b"};
-        std::string made;
-        for (size_t i = random() % 6; i > 0; --i) made += kPieces[random() % std::size(kPieces)];
-        return made + (random() % 20 == 0 ? std::string(1, '\0') : "");
-    };
-    Json::Value value;
-    switch (random() % (depth > 0 ? 9 : 7)) {
-        case 0:
-            return value;
-        case 1:
-            return random() % 2 == 0;
-        case 2:
-            return Json::Int64(random()) * (random() % 2 == 0 ? 1 : -0x1234567);
-        case 3:
-            return Json::Value(Json::LargestUInt(-1) - random());
-        case 4:
-            return static_cast<double>(random()) / 1e3;
-        case 5:
-            return Json::Value(Json::LargestInt(INT64_MIN));
-        case 6:
-            return text();
-        case 7:
-            value = Json::Value(Json::arrayValue);
-            for (size_t i = random() % 5; i > 0; --i) value.append(anyValue(random, depth - 1));
-            return value;
-        default:
-            value = Json::Value(Json::objectValue);
-            for (size_t i = random() % 5; i > 0; --i) value[text()] = anyValue(random, depth - 1);
-            return value;
-    }
-}
-
-TEST(JsonTextTest, WritesWhatTheLibraryWouldWrite) {
-    std::mt19937 random(7);
-    for (int round = 0; round < 2000; ++round) {
-        const Json::Value value = anyValue(random, 4);
-        std::string text;
-        writeJson(value, [&text](std::string_view piece) { text += piece; });
-        ASSERT_EQ(text, Json::FastWriter().write(value));
-    }
-    // In pieces of one size, whatever lies across their bounds.
-    Json::Value large(Json::arrayValue);
-    for (int i = 0; i < 3; ++i)
-        large.append(std::string(kPieceBytes - 3 + static_cast<size_t>(i), 'x'));
-    std::vector<size_t> sizes;
-    std::string text;
-    writeJson(large, [&](std::string_view piece) {
-        sizes.push_back(piece.size());
-        text += piece;
-    });
-    EXPECT_EQ(text, Json::FastWriter().write(large));
-    for (size_t i = 0; i + 1 < sizes.size(); ++i) EXPECT_EQ(sizes[i], kPieceBytes);
-}
 
 TEST(JsonTextTest, NestingStopsShortOfTheLibrarysOwnLimit) {
     Json::Value value;

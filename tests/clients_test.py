@@ -61,8 +61,8 @@ def log(service):
         return file.read()
 
 
-def start_another(rux, root):
-    return subprocess.run([rux], env={**os.environ, "RUX_ROOT": root}, capture_output=True, text=True, check=False)
+def start_another(rux, root, **environment):
+    return subprocess.run([rux], env={**os.environ, "RUX_ROOT": root, **environment}, capture_output=True, text=True, check=False)
 
 
 def check_start(service, rux):
@@ -74,6 +74,9 @@ def check_start(service, rux):
     assert second.returncode == 255 and " E rux     : main:" in second.stderr, second
     assert second.stderr.endswith(": Couldn't register rux binder service!\n"), second
     assert not os.listdir(service.root + "/data/local/zel")
+    for tags, priorities in (("rux:E", "E"), ("*:E", "E"), ("rux:D *:S", "DE"), ("*:S rux:E", "E"), ("*:S", ""), ("*:V", "DE")):
+        lines = start_another(rux, service.root, ANDROID_LOG_TAGS=tags).stderr.splitlines()
+        assert [line.split()[4] for line in lines] == list(priorities), (tags, lines)
     service.kill()
     service.start()  # takes over what the killed one left
     os.makedirs(service.base + "/other")
@@ -115,6 +118,8 @@ def check_bytes(service):
     for code in (b"GNP_", b"PMD_", b"DMC_"):
         expect(int.from_bytes(code, "little"), b"", 0)
     expect(int.from_bytes(b"FTN_", "little"), b"", 0, string16("tavo.rux.IRux"))
+    service.call(SCAN, service.rule(regs=["(\nforged"]))
+    assert "invalid pattern (\\x0aforged" in log(service), "each line stays one"
 
 
 def check_silent_and_unfinished_clients(service):

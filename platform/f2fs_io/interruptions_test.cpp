@@ -10,7 +10,6 @@
 #include <utility>
 
 #include "tests/support/file_io.h"
-#include "tests/support/open_guard.h"
 
 void removeLeftovers(const char* directory);
 
@@ -139,23 +138,6 @@ TEST_F(FileIoTest, GivesWayToAWriterThatComesWhileBytesAreCompared) {
     }
     for (const std::string& path : {kept, duplicate}) ASSERT_EQ(truncate(path.c_str(), 300000), 0);
     EXPECT_EQ(link(kept, duplicate), 0);
-}
-
-TEST_F(FileIoTest, GivesWayToAWriterThatHasNotComeToTheLease) {
-    std::thread writer;
-    {
-        const OpenGuard guard(duplicate);
-        if (!guard.works()) GTEST_SKIP() << "needs root";
-        faults.atExchange = [&] {
-            writer = std::thread([&] { run("echo late >> " + duplicate); });
-            EXPECT_TRUE(waitFor([&guard] { return guard.holds(); }));
-        };
-        EXPECT_EQ(link(kept, duplicate), EBUSY);
-        std::this_thread::sleep_for(std::chrono::milliseconds(40));
-    }
-    writer.join();
-    EXPECT_EQ(readFile(duplicate), std::string(300000, 'k') + "late\n");
-    EXPECT_EQ(readFile(kept), std::string(300000, 'k'));
 }
 
 TEST_F(FileIoTest, NoFaultTakesTheNameFromAWriter) {
