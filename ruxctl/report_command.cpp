@@ -38,28 +38,35 @@ void add(Directory& root, const std::string& path, int64_t reclaimable, int64_t 
     }
 }
 
-/// Divides directories with a large share of the whole, so that the page shows where it is.
-void divide(const Directory& directory, const std::string& path, int64_t whole,
-            std::vector<DirectoryShare>& shares) {
-    DirectoryShare own = {path.empty() ? "/" : path, directory.reclaimable, directory.given};
-    if (directory.bytes() > whole / kFewestParts) {
-        for (const auto& [name, child] : directory.below) {
-            if (child.bytes() == 0) continue;
-            own.reclaimable -= child.reclaimable;
-            own.given -= child.given;
-            divide(child, path + "/" + name, whole, shares);
-        }
+/// What the page shows of a directory: its parts are told as long as they are a large share of the
+/// whole, its own files as one more. One that holds nothing but another one is not shown.
+DirectoryShare shareOf(const Directory& directory, const std::string& path, int64_t whole) {
+    DirectoryShare share = {path.empty() ? "/" : path, directory.reclaimable, directory.given, {}};
+    if (directory.bytes() <= whole / kFewestParts) return share;
+    DirectoryShare own = {path + "/*", directory.reclaimable, directory.given, {}};
+    for (const auto& [name, child] : directory.below) {
+        if (child.bytes() == 0) continue;
+        if (child.bytes() == directory.bytes()) return shareOf(child, path + "/" + name, whole);
+        share.parts.push_back(shareOf(child, path + "/" + name, whole));
+        own.reclaimable -= child.reclaimable;
+        own.given -= child.given;
     }
-    if (own.bytes() > 0) shares.push_back(own);
+    if (own.bytes() > 0 && !share.parts.empty()) share.parts.push_back(own);
+    std::stable_sort(share.parts.begin(), share.parts.end(),
+                     [](const DirectoryShare& a, const DirectoryShare& b) {
+                         return a.bytes() > b.bytes();
+                     });
+    return share;
 }
 
 Report reportOn(const std::vector<std::string>& chosen) {
     Report report;
     Directory root;
-    for (const std::string& spaceId : chosen) report.spaces.push_back(lookAt(spaceId));
+    std::map<std::string, SpaceShare> spaces;
+    for (const std::string& spaceId : chosen) spaces[spaceId].space = lookAt(spaceId);
     for (Group& group : groupsOf(chosen, Which::All)) {
-        report.reclaimable += group.reclaimable;
-        report.given += group.given;
+        spaces[group.spaceId].reclaimable += group.reclaimable;
+        spaces[group.spaceId].given += group.given;
         // All paths of a group have an equal part in it.
         const int64_t present = group.present();
         for (const Member& member : group.members) {
@@ -68,15 +75,12 @@ Report reportOn(const std::vector<std::string>& chosen) {
         }
         if (group.reclaimable + group.given > 0) report.groups.push_back(std::move(group));
     }
+    for (auto& [spaceId, share] : spaces) report.spaces.push_back(std::move(share));
     std::stable_sort(report.groups.begin(), report.groups.end(),
                      [](const Group& a, const Group& b) {
                          return a.reclaimable + a.given > b.reclaimable + b.given;
                      });
-    divide(root, "", root.bytes(), report.directories);
-    std::stable_sort(report.directories.begin(), report.directories.end(),
-                     [](const DirectoryShare& a, const DirectoryShare& b) {
-                         return a.bytes() > b.bytes();
-                     });
+    report.root = shareOf(root, "", root.bytes());
     return report;
 }
 

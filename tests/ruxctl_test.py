@@ -231,9 +231,9 @@ class Page(html.parser.HTMLParser):
         assert not self.open, self.open
 
     def handle_starttag(self, tag, attributes):
-        assert tag not in ("script", "img", "iframe", "link") and not {"src", "href"} & {name for name, _ in attributes}
-        self.cells += "--part" in (dict(attributes).get("style") or "")
-        if tag not in ("meta", "br"):
+        assert tag not in ("img", "iframe", "link") and not {"src", "href"} & {name for name, _ in attributes}
+        self.cells += dict(attributes).get("class") == "cell"
+        if tag not in ("meta", "br", "input"):
             self.open.append(tag)
 
     def handle_endtag(self, tag):
