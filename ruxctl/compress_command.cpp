@@ -17,7 +17,7 @@
 namespace ruxctl {
 namespace {
 
-constexpr size_t kShown = 3;  // of the largest groups
+constexpr size_t kShown = 3;  // of the largest groups, and of exceptions
 
 void printSkipped(const std::vector<Group>& groups) {
     for (const Group& group : groups) {
@@ -65,12 +65,12 @@ void describe(std::vector<Group> groups, const std::vector<std::string>& spaceId
                   << shown(group.kept()->path, STDERR_FILENO) << "\n";
     }
     const std::vector<std::string> excepted = exceptions(groups);
-    for (const std::string& path : excepted)
-        std::cerr << "  " << shown(path, STDERR_FILENO) << " matches an exception\n";
+    for (size_t i = 0; i < std::min(excepted.size(), kShown); ++i)
+        std::cerr << "  " << shown(excepted[i], STDERR_FILENO) << " matches an exception\n";
     if (!excepted.empty()) {
-        std::cerr
-                << "Exceptions keep files out of later scans. Files recorded before stay in until "
-                   "`ruxctl scan --fresh`.\n";
+        std::cerr << counted(static_cast<int64_t>(excepted.size()), "file")
+                  << " in all, recorded before the exception was set; a scan with --fresh leaves "
+                     "such files out\n";
     }
     if (const int64_t skipped = count(groups, Step::Skip); skipped > 0) {
         std::cerr << counted(skipped, "file") << " will be left alone; --dry-run says why\n";

@@ -8,6 +8,7 @@
 #include <iostream>
 
 #include "db/database_root.h"
+#include "root/run_dir.h"
 #include "ruxctl/database.h"
 #include "ruxctl/operation.h"
 #include "ruxctl/units.h"
@@ -37,17 +38,25 @@ int fail(const Failure& failure) {
     return failure.exit;
 }
 
+std::optional<Failure> rootProblem() {
+    for (const std::string& directory : {rux::databaseRoot(), android::host::runDirectory()}) {
+        if (access(directory.c_str(), R_OK | X_OK) == 0) continue;
+        if (errno == EACCES) {
+            return Failure{kNoService, directory + ": " + strerror(errno) +
+                                               "; this takes the service's rights"};
+        }
+        if (directory == rux::databaseRoot())
+            return Failure{kNoService, directory + ": " + strerror(errno) + "; make it"};
+    }
+    return std::nullopt;
+}
+
 int noService() {
+    if (const auto problem = rootProblem(); problem) return fail(*problem);
     const char* root = getenv("RUX_ROOT");
     const std::string where = root != nullptr && *root != '\0'
                                       ? std::string(" for RUX_ROOT=") + root
                                       : " (RUX_ROOT is not set)";
-    if (access(rux::databaseRoot().c_str(), R_OK | X_OK) != 0) {
-        return fail(
-                {kNoService, rux::databaseRoot() + ": " + strerror(errno) +
-                                     (errno == ENOENT ? "; make it, and start the service: rux &"
-                                                      : "; this takes the service's rights")});
-    }
     return fail({kNoService, "no service answers" + where +
                                      "; start it with `rux &`, or `systemctl start rux` where it "
                                      "is installed"});

@@ -13,6 +13,8 @@ namespace ruxctl {
 /// Says what went wrong. Returns the exit status for it.
 int fail(const Failure& failure);
 int noService();
+/// Why the service's directories cannot be used: not there, or for others alone.
+std::optional<Failure> rootProblem();
 int noSpace(const std::string& spaceId);
 int nobodyToAsk();
 /// For a client that is to show spaces and finds none.

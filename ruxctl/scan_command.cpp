@@ -123,6 +123,7 @@ int scan(const ScanOptions& options) {
     line.clear();
     if (outcome.failure) return fail(*outcome.failure);
     if (!exists(query.spaceId)) {
+        if (const auto problem = rootProblem(); problem) return fail({kFailed, problem->message});
         return fail({kFailed, "the service could not use the space " + query.spaceId +
                                       "; its log says why"});
     }

@@ -40,7 +40,7 @@ int status() {
     if (client) running += ", holds " + humanBytes(client->memory());
     std::cout << "service: "
               << (client ? inked(Ink::Good, "running") + ", " + running
-                         : inked(Ink::Bad, "not running"))
+                         : inked(Ink::Bad, "no answer"))
               << "\n";
     std::vector<std::vector<std::string>> rows = {
             {"SPACE", "FILES", "CONTENTS", "LINKED", "DATABASE", "CHANGED"}};

@@ -95,8 +95,8 @@ std::string progress(int64_t done, int64_t all, double seconds,
     std::string line = "[" + std::string(filled, '#') + std::string(width - filled, '-') + "] " +
                        amount(done) + " of " + amount(all);
     if (part > 0 && seconds > 0) {
-        line += ", " + amount(static_cast<int64_t>(static_cast<double>(done) / seconds)) + "/s, " +
-                duration(seconds / part - seconds) + " left";
+        line += ", " + amount(static_cast<int64_t>(static_cast<double>(done) / seconds)) +
+                "/s, about " + duration(seconds / part - seconds) + " left";
     }
     return line;
 }

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Who may include what. The service knows the platform by its public headers alone, operations know
 # nothing of each other, the client knows of the service how its database files lie on disk and of the
-# platform what linking asks beforehand, and the platform knows nothing of it but where.
+# platform what linking asks beforehand and where its sockets are, and the platform knows nothing of it but where.
 set -u
 cd "${1:?usage: layering_test.sh SOURCE_DIR}" || exit 2
 
@@ -48,7 +48,7 @@ check dup dup/ $shared
 check compress compress/ $shared
 # shellcheck disable=SC2086
 check service service/ scan/ dup/ compress/ $shared
-check ruxctl ruxctl/ db/database_root.h db/files.h db/journal.h f2fs_io/hard_link.h
+check ruxctl ruxctl/ db/database_root.h db/files.h db/journal.h f2fs_io/hard_link.h root/run_dir.h
 for folder in platform/*/; do
     # Its own folders stand for what its headers are made of.
     check "$folder" binder/ f2fs_io/ log/ properties/ root/ utils/
