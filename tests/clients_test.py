@@ -17,7 +17,7 @@ import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from support.service import COMPRESS, EXCEPT, LIST, REPLY_MAGIC, REQUEST_MAGIC, RESTORE, SCAN, STOP_COMPRESS, \
-    STOP_SCAN, TOKEN, Service, string16  # noqa: E402
+    STOP_SCAN, TOKEN, Service, string16, wait_for  # noqa: E402
 
 SLOW = "slow" in sys.argv  # under a sanitizer or an emulator, which also keep more memory
 WITH_TEXT, WITHOUT_TEXT = (SCAN, LIST, COMPRESS, RESTORE, EXCEPT), (STOP_SCAN, STOP_COMPRESS)
@@ -41,13 +41,6 @@ def send(connection, data):
     connection.setblocking(False)
     with contextlib.suppress(BlockingIOError, ConnectionError):
         connection.send(data)
-
-
-def expect_soon(condition):
-    deadline = time.monotonic() + 30
-    while not condition():
-        assert time.monotonic() < deadline
-        time.sleep(0.002)
 
 
 def expect_honest_client_is_served(service):
@@ -137,9 +130,9 @@ def check_silent_and_unfinished_clients(service):
     assert service.resident_kib() < memory + allowance
     for connection in clients:
         connection.close()
-    expect_soon(lambda: service.descriptors() <= descriptors)
+    wait_for(lambda: service.descriptors() <= descriptors)
     # The allocator gives memory back when it has not been used for a second.
-    expect_soon(lambda: service.resident_kib() < memory + allowance // 8)
+    wait_for(lambda: service.resident_kib() < memory + allowance // 8)
 
 
 def check_clients_that_send_no_frames(service):
@@ -173,7 +166,7 @@ def check_clients_that_do_not_wait(service):
     # The call of a client that died is carried out all the same; this one is never refused.
     with service.connect() as connection:
         send(connection, request(EXCEPT, '["from the grave"]'))
-    expect_soon(lambda: os.path.exists(rules) and os.path.getsize(rules) > 0)
+    wait_for(lambda: os.path.exists(rules) and os.path.getsize(rules) > 0)
     for connection in deaf:
         connection.close()
     # A one-way request has no reply: what comes is that of the next.

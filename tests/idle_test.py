@@ -25,8 +25,7 @@ SERVICES, PAIRS = 20, 50
 def prepared(rux, files):
     with Service(rux) as service:
         for number in range(files):
-            with open(f"{service.tree}/{number}", "w", encoding="ascii") as file:
-                file.write(f"content {number // 2}")
+            service.write(str(number), f"content {number // 2}")
         service.scan()
         yield service
 
@@ -51,8 +50,7 @@ def request_at(rux, moment, step, times):
         start = time.monotonic()
         if step == "scan":
             service.scan()
-            with open(f"{service.space}/RUXFileInfo.json", encoding="utf-8") as records:
-                assert len(json.load(records)) == 2 * PAIRS
+            assert len(service.database("RUXFileInfo.json")) == 2 * PAIRS
         elif step == "list":
             page = json.loads(service.call(LIST, service.rule()))
             assert page["s"]["gCount"] == PAIRS, page

@@ -64,14 +64,6 @@ class Client:
         return shown.decode(), os.waitstatus_to_exitcode(os.waitpid(process, 0)[1])
 
 
-def write(service, name, content):
-    path = f"{service.tree}/{name}"
-    os.makedirs(os.path.dirname(path), exist_ok=True)
-    with open(path, "w", encoding="utf-8") as file:
-        file.write(content)
-    return path
-
-
 def inodes(*paths):
     return len({os.stat(path).st_ino for path in paths})
 
@@ -81,9 +73,9 @@ def check_tables_and_formats(client, service):
         assert "ruxctl scan --space" in client(*command) + client.said
     client("stop", "scan")
     assert client.said == "Nothing is running\n" and client("getprop", "sys.ruxservice.stop_scan") != "true\n"
-    a = [write(service, name, "a" * 10000) for name in ("a0", "a1", "<i>&/a2")]
-    odd = [write(service, name, "b" * 2000) for name in ('b,"1', "b \u00fc\n\x1b[K")]
-    write(service, "alone", "c")
+    a = [service.write(name, "a" * 10000) for name in ("a0", "a1", "<i>&/a2")]
+    odd = [service.write(name, "b" * 2000) for name in ('b,"1', "b \u00fc\n\x1b[K")]
+    service.write("alone", "c")
     printed = client("scan", "--space", "s", service.tree)
     assert re.match(r"6 files recorded, 6 of them new, in \d+\.\d s\n", printed), printed
     assert "6 files recorded, 0 of them new" in client("scan", "--space", "s", service.tree)
@@ -140,7 +132,7 @@ def check_compression_and_restore(client, service, a, odd):
                 json.loads(client("groups", "--all", "--space", "s", "--json")) for member in group["members"]}
 
     os.remove(a[2])
-    write(service, "other", "b")
+    service.write("other", "b")
     os.rename(f"{service.tree}/other", odd[1])
     assert states() == {a[0]: "linked", a[1]: "linked", a[2]: "gone", odd[0]: "there", odd[1]: "changed"}, states()
     client("restore", "--space", "s", status=2)
