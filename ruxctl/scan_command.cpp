@@ -11,6 +11,7 @@
 #include "db/files.h"
 #include "ruxctl/commands.h"
 #include "ruxctl/database.h"
+#include "ruxctl/json.h"
 #include "ruxctl/messages.h"
 #include "ruxctl/operation.h"
 #include "ruxctl/paths.h"
@@ -35,20 +36,36 @@ void takeGlobs(const ScanOptions& options, std::vector<std::string>& patterns) {
     for (std::string& pattern : patterns) pattern = "(?!(?:" + excluded + ")$)(?:" + pattern + ")";
 }
 
-/// Linked files that a scan of the places would not find again.
-int64_t linkedElsewhere(const SpaceQuery& query) {
+/// Linked files that such a scan would not find again.
+int64_t linkedElsewhere(const SpaceQuery& query, uint64_t leastBytes) {
+    const PathPatterns patterns(query.patterns);
     const Json::Value linked = imagesOf(query.spaceId, false).compressed;
     int64_t paths = 0;
     for (const Json::Value& group : linked) {
         if (!group.isObject() || !group["f_list"].isArray()) continue;
+        const bool isSmall = static_cast<uint64_t>(numberOf(group, "f_size")) < leastBytes;
         for (const Json::Value& path : group["f_list"]) {
             const std::string text = path.isString() ? path.asString() : "";
-            paths += std::none_of(query.places.begin(), query.places.end(), [&](const auto& place) {
+            const auto isAt = [&text](const std::string& place) {
                 return text == place || text.starts_with(place == "/" ? place : place + "/");
-            });
+            };
+            const bool isMet = !isSmall && patterns.match(text) &&
+                               std::any_of(query.places.begin(), query.places.end(), isAt);
+            paths += isMet ? 0 : 1;
         }
     }
     return paths;
+}
+
+/// Says how many files the space has from before that such a scan would leave out.
+void sayWhatStaysIn(const SpaceQuery& query) {
+    const PathPatterns patterns(query.patterns);
+    const auto paths = recordedPaths(query.spaceId);
+    const int64_t others = std::count_if(paths.begin(), paths.end(),
+                                         [&](const auto& path) { return !patterns.match(path); });
+    if (others == 0) return;
+    std::cerr << counted(others, "file") << " recorded before that this scan would leave out "
+              << (others == 1 ? "is" : "are") << " still in the space; --fresh leaves them out\n";
 }
 
 /// The places in portions that a request can hold.
@@ -89,7 +106,8 @@ int scan(const ScanOptions& options) {
     const auto client = Client::connect();
     if (!client) return noService();
     if (options.fresh && exists(query.spaceId)) {
-        if (const int64_t paths = linkedElsewhere(query); paths > 0 && !options.force) {
+        if (const int64_t paths = linkedElsewhere(query, options.leastBytes);
+            paths > 0 && !options.force) {
             return fail({kFailed, counted(paths, "linked file") +
                                           " of the space would not be met, and the next link could "
                                           "forget how to restore them; scan all of its "
@@ -143,17 +161,23 @@ int scan(const ScanOptions& options) {
                 std::cerr << "  " << shown(path, STDERR_FILENO) << ": " << reason << "\n";
         }
     }
+    if (before > 0) sayWhatStaysIn(query);
     if (!options.quiet) sayWhatIsSetAside({query.spaceId});
     return kDone;
 }
 
 int dedupe(ScanOptions options, CompressOptions then) {
-    // A space of these directories, the same for the same ones.
+    // A space of its own for these directories and what is left out of them, so that nothing comes
+    // along from another scan.
     std::vector<std::string> places;
     for (const std::string& place : options.query.places) places.push_back(absolutePath(place));
     std::sort(places.begin(), places.end());
     rux::TextStamp stamp;
-    for (const std::string& place : places) stamp.add(place + '\n');
+    for (const auto& texts : {places, options.query.patterns, options.included, options.excluded}) {
+        for (const std::string& text : texts) stamp.add(text + '\n');
+        stamp.add("\n");
+    }
+    stamp.add(std::to_string(options.leastBytes));
     char hash[16];
     snprintf(hash, sizeof(hash), "-%08x", static_cast<unsigned>(stamp.hash));
     options.query.spaceId = fs::path(places.front()).filename().string().substr(0, 100) + hash;
