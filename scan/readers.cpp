@@ -189,8 +189,7 @@ void Readers::startThreads() {
 /// With the lock held.
 bool Readers::hasWork() const {
     if (mQueue.empty()) return false;
-    const int64_t bytes = mBytes;
-    return bytes == 0 || bytes < kMaxBytes || !mQueue.front()->wantsDigest;
+    return mBytes < kMaxBytes || !mQueue.front()->wantsDigest;
 }
 
 /// Out of the batch, whose buffers are not held for nothing. False at the end.

@@ -108,7 +108,11 @@ def check_full_and_read_only_disk_under_the_files(service):
         assert service.compress() == "1,1048576"
 
         service.write("disk/filler", "f" * (3 << 19))
-        assert service.restore() == 1048576 and service.logged("restoreLinkFile fail, error code 28") == 2
+        refused = service.client("restore", "--yes", "--space", "s", check=False)
+        assert refused.returncode == 1 and "1.0 MiB are needed" in refused.stderr, refused
+        tried = service.client("restore", "--yes", "--force", "--space", "s", check=False)
+        assert tried.returncode == 1 and "0 B taken up again" in tried.stdout and f"linked  {a}\n" in tried.stdout, tried
+        assert service.logged("restoreLinkFile fail, error code 28") == 2
         assert os.path.samefile(a, b) and md5sums(disk)[a] == hashlib.md5(content.encode()).hexdigest()
         assert names(disk) == ["a", "b", "filler"]
 
@@ -219,6 +223,8 @@ def check_a_link_that_is_undone_does_not_count(service):
 
 @for_root
 def check_a_scan_prepares_no_more_than_it_may(service):
+    if os.cpu_count() == 1:
+        return print("skipped: the one reader waits")
     paths = [service.write(str(i), "x" * 1000) for i in range(20000)]
     first = next(os.scandir(service.tree)).path  # whose turn comes first
     scan = threading.Thread(target=service.scan)
@@ -226,12 +232,13 @@ def check_a_scan_prepares_no_more_than_it_may(service):
     with OpenGuard(first):
         scan.start()
         read = []
-        while len(read) < 20 or read[-1] != read[-20]:
+        while len(read) < 20 or read[-1] != read[-20] or read[-1] < 1000 * 1000:
             time.sleep(0.05)
             read.append(service.bytes_read() - before)
-        assert 8000 * 1000 < read[-1] < 17000 * 1000, read[-1]
+        assert read[-1] < 17000 * 1000, read[-1]
     scan.join()
     assert len(service.database(RECORDS)) == len(paths)
+    return None
 
 
 def check_what_a_kill_left_is_tidied_up_wherever_it_works_next(service):

@@ -78,7 +78,7 @@ def check_tables_and_formats(client, service):
     service.write("alone", "c")
     printed = client("scan", "--space", "s", service.tree)
     assert re.match(r"6 files recorded, 6 of them new, in \d+\.\d s\n", printed), printed
-    assert "6 files recorded, 0 of them new" in client("scan", "--space", "s", service.tree)
+    assert "6 files recorded, 0 of them new" in client("scan", "--space", "s", service.tree + "/../tree//")
     client("scan", "--space", "t", a[0], a[1])
 
     blocks = os.stat(a[0]).st_blocks * 512, os.stat(odd[0]).st_blocks * 512
@@ -184,6 +184,8 @@ def check_figures(client, service):
     figure = re.search(r"linked in .*, ([\d.]+ [KM]iB) given back", shown).group(1)
     assert f"giving back {figure}; nothing" in text, (figure, text)
     assert {skip["path"].rsplit("/", 1)[1] for skip in plan["skipped"]} == {"three", "busy"}, plan
+    assert "  linked   " + tree + "/pointer\n" in client("groups", "--all", "--space", space)
+    assert "Forget" in client.on_terminal("forget", "--force", space, answer=b"n")[0] and space in client("status")
     client("forget", "--yes", space, status=1)
     assert "would lose their undo" in client.said
     # A file that has changed is linked again after a fresh scan.
@@ -201,6 +203,8 @@ def check_figures(client, service):
     with open(tree + "/one", "ab"):
         printed = client("restore", "--yes", "--space", space, status=1)
         assert f"linked  {tree}/one\n" in printed and "ruxctl scan --fresh" in client.said, (printed, client.said)
+    client("list")
+    assert f"In {space} " in client.said and "ruxctl scan --fresh" in client.said, client.said
     client("dedupe", "--yes", "--fresh", *places)
     client("restore", "--yes", "--space", space)
     assert inodes(tree + "/one", tree + "/two", tree + "/three", tree + "/d/three-too") == 4
