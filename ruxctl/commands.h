@@ -31,7 +31,7 @@ int scan(const ScanOptions& options);
 
 struct ListOptions {
     std::vector<std::string> spaceIds;  ///< none: all
-    std::vector<std::string> patterns = {"[\\s\\S]*"};
+    std::vector<std::string> patterns;  ///< none: all paths
     bool json = false;
     bool bytes = false;  ///< exact numbers in place of human ones
 };

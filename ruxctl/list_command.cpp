@@ -48,7 +48,9 @@ int list(const ListOptions& options) {
     }
     Sums total;
     for (const Group& group : groupsOf(chosen, Which::ToCompress)) {
-        const auto matches = [&](const Member& member) { return patterns.match(member.path); };
+        const auto matches = [&](const Member& member) {
+            return options.patterns.empty() || patterns.match(member.path);
+        };
         if (group.count(Step::Link) == 0 ||
             std::none_of(group.members.begin(), group.members.end(), matches)) {
             continue;

@@ -28,6 +28,9 @@ class PathPatterns {
     std::optional<std::string> mProblem;
 };
 
+/// The patterns that match all: ".*" is quick to decide, but leaves out names with line breaks.
+inline const std::vector<std::string> kAllPaths = {".*", "[\\s\\S]*"};
+
 /// The pattern of the paths that a shell pattern (glob(7), without ranges) describes: of whole
 /// paths when it begins with "/", else of the last part and all that is below.
 std::string patternOfGlob(const std::string& glob);

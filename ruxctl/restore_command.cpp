@@ -30,7 +30,8 @@ std::vector<Group> selected(const SpaceQuery& query, const PathPatterns& pattern
                 return path.find(text) != std::string::npos;
             });
         };
-        return !anyPath([&](const std::string& path) { return patterns.match(path); }) ||
+        const auto isMatch = [&](const std::string& path) { return patterns.match(path); };
+        return !(query.patterns.empty() || anyPath(isMatch)) ||
                !(query.places.empty() || anyPath(isUnder));
     });
     return groups;
@@ -64,7 +65,6 @@ std::string missingRoom(const std::vector<Group>& groups) {
 
 int restore(const RestoreOptions& options) {
     SpaceQuery query = options.query;
-    if (query.patterns.empty()) query.patterns = {".*", "[\\s\\S]*"};
     const PathPatterns patterns(query.patterns);
     if (patterns.problem()) return fail({kUsage, *patterns.problem()});
     const auto client = Client::connect();
@@ -75,6 +75,7 @@ int restore(const RestoreOptions& options) {
         std::cerr << "No linked files match; nothing has been changed\n";
         return kDone;
     }
+    if (query.patterns.empty()) query.patterns = kAllPaths;
     int64_t files = 0;
     for (const Group& group : groups) files += static_cast<int64_t>(group.members.size());
     const int64_t needed = takenUpByRestore(groups);

@@ -30,8 +30,7 @@ void takeGlobs(const ScanOptions& options, std::vector<std::string>& patterns) {
     for (const std::string& glob : options.excluded)
         excluded += (excluded.empty() ? "" : "|") + patternOfGlob(glob);
     for (const std::string& glob : options.included) patterns.push_back(patternOfGlob(glob));
-    // ".*" is quick to decide, but leaves out names with line breaks.
-    if (patterns.empty()) patterns = {".*", "[\\s\\S]*"};
+    if (patterns.empty()) patterns = kAllPaths;
     if (excluded.empty()) return;
     for (std::string& pattern : patterns) pattern = "(?!(?:" + excluded + ")$)(?:" + pattern + ")";
 }
@@ -161,7 +160,9 @@ int scan(const ScanOptions& options) {
                 std::cerr << "  " << shown(path, STDERR_FILENO) << ": " << reason << "\n";
         }
     }
-    if (before > 0) sayWhatStaysIn(query);
+    const bool leavesOut = !options.query.patterns.empty() || !options.included.empty() ||
+                           !options.excluded.empty();
+    if (before > 0 && leavesOut) sayWhatStaysIn(query);
     if (!options.quiet) sayWhatIsSetAside({query.spaceId});
     return kDone;
 }

@@ -111,6 +111,10 @@ def main():
         # A short run is still warming up; what it shows is no more than that nothing runs away.
         assert late < 1.1 * early + (1024 if seconds >= 300 else 32768), (early, late)
         assert service.descriptors() <= min(descriptors) + 1, descriptors
+        if seconds >= 300:
+            time.sleep(15)
+            print(f"{service.resident_kib()} KiB when idle")
+            assert service.resident_kib() < 24 << 10
         for path, content in truth.items():
             with open(path, "rb") as file:
                 assert file.read() == content, path
