@@ -225,7 +225,8 @@ int64_t checkLinks(std::vector<Group>& groups) {
             }
             const int error = checkHardLink(kept->path.c_str(), member.path.c_str(), true);
             member.step = Step::Skip;
-            member.reason = error == 0 ? "in use, or not reached" : reasonFor(error);
+            member.reason =
+                    error == 0 ? "refused by the service, whose log says why" : reasonFor(error);
         }
     }
     return freed;

@@ -81,10 +81,10 @@ void sayWhatIsSetAside(const std::vector<std::string>& spaceIds) {
     for (const std::string& spaceId : spaceIds) {
         const int64_t setAside = lookAt(spaceId).setAside;
         if (setAside == 0) continue;
-        std::cerr << "In " << spaceId << " "
-                  << counted(setAside, "group or file", "groups and files")
-                  << " had changed or were restored. To have them looked at again: ruxctl scan "
-                     "--fresh --space "
+        std::cerr << "In " << spaceId << ": "
+                  << counted(setAside, "changed group or restored file",
+                             "changed groups or restored files")
+                  << " left alone; to have them looked at again: ruxctl scan --fresh --space "
                   << spaceId << " DIR\n";
     }
 }

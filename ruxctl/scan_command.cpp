@@ -1,6 +1,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -181,7 +182,11 @@ int dedupe(ScanOptions options, CompressOptions then) {
     stamp.add(std::to_string(options.leastBytes));
     char hash[16];
     snprintf(hash, sizeof(hash), "-%08x", static_cast<unsigned>(stamp.hash));
-    options.query.spaceId = fs::path(places.front()).filename().string().substr(0, 100) + hash;
+    std::string name = fs::path(places.front()).filename().string().substr(0, 100);
+    for (char& c : name) {  // so that it needs no quotes
+        if (isalnum(static_cast<unsigned char>(c)) == 0) c = '_';
+    }
+    options.query.spaceId = (name.empty() ? "root" : name) + hash;
     options.quiet = true;
     if (const int exit = scan(options); exit != kDone) return exit;
     then.spaceIds = {options.query.spaceId};

@@ -204,7 +204,7 @@ def check_figures(client, service):
         printed = client("restore", "--yes", "--space", space, status=1)
         assert f"linked  {tree}/one\n" in printed and "ruxctl scan --fresh" in client.said, (printed, client.said)
     client("list")
-    assert f"In {space} " in client.said and "ruxctl scan --fresh" in client.said, client.said
+    assert f"In {space}: " in client.said and "ruxctl scan --fresh" in client.said, client.said
     client("dedupe", "--yes", "--fresh", *places)
     client("restore", "--yes", "--space", space)
     assert inodes(tree + "/one", tree + "/two", tree + "/three", tree + "/d/three-too") == 4
