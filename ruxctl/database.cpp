@@ -117,11 +117,10 @@ Space lookAt(const std::string& spaceId) {
         space.bytes += st.st_size;
         space.changed = std::max(space.changed, st.st_mtime);
     }
-    const Texts texts = textsOf(spaceId, {kRecords, kToCompress, kCompressed, kModified});
+    const Texts texts = textsOf(spaceId, {kRecords, kToCompress, kCompressed});
     space.files = countOf(texts[kRecords], kDigestMember);
     space.toCompress = countOf(texts[kToCompress], kListMember);
     space.compressed = countOf(texts[kCompressed], kListMember);
-    space.setAside = countOf(texts[kModified], kMarkMember);
     return space;
 }
 
@@ -131,6 +130,10 @@ bool exists(const std::string& spaceId) {
 
 int64_t recordCount(const std::string& spaceId) {
     return countOf(textsOf(spaceId, {kRecords})[kRecords], kDigestMember);
+}
+
+int64_t setAsideCount(const std::string& spaceId) {
+    return countOf(textsOf(spaceId, {kModified})[kModified], kMarkMember);
 }
 
 std::vector<std::string> recordedPaths(const std::string& spaceId) {

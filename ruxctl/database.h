@@ -16,7 +16,6 @@ struct Space {
     int64_t files = 0;       ///< that have records
     int64_t toCompress = 0;  ///< groups that may be linked, those of a single file included
     int64_t compressed = 0;  ///< groups that have been linked
-    int64_t setAside = 0;    ///< groups that had changed and files that were restored
     int64_t bytes = 0;       ///< of the database files
     time_t changed = 0;      ///< when the last of them was written
 };
@@ -30,7 +29,9 @@ bool exists(const std::string& spaceId);
 
 /// How many files a space has records of.
 int64_t recordCount(const std::string& spaceId);
-/// Their paths.
+/// How many groups that had changed and files that were restored are left alone in it.
+int64_t setAsideCount(const std::string& spaceId);
+/// The paths that a space has records of.
 std::vector<std::string> recordedPaths(const std::string& spaceId);
 
 /// What a space knows of its files, each an object. Throws std::runtime_error for a database that

@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <numeric>
+#include <set>
 
 #include "f2fs_io/hard_link.h"
 #include "ruxctl/database.h"
@@ -45,13 +47,17 @@ Member lookedUp(const std::string& path, int64_t fileBytes, const Json::Value& r
     return member;
 }
 
-/// Tells files of one's own from links. Fills `names` with the names of each file that is present.
-void tellLinks(Group& group, std::map<FileId, std::set<NameId>>& names) {
+/// Tells files of one's own from links, and what the links of a group that has been linked have
+/// given back: the names beyond the first of each file.
+void takeStock(Group& group) {
     std::map<FileId, int64_t> paths;
+    std::map<FileId, std::set<NameId>> names;
     for (const Member& member : group.members) {
         if (!member.isPresent()) continue;
         ++paths[member.file];
-        if (!member.isSymlink) names[member.file].insert(member.name);
+        if (!group.compressed || member.isSymlink) continue;
+        std::set<NameId>& known = names[member.file];
+        if (known.insert(member.name).second && known.size() > 1) group.given += member.allocated;
     }
     for (Member& member : group.members) {
         if (member.isPresent() && paths[member.file] > 1) member.state = State::Linked;
@@ -142,19 +148,8 @@ void addGroups(const SpaceImages& images, bool compressed, Names& names,
                     compressed ? Json::Value::nullSingleton() : images.records[path.asString()];
             group.members.push_back(lookedUp(path.asString(), group.fileBytes, record));
         }
-        std::map<FileId, std::set<NameId>> sharing;
-        tellLinks(group, sharing);
-        if (!compressed) {
-            plan(group, names);
-        } else {
-            for (const Member& member : group.members) {
-                const auto found = sharing.find(member.file);
-                if (!member.isPresent() || found == sharing.end()) continue;
-                const auto further = static_cast<int64_t>(found->second.size()) - 1;
-                group.given += std::max<int64_t>(further, 0) * member.allocated;
-                sharing.erase(found);
-            }
-        }
+        takeStock(group);
+        if (!compressed) plan(group, names);
         groups.push_back(std::move(group));
     }
 }

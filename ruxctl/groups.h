@@ -4,9 +4,6 @@
 #include <sys/types.h>
 
 #include <cstdint>
-#include <functional>
-#include <map>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>

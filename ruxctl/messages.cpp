@@ -79,7 +79,7 @@ int nobodyToAsk() {
 
 void sayWhatIsSetAside(const std::vector<std::string>& spaceIds) {
     for (const std::string& spaceId : spaceIds) {
-        const int64_t setAside = lookAt(spaceId).setAside;
+        const int64_t setAside = setAsideCount(spaceId);
         if (setAside == 0) continue;
         std::cerr << "In " << spaceId << ": "
                   << counted(setAside, "changed group or restored file",

@@ -102,7 +102,6 @@ Outcome carryOut(const Client& client, const Operation& operation, const std::st
     outcome.failure = answer.get();
     outcome.seconds = seconds();
     const bool refused = admission.wasRefused() ||
-                         (operation.code == kList && outcome.text == "{}") ||
                          (operation.code == kRestore && outcome.number == 0 && isBusy(client));
     if (!outcome.failure && refused) outcome.failure = busyFailure();
     return outcome;

@@ -27,7 +27,7 @@ inline const Operation kRestoreOperation = {"a restore", nullptr, kRestore};
 /// What came of an operation.
 struct Outcome {
     std::optional<Failure> failure;
-    std::string text;      ///< the result of a listing or a compression
+    std::string text;      ///< the result of a compression
     int64_t number = 0;    ///< that of a restore
     bool stopped = false;  ///< whether somebody at this client asked for its end
     double seconds = 0;
