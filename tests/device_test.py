@@ -10,6 +10,7 @@ standard library, without run-time type information, with Android.bp's own flags
 the directories of a device's headers in RUX_PLATFORM_HEADERS (separated by colons).
 """
 
+import ast
 import concurrent.futures
 import os
 import re
@@ -23,53 +24,28 @@ FOLDERS = ("compress", "control", "db", "dup", "request", "scan", "service")
 
 
 def modules(text):
-    """The modules of a build file: [(kind, {property: value})]."""
-    tokens = re.findall(r'"[^"]*"|[\w.]+|[{}\[\]:,]', re.sub(r"//.*", "", text))
-
-    def value():
-        token = tokens.pop(0)
-        if token == "[":
-            items = []
-            while tokens[0] != "]":
-                items.append(value())
-                if tokens[0] == ",":
-                    tokens.pop(0)
-            tokens.pop(0)
-            return items
-        if token == "{":
-            entries = {}
-            while tokens[0] != "}":
-                key, colon = tokens.pop(0), tokens.pop(0)
-                assert colon == ":" and key not in entries, key
-                entries[key] = value()
-                assert tokens.pop(0) == ",", f"a comma is missing behind {key}"
-            tokens.pop(0)
-            return entries
-        return {"true": True, "false": False}[token] if token in ("true", "false") else token.strip('"')
-
-    found = []
-    while tokens:
-        found.append((tokens.pop(0), value()))
-    return found
+    """The modules of a build file: {name: {property: value}}."""
+    text = re.sub(r"(\w+): ", r'"\1": ', re.sub(r"//.*", "", text)).replace(" true", " True")
+    found = map(ast.literal_eval, re.findall(r"^\w+ (\{.*?^\})", text, re.M | re.S))
+    return {module.get("name"): module for module in found}
 
 
 def check_build(source, build):
-    by_name = {properties["name"]: properties for _, properties in build if "name" in properties}
-    for properties in by_name.values():
+    for properties in build.values():
         for path in properties.get("srcs", []) + properties.get("init_rc", []):
             assert (source / path).is_file(), path
             assert not path.startswith("platform/"), path
     sources = {str(path.relative_to(source)) for folder in FOLDERS for path in (source / folder).glob("*.cpp")}
     tests = {path for path in sources if path.endswith("_test.cpp")}
-    library = set(by_name["librux_service"]["srcs"])
+    library = set(build["librux_service"]["srcs"])
     assert library == sources - tests - {"service/main.cpp"} | {"device/database_root.cpp"}, \
         library ^ (sources - tests)
     cmake = re.search(r"add_library\(rux_service STATIC(.*?)\)", (source / "CMakeLists.txt").read_text(), re.S)
     assert set(cmake.group(1).split()) == library - {"device/database_root.cpp"}
     # Those that need nothing but the service: no sandbox, no platform of the test's own.
     portable = {path for path in tests if "tests/support" not in (source / path).read_text()}
-    assert set(by_name["rux_test"]["srcs"]) == portable, portable
-    assert "-fexceptions" in by_name["rux_defaults"]["cppflags"]
+    assert set(build["rux_test"]["srcs"]) == portable, portable
+    assert "-fexceptions" in build["rux_defaults"]["cppflags"]
 
 
 def check_interface(source, scratch):
@@ -137,21 +113,20 @@ def compile_each(command, source, paths):
 
 
 def check_headers(source, scratch, build):
-    library = next(properties for _, properties in build if properties.get("name") == "librux_service")
     shutil.copy(source / "platform/include/tavo_f2fs_io.h", scratch)
     compile_each(["g++", "-std=c++20", "-Wall", "-Wextra", "-Werror", f"-I{source}", f"-I{scratch}", "-isystem",
                   "/usr/include/jsoncpp", "-isystem", "/usr/include/android"],
-                 source, [path for path in library["srcs"] if not path.startswith("service/")])
+                 source, [path for path in build["librux_service"]["srcs"] if not path.startswith("service/")])
 
 
 def compile_all(source, build):
-    defaults = next(properties for _, properties in build if properties.get("name") == "rux_defaults")
+    defaults = build["rux_defaults"]
     headers = os.environ.get("RUX_PLATFORM_HEADERS", f"{source}/platform/include").split(":")
     command = ["clang++", "--target=aarch64-linux-gnu", "-stdlib=libc++", "-fno-rtti",
                f"-std={defaults['cpp_std']}", *defaults["cflags"], *defaults["cppflags"], f"-I{source}",
                "-isystem", "/usr/include/jsoncpp", "-isystem", f"{source}/tests/support/device",
                *[f"-I{directory}" for directory in headers]]
-    sources = sorted({path for _, properties in build for path in properties.get("srcs", []) if path.endswith(".cpp")})
+    sources = sorted({path for properties in build.values() for path in properties.get("srcs", []) if path.endswith(".cpp")})
     compile_each(command, source, sources)
     print(f"{len(sources)} sources compile")
 
