@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Requests byte for byte, and clients that mean no good or have no luck: an honest one is served all the same.
 
-usage: clients_test.py RUX RUXCTL [slow]
+usage: clients_test.py RUX RUXCTL [CHECK ...]
 """
 
 import contextlib
@@ -12,14 +12,12 @@ import resource
 import socket
 import struct
 import subprocess
-import sys
 import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from support.service import COMPRESS, EXCEPT, LIST, REPLY_MAGIC, REQUEST_MAGIC, RESTORE, SCAN, STOP_COMPRESS, \
-    STOP_SCAN, TOKEN, Service, string16, wait_for  # noqa: E402
+    STOP_SCAN, TOKEN, checks, string16, wait_for
 
-SLOW = "slow" in sys.argv  # under a sanitizer or an emulator, which also keep more memory
+SLOW = os.environ.get("RUX_SLOW_AND_LARGE") == "1"  # under a sanitizer or an emulator, which also keep more memory
 WITH_TEXT, WITHOUT_TEXT = (SCAN, LIST, COMPRESS, RESTORE, EXCEPT), (STOP_SCAN, STOP_COMPRESS)
 BAD_TYPE, UNKNOWN = -2147483647, -74
 
@@ -49,32 +47,27 @@ def expect_honest_client_is_served(service):
     assert time.monotonic() - start < (10 if SLOW else 1)
 
 
-def log(service):
-    with open(service.base + "/log", encoding="utf-8") as file:
-        return file.read()
+def start_another(service, root, **environment):
+    return subprocess.run([service.binary], env={**os.environ, "RUX_ROOT": root, **environment}, capture_output=True, text=True, check=False)
 
 
-def start_another(rux, root, **environment):
-    return subprocess.run([rux], env={**os.environ, "RUX_ROOT": root, **environment}, capture_output=True, text=True, check=False)
-
-
-def check_start(service, rux):
-    text = log(service)
+def check_start(service):
+    text = service.log()
     assert text.count("\n") == 1 and " D rux     : main:" in text and text.endswith(": RUXStarting rux\n"), text
     assert not os.path.exists(service.root + "/run/rux/properties")
     assert os.stat(service.root + "/run/rux").st_mode & 0o7777 == 0o700
-    second = start_another(rux, service.root)
+    second = start_another(service, service.root)
     assert second.returncode == 255 and " E rux     : main:" in second.stderr, second
     assert second.stderr.endswith(": Couldn't register rux binder service!\n"), second
     assert not os.listdir(service.root + "/data/local/zel")
     for tags, priorities in (("rux:E", "E"), ("*:E", "E"), ("rux:D *:S", "DE"), ("*:S rux:E", "E"), ("*:S", ""), ("*:V", "DE")):
-        lines = start_another(rux, service.root, ANDROID_LOG_TAGS=tags).stderr.splitlines()
+        lines = start_another(service, service.root, ANDROID_LOG_TAGS=tags).stderr.splitlines()
         assert [line.split()[4] for line in lines] == list(priorities), (tags, lines)
     service.kill()
     service.start()  # takes over what the killed one left
     os.makedirs(service.base + "/other")
     with open(service.base + "/other/run", "wb"):  # a file where a directory should be
-        assert start_another(rux, service.base + "/other").returncode == 255
+        assert start_another(service, service.base + "/other").returncode == 255
 
 
 def check_bytes(service):
@@ -96,7 +89,7 @@ def check_bytes(service):
         for more in (int32(0), b"\xff"):
             message = f"Parcel data not fully consumed, unread size: {len(more)}"
             expect(code, token + text + more, 0, int32(-2) + string16(message) + int32(0))
-    assert "[RUX-NATIVE]" not in log(service), "a method was called"
+    assert not service.logged("[RUX-NATIVE]"), "a method was called"
 
     for code, result in zip(WITH_TEXT, (b"", string16('{"isEnd":1}\n'), string16("0,0"), bytes(8), b"")):
         expect(code, token + text, 0, good + result)
@@ -112,10 +105,14 @@ def check_bytes(service):
         expect(int.from_bytes(code, "little"), b"", 0)
     expect(int.from_bytes(b"FTN_", "little"), b"", 0, string16("tavo.rux.IRux"))
     service.call(SCAN, service.rule(regs=["(\nforged"]))
-    assert "invalid pattern (\\x0aforged" in log(service), "each line stays one"
+    assert service.logged("invalid pattern (\\x0aforged") == 1, "each line stays one"
 
 
 def check_silent_and_unfinished_clients(service):
+    most = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
+    service.kill()
+    service.start()
     expect_honest_client_is_served(service)
     descriptors, memory = service.descriptors(), service.resident_kib()
     allowance = (8 << 20) if SLOW else (128 << 10)  # twice what unfinished frames may take
@@ -199,7 +196,7 @@ def check_other_users(service):
     return expect_honest_client_is_served(service)
 
 
-def check_large_texts_and_hostile_patterns(service, ruxctl):
+def check_large_texts_and_hostile_patterns(service):
     name = service.tree + "/" + "a" * 255
     deep = service.tree + "/" + "a" * 250
     while len(deep) < 3800:
@@ -223,27 +220,11 @@ def check_large_texts_and_hostile_patterns(service, ruxctl):
         for code in codes:
             service.call(code, json.dumps([1] * count))
     service.call(SCAN, service.rule(regs=["x"] * 200000, dirs=[name]))
-    larger_than_a_frame = subprocess.run([ruxctl, "call", str(LIST), "-"], input=b" " * (5 << 20), capture_output=True,
+    larger_than_a_frame = subprocess.run([service.ruxctl, "call", str(LIST), "-"], input=b" " * (5 << 20), capture_output=True,
                                          env={**os.environ, "RUX_ROOT": service.root}, check=False)
     assert larger_than_a_frame.returncode == 1
     expect_honest_client_is_served(service)
 
 
-def main():
-    rux, ruxctl = sys.argv[1:3]
-    most = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
-    with Service(rux) as service:  # as most programs start it
-        check_start(service, rux)
-        check_bytes(service)
-        check_other_users(service)
-    resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
-    with Service(rux) as service:
-        check_silent_and_unfinished_clients(service)
-        check_clients_that_send_no_frames(service)
-        check_clients_that_do_not_wait(service)
-        check_large_texts_and_hostile_patterns(service, ruxctl)
-    print("ok")
-
-
 if __name__ == "__main__":
-    main()
+    checks(globals())

@@ -15,19 +15,10 @@ import signal
 import stat
 import struct
 import subprocess
-import sys
 import threading
 import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from support.service import COMPRESS, LIST, RESTORE, SCAN, checks, md5sums, wait_for  # noqa: E402
-
-RECORDS, GROUPS, LINKED = "RUXFileInfo.json", "RUXCheckNoCompress.json", "RUXCheckACompress.json"
-IS_ROOT = os.geteuid() == 0
-
-
-def for_root(check):
-    return check if IS_ROOT else lambda service: print("skipped, needs root")
+from support.service import COMPRESS, GROUPS, LINKED, LIST, RECORDS, RESTORE, SCAN, checks, for_root, is_leased, md5sums, wait_for
 
 
 @contextlib.contextmanager
@@ -199,11 +190,7 @@ def check_a_link_that_is_undone_does_not_count(service):
     kept, replaced = next(group["f_list"] for group in service.database(GROUPS).values() if group["f_size"] == len(content))
 
     def write_late():
-        inode = f":{os.stat(replaced).st_ino} "
-        def is_leased():
-            with open("/proc/locks", encoding="ascii") as locks:
-                return inode in locks.read()
-        wait_for(is_leased)
+        wait_for(lambda: is_leased(replaced))
         service.process.send_signal(signal.SIGSTOP)  # while it compares, until the writer is on its way
         with subprocess.Popen(["sh", "-c", "echo late >>" + replaced]):
             wait_for(lambda: guard.held is not None)

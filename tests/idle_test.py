@@ -9,14 +9,12 @@ usage: idle_test.py RUX memory|any [ROUNDS]     one round of 20 services by defa
 
 import contextlib
 import json
-import os
 import random
 import sys
 import threading
 import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from support.service import LIST, RESTORE, Service  # noqa: E402
+from support.service import LIST, RECORDS, RESTORE, Service
 
 SERVICES, PAIRS = 20, 50
 
@@ -50,7 +48,7 @@ def request_at(rux, moment, step, times):
         start = time.monotonic()
         if step == "scan":
             service.scan()
-            assert len(service.database("RUXFileInfo.json")) == 2 * PAIRS
+            assert len(service.database(RECORDS)) == 2 * PAIRS
         elif step == "list":
             page = json.loads(service.call(LIST, service.rule()))
             assert page["s"]["gCount"] == PAIRS, page

@@ -15,14 +15,12 @@ import random
 import re
 import shutil
 import stat
-import subprocess
 import sys
 import threading
 import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from support.model import FILES, PROGRESS, STOP, TOOL_LOG, Model, owners_of, text_on_disk  # noqa: E402
-from support.service import COMPRESS, EXCEPT, LIST, RESTORE, SCAN, STOP_COMPRESS, STOP_SCAN, Service  # noqa: E402
+from support.model import PROGRESS, STOP, TOOL_LOG, Model, owners_of, text_on_disk
+from support.service import COMPRESS, EXCEPT, IMAGES, LIST, RESTORE, SCAN, STOP_COMPRESS, STOP_SCAN, Service
 
 CALLS = 25  # of one seed
 CODES = {"scan": SCAN, "list": LIST, "compress": COMPRESS, "restore": RESTORE, "rules": EXCEPT}
@@ -48,8 +46,8 @@ def as_logged(text):
 
 
 class Session:
-    def __init__(self, service, ruxctl, seed):
-        self.service, self.ruxctl, self.pick = service, ruxctl, random.Random(seed)
+    def __init__(self, service, seed):
+        self.service, self.pick = service, random.Random(seed)
         self.model = Model(service.root)
         self.hold_directory = service.base + "/hold"
         os.mkdir(self.hold_directory)
@@ -124,7 +122,7 @@ class Session:
     def damage(self):
         """One database file becomes something else."""
         pick = self.pick
-        files = [os.path.join(self.model.zel, space, file) for space in ("s", "t", "é u") for file in FILES]
+        files = [os.path.join(self.model.zel, space, file) for space in ("s", "t", "é u") for file in IMAGES]
         path = pick.choice(files + [self.model.zel + "RUXExceptRules.json"])
         if os.path.isdir(path):
             return os.rmdir(path)
@@ -209,13 +207,8 @@ class Session:
 
     # Calls
 
-    def property(self, name, value=None):
-        command = [self.ruxctl, "getprop", name] if value is None else [self.ruxctl, "setprop", name, value]
-        return subprocess.run(command, env={**os.environ, "RUX_ROOT": self.service.root}, check=True,
-                              stdout=subprocess.PIPE, text=True).stdout.rstrip("\n")
-
     def set(self, name, value):
-        self.property(name, value)
+        self.service.set_property(name, value)
         self.model.properties[name] = value
 
     def databases(self):
@@ -315,7 +308,7 @@ class Session:
         self.compare_databases(what, before)
         properties = (*STOP.values(), PROGRESS)
         self.compare("properties after " + what, [model.properties.get(name, "") for name in properties],
-                     [self.property(name) for name in properties])
+                     [self.service.property(name) for name in properties])
         self.compare_trees(what, tree)
 
     def perform(self, operation, request, hold, was_held, inside, stop, other):
@@ -335,16 +328,16 @@ class Session:
         if os.path.exists(self.hold_directory + "/held"):
             os.remove(self.hold_directory + "/held")
             if hold[0] == "log":
-                self.property(STOP[other], "true")
+                self.service.set_property(STOP[other], "true")
             for call in inside:
                 if call in REFUSALS:
                     self.compare("refusal", REFUSALS[call][0], self.service.call(CODES[call], "[]"))
                 else:
                     self.service.call(STOP_SCAN if call == "stop scan" else STOP_COMPRESS)
             if stop:
-                self.property(STOP[operation], stop)
+                self.service.set_property(STOP[operation], stop)
             elif other == operation:
-                self.property(STOP[operation], "false")
+                self.service.set_property(STOP[operation], "false")
         os.remove(arm)
         caller.join()
         return answers[0]
@@ -425,12 +418,12 @@ def main():
         first, _, last = argument.partition("-")
         seeds += map(str, range(int(first), int(last or first) + 1))
     for seed in seeds:
-        service = Service(rux)
+        service = Service(rux, ruxctl)
         service.environment = {"LD_PRELOAD": library, "RUX_HOLD": service.base + "/hold",
                                "ASAN_OPTIONS": "verify_asan_link_order=0"}
         with service:
             try:
-                Session(service, ruxctl, seed).run()
+                Session(service, seed).run()
             except BaseException:
                 print("seed", seed)
                 raise

@@ -19,8 +19,7 @@ import subprocess
 import sys
 import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from support.service import LIST, SCAN, TOKEN, Service, string16  # noqa: E402
+from support.service import LIST, SCAN, TOKEN, Service, string16
 
 COLOUR = re.compile(r"\x1b\[\d+m")
 

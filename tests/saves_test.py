@@ -21,12 +21,10 @@ import signal
 import subprocess
 import sys
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from support.service import RESTORE, Service  # noqa: E402
+from support.service import IMAGES, RESTORE, Service
 
 RUX, RUXCTL = sys.argv[1:3]
 STATES = int(sys.argv[3]) if len(sys.argv) > 3 else 300
-FILES = [f"RUX{name}.json" for name in ("FileInfo", "CheckNoCompress", "CheckACompress", "ModifyFileInfo")]
 JOURNAL = "RUXSave.journal"
 CALLS = "openat,lseek,write,ftruncate,fdatasync,fsync,unlink"
 UNIT = 7  # bytes that reach the disk together: fewer than are summed up together
@@ -38,7 +36,7 @@ class Recorder:
 
     def __init__(self, service, *options):
         self.file = service.base + "/calls"
-        paths = [option for name in ["", *FILES, JOURNAL]
+        paths = [option for name in ["", *IMAGES, JOURNAL]
                  for option in ("-P", os.path.join(service.space, name).rstrip("/"))]
         self.process = subprocess.Popen(
             ["strace", "-f", "-y", "-xx", "-s", "10000000", "-o", self.file, "-p", str(service.process.pid),
@@ -150,7 +148,7 @@ def write(directory, files):
 
 def images(files):
     """What the four files hold. One that a load has made, or was just making when the power went, holds nothing."""
-    return [json.loads(files.get(name) or b"{}") or {} for name in FILES]
+    return [json.loads(files.get(name) or b"{}") or {} for name in IMAGES]
 
 
 def states_of(calls, before, after, pick):
@@ -171,7 +169,7 @@ def states_of(calls, before, after, pick):
             possible = [new]
         elif call[1] == "fsync":
             found += [(whole | {JOURNAL: whole[JOURNAL][:size]}, possible) for size in range(len(whole[JOURNAL]))]
-            found += [(whole | {name: after[name][:size]}, possible) for name in FILES
+            found += [(whole | {name: after[name][:size]}, possible) for name in IMAGES
                       if after.get(name) != before.get(name) for size in range(len(after[name]))]
     assert whole == after, "the record is not the whole truth"
     return found + [(disk.power_cut(pick), [new]) for _ in range(STATES // len(calls))]
@@ -262,7 +260,7 @@ def change_tree(service, operation):
 
 
 def databases(directory):
-    return {name: data for name, data in read(directory).items() if name in FILES}
+    return {name: data for name, data in read(directory).items() if name in IMAGES}
 
 
 def check_strangers():
@@ -283,10 +281,8 @@ def check_strangers():
             service.scan()
             assert databases(service.space) == before and os.path.lexists(place)
             os.rmdir(place) if os.path.isdir(place) and not os.path.islink(place) else os.unlink(place)
-        with open(service.base + "/log", encoding="utf-8") as log:
-            lines = log.read()
-        assert lines.count("what is in the place of the journal") == len(strangers), lines
-        assert lines.count("The DB1 write fail.") == len(strangers), lines
+        for text in ("what is in the place of the journal", "The DB1 write fail."):
+            assert service.logged(text) == len(strangers), service.log()
         shutil.copy(outside, place)  # the service's own, but garbage
         service.scan()
         assert not os.path.exists(place) and databases(service.space) != before

@@ -10,10 +10,8 @@ import sys
 import threading
 import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from support.service import COMPRESS, LIST, RESTORE, SCAN, checks, wait_for  # noqa: E402
+from support.service import COMPRESS, GROUPS, LIST, MODIFIED, RECORDS, RESTORE, SCAN, checks, wait_for
 
-RECORDS, GROUPS, MODIFIED = "RUXFileInfo.json", "RUXCheckNoCompress.json", "RUXModifyFileInfo.json"
 PROGRESS = "sys.ruxservice.compress.prog"
 
 

@@ -18,8 +18,7 @@ import sys
 import threading
 import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from support.service import busy_loops, taken_option, LIST, Service  # noqa: E402
+from support.service import busy_loops, taken_option, LIST, Service
 
 WRITERS, FILES = 4, 60
 CONTENTS = [bytes([97 + i]) * size for i, size in enumerate((10, 4096, 20000, 150000))]

@@ -15,7 +15,7 @@ namespace {
 
 class StoreTest : public testing::Test {
   protected:
-    std::string directory() const { return sandbox.root() + "/run/rux"; }
+    std::string directory() const { return sandbox.path("run/rux"); }
 
     rux::test::Sandbox sandbox;
     PropertyStore store{directory()};

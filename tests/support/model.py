@@ -12,10 +12,11 @@ import re
 import stat
 import sys
 
+from support.service import IMAGES
+
 STOP = {"scan": "sys.ruxservice.stop_scan", "list": "sys.ruxservice.stop_get_duplicate_files",
         "compress": "sys.ruxservice.stop_compress"}
 PROGRESS, TOOL_LOG = "sys.ruxservice.compress.prog", "sys.ruxservice.enablelog.ctrl"
-FILES = ("RUXFileInfo.json", "RUXCheckNoCompress.json", "RUXCheckACompress.json", "RUXModifyFileInfo.json")
 PAGE, MOST = 600 * 1024, 2**63 - 1
 LEFTOVER = re.compile(r"\.rux-swap-[0-9a-f]{32}")
 
@@ -223,7 +224,7 @@ class Model:
 
     def load(self, directory, *selected):
         for index in selected:
-            path = directory + "/" + FILES[index]
+            path = directory + "/" + IMAGES[index]
             if status(path) is None and path not in self.texts:
                 if os.path.isdir(directory) or directory in self.made:
                     self.texts[path] = "{}\n"
@@ -241,7 +242,7 @@ class Model:
 
     def save(self, directory, *selected):
         for index in selected:
-            path = directory + "/" + FILES[index]
+            path = directory + "/" + IMAGES[index]
             st = status(path)
             closed = st and (stat.S_ISDIR(st.st_mode) or stat.S_ISSOCK(st.st_mode))
             if closed or not (os.path.isdir(directory) or directory in self.made):

@@ -14,6 +14,8 @@ import tempfile
 import time
 
 SCAN, LIST, COMPRESS, RESTORE, STOP_SCAN, EXCEPT, STOP_COMPRESS = range(1, 8)
+IMAGES = RECORDS, GROUPS, LINKED, MODIFIED = (
+    "RUXFileInfo.json", "RUXCheckNoCompress.json", "RUXCheckACompress.json", "RUXModifyFileInfo.json")
 REQUEST_MAGIC, REPLY_MAGIC = 0x51585552, 0x41585552
 
 
@@ -182,10 +184,14 @@ class Service:
         with open(f"{self.space}/{name}", "w", encoding="utf-8") as file:
             json.dump(value, file)
 
+    def log(self, start=0):
+        with open(self.base + "/log", encoding="utf-8", errors="replace") as file:
+            file.seek(start)
+            return file.read()
+
     def logged(self, text):
         """How often the text stands in the log."""
-        with open(self.base + "/log", encoding="utf-8", errors="replace") as file:
-            return file.read().count(text)
+        return self.log().count(text)
 
     def client(self, *arguments, check=True):
         return subprocess.run([self.ruxctl, *arguments], env={**os.environ, "RUX_ROOT": self.root}, check=check,
@@ -207,6 +213,15 @@ def wait_for(condition):
     while not condition():
         assert time.monotonic() < deadline, "it does not come true"
         time.sleep(0.002)
+
+
+def is_leased(path):
+    with open("/proc/locks", encoding="ascii") as locks:
+        return f":{os.stat(path).st_ino} " in locks.read()
+
+
+def for_root(check):
+    return check if os.geteuid() == 0 else lambda service: print("skipped, needs root")
 
 
 def checks(functions):

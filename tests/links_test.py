@@ -1,0 +1,353 @@
+#!/usr/bin/env python3
+"""What is linked and restored, what is refused and why, and calls that are killed, that fail half-way, or that others
+come between.
+
+usage: links_test.py RUX RUXCTL [CHECK ...]
+"""
+
+import contextlib
+import ctypes
+import errno
+import hashlib
+import itertools
+import os
+import random
+import re
+import shutil
+import stat
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+from support.service import GROUPS, LINKED, checks, for_root, is_leased, wait_for
+
+CONTENT = "k" * 300000
+SWAP = "/.rux-swap-" + hashlib.md5(b"duplicate").hexdigest()  # beside the file of that name
+
+
+def outcome(service, act, image, *paths):
+    """Has the service link or restore the paths: 0, or the last errno that its log gives."""
+    os.makedirs(service.space, exist_ok=True)
+    service.edit(image, {"0": {"V": 1, "f_size": 1, "f_list": paths}})
+    start = os.path.getsize(service.base + "/log")
+    act()
+    errors = re.findall(r"(?:undone .*:|fail, error code) (\d+)", service.log(start))
+    return int(errors[-1]) if errors else 0
+
+
+def link(service, kept, duplicate):
+    return outcome(service, service.compress, GROUPS, kept, duplicate)
+
+
+def restore(service, *paths):
+    return outcome(service, service.restore, LINKED, *paths)
+
+
+def pair(service):
+    return service.write("kept", CONTENT), service.write("duplicate", CONTENT)
+
+
+def names(service):
+    return sorted(os.listdir(service.tree))
+
+
+def expect_refusal(service, kept, duplicate, error):
+    before = names(service), os.lstat(duplicate).st_ino, os.lstat(kept).st_nlink
+    assert (found := link(service, kept, duplicate)) == error, (kept, duplicate, found)
+    assert before == (names(service), os.lstat(duplicate).st_ino, os.lstat(kept).st_nlink)
+
+
+def shell(*commands):
+    """Whether they succeed."""
+    return subprocess.run(["sh", "-c", " && ".join(commands)], check=False, capture_output=True).returncode == 0
+
+
+def read(path):
+    with open(path, encoding="utf-8") as file:
+        return file.read()
+
+
+def check_what_is_not_the_same(service):
+    kept, duplicate = pair(service)
+    for content in (CONTENT[:-1] + "x", CONTENT[:-1]):
+        service.write("duplicate", content)
+        expect_refusal(service, kept, duplicate, errno.EILSEQ)
+    pair(service)
+    os.chmod(duplicate, 0o600)
+    expect_refusal(service, kept, duplicate, errno.EBADE)
+    os.chmod(duplicate, stat.S_IMODE(os.stat(kept).st_mode))
+    with contextlib.suppress(OSError):  # not every file system has them
+        os.setxattr(duplicate, "user.label", b"l")
+        expect_refusal(service, kept, duplicate, errno.EBADE)
+        os.removexattr(duplicate, "user.label")
+    if os.geteuid() == 0:
+        for owner in ((12345, 0), (0, 12345)):
+            os.chown(duplicate, *owner)
+            expect_refusal(service, kept, duplicate, errno.EBADE)
+        os.chown(duplicate, 0, 0)
+    if shell("chattr +dA " + duplicate):
+        expect_refusal(service, kept, duplicate, errno.EBADE)
+        assert shell("chattr +dA " + kept)
+    for path in (kept, duplicate):
+        with open(path, "ab"):
+            expect_refusal(service, kept, duplicate, errno.EBUSY)
+    assert link(service, kept, duplicate) == 0
+    with open(kept, "ab"):
+        assert restore(service, duplicate) == errno.EBUSY
+    assert restore(service, duplicate) == 0 and not os.path.samefile(kept, duplicate)
+    flags = [subprocess.run(["lsattr", path], capture_output=True, check=False).stdout[:22] for path in (kept, duplicate)]
+    assert flags[0] == flags[1], flags
+
+
+def check_a_difference_wherever_it_is(service):
+    content = random.Random(1).randbytes((3 << 20) + 777)  # so large that two threads compare
+    kept, duplicate = service.tree + "/kept", service.tree + "/duplicate"
+    for path in (kept, duplicate):
+        with open(path, "wb") as file:
+            file.write(content)
+    for at in (*range(0, len(content), len(content) // 30), len(content) - 1):
+        with open(duplicate, "wb") as file:
+            file.write(content[:at] + bytes([content[at] ^ 1]) + content[at + 1:])
+        expect_refusal(service, kept, duplicate, errno.EILSEQ)
+    shutil.copy(kept, duplicate)
+    assert link(service, kept, duplicate) == 0
+
+
+def check_what_is_no_file_of_its_own(service):
+    kept, duplicate = pair(service)
+    alias, pipe = service.tree + "/alias", service.tree + "/pipe"
+    os.symlink("kept", alias)
+    os.mkfifo(pipe)
+    for first, second, error in ((kept, alias, errno.ELOOP), (kept, pipe, errno.EINVAL), (pipe, duplicate, errno.EINVAL),
+                                 (service.tree, duplicate, errno.EINVAL), (kept, service.tree, errno.EINVAL)):
+        expect_refusal(service, first, second, error)
+    for path, error in ((alias, errno.ELOOP), (service.tree + "/missing", errno.ENOENT), (service.tree, errno.EINVAL),
+                        ("", errno.ENOENT), (kept + "/", errno.EINVAL)):
+        assert restore(service, path) == error, path
+    with tempfile.NamedTemporaryFile("w", dir="/dev/shm") as other:
+        other.write(CONTENT)
+        other.flush()
+        if os.stat(other.name).st_dev != os.stat(kept).st_dev:
+            expect_refusal(service, kept, other.name, errno.EXDEV)
+    mounted = service.tree + "/mounted"
+    os.mkdir(mounted)
+    if shell(f"mount --bind {service.tree} {mounted}"):  # the same device, and still another mount
+        assert link(service, kept, mounted + "/duplicate") == errno.EXDEV
+        assert shell("umount " + mounted)
+    with contextlib.suppress(OSError):
+        for number in range(70000):
+            os.link(kept, f"{mounted}/{number}")
+    if number < 69999:
+        expect_refusal(service, kept, duplicate, errno.EMLINK)
+
+
+@for_root
+def check_links_of_others(service):
+    home, owner, other = service.tree + "/home", 12345, 12346
+    for name in "12":
+        os.chown(service.write(f"home/{name}", "private"), owner, owner)
+
+    def make_link(target, name, maker):
+        path = f"{service.tree}/{name}"
+        os.symlink(target, path)
+        os.lchown(path, maker, maker)
+        return path
+
+    others, own = make_link("home", "others", other), make_link(home, "own", owner)
+    roots, mixed = make_link("../tree/own", "roots", 0), make_link("others", "mixed", 0)
+    for way in (others, mixed, others + "/../others//"):
+        expect_refusal(service, home + "/1", way + "/2", errno.ELOOP)
+        expect_refusal(service, way + "/1", home + "/2", errno.ELOOP)
+    expect_refusal(service, make_link("home/1", "member", other), home + "/2", errno.ELOOP)
+    for way in (own, roots):
+        assert link(service, way + "/1", way + "/2") == 0 and os.stat(home + "/1").st_nlink == 2, way
+        assert restore(service, others + "/2") == errno.ELOOP and os.stat(home + "/1").st_nlink == 2
+        assert restore(service, way + "/2") == 0 and os.stat(home + "/1").st_nlink == 1, way
+
+
+def check_what_a_restore_keeps(service):
+    sparse, other = service.write("sparse", "start"), service.tree + "/other"
+    os.truncate(sparse, 50 << 20)
+    with open(sparse, "r+b") as file:
+        os.pwrite(file.fileno(), b"middle", 20 << 20)
+    os.link(sparse, other)
+    times = (10**18 + 123456789, 9 * 10**17 + 987654321)
+    os.utime(sparse, ns=times)
+    assert restore(service, sparse) == 0
+    now = os.stat(sparse)
+    assert (now.st_nlink, now.st_atime_ns, now.st_mtime_ns) == (1, *times) and now.st_blocks < 1000, now
+    assert shell(f"cmp {sparse} {other}")
+
+
+def check_large_groups(service):
+    kept = service.write("kept", "x" * 1000)
+    members = [kept, *(f"{service.tree}/{number}" for number in range(2000))]
+    for path in members[1:]:
+        os.link(kept, path)
+    assert restore(service, *members, *members) == 0
+    assert {(os.stat(path).st_nlink, os.stat(path).st_size) for path in members} == {(1, 1000)}
+
+
+@for_root
+def check_the_reserve_of_root(service):
+    image, disk = service.base + "/image", service.tree + "/disk"
+    if not shell(f"truncate -s 32M {image}", f"mkfs.ext4 -q -m 30 {image}", f"mkdir {disk}", f"mount -o loop {image} {disk}"):
+        return print("skipped, needs mkfs.ext4 and loop devices")
+    a, b = (service.write(f"disk/{name}", "x" * (4 << 20)) for name in "ab")
+    assert link(service, a, b) == 0
+    filler = service.write("disk/filler", "y" * (10 << 20))  # the rest is less than the reserve
+    assert restore(service, b) == errno.ENOSPC
+    os.remove(filler)
+    assert restore(service, b) == 0
+    assert shell("umount " + disk)
+    return None
+
+
+@for_root
+def check_overlays_and_what_they_are_made_of(service):
+    first, second = (service.write("upper one/" + name, "same") for name in "ab")
+    lower, work, merged = (f"{service.tree}/{name}" for name in ("lower", "work", "merged"))
+    assert link(service, first, second) == 0 and shell(f"mkdir {lower} {work} {merged}")
+    if not shell(f"mount -t overlay none -o 'lowerdir={lower},upperdir={service.tree}/upper one,workdir={work}' {merged}"):
+        return print("skipped, needs overlays")
+    time.sleep(0.2)  # then new mounts are known
+    assert restore(service, second) == errno.EOPNOTSUPP
+    expect_refusal(service, merged + "/a", merged + "/b", errno.EOPNOTSUPP)
+    assert shell("umount " + merged)
+    time.sleep(0.2)
+    assert restore(service, second) == 0
+    return None
+
+
+def check_what_a_killed_call_leaves(service):
+    kept, duplicate = pair(service)
+    clean = names(service)
+    swap = service.tree + SWAP
+    os.link(kept, swap)  # it was killed before the exchange
+    assert link(service, kept, duplicate) == 0 and names(service) == clean and os.stat(kept).st_nlink == 2
+    for act in (lambda: link(service, kept, duplicate), service.scan):  # or after it
+        shutil.copy(kept, swap)
+        act()
+        assert names(service) == clean
+    assert restore(service, duplicate) == 0
+    os.link(kept, swap)
+    assert restore(service, duplicate) == 0 and names(service) == clean
+    # Somebody has had the old file open all the while, and may still write to it.
+    shutil.copy(kept, swap)
+    with open(swap, "ab"):
+        assert link(service, kept, duplicate) == errno.EEXIST
+    assert link(service, kept, duplicate) == restore(service, duplicate) == 0 and names(service) == clean
+    # Somebody wrote to the old file while the call was killed: that content has no other name.
+    with open(swap, "w", encoding="ascii") as file:
+        file.write("written meanwhile")
+    assert link(service, kept, duplicate) == restore(service, duplicate) == errno.EEXIST
+    service.scan()
+    assert read(swap) == "written meanwhile" and read(duplicate) == CONTENT
+    # Somebody else has made a file of that name, in a directory where that cannot be denied.
+    if os.geteuid() == 0:
+        os.chown(swap, 12345, 12345)
+        assert restore(service, duplicate) == link(service, kept, duplicate) == restore(service, duplicate) == 0
+        assert read(swap) == "written meanwhile" and len(names(service)) == 3
+
+
+def check_a_writer_who_comes_while_bytes_are_compared(service):
+    """He waits in open until the call has given up its leases, and then finds his file."""
+    paths = pair(service)
+    for path in paths:
+        os.truncate(path, 2 << 30)  # long to compare, and with some data everywhere
+        with open(path, "r+b", buffering=0) as file:
+            for at in range(0, 2 << 30, 256 << 10):
+                os.pwrite(file.fileno(), b"x", at)
+    for path in paths:
+        codes = []
+        call = threading.Thread(target=lambda: codes.append(link(service, *paths)))
+        call.start()
+        wait_for(lambda: is_leased(path))
+        with open(path, "ab") as file:
+            call.join()
+            assert codes == [errno.EBUSY], codes
+            assert os.fstat(file.fileno()).st_nlink == 1 and os.fstat(file.fileno()).st_ino == os.stat(path).st_ino
+    for path in paths:
+        os.truncate(path, 300000)
+    assert link(service, *paths) == 0
+
+
+def check_swapped_directories_lead_nowhere_else(service):
+    kept, _ = pair(service)
+    same, other = service.write("x/file", CONTENT), service.write("y/file", "something else")
+    is_over = threading.Event()
+
+    def swap():
+        libc = ctypes.CDLL(None)
+        places = [os.path.dirname(path).encode() for path in (same, other)]
+        while not is_over.is_set():
+            assert libc.renameat2(-100, places[0], -100, places[1], 2) == 0  # AT_FDCWD, RENAME_EXCHANGE
+
+    swapping = threading.Thread(target=swap)
+    swapping.start()
+    for _ in range(30):
+        link(service, kept, same)
+        restore(service, same)
+    is_over.set()
+    swapping.join()
+    assert sorted(map(read, (same, other))) == [CONTENT, "something else"] and not service.leftovers()
+
+
+@contextlib.contextmanager
+def failing(service, call, count):
+    """Has the service's system call on its files fail, the one of that number. Gives a list, which holds at the end
+    whether there was one. There is some time between a new name and the next call."""
+    record = service.base + "/calls"
+    delay = "delay_exit=20000"
+    faults = [f"inject={call}:error=EIO:when={count}" + (":" + delay if call == "linkat" else "")]
+    if call != "linkat":
+        faults.append("inject=linkat:" + delay)
+    paths = ["", "/kept", "/duplicate", SWAP] if call == "newfstatat" else []
+    with subprocess.Popen(["strace", "-f", "-o", record, "-p", str(service.process.pid), "-e", f"trace={call},linkat",
+                           *(f"-e{fault}" for fault in faults), *(f"-P{service.tree}{path}" for path in paths)],
+                          stderr=subprocess.PIPE, text=True) as strace:
+        line = strace.stderr.readline()
+        if "attached" not in line:
+            print("skipped:", line)
+            sys.exit(77)
+        reached = []
+        yield reached
+        strace.terminate()
+    reached.append("EIO (Input/output error) (INJECTED)" in read(record))
+
+
+def check_no_fault_takes_the_name_from_a_writer(service):
+    """Each call fails in its turn, while a program waits to write to the duplicate."""
+    for act, call in itertools.product((link, restore), ("linkat", "newfstatat", "renameat2", "syncfs", "unlinkat")):
+        for count in itertools.count(1):
+            shutil.rmtree(service.tree)
+            paths = kept, duplicate = pair(service)
+            if act is restore:
+                os.remove(duplicate)
+                os.link(kept, duplicate)
+            is_over = threading.Event()
+            found = []
+
+            def write():
+                while SWAP[1:] not in names(service):
+                    if is_over.wait(0.001):
+                        return
+                with open(duplicate, "r+b") as file:
+                    found.append(os.fstat(file.fileno()).st_nlink)
+
+            writer = threading.Thread(target=write)
+            with failing(service, call, count) as reached:
+                writer.start()
+                code = act(service, *paths[act is restore:])
+                is_over.set()
+                writer.join()
+            assert 0 not in found and read(kept) == read(duplicate) == CONTENT, (act, call, count, code)
+            assert code != 0 or names(service) == ["duplicate", "kept"], "what is kept is told"
+            if not reached[0]:
+                break
+
+
+if __name__ == "__main__":
+    checks(globals())
