@@ -15,6 +15,7 @@ import random
 import re
 import shutil
 import stat
+import struct
 import subprocess
 import sys
 import tempfile
@@ -175,10 +176,13 @@ def check_what_a_restore_keeps(service):
     os.link(sparse, other)
     times = (10**18 + 123456789, 9 * 10**17 + 987654321)
     os.utime(sparse, ns=times)
+    with contextlib.suppress(OSError):  # what a new file would get there, and this one does not have: rights for a user
+        entries = (1, 6, -1), (2, 6, 12345), (4, 4, -1), (16, 6, -1), (32, 4, -1)  # see acl(5)
+        os.setxattr(service.tree, "system.posix_acl_default", struct.pack("<i", 2) + b"".join(struct.pack("<HHi", *one) for one in entries))
     assert restore(service, sparse) == 0
     now = os.stat(sparse)
     assert (now.st_nlink, now.st_atime_ns, now.st_mtime_ns) == (1, *times) and now.st_blocks < 1000, now
-    assert shell(f"cmp {sparse} {other}")
+    assert shell(f"cmp {sparse} {other}") and os.listxattr(sparse) == os.listxattr(other)
 
 
 def check_large_groups(service):
@@ -311,9 +315,10 @@ def failing(service, call, count):
         strace.terminate()
 
 
-def check_no_fault_takes_the_name_from_a_writer(service):
-    """Each call fails in its turn, while a program waits to write to the duplicate."""
-    for act, call in itertools.product((link, restore), ("linkat", "newfstatat", "renameat2", "syncfs", "unlinkat")):
+def check_no_fault_takes_a_name_from_a_writer(service):
+    """Each call fails in its turn, while programs wait to write to the duplicate, and to both."""
+    calls = ("linkat", "newfstatat", "renameat2", "syncfs", "unlinkat")
+    for act, call, wanted in itertools.product((link, restore), calls, (["duplicate"], ["duplicate", "kept"])):
         for count in itertools.count(1):
             shutil.rmtree(service.tree)
             paths = kept, duplicate = pair(service)
@@ -321,26 +326,29 @@ def check_no_fault_takes_the_name_from_a_writer(service):
                 os.remove(duplicate)
                 os.link(kept, duplicate)
             is_over = threading.Event()
-            found = []
+            found = {}
 
-            def write():
+            def write(name):
                 while SWAP[1:] not in names(service):
                     if is_over.wait(0.001):
                         return
-                with open(duplicate, "r+b") as file:
-                    found.append(os.fstat(file.fileno()))
+                with open(f"{service.tree}/{name}", "r+b") as file:
+                    found[name] = os.fstat(file.fileno()).st_ino
+                    is_over.wait()
 
-            writer = threading.Thread(target=write)
+            writers = [threading.Thread(target=write, args=(name,)) for name in wanted]
             with failing(service, call, count) as record:
-                writer.start()
+                for writer in writers:
+                    writer.start()
                 code = act(service, *paths[act is restore:])
                 is_over.set()
-                writer.join()
+                for writer in writers:
+                    writer.join()
             assert read(kept) == read(duplicate) == CONTENT
             left = names(service)[:-2]
             assert not left or code != 0, "what is kept is told"
-            for file in found:  # is what the name stands for, or is kept
-                assert file.st_ino in [os.stat(f"{service.tree}/{name}").st_ino for name in ("duplicate", *left)], (act, call, count)
+            for name, inode in found.items():  # is what the name stands for, or is kept
+                assert inode in [os.stat(f"{service.tree}/{one}").st_ino for one in (name, *left)], (act, call, count, name)
             if "INJECTED" not in read(record):
                 break
 
