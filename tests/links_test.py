@@ -14,6 +14,7 @@ import os
 import random
 import re
 import shutil
+import signal
 import stat
 import struct
 import subprocess
@@ -25,6 +26,7 @@ import time
 from support.service import GROUPS, LINKED, checks, for_root, is_leased, wait_for
 
 CONTENT = "k" * 300000
+CALLS = ("linkat", "renameat2", "syncfs", "unlinkat")  # that link and restore
 SWAP = "/.rux-swap-" + hashlib.md5(b"duplicate").hexdigest()  # beside the file of that name
 
 
@@ -38,8 +40,8 @@ def outcome(service, act, image, *paths):
     return int(errors[-1]) if errors else 0
 
 
-def link(service, kept, duplicate):
-    return outcome(service, service.compress, GROUPS, kept, duplicate)
+def link(service, *paths):
+    return outcome(service, service.compress, GROUPS, *paths)
 
 
 def restore(service, *paths):
@@ -301,25 +303,26 @@ def check_swapped_directories_lead_nowhere_else(service):
 
 
 @contextlib.contextmanager
-def failing(service, call, count):
-    """Has that one of the service's system calls on its files fail, and lets some time go by after a new name. Gives the
-    file in which strace(1) says "INJECTED" when it has come to that."""
+def injected(service, fault, call, count, by=signal.SIGTERM):
+    """Something happens to that one of the service's system calls on its files; and some time goes by after a new name.
+    Gives the file in which strace(1) says "INJECTED" when it has come to that."""
     record = service.base + "/calls"
     paths = ["", "/kept", "/duplicate", SWAP] if call == "newfstatat" else []
     with subprocess.Popen(["strace", "-f", "-o", record, "-p", str(service.process.pid), f"-etrace={call},linkat",
-                           "-einject=linkat:delay_exit=20000", f"-einject={call}:error=EIO:when={count}",
+                           "-einject=linkat:delay_exit=20000", f"-einject={call}:{fault}:when={count}",
                            *(f"-P{service.tree}{path}" for path in paths)], stderr=subprocess.PIPE, text=True) as strace:
         if "attached" not in (line := strace.stderr.readline()):
             print("skipped:", line)
             sys.exit(77)
-        yield record
-        strace.terminate()
+        try:
+            yield record
+        finally:
+            strace.send_signal(by)
 
 
 def check_no_fault_takes_a_name_from_a_writer(service):
     """Each call fails in its turn, while programs wait to write to the duplicate, and to both."""
-    calls = ("linkat", "newfstatat", "renameat2", "syncfs", "unlinkat")
-    for act, call, wanted in itertools.product((link, restore), calls, (["duplicate"], ["duplicate", "kept"])):
+    for act, call, wanted in itertools.product((link, restore), (*CALLS, "newfstatat"), (["duplicate"], ["duplicate", "kept"])):
         for count in itertools.count(1):
             shutil.rmtree(service.tree)
             paths = kept, duplicate = pair(service)
@@ -338,7 +341,7 @@ def check_no_fault_takes_a_name_from_a_writer(service):
                     is_over.wait()
 
             writers = [threading.Thread(target=write, args=(name,)) for name in wanted]
-            with failing(service, call, count) as record:
+            with injected(service, "error=EIO", call, count) as record:
                 for writer in writers:
                     writer.start()
                 code = act(service, *paths[act is restore:])
@@ -352,6 +355,35 @@ def check_no_fault_takes_a_name_from_a_writer(service):
             for name, inode in found.items():  # a writer's file keeps its name, or in spite of a fault any
                 places = names(service) if is_reached else [name]
                 assert inode in [os.stat(f"{service.tree}/{place}").st_ino for place in places], (act, call, count, name)
+            if not is_reached:
+                break
+
+
+def check_a_kill_at_any_call_loses_nothing(service):
+    """The service is ended as it enters each of the calls that change names. Started again, it finishes the work."""
+    for act, call in itertools.product((link, restore), CALLS):
+        for count in itertools.count(1):
+            shutil.rmtree(service.tree)
+            paths = [service.write(name, CONTENT) for name in ("a", "b", "d/c", "d/d")]
+            if act is restore:
+                for path in paths[1:]:
+                    os.remove(path)
+                    os.link(paths[0], path)
+            is_reached = False
+            with injected(service, "signal=SIGKILL", call, count, by=signal.SIGKILL):  # it may wait for a thread that died
+                try:
+                    act(service, *paths)
+                except OSError:
+                    is_reached = True
+            if is_reached:
+                assert service.process.wait() == -9
+                assert all(read(path) == CONTENT for path in paths), (act, call, count)
+                service.start()
+                if count % 2:
+                    service.scan()
+                    assert not service.leftovers(), "a scan tidies up"
+            assert act(service, *paths) == 0 and not service.leftovers(), (act, call, count)
+            assert len({os.stat(path).st_ino for path in paths}) == (1 if act is link else 4) and all(read(path) == CONTENT for path in paths)
             if not is_reached:
                 break
 

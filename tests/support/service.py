@@ -242,11 +242,3 @@ def md5sums(tree):
         ["sh", "-c", 'find "$0" -type f -size +0 -print0 | xargs -0 -r md5sum -z', tree],
         check=True, stdout=subprocess.PIPE).stdout.decode()
     return {line[34:]: line[:32] for line in text.split("\0")[:-1]}
-
-
-def groups_of(digests):
-    """{digest: set of paths}"""
-    groups = {}
-    for path, digest in digests.items():
-        groups.setdefault(digest, set()).add(path)
-    return groups
