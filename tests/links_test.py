@@ -170,22 +170,33 @@ def check_links_of_others(service):
         assert restore(service, way + "/2") == 0 and os.stat(home + "/1").st_nlink == 1, way
 
 
+def acl(user):
+    """An access-control list that lets a user write (acl(5))."""
+    return struct.pack("<i" + 5 * "HHi", 2, 1, 6, -1, 2, 6, user, 4, 4, -1, 16, 6, -1, 32, 4, -1)
+
+
 def check_what_a_restore_keeps(service):
-    sparse, other = service.write("sparse", "start"), service.tree + "/other"
-    os.truncate(sparse, 50 << 20)
-    with open(sparse, "r+b") as file:
-        os.pwrite(file.fileno(), b"middle", 20 << 20)
-    os.link(sparse, other)
-    times = (10**18 + 123456789, 9 * 10**17 + 987654321)
-    os.utime(sparse, ns=times)
-    with contextlib.suppress(OSError):  # what a new file would get there, and this one does not have: rights for a user
-        entries = (1, 6, -1), (2, 6, 12345), (4, 4, -1), (16, 6, -1), (32, 4, -1)  # see acl(5)
-        acl = struct.pack("<i", 2) + b"".join(struct.pack("<HHi", *entry) for entry in entries)
-        os.setxattr(service.tree, "system.posix_acl_default", acl)
-    assert restore(service, sparse) == 0
-    now = os.stat(sparse)
-    assert (now.st_nlink, now.st_atime_ns, now.st_mtime_ns) == (1, *times) and now.st_blocks < 1000, now
-    assert shell(f"cmp {sparse} {other}") and os.listxattr(sparse) == os.listxattr(other)
+    # One file has no rights for single users, another has others than new files get in their directory.
+    paths = service.write("sparse", "start"), service.write("other", "start")
+    with contextlib.suppress(OSError):  # not every file system has them
+        os.setxattr(paths[1], "system.posix_acl_access", acl(12346))
+        os.setxattr(service.tree, "system.posix_acl_default", acl(12345))
+    for path in paths:
+        os.truncate(path, 50 << 20)
+        with open(path, "r+b") as file:
+            os.pwrite(file.fileno(), b"middle", 20 << 20)
+        os.link(path, path + " too")
+        times = (10**18 + 123456789, 9 * 10**17 + 987654321)
+        os.utime(path, ns=times)
+        inodes = set()
+        for _ in range(2):  # the second time nothing is left to do
+            assert restore(service, path) == 0
+            now = os.stat(path)
+            inodes.add(now.st_ino)
+            assert (now.st_nlink, now.st_atime_ns, now.st_mtime_ns) == (1, *times) and now.st_blocks < 1000, now
+        assert len(inodes) == 1
+        attributes = [{name: os.getxattr(one, name) for name in os.listxattr(one)} for one in (path, path + " too")]
+        assert attributes[0] == attributes[1] and shell(f"cmp {path} '{path} too'"), attributes
 
 
 def check_large_groups(service):
@@ -357,6 +368,21 @@ def check_no_fault_takes_a_name_from_a_writer(service):
                 assert inode in [os.stat(f"{service.tree}/{place}").st_ino for place in places], (act, call, count, name)
             if not is_reached:
                 break
+
+
+def check_a_change_of_mode_is_not_lost(service):
+    kept, duplicate = pair(service)
+
+    def change():
+        wait_for(lambda: SWAP[1:] in names(service))
+        os.chmod(duplicate, 0o600)
+
+    changing = threading.Thread(target=change)
+    with injected(service, "error=EIO", "syncfs", 99):  # never, but there is time
+        changing.start()
+        code = link(service, kept, duplicate)
+        changing.join()
+    assert code in (0, errno.ESTALE) and stat.S_IMODE(os.stat(duplicate).st_mode) == 0o600 and not service.leftovers(), code
 
 
 def check_a_kill_at_any_call_loses_nothing(service):
