@@ -18,7 +18,8 @@ import subprocess
 import threading
 import time
 
-from support.service import COMPRESS, GROUPS, LINKED, LIST, RECORDS, RESTORE, SCAN, checks, for_root, is_leased, md5sums, wait_for
+from support.service import COMPRESS, GROUPS, LINKED, LIST, RECORDS, RESTORE, SCAN, checks, for_root, is_leased, md5sums, \
+    swap_name, wait_for
 
 
 @contextlib.contextmanager
@@ -229,20 +230,19 @@ def check_a_scan_prepares_no_more_than_it_may(service):
 
 
 def check_what_a_kill_left_is_tidied_up_wherever_it_works_next(service):
-    def swap_name(name):
-        return f"{service.tree}/.rux-swap-{hashlib.md5(name.encode()).hexdigest()}"
+    left, alone = (f"{service.tree}/{swap_name(name)}" for name in ("d", "gone"))
     a, b, _, d = (service.write(name, "same") for name in "abcd")
     service.scan()
     service.kill()
-    os.link(d, swap_name("d"))
-    with open(swap_name("gone"), "w", encoding="ascii") as file:
+    os.link(d, left)
+    with open(alone, "w", encoding="ascii") as file:
         file.write("the only name")
     mark = service.root + "/run/rux/unsettled"
     with open(mark, "wb"):
         service.start()
     service.edit(GROUPS, {"0": {"V": 1, "f_size": 4, "f_list": [a, b]}})
     assert service.compress() == "1,4" and os.stat(d).st_nlink == 1 and not os.path.exists(mark)
-    with open(swap_name("gone"), encoding="ascii") as file:
+    with open(alone, encoding="ascii") as file:
         assert file.read() == "the only name"
 
 

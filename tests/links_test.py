@@ -8,7 +8,6 @@ usage: links_test.py RUX RUXCTL [CHECK ...]
 import contextlib
 import ctypes
 import errno
-import hashlib
 import itertools
 import os
 import random
@@ -18,16 +17,15 @@ import signal
 import stat
 import struct
 import subprocess
-import sys
 import tempfile
 import threading
 import time
 
-from support.service import GROUPS, LINKED, checks, for_root, is_leased, wait_for
+from support.service import GROUPS, LINKED, checks, for_root, is_leased, swap_name, wait_for
 
 CONTENT = "k" * 300000
 CALLS = ("linkat", "renameat2", "syncfs", "unlinkat")  # that link and restore
-SWAP = "/.rux-swap-" + hashlib.md5(b"duplicate").hexdigest()  # beside the file of that name
+SWAP = swap_name("duplicate")
 
 
 def outcome(service, act, image, *paths):
@@ -242,7 +240,7 @@ def check_overlays_and_what_they_are_made_of(service):
 def check_what_a_killed_call_leaves(service):
     kept, duplicate = pair(service)
     clean = names(service)
-    swap = service.tree + SWAP
+    swap = f"{service.tree}/{SWAP}"
     os.link(kept, swap)  # it was killed before the exchange
     assert link(service, kept, duplicate) == 0 and names(service) == clean and os.stat(kept).st_nlink == 2
     for act in (lambda: link(service, kept, duplicate), service.scan):  # or after it
@@ -317,34 +315,35 @@ def check_swapped_directories_lead_nowhere_else(service):
 def injected(service, fault, call, count, by=signal.SIGTERM):
     """Something happens to that one of the service's system calls on its files; and some time goes by after a new name.
     Gives the file in which strace(1) says "INJECTED" when it has come to that."""
-    record = service.base + "/calls"
-    paths = ["", "/kept", "/duplicate", SWAP] if call == "newfstatat" else []
-    with subprocess.Popen(["strace", "-f", "-o", record, "-p", str(service.process.pid), f"-etrace={call},linkat",
-                           "-einject=linkat:delay_exit=20000", f"-einject={call}:{fault}:when={count}",
-                           *(f"-P{service.tree}{path}" for path in paths)], stderr=subprocess.PIPE, text=True) as strace:
-        if "attached" not in (line := strace.stderr.readline()):
-            print("skipped:", line)
-            sys.exit(77)
+    paths = ["", "/kept", "/duplicate", "/" + SWAP] if call == "newfstatat" else []
+    with service.strace(f"-etrace={call},linkat", "-einject=linkat:delay_exit=20000", f"-einject={call}:{fault}:when={count}",
+                        *(f"-P{service.tree}{path}" for path in paths)) as strace:
         try:
-            yield record
+            yield service.base + "/calls"
         finally:
             strace.send_signal(by)
+
+
+def prepared(service, act, *files):
+    """A tree of equal files and nothing else: links of the first for a restore."""
+    shutil.rmtree(service.tree)
+    paths = [service.write(name, CONTENT) for name in files]
+    for path in paths[1:] if act is restore else []:
+        os.remove(path)
+        os.link(paths[0], path)
+    return paths
 
 
 def check_no_fault_takes_a_name_from_a_writer(service):
     """Each call fails in its turn, while programs wait to write to the duplicate, and to both."""
     for act, call, wanted in itertools.product((link, restore), (*CALLS, "newfstatat"), (["duplicate"], ["duplicate", "kept"])):
         for count in itertools.count(1):
-            shutil.rmtree(service.tree)
-            paths = kept, duplicate = pair(service)
-            if act is restore:
-                os.remove(duplicate)
-                os.link(kept, duplicate)
+            paths = kept, duplicate = prepared(service, act, "kept", "duplicate")
             is_over = threading.Event()
             found = {}
 
             def write(name):
-                while SWAP[1:] not in names(service):
+                while SWAP not in names(service):
                     if is_over.wait(0.001):
                         return
                 with open(f"{service.tree}/{name}", "r+b") as file:
@@ -376,7 +375,7 @@ def check_a_change_of_mode_is_not_lost(service):
     kept, duplicate = pair(service)
 
     def change():
-        wait_for(lambda: SWAP[1:] in names(service))
+        wait_for(lambda: SWAP in names(service))
         os.chmod(duplicate, 0o600)
 
     changing = threading.Thread(target=change)
@@ -391,12 +390,7 @@ def check_a_kill_at_any_call_loses_nothing(service):
     """The service is ended as it enters each of the calls that change names. Started again, it finishes the work."""
     for act, call in itertools.product((link, restore), CALLS):
         for count in itertools.count(1):
-            shutil.rmtree(service.tree)
-            paths = [service.write(name, CONTENT) for name in ("a", "b", "d/c", "d/d")]
-            if act is restore:
-                for path in paths[1:]:
-                    os.remove(path)
-                    os.link(paths[0], path)
+            paths = prepared(service, act, "a", "b", "d/c", "d/d")
             is_reached = False
             with injected(service, "signal=SIGKILL", call, count, by=signal.SIGKILL):  # it may wait for a thread that died
                 try:

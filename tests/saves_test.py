@@ -38,12 +38,7 @@ class Recorder:
         self.file = service.base + "/calls"
         paths = [option for name in ["", *IMAGES, JOURNAL]
                  for option in ("-P", os.path.join(service.space, name).rstrip("/"))]
-        self.process = subprocess.Popen(
-            ["strace", "-f", "-y", "-xx", "-s", "10000000", "-o", self.file, "-p", str(service.process.pid),
-             "-e", "trace=" + CALLS, *options, *paths], stderr=subprocess.PIPE, text=True)
-        if "attached" not in (line := self.process.stderr.readline()):
-            print("skipped:", line)
-            sys.exit(77)
+        self.process = service.strace("-y", "-xx", "-s", "10000000", "-e", "trace=" + CALLS, *options, *paths)
 
     def end(self, by=signal.SIGTERM):
         self.process.send_signal(by)

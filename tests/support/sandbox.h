@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <system_error>
 
 namespace rux::test {
 
@@ -16,7 +17,10 @@ class Sandbox {
     Sandbox() {
         if (mkdtemp(mBase.data()) == nullptr) abort();
     }
-    ~Sandbox() { std::filesystem::remove_all(mBase); }
+    ~Sandbox() {
+        std::error_code ignored;
+        std::filesystem::remove_all(mBase, ignored);
+    }
     Sandbox(const Sandbox&) = delete;
     Sandbox& operator=(const Sandbox&) = delete;
 

@@ -1,6 +1,7 @@
 """A service process in a root of its own, and a client for it that shares no code with the project."""
 
 import contextlib
+import hashlib
 import json
 import os
 import re
@@ -203,6 +204,16 @@ class Service:
     def set_property(self, name, value):
         self.client("setprop", name, value)
 
+    def strace(self, *options):
+        """Starts strace(1) at the service, which writes to the file "calls", and waits until it has attached. Ends the
+        test as skipped where it may not."""
+        process = subprocess.Popen(["strace", "-f", "-o", self.base + "/calls", "-p", str(self.process.pid), *options],
+                                   stderr=subprocess.PIPE, text=True)
+        if "attached" not in (line := process.stderr.readline()):
+            print("skipped:", line)
+            sys.exit(77)
+        return process
+
     def leftovers(self):
         """Temporary names below the tree."""
         return [name for _, _, names in os.walk(self.tree) for name in names if name.startswith(".rux-")]
@@ -213,6 +224,11 @@ def wait_for(condition):
     while not condition():
         assert time.monotonic() < deadline, "it does not come true"
         time.sleep(0.002)
+
+
+def swap_name(name):
+    """The library's temporary name beside a file of that name."""
+    return ".rux-swap-" + hashlib.md5(name.encode()).hexdigest()
 
 
 def is_leased(path):
