@@ -1,6 +1,8 @@
 #include "compress/compress_request.h"
 
+#include <chrono>
 #include <cstdint>
+#include <future>
 #include <map>
 #include <utility>
 #include <vector>
@@ -26,6 +28,9 @@ namespace {
 constexpr int32_t kProgressStep = 100;  // links between two writes of the progress property
 
 constexpr size_t kMaxUncertain = 4096;  // groups
+constexpr size_t kBatch = 64;           // links that are settled while the next ones are made
+
+using Undone = std::map<std::string, int32_t>;  // links, each with the errno
 
 /// A group with links that may still be undone.
 struct LinkedGroup {
@@ -40,6 +45,9 @@ struct Tally {
     int64_t compressedGroupCount = 0;
     int64_t linkedBytes = 0;
     std::vector<LinkedGroup> uncertain;  // not in the two above yet
+    Undone undone;                       // of those
+    size_t unsettled = 0;                // links
+    std::future<Undone> settling;
 };
 
 void load(const std::string& SpaceID_DBPath) {
@@ -56,28 +64,50 @@ Json::ArrayIndex firstExisting(const Json::Value& paths) {
     return index;
 }
 
+/// Waits for the links that are being settled.
+void joinSettling(Tally& tally) {
+    if (tally.settling.valid()) tally.undone.merge(tally.settling.get());
+}
+
+/// Has the links so far settled while the next ones are made, unless that is being done.
+void settleBatch(Tally& tally) {
+    using namespace std::chrono_literals;
+    if (settleLinks == nullptr) return;
+    if (tally.settling.valid() && tally.settling.wait_for(0s) != std::future_status::ready) return;
+    joinSettling(tally);
+    tally.unsettled = 0;
+    tally.settling = std::async(settleLinks);  // without a thread, when it is waited for
+}
+
 void countLink(const std::string& duplicate, Tally& tally) {
     tally.uncertain.back().links.push_back(duplicate);
     tally.linkedFiles += 1;
+    if (++tally.unsettled >= kBatch) settleBatch(tally);
     if (tally.linkedFiles % kProgressStep == 0) {
         android::base::SetProperty(kCompressionProgress, std::to_string(tally.linkedFiles));
     }
 }
 
-/// Counts what has been linked for good.
-void settle(Tally& tally) {
-    std::map<std::string, int32_t> undone;
-    if (settleLinks != nullptr) undone = settleLinks();
+/// Settles all links, and counts what has been linked for good. The errno of each link that had to
+/// be undone.
+std::vector<int32_t> settle(Tally& tally) {
+    std::vector<int32_t> codes;
+    joinSettling(tally);
+    if (settleLinks != nullptr) tally.undone.merge(settleLinks());
     for (LinkedGroup& group : tally.uncertain) {
-        const auto lost = std::erase_if(group.links, [&](const std::string& path) {
-            return undone.contains(path);
+        std::erase_if(group.links, [&](const std::string& path) {
+            const auto found = tally.undone.find(path);
+            if (found != tally.undone.end()) codes.push_back(found->second);
+            return found != tally.undone.end();
         });
         const auto links = static_cast<int64_t>(group.links.size());
-        tally.linkedFiles -= static_cast<int32_t>(lost);
         tally.linkedBytes = addBytes(tally.linkedBytes, group.fileBytes, links);
         if (group.isFinished && links > 0) tally.compressedGroupCount += 1;
     }
+    tally.linkedFiles -= static_cast<int32_t>(codes.size());
     tally.uncertain.clear();
+    tally.undone.clear();
+    return codes;
 }
 
 void moveToCompressed(const std::string& digest) {
@@ -98,8 +128,9 @@ std::vector<std::string> duplicates() {
     return digests;
 }
 
-/// Compresses the groups of the loaded space. True when the stop property ended it.
-bool compressFile(Tally& tally) {
+/// Compresses the groups of the loaded space, until the stop property ends it.
+void compressFile(Tally& tally) {
+    bool isStopped = false;
     for (const std::string& digest : duplicates()) {
         const Json::Value& group = (*checkNoCompressDB)[digest];
         const Json::Value* paths = groupPaths(group);
@@ -109,9 +140,12 @@ bool compressFile(Tally& tally) {
             continue;
         }
         const std::string kept = pathOf((*paths)[keptIndex]);
-        if (tally.uncertain.size() >= kMaxUncertain) settle(tally);
+        if (tally.uncertain.size() >= kMaxUncertain) {
+            for (const int32_t code : settle(tally))
+                RUX_LOGE("createHardLink fail, error code %d", code);
+        }
         tally.uncertain.emplace_back().fileBytes = groupFileBytes(group);
-        for (Json::ArrayIndex i = keptIndex + 1; i < paths->size(); ++i) {
+        for (Json::ArrayIndex i = keptIndex + 1; i < paths->size() && !isStopped; ++i) {
             const std::string duplicate = pathOf((*paths)[i]);
             if (!pathExists(duplicate)) {
                 RUX_LOGD("file %s is deleted", duplicate.c_str());
@@ -123,21 +157,19 @@ bool compressFile(Tally& tally) {
             } else {
                 countLink(duplicate, tally);
             }
-            if (getStopProp(kStopCompression)) {
-                settle(tally);
-                if (tally.compressedGroupCount == 0) {
-                    RUX_LOGD("the compressedGroupCount is 0, selfadd.");
-                    tally.compressedGroupCount = 1;
-                }
-                RUX_LOGD("compress stop.");
-                return true;
-            }
+            isStopped = getStopProp(kStopCompression);
         }
+        if (isStopped) break;
         moveToCompressed(digest);
         tally.uncertain.back().isFinished = true;
     }
-    settle(tally);
-    return false;
+    for (const int32_t code : settle(tally)) RUX_LOGE("createHardLink fail, error code %d", code);
+    if (!isStopped) return;
+    if (tally.compressedGroupCount == 0) {
+        RUX_LOGD("the compressedGroupCount is 0, selfadd.");
+        tally.compressedGroupCount = 1;
+    }
+    RUX_LOGD("compress stop.");
 }
 
 }  // namespace

@@ -1,12 +1,16 @@
 #include "compress/restore_request.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <future>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "control/busy.h"
 #include "control/log.h"
+#include "control/parallel.h"
 #include "control/properties.h"
 #include "db/images.h"
 #include "db/json_text.h"
@@ -16,12 +20,17 @@
 #include "request/rules.h"
 #include "tavo_f2fs_io.h"
 
-/// Returns when all files that `restoreLinkFile` has copied are restored. An extension: where the
-/// platform's library has none, the address is null.
+/// Restores as many of the files as it can, in one go: then `restoreLinkFile`, which tells what has
+/// become of each, has only what is left to do. An extension: where the platform's library has
+/// none, the address is null. So `settleLinks`, which returns when nothing is begun any more.
+[[gnu::weak]] void restoreLinkFiles(const std::vector<std::string>& paths);
 [[gnu::weak]] std::map<std::string, int32_t> settleLinks();
 
 namespace rux {
 namespace {
+
+constexpr size_t kBlock = 8192;  // paths that are restored in one go
+constexpr unsigned kMostThreads = 4;
 
 void load(const std::string& SpaceID_DBPath) {
     DBReaderInit(SpaceID_DBPath, false, false, true, true);
@@ -44,21 +53,67 @@ bool isSelected(const Json::Value& paths, const std::string& fragment,
     return false;
 }
 
+/// The digests of the groups of the loaded space that are selected; an empty one counts as such.
+std::vector<std::string> selectGroups(const std::string& fragment, const PatternList& patterns) {
+    std::vector<std::string> digests;
+    if (!checkACompressDB->isObject()) return digests;
+    for (auto group = checkACompressDB->begin(); group != checkACompressDB->end(); ++group) {
+        const Json::Value* paths = groupPaths(*group);
+        std::string digest = group.name();
+        if (digest.empty() || (paths != nullptr && isSelected(*paths, fragment, patterns)))
+            digests.push_back(std::move(digest));
+    }
+    return digests;
+}
+
+/// Groups whose files are being restored, in one go.
+struct Block {
+    size_t end = 0;  // the group behind the last
+    std::future<void> work;
+};
+
+/// Begins with the files of the groups from `first` on, as many as are worth it; each group is done
+/// by one of several threads.
+Block beginBlock(const std::vector<std::string>& digests, size_t first) {
+    Block block;
+    if (restoreLinkFiles == nullptr) return {digests.size(), {}};
+    std::vector<std::vector<std::string>> parts(
+            std::clamp(std::thread::hardware_concurrency(), 1U, kMostThreads));
+    size_t count = 0;
+    for (block.end = first; block.end < digests.size() && count < kBlock; ++block.end) {
+        const Json::Value* paths = groupPaths((*checkACompressDB)[digests[block.end]]);
+        if (digests[block.end].empty() || paths == nullptr) continue;
+        count += paths->size();
+        for (const Json::Value& path : *paths)
+            parts[block.end % parts.size()].push_back(pathOf(path));
+    }
+    block.work = std::async([parts = std::move(parts)] {
+        inParallel(parts.size(), [&parts](size_t part) { restoreLinkFiles(parts[part]); });
+    });
+    return block;
+}
+
 /// Restores the groups of the loaded space that are selected, and adds their bytes to `restored`.
 void restoreFile(const std::string& fragment, const PatternList& patterns, int64_t& restored) {
-    if (!checkACompressDB->isObject()) return;
-    for (const std::string& digest : checkACompressDB->getMemberNames()) {
+    const std::vector<std::string> digests = selectGroups(fragment, patterns);
+    size_t ready = 0;
+    Block next = beginBlock(digests, 0);
+    for (size_t i = 0; i < digests.size(); ++i) {
+        if (i == ready) {
+            if (next.work.valid()) next.work.get();
+            ready = next.end;
+            next = beginBlock(digests, ready);
+        }
+        const std::string& digest = digests[i];
         if (digest.empty()) {
             RUX_LOGD("md5 is empty");
             continue;
         }
         const Json::Value& group = (*checkACompressDB)[digest];
-        const Json::Value* paths = groupPaths(group);
-        if (paths == nullptr || !isSelected(*paths, fragment, patterns)) continue;
-
-        restored = addBytes(restored, groupFileBytes(group), int64_t{paths->size()} - 1);
+        const Json::Value& paths = *groupPaths(group);
+        restored = addBytes(restored, groupFileBytes(group), int64_t{paths.size()} - 1);
         RUX_LOGD("restore file md5 group %s", digest.c_str());
-        for (const Json::Value& entry : *paths) {
+        for (const Json::Value& entry : paths) {
             const std::string path = pathOf(entry);
             RUX_LOGD("restoreLinkFile path: %s.", path.c_str());
             const int32_t code = restoreLinkFile(path.c_str(), toolLogEnabled);

@@ -71,6 +71,8 @@ const char* reasonFor(int error) {
             return "open for writing";
         case EBADE:
             return "of another owner, group, mode or attribute";
+        case EACCES:
+            return "one of them lies in a directory that others cannot enter";
         case EXDEV:
             return "on another file system";
         case EILSEQ:

@@ -21,10 +21,11 @@ import tempfile
 import threading
 import time
 
-from support.service import GROUPS, LINKED, checks, for_root, is_leased, swap_name, wait_for
+from support.service import GROUPS, LINKED, Service, checks, for_root, is_awaited, is_leased, swap_name, wait_for
 
 CONTENT = "k" * 300000
 CALLS = ("linkat", "renameat2", "syncfs", "unlinkat")  # that link and restore
+ON_FILES = ("newfstatat", "openat", "fcntl", "pread64", "flistxattr", "ioctl")
 SWAP = swap_name("duplicate")
 
 
@@ -168,6 +169,32 @@ def check_links_of_others(service):
         assert restore(service, way + "/2") == 0 and os.stat(home + "/1").st_nlink == 1, way
 
 
+@for_root
+def check_directories_that_others_cannot_enter(service):
+    """A link would let them in."""
+    def make(name, mode):
+        os.chown(service.write(name, "known"), 12345, 12345)
+        os.chmod(f"{service.tree}/{name}", mode)
+        return f"{service.tree}/{name}"
+
+    private, shared, open_below = (make(name, 0o664) for name in ("home/profile", "shared/file", "home/below/file"))
+    os.chmod(service.tree + "/home", 0o700)
+    for pair_of in ((private, shared), (shared, private), (open_below, shared), (shared, open_below)):
+        expect_refusal(service, *pair_of, errno.EACCES)
+    os.symlink(private, service.tree + "/alias")
+    expect_refusal(service, service.tree + "/alias", shared, errno.EACCES)
+    assert link(service, private, open_below) == 0 and restore(service, private) == 0
+    assert link(service, make("shared/other", 0o664), shared) == 0
+    assert link(service, make("home/secret", 0o600), make("shared/secret", 0o600)) == 0
+    time.sleep(1.1)  # so long is remembered what was
+    os.chmod(service.tree + "/home", 0o711)
+    assert link(service, make("home/profile", 0o664), make("shared/file", 0o664)) == 0
+    with contextlib.suppress(OSError):  # not every file system has them
+        os.setxattr(service.tree + "/shared", "system.posix_acl_access", acl(12346))
+        time.sleep(1.1)
+        expect_refusal(service, make("home/third", 0o664), make("shared/third", 0o664), errno.EACCES)
+
+
 def acl(user):
     """An access-control list that lets a user write (acl(5))."""
     return struct.pack("<i" + 5 * "HHi", 2, 1, 6, -1, 2, 6, user, 4, 4, -1, 16, 6, -1, 32, 4, -1)
@@ -226,14 +253,24 @@ def check_overlays_and_what_they_are_made_of(service):
     first, second = (service.write("upper one/" + name, "same") for name in "ab")
     lower, work, merged = (f"{service.tree}/{name}" for name in ("lower", "work", "merged"))
     assert link(service, first, second) == 0 and shell(f"mkdir {lower} {work} {merged}")
-    if not shell(f"mount -t overlay none -o 'lowerdir={lower},upperdir={service.tree}/upper one,workdir={work}' {merged}"):
+    overlay = f"mount -t overlay none -o 'lowerdir={lower},upperdir={service.tree}/upper one,workdir={work}' {merged}"
+    if not shell(overlay):
         return print("skipped, needs overlays")
-    time.sleep(0.2)  # then new mounts are known
     assert restore(service, second) == errno.EOPNOTSUPP
     expect_refusal(service, merged + "/a", merged + "/b", errno.EOPNOTSUPP)
     assert shell("umount " + merged)
-    time.sleep(0.2)
     assert restore(service, second) == 0
+    # The kernel gives the number of a file system that has gone to the next one.
+    os.remove(second)
+    for _ in range(10):
+        assert shell(f"mount -t tmpfs none {merged}")
+        paths = [service.write("merged/" + name, "same") for name in "ab"]
+        number = os.stat(merged).st_dev
+        assert link(service, *paths) == 0 and shell("umount " + merged, overlay)
+        if os.stat(merged).st_dev == number:
+            service.write("merged/b", "same")
+            expect_refusal(service, *paths, errno.EOPNOTSUPP)
+        assert shell("umount " + merged)
     return None
 
 
@@ -255,17 +292,29 @@ def check_what_a_killed_call_leaves(service):
     with open(swap, "ab"):
         assert link(service, kept, duplicate) == errno.EEXIST
     assert link(service, kept, duplicate) == restore(service, duplicate) == 0 and names(service) == clean
-    # Somebody wrote to the old file while the call was killed: that content has no other name.
-    with open(swap, "w", encoding="ascii") as file:
-        file.write("written meanwhile")
-    assert link(service, kept, duplicate) == restore(service, duplicate) == errno.EEXIST
+    # Somebody wrote to the old file when the call had been killed: it gets its name back.
+    service.write(SWAP, "written meanwhile")
+    assert link(service, kept, duplicate) == errno.ESTALE and names(service) == clean
+    assert read(duplicate) == "written meanwhile" and service.logged(f"undone {duplicate}: written to") == 1
+    # And to the new one later: nobody knows which of the two is to go.
+    service.write(SWAP, "written meanwhile")
+    for path in pair(service):
+        os.utime(path)
+    lost = service.write(swap_name("lost"), "its file is gone")
+    assert link(service, kept, duplicate) == errno.EEXIST and restore(service, duplicate) == 0
+    for _ in range(2):
+        start = os.path.getsize(service.base + "/log")
+        service.scan()
+        assert [line.count("kept ") for line in service.log(start).splitlines() if ".rux-swap" in line] == [1, 1]
+    assert read(swap) == "written meanwhile" and read(duplicate) == CONTENT and read(lost) == "its file is gone"
+    os.link(lost, service.tree + "/elsewhere")
     service.scan()
-    assert read(swap) == "written meanwhile" and read(duplicate) == CONTENT
+    assert not os.path.exists(lost)
     # Somebody else has made a file of that name, in a directory where that cannot be denied.
     if os.geteuid() == 0:
         os.chown(swap, 12345, 12345)
         assert restore(service, duplicate) == link(service, kept, duplicate) == restore(service, duplicate) == 0
-        assert read(swap) == "written meanwhile" and len(names(service)) == 3
+        assert read(swap) == "written meanwhile" and len(names(service)) == 4
 
 
 def check_a_writer_that_comes_while_bytes_are_compared(service):
@@ -315,9 +364,9 @@ def check_swapped_directories_lead_nowhere_else(service):
 def injected(service, fault, call, count, by=signal.SIGTERM):
     """Something happens to that one of the service's system calls on its files; and some time goes by after a new name.
     Gives the file in which strace(1) says "INJECTED" when it has come to that."""
-    paths = ["", "/kept", "/duplicate", "/" + SWAP] if call == "newfstatat" else []
+    paths = ["", *names(service), SWAP] if call in ON_FILES else []
     with service.strace(f"-etrace={call},linkat", "-einject=linkat:delay_exit=20000", f"-einject={call}:{fault}:when={count}",
-                        *(f"-P{service.tree}{path}" for path in paths)) as strace:
+                        *(f"-P{service.tree}/{path}".rstrip("/") for path in paths)) as strace:
         try:
             yield service.base + "/calls"
         finally:
@@ -339,6 +388,7 @@ def check_no_fault_takes_a_name_from_a_writer(service):
     for act, call, wanted in itertools.product((link, restore), (*CALLS, "newfstatat"), (["duplicate"], ["duplicate", "kept"])):
         for count in itertools.count(1):
             paths = kept, duplicate = prepared(service, act, "kept", "duplicate")
+            start = os.path.getsize(service.base + "/log")
             is_over = threading.Event()
             found = {}
 
@@ -360,7 +410,7 @@ def check_no_fault_takes_a_name_from_a_writer(service):
                     writer.join()
             assert read(kept) == read(duplicate) == CONTENT
             left = names(service)[:-2]
-            assert not left or code != 0 and (call, count) != ("renameat2", 1), "what must be kept is told"
+            assert not left or "kept " in service.log(start) and (call, count) != ("renameat2", 1), "what must be kept is told"
             if call != "newfstatat":  # without a status the file is as good as deleted
                 assert code != 0 or os.path.samefile(kept, duplicate) == (act is link), "what has failed is told"
             is_reached = "INJECTED" in read(record)
@@ -408,6 +458,229 @@ def check_a_kill_at_any_call_loses_nothing(service):
             assert len({os.stat(path).st_ino for path in paths}) == (1 if act is link else 4) and all(read(path) == CONTENT for path in paths)
             if not is_reached:
                 break
+
+
+def check_a_name_counts_once_whatever_leads_to_it(service):
+    kept, duplicate = service.write("kept", CONTENT), service.write("sub/duplicate", CONTENT)
+    os.symlink("sub", service.tree + "/too")
+    os.makedirs(service.space, exist_ok=True)
+    alias = service.tree + "/too/duplicate"
+    for is_written in (True, False):
+        service.edit(GROUPS, {"0": {"V": 1, "f_size": len(CONTENT), "f_list": [kept, duplicate, alias]}})
+        start = os.path.getsize(service.base + "/log")
+
+        def write():
+            wait_for(lambda: SWAP in os.listdir(service.tree + "/sub"))
+            with open(duplicate, "r+b"):
+                pass
+
+        writer = threading.Thread(target=write if is_written else lambda: None)
+        with injected(service, "error=EIO", "syncfs", 99):  # never, but there is time
+            writer.start()
+            found = service.compress()
+            writer.join()
+        failed = re.findall(r"compressFile:\d+: \[RUX-NATIVE\] createHardLink fail, error code 16", service.log(start))
+        assert (found, len(failed)) == (("1,600000", 0) if os.path.samefile(kept, duplicate) else ("0,0", 2)), (found, failed)
+        assert is_written or os.path.samefile(kept, duplicate)
+
+
+@for_root
+def check_not_to_know_who_runs_means_to_wait(service):
+    service.kill()
+    service.start("unshare", "-m", "sh", "-c", 'mount --bind /dev/null /proc/loadavg && exec "$0"')
+    with service.strace("-etrace=clock_nanosleep") as strace:
+        assert link(service, *pair(service)) == 0
+        strace.send_signal(signal.SIGTERM)
+    assert re.search(r"tv_nsec=(4[5-9]|50)\d{6}}", read(service.base + "/calls"))
+
+
+def hold_a_call_for_longer_than_a_lease(service):
+    """The kernel then lets a program write to the file that is to be kept, just before it gets one more name."""
+    kept, duplicate = prepared(service, link, "kept", "duplicate")
+    with open("/proc/sys/fs/lease-break-time", encoding="ascii") as setting:
+        longest = int(setting.read())
+
+    def write():
+        wait_for(lambda: SWAP in names(service))
+        with open(kept, "r+b") as file:
+            file.write(b"new")
+
+    writer = threading.Thread(target=write)
+    with service.strace("-etrace=renameat2", f"-einject=renameat2:delay_enter={longest * 1000000 + 3000000}:when=1") as strace:
+        writer.start()
+        assert link(service, kept, duplicate) in (errno.EBUSY, errno.ESTALE)
+        strace.send_signal(signal.SIGTERM)
+    writer.join()
+    assert read(duplicate) == CONTENT and read(kept) == "new" + CONTENT[3:] and not service.leftovers()
+
+
+def restored(service, groups, start):
+    """Looks at a restore of groups of links: which paths have data of their own, and what the log says of each."""
+    lines = "\n".join(line for line in service.log(start).splitlines() if " restoreFile:" in line)
+    told = re.findall(r"restoreLinkFile path: (.*)\.\n.*restoreLinkFile (success|fail)", lines)
+    assert [path for path, _ in told] == [path for paths in groups for path in paths]
+    for paths in groups:
+        outcomes = {path: outcome for path, outcome in told if path in paths}
+        linked = [path for path in paths if os.stat(path).st_nlink > 1]
+        assert all(outcomes[path] == "fail" for path in linked), (outcomes, linked)
+        assert len(linked) < len(paths) or set(outcomes.values()) == {"fail"}, outcomes
+        assert all(read(path) == CONTENT for path in paths)
+
+
+def restore_groups(service, sizes):
+    shutil.rmtree(service.tree)
+    groups = []
+    for number, size in enumerate(sizes):
+        groups.append([f"{service.tree}/{number}{letter}" for letter in "abcdef"[:size]])
+        service.write(os.path.basename(groups[-1][0]), CONTENT)
+        for path in groups[-1][1:]:
+            os.link(groups[-1][0], path)
+    service.edit(LINKED, {str(number): {"V": 1, "f_size": 1, "f_list": paths} for number, paths in enumerate(groups)})
+    start = os.path.getsize(service.base + "/log")
+    return groups, start
+
+
+def check_each_answer_of_a_restore_is_true(service):
+    """While others open the files, and with a fault at each call in its turn."""
+    os.makedirs(service.space, exist_ok=True)
+    for _ in range(20):
+        groups, start = restore_groups(service, [2, 3])
+        is_over = threading.Event()
+
+        def open_often():
+            while not is_over.wait(0.0005):
+                for path in groups[0] + groups[1]:
+                    with contextlib.suppress(OSError):
+                        os.close(os.open(path, os.O_WRONLY | os.O_NONBLOCK))
+
+        opener = threading.Thread(target=open_often)
+        opener.start()
+        service.restore()
+        is_over.set()
+        opener.join()
+        restored(service, groups, start)
+    for error, call in [("EIO", call) for call in (*CALLS, *ON_FILES)] + [("ENOSPC", "openat"), ("ENOSPC", "linkat")]:
+        for count in itertools.count(1):
+            groups, start = restore_groups(service, [2, 3, 2])
+            with injected(service, f"error={error}", call, count) as record:
+                service.restore()
+            restored(service, groups, start)
+            if "INJECTED" not in read(record):
+                break
+
+
+def check_what_a_waiting_program_writes_after_a_kill(service):
+    """It has waited for the lease of the service, and comes to its file when that has ended."""
+    acts = {link: lambda service, kept, duplicate: link(service, kept, duplicate),
+            restore: lambda service, kept, duplicate: restore(service, duplicate, kept)}
+    for act, then in itertools.product(acts, (link, restore, Service.scan)):
+        kept, duplicate = prepared(service, act, "kept", "duplicate")
+
+        def write():
+            wait_for(lambda: SWAP in names(service))
+            with open(duplicate, "r+b") as file:
+                file.write(b"new")
+
+        writer = threading.Thread(target=write)
+        with injected(service, "signal=SIGKILL", "renameat2", 2, by=signal.SIGKILL):  # that of an undo
+            writer.start()
+            with contextlib.suppress(OSError):
+                acts[act](service, kept, duplicate)
+        assert service.process.wait() == -9
+        writer.join()
+        if act is restore:  # then the file has no other name
+            os.remove(kept)
+            service.write("kept", CONTENT)
+        service.start()
+        then(service) if then is Service.scan else acts[then](service, kept, duplicate)
+        assert read(duplicate) == "new" + CONTENT[3:] and read(kept) == CONTENT, (act, then)
+        assert not service.leftovers() and service.logged(f"undone {duplicate}: written to") > 0, (act, then)
+
+
+@contextlib.contextmanager
+def held_before_the_end(service, act, *paths):
+    """Between an exchange and its end, with the service stopped; the list given holds the call's code afterwards."""
+    codes, before = [], os.stat(paths[-1]).st_ino
+    with service.strace("-etrace=openat", "-P/proc/loadavg", "-einject=openat:delay_enter=150000") as strace:
+        caller = threading.Thread(target=lambda: codes.append(act(service, *paths)))
+        caller.start()
+        wait_for(lambda: os.stat(paths[-1]).st_ino != before and not is_leased(paths[-1]))
+        service.process.send_signal(signal.SIGSTOP)
+        try:
+            yield codes
+        finally:
+            service.process.send_signal(signal.SIGCONT)
+            caller.join()
+            strace.send_signal(signal.SIGTERM)
+
+
+def write_and_set_the_time_back(path):
+    times = os.stat(path)
+    with open(path, "r+b", buffering=0) as file:
+        file.write(b"kept")
+        os.utime(file.fileno(), ns=(times.st_atime_ns, times.st_mtime_ns))
+
+
+def check_who_has_written_decides(service):
+    """What becomes of the replaced file (the old) and of the one that has its name, by what others do to the two before the
+    end. Each row: what is done to the old one, to the new one, whether each has another name; then, which one the name
+    leads to, and how many temporary names there are."""
+    old, new, swap, both = "old", "new", f"{service.tree}/{SWAP}", "were both written to"
+    change = {"mode": lambda file: os.fchmod(file, 0o600), "time": lambda file: os.utime(file, (1, 1)), "": lambda file: None}
+    rows = [
+        ("", "", False, True, new), ("", "write", False, True, new), ("", "write", False, False, new),
+        ("mode", "", False, True, old), ("mode", "", False, False, old), ("time", "", False, True, old),
+        ("mode", "touch", False, True, old), ("mode", "write", False, True, new), ("time", "write", True, True, new),
+        ("mode", "write back", False, False, new), ("write", "", False, True, old), ("write", "", True, True, old),
+        ("write", "touch", False, False, both), ("write", "write", True, False, new), ("write", "write", False, True, old),
+        ("write", "write back", False, False, both), ("write", "write", False, False, both), ("", "replaced", False, True, None),
+        ("write", "replaced", True, True, None)]
+    for act, (to_old, to_new, old_other, new_other, expected) in itertools.product((link, restore), rows):
+        kept, duplicate = prepared(service, act, "kept", "duplicate")
+        what = (act.__name__, to_old, to_new, old_other, new_other)
+        if act is restore and (old_other or to_old and to_new):
+            continue  # the other name of the old one is that of the group
+        paths = (kept, duplicate) if act is link else (duplicate,)
+        start = os.path.getsize(service.base + "/log")
+        with open(duplicate, "rb") as file, held_before_the_end(service, act, *paths) as codes:
+            before, after = os.fstat(file.fileno()).st_ino, os.stat(duplicate).st_ino
+            writer = threading.Thread(target=lambda: write_and_set_the_time_back(swap))  # waits for the lease
+            if to_old == "write":
+                writer.start()
+                wait_for(lambda: is_awaited(swap))
+            else:
+                change[to_old](file.fileno())
+            if to_new == "write":
+                with open(duplicate, "ab") as to:
+                    to.write(b"new")
+            elif to_new == "write back":
+                write_and_set_the_time_back(duplicate)
+            elif to_new == "touch":
+                os.utime(duplicate)
+            elif to_new == "replaced":
+                os.rename(service.write("other", "other"), duplicate)
+            if old_other:
+                os.link(swap, service.tree + "/old too")
+            if act is link and not new_other:
+                os.remove(kept)
+        if to_old == "write":
+            writer.join()
+        if act is restore and expected is old:  # and it is tried again
+            before = os.stat(duplicate).st_ino
+            assert read(duplicate) == read(kept) and stat.S_IMODE(os.stat(duplicate).st_mode) == stat.S_IMODE(os.stat(kept).st_mode)
+        inode = os.stat(duplicate).st_ino
+        assert inode == {old: before, new: after, both: after}.get(expected, inode), what
+        assert len(service.leftovers()) == (expected is both), what
+        assert expected is not None or read(duplicate) == "other", what
+        assert (both in service.log(start)) == (to_old == "write" and bool(to_new) and to_new != "replaced"), what
+        assert (codes[0] != 0) == (expected in (old, both) and act is link), (what, codes)
+        if to_old == "mode" and expected is old:
+            assert stat.S_IMODE(os.stat(duplicate).st_mode) == 0o600, what
+        files = {os.stat(f"{service.tree}/{name}").st_ino: read(f"{service.tree}/{name}") for name in names(service)}
+        if to_old == "write":
+            assert act is restore or files.get(before, "").startswith("kept"), what
+        if to_new.startswith("write"):
+            assert files[after] != CONTENT, what
 
 
 if __name__ == "__main__":

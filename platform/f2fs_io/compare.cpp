@@ -36,10 +36,6 @@ bool hasCapability(unsigned capability) {
            (sets[CAP_TO_INDEX(capability)].effective & CAP_TO_MASK(capability)) != 0;
 }
 
-bool sameTime(const timespec& a, const timespec& b) {
-    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
-
 /// Reads all of `size` bytes at `offset`. 0 or an errno, EILSEQ when the file ends before.
 int readFully(int file, char* bytes, size_t size, off_t offset) {
     while (size > 0) {
@@ -186,6 +182,10 @@ class Helper {
 };
 
 }  // namespace
+
+bool sameTime(const timespec& a, const timespec& b) {
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
 
 bool sameContentStamp(const struct stat& before, const struct stat& after) {
     return before.st_size == after.st_size && sameTime(before.st_mtim, after.st_mtim);

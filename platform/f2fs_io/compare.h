@@ -9,6 +9,8 @@
 
 namespace android::host {
 
+bool sameTime(const timespec& a, const timespec& b);
+
 /// Whether nobody has written between two readings of one file's status.
 bool sameContentStamp(const struct stat& before, const struct stat& after);
 
@@ -28,6 +30,11 @@ struct Attributes {
 
     /// Whether this process has the rights to give a copy the same.
     bool canBeGiven() const;
+
+    /// Whether nobody but the owner has any rights.
+    bool areOwnersAlone() const {
+        return (mode & 077) == 0 && xattrs.count("system.posix_acl_access") == 0;
+    }
 };
 
 /// What the file system has been told to do with an open file: the flags of ioctl_iflags(2) that

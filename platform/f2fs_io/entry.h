@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <compare>
 #include <string>
 
 #include "f2fs_io/resolve.h"
@@ -14,7 +15,7 @@ namespace android::host {
 struct FileId {
     dev_t device = 0;
     ino_t inode = 0;
-    bool operator==(const FileId&) const = default;
+    auto operator<=>(const FileId&) const = default;
 };
 
 inline FileId idOf(const struct stat& st) {
@@ -40,8 +41,7 @@ struct Entry {
     }
 
     /// Opens the file itself for reading; ELOOP for a symbolic link, which is never followed, and
-    /// for a file that others' links lead to, EINVAL for what is not a regular file, EOPNOTSUPP in
-    /// an overlay. Fills `st`.
+    /// for a file that others' links lead to, EINVAL for what is not a regular file. Fills `st`.
     int openFile(UniqueFd* file, struct stat* st) const;
 
     /// Status of `other`, a name in the same directory, links not followed.
@@ -68,8 +68,5 @@ int openRegular(int directory, const char* path, int flags, UniqueFd* file, stru
 
 /// Fills `st`. 0 or an errno, EINVAL for what is no regular file.
 int statusOfRegular(const UniqueFd& file, struct stat* st);
-
-/// The type of the file system (statfs(2)) that an open file on `device` lies on. 0 or an errno.
-int fileSystemOf(int file, dev_t device, long* type);
 
 }  // namespace android::host

@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <memory>
 #include <utility>
 
 #include "f2fs_io/compare.h"
@@ -10,7 +9,9 @@
 #include "f2fs_io/hard_link.h"
 #include "f2fs_io/leased_file.h"
 #include "f2fs_io/leftovers.h"
-#include "f2fs_io/line.h"
+#include "f2fs_io/overlay.h"
+#include "f2fs_io/pending.h"
+#include "f2fs_io/private_directory.h"
 #include "f2fs_io/swap.h"
 #include "f2fs_io/tool_log.h"
 #include "tavo_f2fs_io.h"
@@ -18,30 +19,45 @@
 namespace android::host {
 namespace {
 
-/// Opens the file that is to be kept. Where links lead to it, it is looked at first: to open a
-/// device may do something.
-int openKept(const char* path, LeasedFile* kept) {
-    const int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_NOATIME;
-    int error = openWithoutLinks(path, flags, &kept->file);
-    if (error == ELOOP) {
-        UniqueFd place;
-        LinkMakers makers;
-        struct stat st = {};
-        if (error = resolve(path, &place, &makers); error != 0) return error;
-        if (error = statusOfRegular(place, &st); error != 0) return error;
-        if (!makers.mayLeadTo(st.st_uid)) return ELOOP;
-        error = openToRead(AT_FDCWD, ownPathOf(place.get()).c_str(), 0, &kept->file);
-    }
-    return error == 0 ? statusOfRegular(kept->file, &kept->status) : error;
+/// Opens the file that is to be kept. Where its name is a link, what that leads to is looked at
+/// first: to open a device may do something.
+int openKept(const char* path, Entry* entry, LeasedFile* kept) {
+    int error = entry->open(path);
+    if (error == 0) error = entry->openFile(&kept->file, &kept->status);
+    if (error != ELOOP) return error;
+    UniqueFd place;
+    LinkMakers makers;
+    struct stat st = {};
+    if (error = resolve(path, &place, &makers); error != 0) return error;
+    if (error = statusOfRegular(place, &st); error != 0) return error;
+    if (!makers.mayLeadTo(st.st_uid)) return ELOOP;
+    if (error = openToRead(AT_FDCWD, ownPathOf(place.get()).c_str(), 0, &kept->file); error != 0)
+        return error;
+    if (error = statusOfRegular(kept->file, &kept->status); error != 0) return error;
+    if (error = entry->open(placeOf(kept->file.get()).c_str()); error != 0) return error;
+    if (error = entry->status(entry->name, &st); error != 0) return error;
+    return idOf(st) == kept->id() ? 0 : ESTALE;
+}
+
+/// Whether the ways to both files are open to the same users.
+int compareWays(const Entry& one, const Entry& other) {
+    FileId first;
+    FileId second;
+    if (one.directoryId == other.directoryId) return 0;
+    if (const int error = findPrivateDirectory(one, &first); error != 0) return error;
+    if (const int error = findPrivateDirectory(other, &second); error != 0) return error;
+    return first == second ? 0 : EACCES;
 }
 
 /// Opens both files, keeps writers out of them, and asks all that can be asked without their bytes.
 /// 0, EALREADY for one file, or why the two cannot be one.
 int prepare(const char* keptPath, Replacement* replacement, LeasedFile* kept) {
+    const Entry& entry = replacement->entry;
+    Entry keptEntry;
     LeasedFile& old = replacement->outgoing;
-    if (const int error = replacement->entry.openFile(&old.file, &old.status); error != 0)
-        return error;
-    if (const int error = openKept(keptPath, kept); error != 0) return error;
+    if (const int error = entry.openFile(&old.file, &old.status); error != 0) return error;
+    if (const int error = refuseOverlay(entry.directory); error != 0) return error;
+    if (const int error = openKept(keptPath, &keptEntry, kept); error != 0) return error;
     if (kept->id() == old.id()) return EALREADY;
     if (kept->status.st_dev != old.status.st_dev) return EXDEV;
     if (kept->status.st_size != old.status.st_size) return EILSEQ;
@@ -50,7 +66,8 @@ int prepare(const char* keptPath, Replacement* replacement, LeasedFile* kept) {
     if (const int error = old.takeLease(); error != 0) return error;
     if (!(kept->attributes == old.attributes)) return EBADE;
     if (flagsOf(kept->file.get()) != flagsOf(old.file.get())) return EBADE;
-    return old.attributes.canBeGiven() ? 0 : EPERM;  // as a restore would have to
+    if (!old.attributes.canBeGiven()) return EPERM;  // as a restore would have to
+    return old.attributes.areOwnersAlone() ? 0 : compareWays(keptEntry, entry);
 }
 
 int compare(const LeasedFile& kept, const LeasedFile& old) {
@@ -59,27 +76,41 @@ int compare(const LeasedFile& kept, const LeasedFile& old) {
 }
 
 int linkDuplicate(const char* keptPath, const char* duplicatePath) {
-    auto replacement = std::make_unique<Replacement>();
-    Entry& entry = replacement->entry;
+    Replacement replacement;
+    Entry& entry = replacement.entry;
     LeasedFile kept;
-    replacement->path = duplicatePath;
     if (const int error = entry.open(duplicatePath); error != 0) return error;
     tidyOnce(entry);
-    int error = prepare(keptPath, replacement.get(), &kept);
-    // One file already; a call that was killed right after the exchange may have left the other
-    // one.
-    if (error == EALREADY) return isBeingLinked(entry) ? 0 : removeLeftovers(entry);
-    if (error == 0) error = compare(kept, replacement->outgoing);
+    int error = prepare(keptPath, &replacement, &kept);
+    if (error == EALREADY) {  // one file already
+        struct stat st = {};
+        if (entry.status(entry.swapName(), &st) == 0) {
+            if (joinPending(entry, duplicatePath)) return 0;
+            if (error = removeLeftover(entry); error != 0) return error;
+        }
+        // What was done for that name may have been undone.
+        const bool isOne = entry.status(entry.name, &st) == 0 && idOf(st) == kept.id();
+        return isOne ? 0 : linkDuplicate(keptPath, duplicatePath);
+    }
+    if (error == 0) error = compare(kept, replacement.outgoing);
+    const auto asked = ReadLease::Clock::now();
     if (error == 0) error = kept.undisturbed();
-    if (error == 0) error = entry.linkAsSwap(kept.file);
-    if (error == EEXIST && (error = removeLeftovers(entry)) == 0)
+    if (error == 0) {
+        noteUnfinished();
+        error = entry.linkAsSwap(kept.file);
+    }
+    if (error == EEXIST && (error = removeLeftover(entry)) == 0)
         error = entry.linkAsSwap(kept.file);
     if (error != 0) return error;
-    // From the exchange on whoever opens the name finds the kept file, linked: that is all right.
-    // Only the old file must be left alone to its end.
-    replacement->incoming = kept.status;
-    if (error = exchange(*replacement); error == 0) standInLine(std::move(replacement));
-    return error;
+    replacement.incoming = kept.status;
+    if (error = exchange(replacement); error != 0) return error;
+    // From the exchange on whoever opens the name for writing finds the kept file, linked, and
+    // waits a moment: that is all right. But when this thread was held up for so long that the
+    // kernel may have let a writer in by force, that one may have come before.
+    if (ReadLease::Clock::now() - asked > ReadLease::kLeast) error = kept.undisturbed();
+    if (error != 0) return undo(entry, replacement.incoming, error);
+    addPending(std::move(replacement), duplicatePath);
+    return 0;
 }
 
 }  // namespace

@@ -4,7 +4,9 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <utility>
 
 namespace android::host {
 
@@ -13,9 +15,19 @@ namespace android::host {
 /// is given up, and `held` tells that somebody does.
 class ReadLease {
   public:
+    using Clock = std::chrono::steady_clock;
+
+    /// For how long a lease holds at least after it was seen to: the kernel lets nobody wait for
+    /// less than a second (/proc/sys/fs/lease-break-time in proc_sys_fs(5)).
+    static constexpr auto kLeast = std::chrono::milliseconds(500);
+
     ReadLease() = default;
-    ReadLease(const ReadLease&) = delete;
-    ReadLease& operator=(const ReadLease&) = delete;
+    ReadLease(ReadLease&& other) noexcept : mFile(std::exchange(other.mFile, -1)) {}
+    ReadLease& operator=(ReadLease&& other) noexcept {
+        giveUp();
+        mFile = std::exchange(other.mFile, -1);
+        return *this;
+    }
     ~ReadLease() { giveUp(); }
 
     /// 0 or an errno: EBUSY when the file is open for writing. `file` must be open for reading only
@@ -34,13 +46,15 @@ class ReadLease {
         mFile = -1;
     }
 
-    /// Takes it anew: EBUSY also when somebody is just opening the file for writing and has not
-    /// come as far as the lease, but may wait for another program's word about it (fanotify(7)).
-    int renew() {
-        const int file = mFile;
+    /// Asks for it once more while it is held, so that nobody can come in between: 0, or EBUSY when
+    /// somebody waits for it to be given up, or is just opening the file for writing and has not
+    /// come as far as the lease (another program may have a word in that, see fanotify(7)), or
+    /// when this thread was held up for so long that nobody knows.
+    int confirm() const {
+        const auto start = Clock::now();
         if (!held()) return EBUSY;
-        giveUp();
-        return take(file);
+        if (fcntl(mFile, F_SETLEASE, F_RDLCK) != 0) return errno == EAGAIN ? EBUSY : errno;
+        return Clock::now() - start < kLeast ? 0 : EBUSY;
     }
 
     bool held() const { return fcntl(mFile, F_GETLEASE) == F_RDLCK; }

@@ -10,12 +10,16 @@ int LeasedFile::takeLease() {
     return readAttributes(file.get(), status, &attributes);
 }
 
-int LeasedFile::undisturbed() const {
+int LeasedFile::compareWithNow() const {
     struct stat now = {};
     Attributes attributesNow;
     if (fstat(file.get(), &now) != 0) return errno;
     if (const int error = readAttributes(file.get(), now, &attributesNow); error != 0) return error;
-    if (!sameContentStamp(status, now) || !(attributes == attributesNow)) return ESTALE;
+    return sameContentStamp(status, now) && attributes == attributesNow ? 0 : ESTALE;
+}
+
+int LeasedFile::undisturbed() const {
+    if (const int error = compareWithNow(); error != 0) return error;
     return isInUse() ? EBUSY : 0;
 }
 

@@ -22,7 +22,10 @@ struct LeasedFile {
     /// 0 or an errno, EBUSY for a file that is open for writing.
     int takeLease();
 
-    /// 0 while nobody has changed the file or wants to; ESTALE or EBUSY, or an errno.
+    /// 0 while size, time, owner, mode and attributes are as they were; ESTALE, or an errno.
+    int compareWithNow() const;
+
+    /// 0 while that is so and nobody wants to write; ESTALE or EBUSY, or an errno.
     int undisturbed() const;
 
     /// Whether somebody has opened the file, or waits to, for writing.

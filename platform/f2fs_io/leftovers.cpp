@@ -4,83 +4,135 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <ctime>
 #include <filesystem>
 #include <mutex>
 #include <random>
 #include <set>
+#include <string>
 #include <system_error>
 
+#include "android/log.h"
 #include "f2fs_io/compare.h"
-#include "f2fs_io/lease.h"
-#include "f2fs_io/line.h"
+#include "f2fs_io/interrupted.h"
+#include "f2fs_io/leased_file.h"
+#include "f2fs_io/pending.h"
+#include "f2fs_io/swap.h"
 
 namespace android::host {
 namespace {
 
-/// For all names in the directory of `any`.
+std::chrono::nanoseconds age(const timespec& time) {
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return std::chrono::seconds(now.tv_sec - time.tv_sec) +
+           std::chrono::nanoseconds(now.tv_nsec - time.tv_nsec);
+}
+
+bool isBefore(const timespec& a, const timespec& b) {
+    return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
+}
+
+/// Opens the file under a swap name, with writers shut out once nobody can be about to open it.
+bool lease(const Entry& entry, const std::string& swap, LeasedFile* file) {
+    struct stat st = {};
+    if (entry.status(swap, &st) != 0) return false;
+    waitForInterruptedTasks(age(st.st_ctim));
+    return openRegular(entry.directory.get(), swap.c_str(), O_NOFOLLOW, &file->file,
+                       &file->status) == 0 &&
+           file->takeLease() == 0;
+}
+
+/// Removes the swap name of a file that is not needed.
+int removeUnneeded(const Entry& entry, const std::string& swap, const LeasedFile& file) {
+    struct stat st = {};
+    const bool isThatFile = entry.status(swap, &st) == 0 && idOf(st) == file.id();
+    return isThatFile && !file.isInUse() ? removeSwap(entry, swap) : keepSwap(entry, swap, EEXIST);
+}
+
+bool isSwapName(const std::string& name) {
+    constexpr size_t kPrefix = sizeof(Entry::kSwapPrefix) - 1;
+    return name.starts_with(Entry::kSwapPrefix) && name.size() == kPrefix + 32 &&
+           name.find_first_not_of("0123456789abcdef", kPrefix) == std::string::npos;
+}
+
+/// For all swap names in the directory of `any`.
 void tidy(const Entry& any) {
     std::error_code failure;
     std::set<std::string> names;
+    std::set<std::string> swaps;
     for (const auto& found :
          std::filesystem::directory_iterator(ownPathOf(any.directory.get()), failure)) {
-        names.insert(found.path().filename());
+        const std::string name = found.path().filename();
+        names.insert(name);
+        if (isSwapName(name)) swaps.insert(name);
     }
-    const auto first = names.lower_bound(Entry::kSwapPrefix);
-    if (first == names.end() || !first->starts_with(Entry::kSwapPrefix)) return;
+    if (swaps.empty()) return;
+    Entry entry;
+    entry.directory.reset(fcntl(any.directory.get(), F_DUPFD_CLOEXEC, 0));
+    entry.directoryId = any.directoryId;
+    entry.parent = any.parent;
+    entry.makers = any.makers;
     for (const std::string& name : names) {
-        Entry entry;
         entry.name = name;
-        if (names.count(entry.swapName()) == 0) continue;
-        entry.directory.reset(fcntl(any.directory.get(), F_DUPFD_CLOEXEC, 0));
-        entry.directoryId = any.directoryId;
-        entry.parent = any.parent;
-        entry.makers = any.makers;
-        removeLeftovers(entry);
+        entry.salt.clear();
+        if (swaps.erase(entry.swapName()) != 0) removeLeftover(entry);
+    }
+    concludePending();
+    entry.name.clear();
+    for (const std::string& swap : swaps) {  // whose files have been renamed or removed
+        LeasedFile file;
+        if (!lease(entry, swap, &file) || file.status.st_nlink == 1) {
+            keepSwap(entry, swap, EEXIST);
+        } else {
+            removeUnneeded(entry, swap, file);
+        }
     }
 }
 
 }  // namespace
 
 void tidyOnce(const Entry& entry) {
-    static const bool anyLeft = hasLineBeenLeft();
-    if (!anyLeft) return;
+    if (!wasLeftUnfinished()) return;
     static std::mutex mutex;
-    static auto& known = *new std::set<std::pair<dev_t, ino_t>>;
+    static auto& known = *new std::set<FileId>;
     {
         const std::lock_guard lock(mutex);
-        if (!known.emplace(entry.directoryId.device, entry.directoryId.inode).second) return;
+        if (!known.insert(entry.directoryId).second) return;
     }
     tidy(entry);
 }
 
-int removeLeftovers(Entry& entry) {
+int removeLeftover(Entry& entry) {
     const std::string swap = entry.swapName();
-    struct stat left = {};
-    if (entry.status(swap, &left) == 0) waitForLine();  // it may stand there
     struct stat st = {};
-    if (const int error = entry.status(swap, &left); error != 0) return error == ENOENT ? 0 : error;
-    UniqueFd ours;
-    UniqueFd theirs;
-    ReadLease lease;
-    if (const int error = entry.openFile(&ours, &st); error != 0) return error;
-    if (st.st_uid != left.st_uid) {
+    if (entry.status(swap, &st) == 0) concludePending();  // it may be one of these
+    if (const int error = entry.status(swap, &st); error != 0) return error == ENOENT ? 0 : error;
+    LeasedFile ours;
+    LeasedFile left;
+    if (const int error = entry.openFile(&ours.file, &ours.status); error != 0) return error;
+    if (ours.status.st_uid != st.st_uid) {
         std::random_device random;
         for (int i = 0; i < 4; ++i) entry.salt += std::to_string(random());
         return 0;
     }
-    // A program may have had the file open all the while, or be about to.
-    waitForInterruptedTasks(left.st_ctim);
-    if (openRegular(entry.directory.get(), swap.c_str(), O_NOFOLLOW, &theirs, &left) != 0 ||
-        lease.take(theirs.get()) != 0) {
-        return EEXIST;
-    }
+    if (!lease(entry, swap, &left)) return keepSwap(entry, swap, EEXIST);
     // Does another name hold the content too, be it this entry's or that of another member?
-    const bool spare =
-            left.st_nlink > 1 ||
-            (st.st_size == left.st_size &&
-             compareBytes(ours.get(), theirs.get(), st.st_size, nullptr) == 0 && lease.held());
-    if (!spare || entry.status(swap, &st) != 0 || idOf(st) != idOf(left)) return EEXIST;
-    return unlinkat(entry.directory.get(), swap.c_str(), 0) == 0 || errno == ENOENT ? 0 : errno;
+    if (left.status.st_nlink > 1 ||
+        (left.status.st_size == ours.status.st_size &&
+         compareBytes(ours.file.get(), left.file.get(), left.status.st_size, nullptr) == 0))
+        return removeUnneeded(entry, swap, left);
+    // When a process ends so do its leases: whoever had waited for one writes to the file that is
+    // under the swap name by now. Of such a file both times are those of the write, while the
+    // exchange itself counts as a change of status alone.
+    const bool isWritten = sameTime(left.status.st_mtim, left.status.st_ctim);
+    if (!isWritten || ours.takeLease() != 0 || !isBefore(ours.status.st_mtim, left.status.st_mtim))
+        return keepSwap(entry, swap, EEXIST);
+    __android_log_print(ANDROID_LOG_ERROR, "tavo_f2fs_io",
+                        "undone %s%s: written to when its call had been killed",
+                        entry.parent.c_str(), entry.name.c_str());
+    return undo(entry, ours.status, 0);
 }
 
 }  // namespace android::host

@@ -5,17 +5,21 @@
 
 namespace android::host {
 
-/// When the process before this one was killed with files in the line: looks through the entry's
+/// When the process before this one was killed at its work: looks through the entry's
 /// directory, once.
 void tidyOnce(const Entry& entry);
 
-/// Removes what an interrupted call on this entry left. EEXIST when that is the only name of a
-/// content that differs from the file's own: then a writer that was open while the call was killed
-/// has written there, and it is kept. A file of another owner is no leftover: it stays, and the
-/// swap name becomes another one. What is in the line is waited for.
-int removeLeftovers(Entry& entry);
+/// Takes care of what an interrupted call on this entry has left under the swap name. What is
+/// pending is concluded first. Then the file there
+///  - is removed when its content has another name, or is the entry's own;
+///  - gets the entry's name back when it was written to since the exchange and the entry's file was
+///    not, which a line of the log at ERROR tells;
+///  - stays otherwise, or while somebody writes to it: EEXIST, and a line at ERROR.
+/// A file of another owner is no leftover: it stays, and the swap name becomes another one.
+int removeLeftover(Entry& entry);
 
 }  // namespace android::host
 
-/// Looks again at what calls have left in a directory. An extension of the library.
+/// Does that for all files of a directory. A file under the swap name of one that is gone stays
+/// when it has no other name, with a line at ERROR. An extension of the library.
 void removeLeftovers(const char* directory);

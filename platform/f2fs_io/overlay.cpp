@@ -3,20 +3,17 @@
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <poll.h>
+#include <sys/vfs.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <cstdlib>
-#include <ctime>
 #include <fstream>
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
-#include "f2fs_io/entry.h"
 #include "f2fs_io/resolve.h"
 
 namespace android::host {
@@ -51,12 +48,8 @@ class UpperDirectories {
     }
 
   private:
-    /// Reads the table when it has changed, which it tells those who poll it: ten times a second.
+    /// Reads the table when it has changed, which it tells those who poll it.
     void refresh() {
-        timespec now = {};
-        clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-        const int64_t tenth = now.tv_sec * 10 + now.tv_nsec / 100'000'000;
-        if (std::exchange(mPolledAt, tenth) == tenth) return;
         pollfd change = {mTable.get(), POLLPRI, 0};
         if (mTable.valid() && poll(&change, 1, 0) == 0) return;
         if (!mTable.valid()) mTable.reset(open(kMounts, O_RDONLY | O_CLOEXEC));
@@ -75,17 +68,17 @@ class UpperDirectories {
 
     std::mutex mMutex;
     UniqueFd mTable;
-    int64_t mPolledAt = -1;  // in tenths of a second
     std::vector<std::string> mPaths;
 };
 
 }  // namespace
 
-int refuseOverlay(const UniqueFd& directory, dev_t device) {
+int refuseOverlay(const UniqueFd& directory) {
     static UpperDirectories upperDirectories;
-    long type = 0;
-    if (const int error = fileSystemOf(directory.get(), device, &type); error != 0) return error;
-    const bool isRefused = type == OVERLAYFS_SUPER_MAGIC || upperDirectories.hold(directory);
+    // Asked every time: a device number may be another file system's by now.
+    struct statfs fs = {};
+    if (fstatfs(directory.get(), &fs) != 0) return errno;
+    const bool isRefused = fs.f_type == OVERLAYFS_SUPER_MAGIC || upperDirectories.hold(directory);
     return isRefused ? EOPNOTSUPP : 0;
 }
 

@@ -1,8 +1,6 @@
 /// Directories of overlay file systems, in which no file may be exchanged.
 #pragma once
 
-#include <sys/types.h>
-
 #include "utils/unique_fd.h"
 
 namespace android::host {
@@ -12,7 +10,6 @@ namespace android::host {
 ///
 /// On an overlay a lease does not see a mapping whose descriptor is closed; and an overlay keeps to
 /// the file that it has found in its upper directory, whatever takes that file's name there.
-/// `device` is that of a file in it.
-int refuseOverlay(const UniqueFd& directory, dev_t device);
+int refuseOverlay(const UniqueFd& directory);
 
 }  // namespace android::host

@@ -13,12 +13,10 @@ namespace android::host {
 
 /// A file that takes another's place. Both have the same attributes.
 struct Replacement {
-    std::string path;  // as the caller gave it
     Entry entry;
     LeasedFile outgoing;        // under lease until its name is gone
     struct stat incoming = {};  // of the other file
-    bool isCopy = false;        // whether that is a restore's copy
-    UniqueFd copy;              // which is open as long as it has no name and is not on disk
+    UniqueFd copy;              // that file, as long as it has no name and is not on disk
 };
 
 /// Exchanges the file under `entry.swapName()`, the incoming one, for the outgoing one, which the
@@ -29,17 +27,27 @@ struct Replacement {
 /// when the file system has no exchange.
 int exchange(const Replacement& replacement);
 
-/// Ends what `exchange` has begun: removes the outgoing file's name when nobody has taken the file
-/// up meanwhile. Otherwise the exchange is undone, and the newest file that others have put under
-/// the entry's name meanwhile ends there. When both files have been taken up, the one stays that
-/// has no other name.
+/// Takes an exchange back that put the incoming file under the entry's name; the file that others
+/// have put there meanwhile stays. `error`, or the errno for which that could not be done.
 ///
 /// The swap name is gone at the end, unless a call has failed in such a way, or so much has been
 /// done to the two, that its file may be the last name of what somebody writes: then it stays, and
 /// a line of the log at ERROR names it.
+int undo(const Entry& entry, const struct stat& incoming, int error);
+
+/// Leaves the file under the swap name where it is: it may be the last name of what somebody is
+/// writing. A line of the log at ERROR says so; the next call on the entry, and the next scan of
+/// its directory, look at it again. Returns `error`.
+int keepSwap(const Entry& entry, const std::string& swap, int error);
+
+/// Removes the swap name, whose file is known not to be needed. 0 or an errno.
+int removeSwap(const Entry& entry, const std::string& swap);
+
+/// Ends what `exchange` has begun: removes the outgoing file's name, or undoes the exchange, or
+/// leaves both names, by what has become of the two files meanwhile (`kCases` in the source).
 ///
-/// 0, or the errno for which the exchange was undone: EBUSY or ESTALE for a file that is written to
-/// or has changed.
+/// 0, or the errno for which the exchange was undone, or for which the swap name is there still:
+/// EBUSY or ESTALE for a file that is written to or has changed.
 int conclude(Replacement& replacement);
 
 }  // namespace android::host

@@ -188,6 +188,7 @@ class Model:
     def begin(self, hold=None, held=None):
         """Before each call. `hold` is ("log" or "stat", number); `held` is called at just that moment."""
         self.lines, self.texts, self.links, self.restored = [], {}, {}, []
+        self.looked_after = set()
         self.hold, self.held = hold, held
         self.moments = {"log": 0, "stat": 0}
 
@@ -368,11 +369,19 @@ class Model:
                 self.fingerprint(child, name, child_st, patterns, exceptions)
         return 0
 
+    def look_after(self, directory, name):
+        """What the library says, once in a scan, of a name like its own beside which it finds no file of that name."""
+        if directory not in self.looked_after:
+            self.looked_after.add(directory)
+            self.log("E", "tavo_f2fs_io", f"kept {directory}/{name} beside a missing file")
+
     def fingerprint(self, path, name, st, patterns, exceptions):
         record = member(self.images[0], path, dict)
         if number(record, "is_md5") == 1 or not self.matches(patterns, path):
             return
         if LEFTOVER.fullmatch(path.rsplit("/", 1)[-1]):
+            if name:
+                self.look_after(path[:-len(name) - 1], name)
             return
         try:
             path.encode("utf-8")

@@ -236,16 +236,22 @@ def is_leased(path):
         return f":{os.stat(path).st_ino} " in locks.read()
 
 
+def is_awaited(path):
+    """Whether somebody waits for a lease on the file to be given up."""
+    with open("/proc/locks", encoding="ascii") as locks:
+        return re.search(rf"BREAKING .*:{os.stat(path).st_ino} ", locks.read())
+
+
 def for_root(check):
     return check if os.geteuid() == 0 else lambda service: print("skipped, needs root")
 
 
 def checks(functions):
-    """Runs the functions whose names begin with "check_", or those of them that the command line names behind the two
-    programs, each with a service of its own."""
+    """Runs the functions whose names begin with "check_", or those that the command line names behind the two programs,
+    each with a service of its own."""
     wanted = sys.argv[3:]
     for name, function in list(functions.items()):
-        if name.startswith("check_") and (not wanted or name in wanted):
+        if name in wanted or name.startswith("check_") and not wanted:
             print(name, flush=True)
             with Service(*sys.argv[1:3]) as service:
                 function(service)

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <sys/uio.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,10 +20,10 @@ constexpr off_t kFetchAhead = off_t{2}
                               << 20;  // bytes of a file that are asked for before it is read
 
 /// Whether the file only looks like one: /proc/kcore claims more bytes than anybody will ever read.
-bool isKernelInterface(int file, dev_t device) {
-    long type = 0;
-    return fileSystemOf(file, device, &type) == 0 &&
-           (type == PROC_SUPER_MAGIC || type == SYSFS_MAGIC);
+bool isKernelInterface(int file, const struct stat& st) {
+    struct statfs fs = {};
+    return st.st_blocks == 0 && fstatfs(file, &fs) == 0 &&
+           (fs.f_type == PROC_SUPER_MAGIC || fs.f_type == SYSFS_MAGIC);
 }
 
 /// Whether a time and that of a change which comes now might be in the same second.
@@ -37,7 +38,7 @@ bool isOfTheMoment(const timespec& time) {
 int DigestSource::open(const char* path) {
     if (const int error = openRegular(AT_FDCWD, path, 0, &mFile, &mOpened); error != 0)
         return error;
-    if (isKernelInterface(mFile.get(), mOpened.st_dev)) return EINVAL;
+    if (isKernelInterface(mFile.get(), mOpened)) return EINVAL;
     return 0;
 }
 

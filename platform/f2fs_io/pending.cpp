@@ -1,0 +1,132 @@
+#include "f2fs_io/pending.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <iterator>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "android/log.h"
+#include "f2fs_io/interrupted.h"
+#include "root/run_dir.h"
+
+namespace android::host {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr size_t kMostPending = 2048;
+constexpr size_t kDescriptors = 3;  // that one of them holds
+constexpr auto kLongest = std::chrono::seconds(1);
+
+struct Pending {
+    Replacement replacement;
+    std::vector<std::string> paths;  // that callers gave for it
+    Clock::time_point since;         // the exchange
+};
+
+std::mutex concluding;                  // held by the one who concludes some; taken first
+std::map<std::string, int32_t> undone;  // by path, since the last `settleLinks`
+
+std::mutex adding;
+std::vector<Pending> pending;
+bool isNoted = false;
+
+std::string unfinishedNote() {
+    return runDirectory() + "/unsettled";
+}
+
+/// With `adding` held.
+void note() {
+    if (std::exchange(isNoted, true)) return;
+    wasLeftUnfinished();
+    const UniqueFd file(
+            open(unfinishedNote().c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+}
+
+/// Concludes the oldest ones: all, or half of them. With `concluding` held.
+void concludeOldest(bool all) {
+    std::vector<Pending> oldest;
+    {
+        const std::lock_guard lock(adding);
+        const auto count = static_cast<ptrdiff_t>(all ? pending.size() : (pending.size() + 1) / 2);
+        std::move(pending.begin(), pending.begin() + count, std::back_inserter(oldest));
+        pending.erase(pending.begin(), pending.begin() + count);
+    }
+    if (oldest.empty()) return;
+    waitForInterruptedTasks(Clock::now() - oldest.back().since);
+    for (Pending& one : oldest) {
+        const int error = conclude(one.replacement);
+        if (error == 0) continue;
+        for (const std::string& path : one.paths) {
+            __android_log_print(ANDROID_LOG_ERROR, "tavo_f2fs_io", "undone %s: %d (%s)",
+                                path.c_str(), error, strerrordesc_np(error));
+            undone[path] = error;
+        }
+    }
+}
+
+}  // namespace
+
+size_t mostPending() {
+    rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    return std::clamp(static_cast<size_t>(limit.rlim_cur) / 4 / kDescriptors, size_t{1},
+                      kMostPending);
+}
+
+void addPending(Replacement replacement, const std::string& path) {
+    bool isFull = false;
+    {
+        const std::lock_guard lock(adding);
+        const Clock::time_point now = Clock::now();
+        note();
+        pending.push_back({std::move(replacement), {path}, now});
+        isFull = pending.size() >= mostPending() || now - pending.front().since > kLongest;
+    }
+    if (!isFull) return;
+    const std::lock_guard lock(concluding);
+    // The younger half goes on waiting, so that on a busy machine nothing else has to.
+    concludeOldest(false);
+}
+
+bool joinPending(const Entry& entry, const std::string& path) {
+    const std::lock_guard lock(adding);
+    const auto found = std::find_if(pending.begin(), pending.end(), [&entry](const Pending& one) {
+        return one.replacement.entry.isSameAs(entry);
+    });
+    if (found != pending.end()) found->paths.push_back(path);
+    return found != pending.end();
+}
+
+void concludePending() {
+    const std::lock_guard lock(concluding);
+    concludeOldest(true);
+}
+
+void noteUnfinished() {
+    const std::lock_guard lock(adding);
+    note();
+}
+
+bool wasLeftUnfinished() {
+    static const bool was = access(unfinishedNote().c_str(), F_OK) == 0;
+    return was;
+}
+
+}  // namespace android::host
+
+std::map<std::string, int32_t> settleLinks() {
+    using namespace android::host;
+    const std::lock_guard lock(concluding);
+    concludeOldest(true);
+    const std::lock_guard also(adding);
+    if (pending.empty() && std::exchange(isNoted, false)) unlink(unfinishedNote().c_str());
+    return std::exchange(undone, {});
+}
