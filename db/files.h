@@ -7,28 +7,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 
 namespace rux {
-
-/// An open file, closed with the object.
-class File {
-  public:
-    /// Takes over what open(2) has returned.
-    explicit File(int descriptor = -1) : mDescriptor(descriptor) {}
-    File(File&& other) noexcept : mDescriptor(std::exchange(other.mDescriptor, -1)) {}
-    File& operator=(File&& other) noexcept {
-        std::swap(mDescriptor, other.mDescriptor);
-        return *this;
-    }
-    ~File();
-
-    bool isOpen() const { return mDescriptor >= 0; }
-    int get() const { return mDescriptor; }
-
-  private:
-    int mDescriptor;
-};
 
 /// A string of that many bytes, with its NUL, fills whole pages of memory.
 constexpr size_t kPieceBytes = (size_t{64} << 10) - 1;
@@ -48,14 +28,11 @@ struct TextStamp {
 };
 
 /// The content of the file `path`; nothing when it cannot be opened. A file that fails while it is
-/// read, a directory for one, gives what was read before.
-std::optional<std::string> readWholeFile(const std::string& path);
+/// read, a directory for one, gives what was read before. `error`, if given, gets 0 or the errno.
+std::optional<std::string> readWholeFile(const std::string& path, int* error = nullptr);
 
 /// Hands the `bytes` bytes from `offset` on to `take`. False when there are fewer, or one cannot be
-/// read; `take` has got those before it.
-bool readPieces(const File& file, uint64_t offset, uint64_t bytes, const TakePiece& take);
-
-/// Writes all of `text`. False, with errno set, when the file does not take it.
-bool writeFully(const File& file, std::string_view text);
+/// read, which sets errno; `take` has got those before it.
+bool readPieces(int file, uint64_t offset, uint64_t bytes, const TakePiece& take);
 
 }  // namespace rux

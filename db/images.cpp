@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <string_view>
@@ -18,6 +19,8 @@
 #include <utility>
 #include <vector>
 
+#include "android-base/file.h"
+#include "android-base/unique_fd.h"
 #include "control/busy.h"
 #include "control/log.h"
 #include "control/parallel.h"
@@ -41,6 +44,8 @@ Image modifyFileInfoDB;
 
 namespace {
 
+using android::base::unique_fd;
+
 const std::array<Image*, kDatabaseFiles.size()> kImages = {&fileInfoDB, &checkNoCompressDB,
                                                            &checkACompressDB, &modifyFileInfoDB};
 
@@ -56,9 +61,10 @@ bool holds(const std::string& path, const TextStamp& text) {
     struct stat st = {};
     if (stat(path.c_str(), &st) != 0 || static_cast<uint64_t>(st.st_size) != text.bytes)
         return false;
-    const File file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const unique_fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     TextStamp found;
-    return readPieces(file, 0, text.bytes, [&](std::string_view piece) { found.add(piece); }) &&
+    return readPieces(file.get(), 0, text.bytes,
+                      [&](std::string_view piece) { found.add(piece); }) &&
            found == text;
 }
 
@@ -77,7 +83,8 @@ class Rewrite {
 
     /// The place of the file and the image among their kind.
     size_t number() const { return mNumber; }
-    bool isOpen() const { return mFile.isOpen(); }
+    /// Whether the file may be written.
+    bool isOpen() const { return mFile.ok() && !image().isUnread(); }
 
     /// Finds out what the text is. Pieces of it are kept as long as they are few.
     void prepare() {
@@ -98,12 +105,17 @@ class Rewrite {
     }
     /// Whether the file holds the text.
     bool isDone() const { return mIsDone; }
+    void setUndone() { mIsDone = false; }
 
-    /// Has the disk set aside what the text needs, where the file system can do that.
-    bool reserve() const {
+    /// Has the disk set aside what the text needs, and keeps what is no JSON. 0 or an errno,
+    /// EOPNOTSUPP when the file system cannot set anything aside.
+    int prepareWriting() const {
+        const bool isUndo = &image() == &checkACompressDB;
+        if (isUndo && image().isDamaged() && !keepDamaged()) return EIO;
         const auto size = static_cast<off_t>(mText.bytes);
-        return size <= mOldSize || fallocate(mFile.get(), FALLOC_FL_KEEP_SIZE, 0, size) == 0 ||
-               errno == EOPNOTSUPP;
+        return size <= mOldSize || fallocate(mFile.get(), FALLOC_FL_KEEP_SIZE, 0, size) == 0
+                       ? 0
+                       : errno;
     }
 
     /// Leaves the file as it was.
@@ -116,7 +128,7 @@ class Rewrite {
     void write() {
         mIsDone = true;
         const auto writePiece = [this](std::string_view piece) {
-            mIsDone = mIsDone && writeFully(mFile, piece);
+            mIsDone = mIsDone && android::base::WriteFully(mFile.get(), piece.data(), piece.size());
         };
         if (mKept.empty()) {
             writeJson(*image(), writePiece);
@@ -132,54 +144,67 @@ class Rewrite {
   private:
     Image& image() const { return *kImages[mNumber]; }
 
+    bool keepDamaged() const {
+        const std::string kept = mPath + kDamagedSuffix;
+        std::error_code failure;
+        std::filesystem::copy_file(mPath, kept, std::filesystem::copy_options::overwrite_existing,
+                                   failure);
+        return !failure && fsync(unique_fd(open(kept.c_str(), O_RDONLY | O_CLOEXEC)).get()) == 0;
+    }
+
     size_t mNumber;
     std::string mPath;
-    File mFile;
+    unique_fd mFile;
     off_t mOldSize = 0;
     TextStamp mText;
     std::vector<std::string> mKept;
     bool mIsDone = false;
 };
 
-/// Gives all the files their texts. False, and none changes, when the disk does not take them or
-/// something is in the way.
-bool save(const std::string& SpaceID_DBPath, std::vector<Rewrite>& rewrites) {
+/// Gives all the files their texts, or none of them. Where no journal can be had they get them one
+/// after the other instead, as long as each can: the undo of links before what it undoes, and a
+/// group before the record that says that its file is in one.
+void save(const std::string& SpaceID_DBPath, std::vector<Rewrite>& rewrites) {
     std::array<bool, kDatabaseFiles.size()> files = {};
-    for (const Rewrite& rewrite : rewrites) files[rewrite.number()] = true;
-    Journal journal(SpaceID_DBPath);
-    if (!std::all_of(rewrites.begin(), rewrites.end(), std::mem_fn(&Rewrite::reserve)) ||
-        !journal.setDown(files)) {
-        for (const Rewrite& rewrite : rewrites) rewrite.giveBack();
-        return false;
+    int error = 0;
+    for (const Rewrite& rewrite : rewrites) {
+        files[rewrite.number()] = true;
+        if (error == 0 || error == EOPNOTSUPP) error = rewrite.prepareWriting();
     }
-    inParallel(rewrites.size(), [&rewrites](size_t i) { rewrites[i].write(); });
-    const bool isDone =
-            std::all_of(rewrites.begin(), rewrites.end(), std::mem_fn(&Rewrite::isDone)) &&
-            journal.drop();
-    if (!isDone) journal.takeBack();  // what cannot be taken back now, the next load will
-    return isDone;
+    Journal journal(SpaceID_DBPath);
+    const bool mayWrite = error == 0 || error == EOPNOTSUPP;
+    if (mayWrite && journal.setDown(files)) {
+        inParallel(rewrites.size(), [&rewrites](size_t i) { rewrites[i].write(); });
+        if (std::all_of(rewrites.begin(), rewrites.end(), std::mem_fn(&Rewrite::isDone)) &&
+            journal.drop())
+            return;
+        for (Rewrite& rewrite : rewrites) rewrite.setUndone();
+        journal.takeBack();  // what cannot be taken back now, the next load will
+    } else if (error == 0 && !journal.isInTheWay()) {
+        RUX_LOGE("no journal protects the save of %s.", SpaceID_DBPath.c_str());
+        for (auto rewrite = rewrites.rbegin(); rewrite != rewrites.rend(); ++rewrite) {
+            rewrite->write();
+            if (!rewrite->isDone()) return;
+        }
+    } else {
+        for (const Rewrite& rewrite : rewrites) rewrite.giveBack();
+    }
 }
 
-/// Takes back a save that was interrupted.
-void takeBackSave(const std::string& SpaceID_DBPath) {
+/// Takes back a save that was interrupted. False when its journal is there still.
+bool takeBackSave(const std::string& SpaceID_DBPath) {
     Journal journal(SpaceID_DBPath);
-    switch (journal.state()) {
-        case Journal::State::None:
-            break;
-        case Journal::State::Unfinished:
-            journal.drop();
-            break;
-        case Journal::State::Foreign:
-            RUX_LOGE("what is in the place of the journal of %s is left alone.",
-                     SpaceID_DBPath.c_str());
-            break;
-        case Journal::State::Whole:
-            if (journal.takeBack()) {
-                RUX_LOGD("an interrupted save of %s is taken back.", SpaceID_DBPath.c_str());
-            } else {
-                RUX_LOGE("an interrupted save of %s cannot be taken back.", SpaceID_DBPath.c_str());
-            }
+    const Journal::State found = journal.state();
+    if (found == Journal::State::Unfinished) journal.drop();
+    if (found == Journal::State::Foreign) {
+        RUX_LOGE("what is in the place of the journal of %s is left alone.",
+                 SpaceID_DBPath.c_str());
     }
+    if (found == Journal::State::Whole && journal.takeBack())
+        RUX_LOGD("an interrupted save of %s is taken back.", SpaceID_DBPath.c_str());
+    if (!journal.isInTheWay()) return true;
+    RUX_LOGE("an interrupted save of %s cannot be taken back.", SpaceID_DBPath.c_str());
+    return false;
 }
 
 constexpr int kIdleSeconds = 10;
@@ -225,33 +250,37 @@ void noteUse() {
 
 }  // namespace
 
-Json::Value readFileDBJson(const std::string& path, std::optional<TextStamp>* stamp) {
-    Json::Value value;
+bool Image::parse(std::string_view text) {
+    const bool isJson = parseJson(text, mValue);
+    if (isJson) mText = stampOf(text);
+    mIsDamaged = !isJson && !text.empty();
+    return isJson;
+}
+
+void readFileDBJson(const std::string& path, Image& image) {
+    image = {};  // first, so that two contents are never held at once
     if (!pathExists(path)) {
         std::ofstream created(path, std::ios::app);
         if (!created) RUX_LOGE("the file %s creat fail.", path.c_str());
         created << "{}\n";
     }
-    const std::optional<std::string> text = readWholeFile(path);
+    int error = 0;
+    const std::optional<std::string> text = readWholeFile(path, &error);
+    if (error != 0 && error != ENOENT) image.setUnread();
     if (!text) {
         RUX_LOGE("the file %s open fail.", path.c_str());
-        return value;
-    }
-    if (!parseJson(*text, value)) {
+    } else if (!image.parse(*text)) {
         RUX_LOGE("the file %s read fail", path.c_str());
-    } else if (stamp != nullptr) {
-        *stamp = stampOf(*text);
     }
-    return value;
 }
 
 void DBReaderInit(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db3, bool db4) {
     noteUse();
-    takeBackSave(SpaceID_DBPath);
+    const bool areWhole = takeBackSave(SpaceID_DBPath);
     const std::array selected = {db1, db2, db3, db4};
     std::vector<size_t> inMemory;
     for (size_t i = 0; i < kImages.size(); ++i) {
-        if (selected[i] && kImages[i]->text()) inMemory.push_back(i);
+        if (selected[i] && kImages[i]->text() && !kImages[i]->isUnread()) inMemory.push_back(i);
     }
     std::array<bool, kImages.size()> isHeld = {};
     inParallel(inMemory.size(), [&](size_t part) {
@@ -259,13 +288,9 @@ void DBReaderInit(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db
         isHeld[i] = holds(SpaceID_DBPath + kDatabaseFiles[i], *kImages[i]->text());
     });
     for (size_t i = 0; i < kImages.size(); ++i) {
-        if (!selected[i] || isHeld[i]) continue;
-        Image& image = *kImages[i];
-        const std::string path = SpaceID_DBPath + kDatabaseFiles[i];
-        image.replace({}, {});  // first, so that two contents are never held at once
-        std::optional<TextStamp> text;
-        Json::Value value = readFileDBJson(path, &text);
-        image.replace(std::move(value), text);
+        if (!selected[i]) continue;
+        if (!isHeld[i]) readFileDBJson(SpaceID_DBPath + kDatabaseFiles[i], *kImages[i]);
+        if (!areWhole) kImages[i]->setUnread();
     }
 }
 
@@ -285,9 +310,9 @@ void DBWriteUpdate(const std::string& SpaceID_DBPath, bool db1, bool db2, bool d
     inParallel(rewrites.size(), [&rewrites](size_t i) { rewrites[i].prepare(); });
     std::erase_if(rewrites, std::mem_fn(&Rewrite::isDone));
     if (rewrites.empty()) return;
-    const bool isSaved = save(SpaceID_DBPath, rewrites);
+    save(SpaceID_DBPath, rewrites);
     for (const Rewrite& rewrite : rewrites) {
-        if (isSaved) {
+        if (rewrite.isDone()) {
             rewrite.setDone();
         } else {
             RUX_LOGE("The DB%zu write fail.", rewrite.number() + 1);

@@ -4,11 +4,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <string_view>
 #include <utility>
 
+#include "android-base/file.h"
+
 namespace rux {
 namespace {
+
+using android::base::unique_fd;
+using android::base::WriteFully;
 
 /// Whether the journal is this service's own: that of its user, or of the user whose directory it
 /// lies in.
@@ -21,7 +27,7 @@ bool isOwn(const struct stat& st, const std::string& directory) {
 
 /// Whether what has happened to the names in a directory is on disk.
 bool syncDirectory(const std::string& path) {
-    return fsync(File(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)).get()) == 0;
+    return fsync(unique_fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)).get()) == 0;
 }
 
 }  // namespace
@@ -33,26 +39,37 @@ uint64_t Journal::Header::sum() const {
 }
 
 Journal::Journal(std::string directory) : mDirectory(std::move(directory)) {
-    // Neither a link nor a pipe may lead or hold it anywhere.
-    mFile = File(open(path().c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat st = {};
-    if (fstat(mFile.get(), &st) != 0 || !isOwn(st, mDirectory)) {
-        mState = lstat(path().c_str(), &st) == 0 ? State::Foreign : State::None;
+    if (lstat(path().c_str(), &st) != 0) {
+        mState = errno == ENOENT || errno == ENOTDIR ? State::None : State::Unreadable;
         return;
     }
-    mState = State::Unfinished;
+    // Neither a link nor a pipe may lead or hold it anywhere.
+    mFile.reset(open(path().c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (mFile.ok() && fstat(mFile.get(), &st) != 0) mFile.reset();
+    if (!isOwn(st, mDirectory)) {
+        mState = State::Foreign;
+    } else if (!mFile.ok()) {
+        mState = State::Unreadable;
+    } else {
+        errno = 0;
+        mState = read() ? State::Whole : errno == 0 ? State::Unfinished : State::Unreadable;
+    }
+}
+
+bool Journal::read() {
     Header header;
-    if (pread(mFile.get(), &header, sizeof(header), 0) != sizeof(header) ||
+    if (!android::base::ReadFullyAtOffset(mFile.get(), &header, sizeof(header), 0) ||
         header.name != mHeader.name || header.check != header.sum())
-        return;
+        return false;
     mHeader = header;
     for (size_t i = 0; i < header.texts.size(); ++i) {
         TextStamp found;
-        readPieces(mFile, offsetOf(i), header.texts[i].bytes,
+        readPieces(mFile.get(), offsetOf(i), header.texts[i].bytes,
                    [&found](std::string_view piece) { found.add(piece); });
-        if (found != header.texts[i]) return;
+        if (found != header.texts[i]) return false;
     }
-    mState = State::Whole;
+    return true;
 }
 
 uint64_t Journal::offsetOf(size_t file) const {
@@ -63,43 +80,39 @@ uint64_t Journal::offsetOf(size_t file) const {
 
 std::string Journal::text(size_t file) const {
     std::string text;
-    readPieces(mFile, offsetOf(file), mHeader.texts[file].bytes,
+    readPieces(mFile.get(), offsetOf(file), mHeader.texts[file].bytes,
                [&text](std::string_view piece) { text += piece; });
     return text;
 }
 
 bool Journal::setDown(const std::array<bool, kDatabaseFiles.size()>& files) {
-    mFile = File(open(path().c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-    if (!mFile.isOpen()) return false;
-    mState = State::Unfinished;
-    if (write(files) && fdatasync(mFile.get()) == 0 && syncDirectory(mDirectory)) {
-        mState = State::Whole;
-        return true;
-    }
+    mFile.reset(open(path().c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    if (!mFile.ok()) return false;
+    mState = State::Whole;  // it must be taken for that, unless it can be removed
+    if (write(files) && fdatasync(mFile.get()) == 0 && syncDirectory(mDirectory)) return true;
     drop();
     return false;
 }
 
 bool Journal::write(const std::array<bool, kDatabaseFiles.size()>& files) {
     mHeader = {};
-    const auto header = [this] {
-        return std::string_view(reinterpret_cast<const char*>(&mHeader), sizeof(mHeader));
-    };
-    bool isTaken = writeFully(mFile, header());  // to be replaced
+    const int journal = mFile.get();
+    bool isTaken = WriteFully(journal, &mHeader, sizeof(mHeader));  // to be replaced
     for (size_t i = 0; i < files.size(); ++i) {
         if (!files[i]) continue;
-        const File source(open(pathOf(i).c_str(), O_RDONLY | O_CLOEXEC));
+        const unique_fd source(open(pathOf(i).c_str(), O_RDONLY | O_CLOEXEC));
         struct stat st = {};
         if (fstat(source.get(), &st) != 0) return false;
         mHeader.isIn[i] = 1;
-        isTaken &= readPieces(source, 0, static_cast<uint64_t>(st.st_size),
-                              [&](std::string_view piece) {
-                                  mHeader.texts[i].add(piece);
-                                  isTaken = isTaken && writeFully(mFile, piece);
-                              });
+        const auto take = [&](std::string_view piece) {
+            mHeader.texts[i].add(piece);
+            isTaken = isTaken && WriteFully(journal, piece.data(), piece.size());
+        };
+        isTaken &= readPieces(source.get(), 0, static_cast<uint64_t>(st.st_size), take);
     }
     mHeader.check = mHeader.sum();
-    return isTaken && lseek(mFile.get(), 0, SEEK_SET) == 0 && writeFully(mFile, header());
+    return isTaken && lseek(journal, 0, SEEK_SET) == 0 &&
+           WriteFully(journal, &mHeader, sizeof(mHeader));
 }
 
 bool Journal::takeBack() {
@@ -110,14 +123,15 @@ bool Journal::takeBack() {
 }
 
 bool Journal::copyBack(size_t file) const {
-    const File target(open(pathOf(file).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+    const unique_fd target(open(pathOf(file).c_str(), O_WRONLY | O_CLOEXEC));
+    if (!target.ok()) return errno == ENOENT;  // somebody has removed it
     const uint64_t bytes = mHeader.texts[file].bytes;
-    bool isTaken = target.isOpen();
-    const bool isRead = readPieces(mFile, offsetOf(file), bytes, [&](std::string_view piece) {
-        isTaken = isTaken && writeFully(target, piece);
-    });
-    return isRead && isTaken && ftruncate(target.get(), static_cast<off_t>(bytes)) == 0 &&
-           fdatasync(target.get()) == 0;
+    bool isTaken = true;
+    const auto give = [&](std::string_view piece) {
+        isTaken = isTaken && WriteFully(target.get(), piece.data(), piece.size());
+    };
+    return readPieces(mFile.get(), offsetOf(file), bytes, give) && isTaken &&
+           ftruncate(target.get(), static_cast<off_t>(bytes)) == 0 && fdatasync(target.get()) == 0;
 }
 
 bool Journal::drop() {

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <string>
 
+#include "android-base/unique_fd.h"
 #include "db/files.h"
 
 namespace rux {
@@ -20,12 +21,16 @@ namespace rux {
 constexpr std::array kDatabaseFiles = {"/RUXFileInfo.json", "/RUXCheckNoCompress.json",
                                        "/RUXCheckACompress.json", "/RUXModifyFileInfo.json"};
 
+/// What follows the name of DB3's file in that of the copy that stays when it is no JSON.
+constexpr char kDamagedSuffix[] = ".damaged";
+
 class Journal {
   public:
     enum class State {
         None,
         Whole,
         Unfinished,  ///< the files are untouched
+        Unreadable,  ///< as yet: it may be whole
         Foreign,     ///< no file, or one that belongs neither to this user nor to the directory's
     };
 
@@ -33,16 +38,19 @@ class Journal {
     explicit Journal(std::string directory);
 
     State state() const { return mState; }
+    /// Whether it is, or may be, whole: the files are not to be written then.
+    bool isInTheWay() const { return mState == State::Whole || mState == State::Unreadable; }
     /// Whether it is whole and has a text for that file.
     bool holds(size_t file) const { return mState == State::Whole && mHeader.isIn[file] != 0; }
     /// The text that it holds for a file.
     std::string text(size_t file) const;
 
     /// Where there is none, makes one of what the chosen files hold, and is then that. False, and
-    /// nothing is there, when it cannot be put on disk.
+    /// nothing of it is there, when a file cannot be read or the journal cannot be put on disk; if
+    /// it cannot be removed either, it counts as whole.
     bool setDown(const std::array<bool, kDatabaseFiles.size()>& files);
-    /// Gives the files the texts of a whole one, and removes it. False when it has to stay, as a
-    /// file cannot be opened or the disk does not take it.
+    /// Gives the files that are there the texts of a whole one, and removes it. False when it has
+    /// to stay, as a file cannot be opened or the disk does not take it.
     bool takeBack();
     /// Removes it. False when that cannot be put on disk.
     bool drop();
@@ -60,12 +68,13 @@ class Journal {
 
     std::string path() const { return mDirectory + "/RUXSave.journal"; }
     std::string pathOf(size_t file) const { return mDirectory + kDatabaseFiles[file]; }
+    bool read();
     bool write(const std::array<bool, kDatabaseFiles.size()>& files);
     bool copyBack(size_t file) const;
     uint64_t offsetOf(size_t file) const;
 
     std::string mDirectory;
-    File mFile;
+    android::base::unique_fd mFile;
     State mState = State::None;
     Header mHeader;
 };

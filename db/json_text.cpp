@@ -66,7 +66,7 @@ const Json::Value* memberOf(const Json::Value& value, std::string_view name) {
 }
 
 int64_t integerOf(const Json::Value& value) {
-    if (value.isInt64()) return value.asInt64();
+    if (value.isInt64() || value.isBool()) return value.asInt64();
     constexpr double kLimit = 9.2e18;
     if (!value.isDouble()) return 0;
     const double number = value.asDouble();

@@ -21,7 +21,7 @@ bool parseJson(std::string_view text, Json::Value& value);
 /// The member `name` of an object; null when `value` is no object or has no such member.
 const Json::Value* memberOf(const Json::Value& value, std::string_view name);
 
-/// A number as an integer, truncated; 0 for what is no number or does not fit.
+/// A number as an integer, truncated, and true as 1; 0 for anything else and for what does not fit.
 int64_t integerOf(const Json::Value& value);
 
 /// The bytes of a string, as long as `value` holds them; none for what is no string.

@@ -7,9 +7,10 @@
 #include <cstdio>
 #include <mutex>
 
+#include "android-base/file.h"
+#include "android-base/unique_fd.h"
 #include "control/log.h"
 #include "db/database_root.h"
-#include "db/files.h"
 #include "db/json_text.h"
 #include "db/space.h"
 
@@ -38,12 +39,15 @@ void Rux_setRUXExceptRulesImp(const std::string& rules) {
     const std::lock_guard lock(writing);
     const std::string path = exceptRulesPath();
     const std::string unfinished = databaseRoot() + ".RUXExceptRules.json.new";
-    const File file(open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-    if (!file.isOpen()) {
+    const android::base::unique_fd file(
+            open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    if (!file.ok()) {
         RUX_LOGE("the exceptPath open fail");
         return;
     }
-    if (!writeFully(file, value.toStyledString()) || fsync(file.get()) != 0) {
+    const std::string text = value.toStyledString();
+    if (!android::base::WriteFully(file.get(), text.data(), text.size()) ||
+        fsync(file.get()) != 0) {
         RUX_LOGE("the exceptPath write fail");
     } else if (rename(unfinished.c_str(), path.c_str()) == 0) {
         return;

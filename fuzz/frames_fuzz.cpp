@@ -9,15 +9,15 @@
 
 #include "binder/connection.h"
 
+using android::base::unique_fd;
 using android::host::Connection;
-using android::host::UniqueFd;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) return 0;
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends) != 0) abort();
-    UniqueFd client(ends[0]);
-    Connection connection(UniqueFd(ends[1]), nullptr, {0, 0});
+    unique_fd client(ends[0]);
+    Connection connection(unique_fd(ends[1]), nullptr, {0, 0});
     const size_t piece = 1 + data[0];
     for (size_t at = 1; at < size; at += piece) {
         if (send(client.get(), data + at, std::min(piece, size - at), MSG_NOSIGNAL) < 0) return 0;

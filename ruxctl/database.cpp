@@ -13,6 +13,7 @@
 #include <string_view>
 #include <utility>
 
+#include "android-base/unique_fd.h"
 #include "db/database_root.h"
 #include "db/files.h"
 #include "db/journal.h"
@@ -36,11 +37,11 @@ std::string pathOf(const std::string& spaceId, const char* file = "") {
 
 /// The text of a file, empty when there is none.
 std::string textOf(const std::string& path) {
-    const rux::File file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const android::base::unique_fd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     struct stat st = {};
     std::string text;
     if (fstat(file.get(), &st) != 0) return text;
-    rux::readPieces(file, 0, static_cast<uint64_t>(st.st_size),
+    rux::readPieces(file.get(), 0, static_cast<uint64_t>(st.st_size),
                     [&text](std::string_view piece) { text += piece; });
     return text;
 }
@@ -148,7 +149,10 @@ SpaceImages imagesOf(const std::string& spaceId, bool all) {
 }
 
 bool forgetRecords(const std::string& spaceId, bool links) {
-    if (links) rux::Journal(pathOf(spaceId)).drop();
+    if (links) {
+        rux::Journal(pathOf(spaceId)).drop();
+        unlink((pathOf(spaceId, rux::kDatabaseFiles[kCompressed]) + rux::kDamagedSuffix).c_str());
+    }
     for (size_t i = 0; i < rux::kDatabaseFiles.size(); ++i) {
         if (i == kCompressed && !links) continue;
         if (unlink(pathOf(spaceId, rux::kDatabaseFiles[i]).c_str()) != 0 && errno != ENOENT)

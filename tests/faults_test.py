@@ -59,6 +59,12 @@ def check_full_disk_during_a_save(service):
         remount("size=8m")
         service.scan()
         assert len(service.database(RECORDS)) == 1002 and len(service.database(GROUPS)) == 1001
+        # Without room for the old texts beside the new ones no journal protects the save.
+        disk = os.statvfs(service.space)
+        remount(f"size={(disk.f_blocks - disk.f_bfree) * disk.f_frsize + (64 << 10)}")
+        service.write("one more", "same")
+        service.scan()
+        assert len(service.database(RECORDS)) == 1003 and service.logged("no journal protects the save of") == 1
 
 
 @for_root

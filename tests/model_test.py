@@ -163,7 +163,7 @@ class Session:
         for record in image.values() if isinstance(image, dict) else []:
             if isinstance(record, dict) and record and pick.random() < 0.3:
                 name = pick.choice(sorted(record))
-                record[name] = pick.choice([None, "x", 5, 1.5, [], {}, -3, 2.0**1000, 2**63 - 1, 2**64 - 1])
+                record[name] = pick.choice([None, True, "x", 5, 1.5, [], {}, -3, 2.0**1000, 2**63 - 1, 2**64 - 1])
             if isinstance(record, dict) and isinstance(record.get("f_list"), list) and pick.random() < 0.5:
                 record["f_list"].insert(pick.randrange(len(record["f_list"]) + 1),
                                         pick.choice(["/no/such", 7, None, "", "nul\0", self.service.tree]))

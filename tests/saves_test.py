@@ -12,6 +12,7 @@ usage: saves_test.py RUX RUXCTL [STATES]
 STATES power cuts an operation, 300 by default.
 """
 
+import contextlib
 import json
 import os
 import random
@@ -21,7 +22,7 @@ import signal
 import subprocess
 import sys
 
-from support.service import IMAGES, RESTORE, Service
+from support.service import GROUPS, IMAGES, LINKED, RECORDS, RESTORE, Service
 
 RUX, RUXCTL = sys.argv[1:3]
 STATES = int(sys.argv[3]) if len(sys.argv) > 3 else 300
@@ -254,12 +255,8 @@ def change_tree(service, operation):
         os.utime(f"{service.tree}/b1", (1, 1))
 
 
-def databases(directory):
-    return {name: data for name, data in read(directory).items() if name in IMAGES}
-
-
 def check_strangers():
-    """What somebody else has put in the journal's place is neither followed nor removed, and nothing is saved."""
+    """What somebody else has put in the journal's place is neither followed nor removed; the save does without."""
     with Service(RUX) as service:
         change_tree(service, "scan")
         service.scan()
@@ -272,22 +269,70 @@ def check_strangers():
         for number, make in enumerate(strangers):
             make()
             put(service, f"d{number}", "d")
-            before = databases(service.space)
             service.scan()
-            assert databases(service.space) == before and os.path.lexists(place)
+            assert f"{service.tree}/d{number}" in service.database(RECORDS) and os.path.lexists(place)
             os.rmdir(place) if os.path.isdir(place) and not os.path.islink(place) else os.unlink(place)
-        for text in ("what is in the place of the journal", "The DB1 write fail."):
+        for text in ("what is in the place of the journal", "no journal protects the save of"):
             assert service.logged(text) == len(strangers), service.log()
         shutil.copy(outside, place)  # the service's own, but garbage
         service.scan()
-        assert not os.path.exists(place) and databases(service.space) != before
+        assert not os.path.exists(place) and service.logged("no journal protects") == len(strangers)
         assert open(outside, "rb").read() == b"RUXSave1" + b"\xff" * 100
+
+
+def injected(service, operation, name, fault):
+    """Carries out the operation in a new service, with a fault in the calls on that file of the space."""
+    service.kill()
+    service.start()
+    tracer = service.strace("-P", f"{service.space}/{name}", "-e", "inject=" + fault)
+    answer = getattr(service, operation)()
+    tracer.send_signal(signal.SIGTERM)
+    tracer.communicate()
+    return answer
+
+
+def check_faults():
+    with Service(RUX) as service:
+        for name in "ab":
+            put(service, name, "pair")
+        service.scan()
+        assert service.compress() == "1,4"
+        undo = service.database(LINKED)
+        # What could not be read is not written over.
+        for number, fault in enumerate(["openat:error=EMFILE:when=1", "openat:error=EIO:when=1", "read:error=EIO:when=1"], 1):
+            for name in "cd":
+                put(service, f"{name}{number}", f"pair {number}")
+            service.scan()
+            assert injected(service, "compress", IMAGES[2], fault) == "1,6"
+            assert service.database(LINKED) == undo and service.database(GROUPS) == {}
+            assert service.logged("The DB3 open fail.") == number
+        # A journal that cannot be made, or not of these files, does not forbid the save.
+        for number, (name, fault) in enumerate([(JOURNAL, "openat:error=EACCES"), (IMAGES[0], "pread64:error=EIO")], 1):
+            put(service, f"e{number}", f"{number}")
+            injected(service, "scan", name, fault)
+            assert f"{service.tree}/e{number}" in service.database(RECORDS)
+            assert service.logged("no journal protects the save of") == number and not os.path.exists(f"{service.space}/{JOURNAL}")
+        # A journal that cannot be read, as yet, may be whole: nothing is written, until it is taken back.
+        put(service, "f", "f")
+        with contextlib.suppress(OSError):
+            injected(service, "scan", JOURNAL, "unlink:signal=SIGKILL")
+        before = read(service.space)
+        assert JOURNAL in before
+        service.process.wait()
+        service.start()
+        for name, fault in ((JOURNAL, "openat:error=EMFILE"), (JOURNAL, "pread64:error=EIO"), (IMAGES[0], "openat:error=EROFS:when=1")):
+            injected(service, "scan", name, fault)
+            assert read(service.space) == before, fault
+        os.remove(f"{service.space}/{IMAGES[0]}")
+        service.restore()
+        assert sorted(read(service.space)) == sorted(IMAGES[1:]), "what is missing stays missing"
 
 
 def main():
     print(f"seed {(seed := random.randrange(1 << 30))}")
     pick = random.Random(seed)
     check_strangers()
+    check_faults()
     with Service(RUX) as service:
         records = {}
         for operation in OPERATIONS:

@@ -6,11 +6,11 @@
 #include <optional>
 #include <vector>
 
+#include "android-base/unique_fd.h"
 #include "binder/IBinder.h"
 #include "binder/Parcel.h"
 #include "binder/caller.h"
 #include "binder/frame.h"
-#include "utils/unique_fd.h"
 
 namespace android::host {
 
@@ -21,7 +21,7 @@ class Connection {
     enum class State { Reading, Serving, Writing };
     enum class Progress { Pending, Done, Broken };
 
-    Connection(UniqueFd socket, sp<IBinder> target, Caller caller)
+    Connection(base::unique_fd socket, sp<IBinder> target, Caller caller)
           : mSocket(std::move(socket)), mTarget(std::move(target)), mCaller(caller) {}
 
     int socket() const { return mSocket.get(); }
@@ -47,7 +47,7 @@ class Connection {
   private:
     std::optional<RequestHeader> header() const;
 
-    UniqueFd mSocket;
+    base::unique_fd mSocket;
     sp<IBinder> mTarget;
     Caller mCaller;
     State mState = State::Reading;

@@ -44,10 +44,10 @@ const String16& RemoteBinder::getInterfaceDescriptor() const {
     return unknown;
 }
 
-UniqueFd RemoteBinder::connect() const {
-    const UniqueFd directory(openPrivateDirectory(runDirectory(), false));
-    UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!directory.valid() || !socket.valid()) return {};
+base::unique_fd RemoteBinder::connect() const {
+    const base::unique_fd directory(openPrivateDirectory(runDirectory(), false));
+    base::unique_fd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!directory.ok() || !socket.ok()) return {};
     const sockaddr_un address = socketAddress(directory, mServiceName);
     if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) !=
         0) {
@@ -57,11 +57,11 @@ UniqueFd RemoteBinder::connect() const {
 }
 
 bool RemoteBinder::isAlive() const {
-    return connect().valid();
+    return connect().ok();
 }
 
 status_t RemoteBinder::getDebugPid(pid_t* outPid) {
-    const UniqueFd socket = connect();
+    const base::unique_fd socket = connect();
     ucred peer = {};
     socklen_t size = sizeof(peer);
     if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return DEAD_OBJECT;
@@ -71,8 +71,8 @@ status_t RemoteBinder::getDebugPid(pid_t* outPid) {
 
 status_t RemoteBinder::transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
     if (data.dataSize() > kMaxParcelSize) return FAILED_TRANSACTION;
-    const UniqueFd socket = connect();
-    if (!socket.valid()) return DEAD_OBJECT;
+    const base::unique_fd socket = connect();
+    if (!socket.ok()) return DEAD_OBJECT;
 
     const RequestHeader request = {kRequestMagic, static_cast<uint32_t>(data.dataSize()), code,
                                    flags};

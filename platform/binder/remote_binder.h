@@ -3,8 +3,8 @@
 
 #include <string>
 
+#include "android-base/unique_fd.h"
 #include "binder/IBinder.h"
-#include "utils/unique_fd.h"
 
 namespace android::host {
 
@@ -27,7 +27,7 @@ class RemoteBinder : public IBinder {
     status_t transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override;
 
   private:
-    UniqueFd connect() const;
+    base::unique_fd connect() const;
 
     const std::string mServiceName;
 };

@@ -8,8 +8,8 @@
 
 #include <string>
 
+#include "android-base/unique_fd.h"
 #include "utils/String16.h"
-#include "utils/unique_fd.h"
 
 namespace android::host {
 
@@ -18,6 +18,6 @@ std::string fileNameOf(const String16& name);
 
 /// The address of service `name` below the open run directory, which may lie deeper than a socket
 /// address is long.
-sockaddr_un socketAddress(const UniqueFd& directory, const std::string& name);
+sockaddr_un socketAddress(const base::unique_fd& directory, const std::string& name);
 
 }  // namespace android::host

@@ -23,7 +23,7 @@ std::string fileNameOf(const String16& name) {
     return usable ? text : std::string();
 }
 
-sockaddr_un socketAddress(const UniqueFd& directory, const std::string& name) {
+sockaddr_un socketAddress(const base::unique_fd& directory, const std::string& name) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     snprintf(address.sun_path, sizeof(address.sun_path), "/proc/self/fd/%d/%s.sock",
@@ -34,10 +34,10 @@ sockaddr_un socketAddress(const UniqueFd& directory, const std::string& name) {
 namespace {
 
 /// Claims `name` for the life of this process, or for that of the descriptor that comes back.
-UniqueFd claim(const UniqueFd& directory, const std::string& name) {
-    UniqueFd lock(openat(directory.get(), (name + ".lock").c_str(),
-                         O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-    if (lock.valid() && flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+base::unique_fd claim(const base::unique_fd& directory, const std::string& name) {
+    base::unique_fd lock(openat(directory.get(), (name + ".lock").c_str(),
+                                O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (lock.ok() && flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
         const int error = errno;
         lock.reset();
         errno = error;
@@ -46,9 +46,9 @@ UniqueFd claim(const UniqueFd& directory, const std::string& name) {
 }
 
 /// A socket that listens under `name`, in place of what a dead process may have left there.
-UniqueFd listenAt(const UniqueFd& directory, const std::string& name) {
-    UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!socket.valid()) return socket;
+base::unique_fd listenAt(const base::unique_fd& directory, const std::string& name) {
+    base::unique_fd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!socket.ok()) return socket;
     if (unlinkat(directory.get(), (name + ".sock").c_str(), 0) != 0 && errno != ENOENT) return {};
     const sockaddr_un address = socketAddress(directory, name);
     if (bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
@@ -66,12 +66,12 @@ class ServiceManager : public IServiceManager {
         if (fileName.empty() || service == nullptr) return BAD_VALUE;
         const int run = openPrivateDirectory(runDirectory(), true);
         if (run < 0) return run;
-        const UniqueFd directory(run);
+        const base::unique_fd directory(run);
 
-        UniqueFd lock = claim(directory, fileName);
-        if (!lock.valid()) return errno == EWOULDBLOCK ? ALREADY_EXISTS : -errno;
-        UniqueFd socket = listenAt(directory, fileName);
-        if (!socket.valid()) return -errno;
+        base::unique_fd lock = claim(directory, fileName);
+        if (!lock.ok()) return errno == EWOULDBLOCK ? ALREADY_EXISTS : -errno;
+        base::unique_fd socket = listenAt(directory, fileName);
+        if (!socket.ok()) return -errno;
         const status_t status = Transport::self().listen(std::move(socket), service);
         if (status == OK) lock.release();  // held until the process ends
         return status;

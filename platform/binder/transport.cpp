@@ -37,8 +37,8 @@ size_t raiseDescriptorLimit() {
     return limit.rlim_cur;
 }
 
-UniqueFd openSpare() {
-    return UniqueFd(open("/dev/null", O_RDONLY | O_CLOEXEC));
+base::unique_fd openSpare() {
+    return base::unique_fd(open("/dev/null", O_RDONLY | O_CLOEXEC));
 }
 
 /// True for root and for the user that the service runs as.
@@ -71,7 +71,7 @@ Transport::Transport()
     epoll_ctl(mEpoll.get(), EPOLL_CTL_ADD, mWake.get(), &event);
 }
 
-status_t Transport::listen(UniqueFd listener, const sp<IBinder>& target) {
+status_t Transport::listen(base::unique_fd listener, const sp<IBinder>& target) {
     const std::lock_guard lock(mMutex);
     epoll_event event = {};
     event.events = EPOLLIN;
@@ -133,12 +133,12 @@ void Transport::run() {
 /// Takes one waiting client; the rest of the queue raises the event again.
 void Transport::acceptFrom(const Listener& listener) {
     constexpr int kFlags = SOCK_CLOEXEC | SOCK_NONBLOCK;
-    UniqueFd socket(accept4(listener.socket.get(), nullptr, nullptr, kFlags));
-    const bool outOfDescriptors = !socket.valid() && (errno == EMFILE || errno == ENFILE);
+    base::unique_fd socket(accept4(listener.socket.get(), nullptr, nullptr, kFlags));
+    const bool outOfDescriptors = !socket.ok() && (errno == EMFILE || errno == ENFILE);
     if (outOfDescriptors && endIdlest(0)) {
         socket.reset(accept4(listener.socket.get(), nullptr, nullptr, kFlags));
     }
-    if (outOfDescriptors && !socket.valid()) {
+    if (outOfDescriptors && !socket.ok()) {
         // Nobody can be served, but the client must not wait for ever, nor this thread spin.
         mSpare.reset();
         socket.reset(accept4(listener.socket.get(), nullptr, nullptr, kFlags));
@@ -146,11 +146,11 @@ void Transport::acceptFrom(const Listener& listener) {
         mSpare = openSpare();
         return;
     }
-    if (socket.valid()) admit(std::move(socket), listener.target);
+    if (socket.ok()) admit(std::move(socket), listener.target);
 }
 
 /// Makes a connection of an accepted client, unless it is nobody's business to be here.
-void Transport::admit(UniqueFd socket, const sp<IBinder>& target) {
+void Transport::admit(base::unique_fd socket, const sp<IBinder>& target) {
     ucred peer = {};
     socklen_t size = sizeof(peer);
     if (getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 || !isServed(peer)) {

@@ -8,9 +8,9 @@
 #include <mutex>
 #include <vector>
 
+#include "android-base/unique_fd.h"
 #include "binder/connection.h"
 #include "binder/job_queue.h"
-#include "utils/unique_fd.h"
 
 namespace android::host {
 
@@ -24,7 +24,7 @@ class Transport {
     static Transport& self();
 
     /// Serves `target` to the clients of `listener`, a listening socket. Returns a status.
-    status_t listen(UniqueFd listener, const sp<IBinder>& target);
+    status_t listen(base::unique_fd listener, const sp<IBinder>& target);
 
     /// Serves transactions on the calling thread until the transport ends.
     void serve();
@@ -37,7 +37,7 @@ class Transport {
         std::unique_ptr<Parcel> parcel;
     };
     struct Listener {
-        UniqueFd socket;
+        base::unique_fd socket;
         sp<IBinder> target;
     };
 
@@ -45,7 +45,7 @@ class Transport {
 
     void run();
     void acceptFrom(const Listener& listener);
-    void admit(UniqueFd socket, const sp<IBinder>& target);
+    void admit(base::unique_fd socket, const sp<IBinder>& target);
     void onEvents(uint64_t id, uint32_t events);
     void onReadable(uint64_t id, Connection& connection);
     void onWritable(uint64_t id, Connection& connection);
@@ -61,9 +61,9 @@ class Transport {
     bool mRunning = false;
 
     JobQueue mJobs;
-    UniqueFd mEpoll;
-    UniqueFd mWake;   // an eventfd: replies are waiting
-    UniqueFd mSpare;  // given up for a moment to turn a client away when descriptors run out
+    base::unique_fd mEpoll;
+    base::unique_fd mWake;   // an eventfd: replies are waiting
+    base::unique_fd mSpare;  // given up for a moment to turn a client away when descriptors run out
     size_t mMaxConnections = 0;
 
     // Of the I/O thread alone.

@@ -9,20 +9,21 @@
 
 namespace android::host {
 
-int openToRead(int directory, const char* path, int flags, UniqueFd* file) {
+int openToRead(int directory, const char* path, int flags, base::unique_fd* file) {
     const int all = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | flags;
     file->reset(openat(directory, path, all | O_NOATIME));
-    if (!file->valid() && errno == EPERM) file->reset(openat(directory, path, all));
-    if (file->valid()) return 0;
+    if (!file->ok() && errno == EPERM) file->reset(openat(directory, path, all));
+    if (file->ok()) return 0;
     return errno == ENXIO ? EINVAL : errno;
 }
 
-int openRegular(int directory, const char* path, int flags, UniqueFd* file, struct stat* st) {
+int openRegular(int directory, const char* path, int flags, base::unique_fd* file,
+                struct stat* st) {
     const int error = openToRead(directory, path, flags, file);
     return error == 0 ? statusOfRegular(*file, st) : error;
 }
 
-int statusOfRegular(const UniqueFd& file, struct stat* st) {
+int statusOfRegular(const base::unique_fd& file, struct stat* st) {
     if (fstat(file.get(), st) != 0) return errno;
     return S_ISREG(st->st_mode) ? 0 : EINVAL;
 }
@@ -42,7 +43,7 @@ int Entry::open(const char* path) {
     return 0;
 }
 
-int Entry::openFile(UniqueFd* file, struct stat* st) const {
+int Entry::openFile(base::unique_fd* file, struct stat* st) const {
     const int error = openRegular(directory.get(), name.c_str(), O_NOFOLLOW, file, st);
     if (error != 0) return error;
     return makers.mayLeadTo(st->st_uid) ? 0 : ELOOP;
@@ -56,7 +57,7 @@ std::string Entry::swapName() const {
     return kSwapPrefix + md5OfText(name + salt);
 }
 
-int Entry::linkAsSwap(const UniqueFd& file) const {
+int Entry::linkAsSwap(const base::unique_fd& file) const {
     const std::string swap = swapName();
     // Not every kernel lets every process link a bare descriptor, but then there is its name in
     // /proc.

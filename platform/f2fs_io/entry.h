@@ -6,8 +6,8 @@
 #include <compare>
 #include <string>
 
+#include "android-base/unique_fd.h"
 #include "f2fs_io/resolve.h"
-#include "utils/unique_fd.h"
 
 namespace android::host {
 
@@ -26,7 +26,7 @@ inline FileId idOf(const struct stat& st) {
 /// the path that is swapped later leads anywhere else. Nor does one that was swapped before lead to
 /// other people's files: symbolic links in the directory's path count by who made them.
 struct Entry {
-    UniqueFd directory;
+    base::unique_fd directory;
     FileId directoryId;
     std::string parent;  // its path, as it was given: for the log
     std::string name;
@@ -42,7 +42,7 @@ struct Entry {
 
     /// Opens the file itself for reading; ELOOP for a symbolic link, which is never followed, and
     /// for a file that others' links lead to, EINVAL for what is not a regular file. Fills `st`.
-    int openFile(UniqueFd* file, struct stat* st) const;
+    int openFile(base::unique_fd* file, struct stat* st) const;
 
     /// Status of `other`, a name in the same directory, links not followed.
     int status(const std::string& other, struct stat* st) const;
@@ -55,18 +55,18 @@ struct Entry {
 
     /// Makes the swap name one more name of the open file `file`: of exactly that file, whatever
     /// its path leads to by now. 0 or an errno.
-    int linkAsSwap(const UniqueFd& file) const;
+    int linkAsSwap(const base::unique_fd& file) const;
 };
 
 /// Opens `path` below `directory` for reading, without changing its access time where the owner's
 /// rights allow that, and without waiting for the other end of a pipe. 0 or an errno, EINVAL for a
 /// socket.
-int openToRead(int directory, const char* path, int flags, UniqueFd* file);
+int openToRead(int directory, const char* path, int flags, base::unique_fd* file);
 
 /// The same for a regular file, EINVAL for what is none. Fills `st`.
-int openRegular(int directory, const char* path, int flags, UniqueFd* file, struct stat* st);
+int openRegular(int directory, const char* path, int flags, base::unique_fd* file, struct stat* st);
 
 /// Fills `st`. 0 or an errno, EINVAL for what is no regular file.
-int statusOfRegular(const UniqueFd& file, struct stat* st);
+int statusOfRegular(const base::unique_fd& file, struct stat* st);
 
 }  // namespace android::host

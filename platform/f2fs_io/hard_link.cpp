@@ -25,7 +25,7 @@ int openKept(const char* path, Entry* entry, LeasedFile* kept) {
     int error = entry->open(path);
     if (error == 0) error = entry->openFile(&kept->file, &kept->status);
     if (error != ELOOP) return error;
-    UniqueFd place;
+    base::unique_fd place;
     LinkMakers makers;
     struct stat st = {};
     if (error = resolve(path, &place, &makers); error != 0) return error;

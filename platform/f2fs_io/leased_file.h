@@ -3,15 +3,15 @@
 
 #include <sys/stat.h>
 
+#include "android-base/unique_fd.h"
 #include "f2fs_io/compare.h"
 #include "f2fs_io/entry.h"
 #include "f2fs_io/lease.h"
-#include "utils/unique_fd.h"
 
 namespace android::host {
 
 struct LeasedFile {
-    UniqueFd file;  ///< open for reading only
+    base::unique_fd file;  ///< open for reading only
     struct stat status = {};
     Attributes attributes;
     ReadLease lease;

@@ -37,7 +37,7 @@ std::string unescaped(const std::string& field) {
 class UpperDirectories {
   public:
     /// Whether `directory` lies in one of them.
-    bool hold(const UniqueFd& directory) {
+    bool hold(const base::unique_fd& directory) {
         const std::lock_guard lock(mMutex);
         refresh();
         if (mPaths.empty()) return false;
@@ -51,8 +51,8 @@ class UpperDirectories {
     /// Reads the table when it has changed, which it tells those who poll it.
     void refresh() {
         pollfd change = {mTable.get(), POLLPRI, 0};
-        if (mTable.valid() && poll(&change, 1, 0) == 0) return;
-        if (!mTable.valid()) mTable.reset(open(kMounts, O_RDONLY | O_CLOEXEC));
+        if (mTable.ok() && poll(&change, 1, 0) == 0) return;
+        if (!mTable.ok()) mTable.reset(open(kMounts, O_RDONLY | O_CLOEXEC));
         mPaths.clear();
         std::ifstream table(kMounts);
         for (std::string line; std::getline(table, line);) {
@@ -67,13 +67,13 @@ class UpperDirectories {
     }
 
     std::mutex mMutex;
-    UniqueFd mTable;
+    base::unique_fd mTable;
     std::vector<std::string> mPaths;
 };
 
 }  // namespace
 
-int refuseOverlay(const UniqueFd& directory) {
+int refuseOverlay(const base::unique_fd& directory) {
     static UpperDirectories upperDirectories;
     // Asked every time: a device number may be another file system's by now.
     struct statfs fs = {};

@@ -1,7 +1,7 @@
 /// Directories of overlay file systems, in which no file may be exchanged.
 #pragma once
 
-#include "utils/unique_fd.h"
+#include "android-base/unique_fd.h"
 
 namespace android::host {
 
@@ -10,6 +10,6 @@ namespace android::host {
 ///
 /// On an overlay a lease does not see a mapping whose descriptor is closed; and an overlay keeps to
 /// the file that it has found in its upper directory, whatever takes that file's name there.
-int refuseOverlay(const UniqueFd& directory);
+int refuseOverlay(const base::unique_fd& directory);
 
 }  // namespace android::host

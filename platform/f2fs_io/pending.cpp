@@ -46,7 +46,7 @@ std::string unfinishedNote() {
 void note() {
     if (std::exchange(isNoted, true)) return;
     wasLeftUnfinished();
-    const UniqueFd file(
+    const base::unique_fd file(
             open(unfinishedNote().c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
 }
 

@@ -32,14 +32,14 @@ int findPrivateDirectory(const Entry& entry, FileId* found) {
         since = now;
     }
     std::vector<FileId> way;
-    UniqueFd parent;
+    base::unique_fd parent;
     FileId id = entry.directoryId;
     for (*found = {}; way.empty() || way.back() != id;) {  // the root is its own parent
         if (const auto one = known.find(id); one != known.end()) {
             *found = one->second;
             break;
         }
-        const int directory = parent.valid() ? parent.get() : entry.directory.get();
+        const int directory = parent.ok() ? parent.get() : entry.directory.get();
         struct stat st = {};
         way.push_back(id);
         if (fstat(directory, &st) != 0) return errno;
@@ -48,7 +48,7 @@ int findPrivateDirectory(const Entry& entry, FileId* found) {
             break;
         }
         parent.reset(openat(directory, "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
-        if (!parent.valid() || fstat(parent.get(), &st) != 0) return errno;
+        if (!parent.ok() || fstat(parent.get(), &st) != 0) return errno;
         id = idOf(st);
     }
     for (const FileId& one : way) known[one] = *found;

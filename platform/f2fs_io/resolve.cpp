@@ -18,19 +18,19 @@ namespace {
 constexpr int kMaxLinks = 40;
 
 /// One component after the other. A link's text takes the place of its name.
-int walk(std::string rest, UniqueFd* place, LinkMakers* makers) {
+int walk(std::string rest, base::unique_fd* place, LinkMakers* makers) {
     const auto root = [&rest] { return open(rest[0] == '/' ? "/" : ".", O_PATH | O_CLOEXEC); };
     if (rest.empty()) return ENOENT;
-    UniqueFd at(root());
+    base::unique_fd at(root());
     int links = 0;
-    while (at.valid() && !rest.empty()) {
+    while (at.ok() && !rest.empty()) {
         const size_t start = std::min(rest.find_first_not_of('/'), rest.size());
         const size_t end = std::min(rest.find('/', start), rest.size());
         const std::string name = start < end ? rest.substr(start, end - start) : ".";
         rest.erase(0, end);
-        UniqueFd next(openat(at.get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        base::unique_fd next(openat(at.get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
         struct stat st = {};
-        if (!next.valid() || fstat(next.get(), &st) != 0) return errno;
+        if (!next.ok() || fstat(next.get(), &st) != 0) return errno;
         if (!S_ISLNK(st.st_mode)) {
             at = std::move(next);
             continue;
@@ -43,7 +43,7 @@ int walk(std::string rest, UniqueFd* place, LinkMakers* makers) {
         rest.insert(0, target, static_cast<size_t>(length));
         if (rest[0] == '/') at.reset(root());
     }
-    if (!at.valid()) return errno;
+    if (!at.ok()) return errno;
     *place = std::move(at);
     return 0;
 }
@@ -59,18 +59,18 @@ bool LinkMakers::mayLeadTo(uid_t owner) const {
                        [owner](uid_t maker) { return maker == owner; });
 }
 
-int openWithoutLinks(const char* path, int flags, UniqueFd* file) {
+int openWithoutLinks(const char* path, int flags, base::unique_fd* file) {
     open_how how = {};
     how.flags = static_cast<uint64_t>(flags | O_CLOEXEC);
     how.resolve = RESOLVE_NO_SYMLINKS;
     file->reset(static_cast<int>(syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof(how))));
-    if (file->valid()) return 0;
+    if (file->ok()) return 0;
     if (errno == ENXIO) return EINVAL;
     // ENOSYS: an old kernel. EPERM: a filter of calls that does not know this one, or O_NOATIME.
     return errno == ENOSYS || errno == EPERM ? ELOOP : errno;
 }
 
-int resolve(const std::string& path, UniqueFd* place, LinkMakers* makers) {
+int resolve(const std::string& path, base::unique_fd* place, LinkMakers* makers) {
     const int error = openWithoutLinks(path.c_str(), O_PATH, place);
     return error == ELOOP ? walk(path, place, makers) : error;
 }

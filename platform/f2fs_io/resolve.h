@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "utils/unique_fd.h"
+#include "android-base/unique_fd.h"
 
 namespace android::host {
 
@@ -25,13 +25,13 @@ class LinkMakers {
 
 /// Opens what `path` leads to without following a symbolic link, with the flags of open(2). 0 or an
 /// errno: ELOOP when there is one, or when the kernel cannot tell; EINVAL for a socket.
-int openWithoutLinks(const char* path, int flags, UniqueFd* file);
+int openWithoutLinks(const char* path, int flags, base::unique_fd* file);
 
 /// Opens what `path` leads to, of whatever kind, as a place alone (O_PATH in open(2)). Symbolic
 /// links are followed, the last one too, and their makers noted.
 ///
 /// 0 or an errno; ELOOP after 40 links, as path_resolution(7) has it.
-int resolve(const std::string& path, UniqueFd* place, LinkMakers* makers);
+int resolve(const std::string& path, base::unique_fd* place, LinkMakers* makers);
 
 /// The path under which the process itself finds an open file.
 std::string ownPathOf(int file);

@@ -43,9 +43,9 @@ struct Batch {
 /// Makes the copy, which has no name yet.
 int makeCopy(Replacement& replacement) {
     const LeasedFile& shared = replacement.outgoing;
-    UniqueFd copy(
+    base::unique_fd copy(
             openat(replacement.entry.directory.get(), ".", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600));
-    if (!copy.valid()) return errno;
+    if (!copy.ok()) return errno;
     const int from = shared.file.get();
     const auto interrupted = [&shared] { return shared.isInUse(); };
     if (const int error = copyContent(from, copy.get(), shared.status, interrupted); error != 0)

@@ -5,9 +5,9 @@
 
 #include <string>
 
+#include "android-base/unique_fd.h"
 #include "f2fs_io/entry.h"
 #include "f2fs_io/leased_file.h"
-#include "utils/unique_fd.h"
 
 namespace android::host {
 
@@ -16,7 +16,7 @@ struct Replacement {
     Entry entry;
     LeasedFile outgoing;        // under lease until its name is gone
     struct stat incoming = {};  // of the other file
-    UniqueFd copy;              // that file, as long as it has no name and is not on disk
+    base::unique_fd copy;       // that file, as long as it has no name and is not on disk
 };
 
 /// Exchanges the file under `entry.swapName()`, the incoming one, for the outgoing one, which the

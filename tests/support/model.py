@@ -153,6 +153,8 @@ def member(value, name, kind):
 
 
 def number(value, name):
+    if isinstance(value, dict) and value.get(name) is True:
+        return 1
     found = member(value, name, (int, float)) or 0
     return int(found) if abs(found) < 9.2e18 or found == MOST else 0
 
@@ -224,6 +226,7 @@ class Model:
         return self.texts[path] if path in self.texts else text_on_disk(path)
 
     def load(self, directory, *selected):
+        self.damaged = None
         for index in selected:
             path = directory + "/" + IMAGES[index]
             if status(path) is None and path not in self.texts:
@@ -239,6 +242,8 @@ class Model:
                 value, whole = parse(text)
                 if not whole:
                     self.log("E", "readFileDBJson", f"the file {path} read fail")
+                    if index == 2 and text:  # kept by the next save
+                        self.damaged = text
             self.images[index] = value
 
     def save(self, directory, *selected):
@@ -250,6 +255,8 @@ class Model:
                 self.log("E", "DBWriteUpdate", f"The DB{index + 1} open fail.")
             else:
                 self.texts[path] = text_of(self.images[index])
+                if index == 2 and self.damaged:
+                    self.texts[path + ".damaged"] = self.damaged
 
     def object(self, index):
         if not isinstance(self.images[index], dict):

@@ -3,8 +3,8 @@
 
 #include <sys/stat.h>
 
+#include "android-base/unique_fd.h"
 #include "f2fs_io/long_file.h"
-#include "utils/unique_fd.h"
 
 namespace android::host {
 
@@ -33,7 +33,7 @@ class DigestSource {
     const struct stat& status() const { return mOpened; }
 
   private:
-    UniqueFd mFile;
+    base::unique_fd mFile;
     struct stat mOpened = {};
     LongFile mLong;
 };
