@@ -31,8 +31,13 @@ bool isLink(int directory, const dirent& entry) {
 
 std::string realPathOf(const std::string& path) {
     std::error_code failure;
-    std::string real = std::filesystem::canonical(path, failure);
-    return failure || real == path ? std::string() : real;
+    std::filesystem::path way;
+    for (const auto& component : std::filesystem::path(path)) {
+        way /= component;
+        if (std::filesystem::is_symlink(way, failure))
+            return std::filesystem::canonical(path, failure);
+    }
+    return {};
 }
 
 Entry::Kind kindOf(const struct stat& status) {

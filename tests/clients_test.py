@@ -104,6 +104,7 @@ def check_bytes(service):
     for code in (b"GNP_", b"PMD_", b"DMC_"):
         expect(int.from_bytes(code, "little"), b"", 0)
     expect(int.from_bytes(b"FTN_", "little"), b"", 0, string16("tavo.rux.IRux"))
+    expect(int.from_bytes(b"RPS_", "little"), b"", -38)
     service.call(SCAN, service.rule(regs=["(\nforged"]))
     assert service.logged("invalid pattern (\\x0aforged") == 1, "each line stays one"
 

@@ -35,7 +35,7 @@ def outcome(service, act, image, *paths):
     service.edit(image, {"0": {"V": 1, "f_size": 1, "f_list": paths}})
     start = os.path.getsize(service.base + "/log")
     act()
-    errors = re.findall(r"(?:undone .*:|fail, error code) (\d+)", service.log(start))
+    errors = re.findall(r"fail, error code (\d+)", service.log(start))
     return int(errors[-1]) if errors else 0
 
 

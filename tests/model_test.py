@@ -178,7 +178,7 @@ class Session:
         if pick.random() < 0.1:
             return pick.choice(WRONG[:5] if pick.random() < 0.3 else WRONG)
         if operation == "rules":
-            return json.dumps(pick.choice([[pick.choice(PATTERNS[9:])]] * 4 + [[r".*/e/.*", "("], [], {}, None, ["x", 5], "x"]))
+            return json.dumps(pick.choice([[pick.choice(PATTERNS[9:])]] * 4 + [[".*/tree/[^/]+"], [r".*/e/.*", "("], [], {}, None, ["x", 5], "x"]))
         if operation == "compress":
             return json.dumps([pick.choice(SPACES + [5]) for _ in range(pick.choice([1, 1, 2, 3]))])
         if operation == "scan" and pick.random() < 0.2:  # whose are the files of the last one?

@@ -40,6 +40,8 @@ status_t BBinder::onTransact(uint32_t code, const Parcel& /*data*/, Parcel* repl
         case DUMP_TRANSACTION:
         case SHELL_COMMAND_TRANSACTION:
             return OK;
+        case SYSPROPS_TRANSACTION:
+            return INVALID_OPERATION;
         default:
             return UNKNOWN_TRANSACTION;
     }

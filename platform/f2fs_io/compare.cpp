@@ -12,22 +12,24 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
-#include <exception>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <utility>
 
+#include "android-base/file.h"
 #include "f2fs_io/long_file.h"
 
 namespace android::host {
 namespace {
 
 constexpr off_t kPiece = 128 << 10;                     // bytes a read and file
-constexpr off_t kShare = 256 << 10;                     // bytes that a thread takes at a time
-constexpr off_t kWorthHelp = 1024 << 10;                // bytes of files that two threads compare
+constexpr off_t kShare = 256 << 10;                     // bytes between two looks for holes
 constexpr auto kIdle = std::chrono::milliseconds(100);  // before the second thread ends
+constexpr off_t kWorthTwo = 1024 << 10;                 // bytes of files that two threads compare
 
 bool hasCapability(unsigned capability) {
     __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
@@ -36,149 +38,102 @@ bool hasCapability(unsigned capability) {
            (sets[CAP_TO_INDEX(capability)].effective & CAP_TO_MASK(capability)) != 0;
 }
 
-/// Reads all of `size` bytes at `offset`. 0 or an errno, EILSEQ when the file ends before.
-int readFully(int file, char* bytes, size_t size, off_t offset) {
-    while (size > 0) {
-        const ssize_t got = pread(file, bytes, size, offset);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) return got == 0 ? EILSEQ : errno;
-        bytes += got;
-        size -= static_cast<size_t>(got);
-        offset += got;
+/// Two files of which two threads compare one share after another.
+struct Comparison {
+    const int files[2];
+    const off_t size;
+    const std::function<bool()>& interrupted;
+    std::atomic<off_t> next{0};  // share
+    std::atomic<int> atWork{0};  // threads
+    std::mutex mutex;
+    off_t failedAt = 0;
+    int error = 0;  // of the first share that has one
+};
+
+/// Whether both files have a hole from `begin` to `end`. What lies in it is not looked at.
+bool isHole(const Comparison& comparison, off_t begin, off_t end) {
+    return std::all_of(std::begin(comparison.files), std::end(comparison.files), [=](int file) {
+        const off_t data = lseek(file, begin, SEEK_DATA);
+        return data >= end || (data < 0 && errno == ENXIO);
+    });
+}
+
+/// 0 or an errno.
+int compareShare(const Comparison& comparison, off_t begin) {
+    char pieces[2][kPiece];
+    const off_t end = std::min(begin + kShare, comparison.size);
+    if (comparison.size > kWorthTwo && isHole(comparison, begin, end)) return 0;
+    for (off_t at = begin; at < end; at += kPiece) {
+        if (at > 0 && comparison.interrupted && comparison.interrupted()) return EBUSY;
+        const auto size = static_cast<size_t>(std::min(end - at, kPiece));
+        for (int i = 0; i < 2; ++i) {
+            errno = 0;
+            if (!base::ReadFullyAtOffset(comparison.files[i], pieces[i], size, at))
+                return errno == 0 ? EILSEQ : errno;
+        }
+        if (memcmp(pieces[0], pieces[1], size) != 0) return EILSEQ;
     }
     return 0;
 }
 
-/// Room for a piece of each of two files.
-struct Pieces {
-    char first[kPiece];
-    char second[kPiece];
-};
-
-/// The content of two files, of which two threads may compare one share after another.
-class Comparison {
-  public:
-    Comparison(int first, int second, off_t size, const std::function<bool()>& interrupted)
-          : mFirst(first), mSecond(second), mSize(size), mInterrupted(interrupted) {}
-
-    /// Until no share is left, or one is not the same. `longFile` is for one of the threads.
-    void work(Pieces& pieces, LongFile* longFile) {
-        while (true) {
-            const off_t begin = mNext.fetch_add(kShare);
-            if (begin >= mSize) return;
-            if (mSize >= kWorthHelp && skipHole(begin)) continue;
-            int error = compareShare(begin, pieces);
-            if (error == 0 && longFile != nullptr) error = longFile->count(mFirst, kShare);
-            if (error != 0) fail(begin, error);
+/// Until no share is left, or one is not the same.
+void work(Comparison& comparison, LongFile* longFile) {
+    ++comparison.atWork;
+    off_t begin = 0;
+    while ((begin = comparison.next.fetch_add(kShare)) < comparison.size) {
+        int error = compareShare(comparison, begin);
+        if (error == 0 && longFile != nullptr) error = longFile->count(comparison.files[0], kShare);
+        if (error == 0) continue;
+        comparison.next = comparison.size;
+        const std::lock_guard lock(comparison.mutex);
+        if (comparison.error == 0 || begin < comparison.failedAt) {
+            comparison.failedAt = begin;
+            comparison.error = error;
         }
     }
-
-    /// The error of the first share that has one; 0 when all are the same. After the work.
-    int error() const { return mError; }
-
-  private:
-    /// Whether both files have a hole at `begin` that goes beyond the share. What lies in it is not
-    /// looked at.
-    bool skipHole(off_t begin) {
-        off_t data = mSize;
-        for (const int file : {mFirst, mSecond}) {
-            const off_t found = lseek(file, begin, SEEK_DATA);
-            if (found < 0 && errno != ENXIO) return false;
-            if (found >= 0) data = std::min(data, found);
-        }
-        if (data < begin + kShare) return false;
-        const off_t next = data / kShare * kShare;
-        off_t now = mNext;
-        while (now < next && !mNext.compare_exchange_weak(now, next)) {
-        }
-        return true;
-    }
-
-    int compareShare(off_t begin, Pieces& pieces) const {
-        const off_t end = std::min(begin + kShare, mSize);
-        for (off_t at = begin; at < end; at += kPiece) {
-            if (at > 0 && mInterrupted && mInterrupted()) return EBUSY;
-            const auto size = static_cast<size_t>(std::min(end - at, kPiece));
-            if (const int error = readFully(mFirst, pieces.first, size, at); error != 0)
-                return error;
-            if (const int error = readFully(mSecond, pieces.second, size, at); error != 0)
-                return error;
-            if (memcmp(pieces.first, pieces.second, size) != 0) return EILSEQ;
-        }
-        return 0;
-    }
-
-    /// Those before it have been taken, and are compared to their end.
-    void fail(off_t begin, int error) {
-        mNext = mSize;
-        const std::lock_guard lock(mMutex);
-        if (mError != 0 && mFailedAt < begin) return;
-        mFailedAt = begin;
-        mError = error;
-    }
-
-    const int mFirst;
-    const int mSecond;
-    const off_t mSize;
-    const std::function<bool()>& mInterrupted;
-    std::atomic<off_t> mNext{0};
-    std::mutex mMutex;
-    off_t mFailedAt = 0;
-    int mError = 0;
-};
+    --comparison.atWork;
+    comparison.atWork.notify_all();
+}
 
 /// The second thread. It stays for a while, as a new one would come too late for most files.
 class Helper {
   public:
-    /// Has it take part in `comparison` as soon as it comes, unless it is with another one.
-    void invite(Comparison& comparison) {
+    /// Has it take part in the comparison when it comes: when all is over it finds no share.
+    void invite(const std::shared_ptr<Comparison>& comparison) {
         {
             const std::lock_guard lock(mMutex);
-            if (mInvitedTo != nullptr || mIsIn != nullptr) return;
+            mInvitedTo = comparison;
             if (!mIsThere && !start()) return;
-            mInvitedTo = &comparison;
         }
         mInvitation.notify_one();
-    }
-
-    /// Returns once it is not, and will not be, in `comparison`.
-    void dismiss(const Comparison& comparison) {
-        std::unique_lock lock(mMutex);
-        if (mInvitedTo == &comparison) mInvitedTo = nullptr;
-        mDeparture.wait(lock, [&] { return mIsIn != &comparison; });
     }
 
   private:
     /// With the lock held.
     bool start() {
         try {
-            auto pieces = std::make_unique<Pieces>();
-            std::thread([this, pieces = std::move(pieces)] { run(*pieces); }).detach();
+            std::thread([this] { run(); }).detach();
             mIsThere = true;
-        } catch (const std::exception&) {  // no thread or no memory: the caller does it alone
+        } catch (const std::system_error&) {  // no thread: the caller does it alone
         }
         return mIsThere;
     }
 
-    void run(Pieces& pieces) {
+    void run() {
         std::unique_lock lock(mMutex);
         while (mInvitation.wait_for(lock, kIdle, [this] { return mInvitedTo != nullptr; })) {
-            mIsIn = std::exchange(mInvitedTo, nullptr);
+            const std::shared_ptr<Comparison> comparison = std::move(mInvitedTo);
             lock.unlock();
-            mIsIn->work(pieces, nullptr);
+            work(*comparison, nullptr);
             lock.lock();
-            mIsIn = nullptr;
-            mDeparture.notify_all();
         }
         mIsThere = false;
     }
 
     std::mutex mMutex;
     std::condition_variable mInvitation;
-    std::condition_variable mDeparture;
     bool mIsThere = false;
-    Comparison* mInvitedTo = nullptr;
-    Comparison* mIsIn = nullptr;
+    std::shared_ptr<Comparison> mInvitedTo;
 };
 
 }  // namespace
@@ -192,14 +147,15 @@ bool sameContentStamp(const struct stat& before, const struct stat& after) {
 }
 
 int compareBytes(int first, int second, off_t size, const std::function<bool()>& interrupted) {
-    thread_local const auto pieces = std::make_unique<Pieces>();  // kept for the next files
+    const std::shared_ptr<Comparison> comparison(
+            new Comparison{{first, second}, size, interrupted, {}, {}, {}, 0, 0});
     static auto& helper = *new Helper;  // its thread outlives every other object
-    Comparison comparison(first, second, size, interrupted);
-    if (size >= kWorthHelp) helper.invite(comparison);
+    if (size >= kWorthTwo) helper.invite(comparison);
     LongFile longFile;
-    comparison.work(*pieces, &longFile);
-    if (size >= kWorthHelp) helper.dismiss(comparison);
-    return comparison.error();
+    work(*comparison, &longFile);
+    for (int atWork = comparison->atWork; atWork != 0; atWork = comparison->atWork)
+        comparison->atWork.wait(atWork);
+    return comparison->error;
 }
 
 bool Attributes::canBeGiven() const {

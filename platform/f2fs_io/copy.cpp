@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "android-base/file.h"
 #include "f2fs_io/compare.h"
 #include "f2fs_io/long_file.h"
 #include "f2fs_io/xattrs.h"
@@ -18,38 +19,21 @@
 namespace android::host {
 namespace {
 
-constexpr size_t kPiece = 256U << 10;  // bytes a read
-
-int writeFully(int file, const char* bytes, size_t size, off_t offset) {
-    while (size > 0) {
-        const ssize_t written = pwrite(file, bytes, size, offset);
-        if (written < 0 && errno != EINTR) return errno;
-        if (written <= 0) continue;
-        bytes += written;
-        size -= static_cast<size_t>(written);
-        offset += written;
-    }
-    return 0;
-}
+constexpr off_t kPiece = 256 << 10;  // bytes a read
 
 /// Copies the bytes from `start` to `end`.
 int copyRange(int from, int to, off_t start, off_t end, const std::function<bool()>& interrupted,
               LongFile& longFile) {
     thread_local std::vector<char> piece(kPiece);
-    while (start < end) {
-        const auto wanted = static_cast<size_t>(std::min<off_t>(end - start, kPiece));
-        const ssize_t got = pread(from, piece.data(), wanted, start);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) return errno;
-        if (got == 0) return ESTALE;  // shorter than its status said
-        if (const int error = writeFully(to, piece.data(), static_cast<size_t>(got), start);
-            error != 0) {
-            return error;
-        }
-        if (const int error = longFile.count(from, static_cast<size_t>(got)); error != 0)
-            return error;
+    if (lseek(to, start, SEEK_SET) < 0) return errno;
+    for (; start < end; start += kPiece) {
+        const auto size = static_cast<size_t>(std::min<off_t>(end - start, kPiece));
+        errno = 0;
+        if (!base::ReadFullyAtOffset(from, piece.data(), size, start))
+            return errno == 0 ? ESTALE : errno;  // it is shorter than its status said
+        if (!base::WriteFully(to, piece.data(), size)) return errno;
+        if (const int error = longFile.count(from, size); error != 0) return error;
         if (interrupted()) return EBUSY;
-        start += got;
     }
     return 0;
 }

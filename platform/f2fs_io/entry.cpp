@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <random>
 
 #include "f2fs_io/digest/md5.h"
 
@@ -53,12 +54,20 @@ int Entry::status(const std::string& other, struct stat* st) const {
     return fstatat(directory.get(), other.c_str(), st, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
 }
 
-std::string Entry::swapName() const {
-    return kSwapPrefix + md5OfText(name + salt);
+const std::string& Entry::swapName() const {
+    if (swap.empty()) swap = kSwapPrefix + md5OfText(name);
+    return swap;
+}
+
+void Entry::changeSwapName() {
+    std::random_device random;
+    std::string salt;
+    for (int i = 0; i < 4; ++i) salt += std::to_string(random());
+    swap = kSwapPrefix + md5OfText(name + salt);
 }
 
 int Entry::linkAsSwap(const base::unique_fd& file) const {
-    const std::string swap = swapName();
+    swapName();
     // Not every kernel lets every process link a bare descriptor, but then there is its name in
     // /proc.
     if (linkat(file.get(), "", directory.get(), swap.c_str(), AT_EMPTY_PATH) == 0) return 0;

@@ -31,7 +31,6 @@ struct Entry {
     std::string parent;  // its path, as it was given: for the log
     std::string name;
     LinkMakers makers;  // of the links in the directory's path
-    std::string salt;   // what the swap name is a digest of beside `name`
 
     /// 0 or an errno; EINVAL for a path that ends in no name.
     int open(const char* path);
@@ -50,12 +49,16 @@ struct Entry {
     /// The name that the library uses beside `name`, for the file that is about to be exchanged
     /// with it: `kSwapPrefix` and a digest of `name`, so that a call finds what an interrupted one
     /// left.
-    std::string swapName() const;
+    const std::string& swapName() const;
+    /// Makes it another one than it is: it is taken.
+    void changeSwapName();
     static constexpr char kSwapPrefix[] = ".rux-swap-";
 
     /// Makes the swap name one more name of the open file `file`: of exactly that file, whatever
     /// its path leads to by now. 0 or an errno.
     int linkAsSwap(const base::unique_fd& file) const;
+
+    mutable std::string swap;  // the swap name, once it was asked for
 };
 
 /// Opens `path` below `directory` for reading, without changing its access time where the owner's

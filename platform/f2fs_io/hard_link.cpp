@@ -5,13 +5,12 @@
 #include <utility>
 
 #include "f2fs_io/compare.h"
+#include "f2fs_io/directory.h"
 #include "f2fs_io/entry.h"
 #include "f2fs_io/hard_link.h"
 #include "f2fs_io/leased_file.h"
 #include "f2fs_io/leftovers.h"
-#include "f2fs_io/overlay.h"
 #include "f2fs_io/pending.h"
-#include "f2fs_io/private_directory.h"
 #include "f2fs_io/swap.h"
 #include "f2fs_io/tool_log.h"
 #include "tavo_f2fs_io.h"
@@ -93,7 +92,7 @@ int linkDuplicate(const char* keptPath, const char* duplicatePath) {
         return isOne ? 0 : linkDuplicate(keptPath, duplicatePath);
     }
     if (error == 0) error = compare(kept, replacement.outgoing);
-    const auto asked = ReadLease::Clock::now();
+    const auto asked = LeasedFile::Clock::now();
     if (error == 0) error = kept.undisturbed();
     if (error == 0) {
         noteUnfinished();
@@ -107,7 +106,7 @@ int linkDuplicate(const char* keptPath, const char* duplicatePath) {
     // From the exchange on whoever opens the name for writing finds the kept file, linked, and
     // waits a moment: that is all right. But when this thread was held up for so long that the
     // kernel may have let a writer in by force, that one may have come before.
-    if (ReadLease::Clock::now() - asked > ReadLease::kLeast) error = kept.undisturbed();
+    if (LeasedFile::Clock::now() - asked > LeasedFile::kLeast) error = kept.undisturbed();
     if (error != 0) return undo(entry, replacement.incoming, error);
     addPending(std::move(replacement), duplicatePath);
     return 0;

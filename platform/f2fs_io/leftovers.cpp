@@ -8,14 +8,12 @@
 #include <ctime>
 #include <filesystem>
 #include <mutex>
-#include <random>
 #include <set>
 #include <string>
 #include <system_error>
 
 #include "android/log.h"
 #include "f2fs_io/compare.h"
-#include "f2fs_io/interrupted.h"
 #include "f2fs_io/leased_file.h"
 #include "f2fs_io/pending.h"
 #include "f2fs_io/swap.h"
@@ -76,7 +74,7 @@ void tidy(const Entry& any) {
     entry.makers = any.makers;
     for (const std::string& name : names) {
         entry.name = name;
-        entry.salt.clear();
+        entry.swap.clear();
         if (swaps.erase(entry.swapName()) != 0) removeLeftover(entry);
     }
     concludePending();
@@ -105,7 +103,7 @@ void tidyOnce(const Entry& entry) {
 }
 
 int removeLeftover(Entry& entry) {
-    const std::string swap = entry.swapName();
+    const std::string& swap = entry.swapName();
     struct stat st = {};
     if (entry.status(swap, &st) == 0) concludePending();  // it may be one of these
     if (const int error = entry.status(swap, &st); error != 0) return error == ENOENT ? 0 : error;
@@ -113,8 +111,7 @@ int removeLeftover(Entry& entry) {
     LeasedFile left;
     if (const int error = entry.openFile(&ours.file, &ours.status); error != 0) return error;
     if (ours.status.st_uid != st.st_uid) {
-        std::random_device random;
-        for (int i = 0; i < 4; ++i) entry.salt += std::to_string(random());
+        entry.changeSwapName();
         return 0;
     }
     if (!lease(entry, swap, &left)) return keepSwap(entry, swap, EEXIST);

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "android/log.h"
-#include "f2fs_io/interrupted.h"
+#include "f2fs_io/leased_file.h"
 #include "root/run_dir.h"
 
 namespace android::host {
@@ -105,9 +105,11 @@ bool joinPending(const Entry& entry, const std::string& path) {
     return found != pending.end();
 }
 
-void concludePending() {
+int concludePending(const std::string& path) {
     const std::lock_guard lock(concluding);
     concludeOldest(true);
+    const auto outcome = undone.extract(path);
+    return outcome.empty() ? 0 : outcome.mapped();
 }
 
 void noteUnfinished() {

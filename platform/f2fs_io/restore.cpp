@@ -10,11 +10,10 @@
 #include <vector>
 
 #include "f2fs_io/copy.h"
+#include "f2fs_io/directory.h"
 #include "f2fs_io/entry.h"
-#include "f2fs_io/interrupted.h"
 #include "f2fs_io/leased_file.h"
 #include "f2fs_io/leftovers.h"
-#include "f2fs_io/overlay.h"
 #include "f2fs_io/pending.h"
 #include "f2fs_io/swap.h"
 #include "f2fs_io/tool_log.h"
@@ -30,14 +29,11 @@ constexpr size_t kMostFiles = 256;             // in a batch
 constexpr off_t kMostBytes = off_t{64} << 20;  // likewise
 constexpr auto kLongest = 1s;                  // for programs that want to write to a file of it
 
-/// Copies that are made durable together and get their names then. While the next ones are made,
-/// interrupted programs get a processor; after that the old names go.
+/// Copies that are made durable together and get their names then.
 struct Batch {
-    std::vector<Replacement> copies;
+    std::vector<std::pair<Replacement, std::string>> copies;  // with the paths that they are for
     off_t bytes = 0;
     Clock::time_point since;  // the first one
-    std::vector<Replacement> placed;
-    Clock::time_point placedAt;
 };
 
 /// Makes the copy, which has no name yet.
@@ -79,7 +75,7 @@ int addCopy(const char* path, Batch& batch, std::map<FileId, nlink_t>* namesLeft
     if (const int error = makeCopy(replacement); error != 0) return error;
     if (batch.copies.empty()) batch.since = Clock::now();
     batch.bytes += shared.status.st_size;
-    batch.copies.push_back(std::move(replacement));
+    batch.copies.emplace_back(std::move(replacement), path);
     --left;
     return 0;
 }
@@ -89,7 +85,7 @@ int addCopy(const char* path, Batch& batch, std::map<FileId, nlink_t>* namesLeft
 std::vector<int> putOnDisk(const Batch& batch) {
     std::vector<int> errors;
     dev_t synced = 0;
-    for (const Replacement& one : batch.copies) {
+    for (const auto& [one, path] : batch.copies) {
         const int copy = one.copy.get();
         const dev_t device = one.incoming.st_dev;
         if (batch.copies.size() > 1 && device != synced && syncfs(copy) == 0) synced = device;
@@ -111,38 +107,27 @@ int putInPlace(Replacement& replacement) {
     return 0;
 }
 
-/// Removes the old names of what was placed. The last error.
-int concludePlaced(Batch& batch) {
-    int last = 0;
-    if (!batch.placed.empty()) waitForInterruptedTasks(Clock::now() - batch.placedAt);
-    for (Replacement& replacement : batch.placed) {
-        if (const int error = conclude(replacement); error != 0) last = error;
-    }
-    batch.placed.clear();
-    return last;
-}
-
-/// Gives the copies their names. The last error.
+/// Gives the copies their names, with which they are pending. The last error.
 int placeCopies(Batch& batch) {
     int last = 0;
     const std::vector<int> errors = putOnDisk(batch);
     for (size_t i = 0; i < errors.size(); ++i) {
-        const int error = errors[i] != 0 ? errors[i] : putInPlace(batch.copies[i]);
-        if (error == 0) batch.placed.push_back(std::move(batch.copies[i]));
+        auto& [replacement, path] = batch.copies[i];
+        const int error = errors[i] != 0 ? errors[i] : putInPlace(replacement);
         if (error != 0) last = error;
+        if (error == 0) addPending(std::move(replacement), path);
     }
-    batch.placedAt = Clock::now();
-    batch.copies.clear();
-    batch.bytes = 0;
+    batch = {};
     return last;
 }
 
 int giveOwnData(const char* path) {
     Batch batch;
     noteUnfinished();
+    concludePending(path);  // forgets what became of it in a batch
     if (const int error = addCopy(path, batch, nullptr); error != 0) return error;
     if (const int error = placeCopies(batch); error != 0) return error;
-    return concludePlaced(batch);
+    return concludePending(path);
 }
 
 }  // namespace
@@ -162,13 +147,9 @@ void restoreLinkFiles(const std::vector<std::string>& paths) {
     noteUnfinished();
     for (const std::string& path : paths) {
         const bool isOld = !batch.copies.empty() && Clock::now() - batch.since > kLongest;
-        if (batch.copies.size() >= most || batch.bytes >= kMostBytes || isOld) {
-            concludePlaced(batch);
-            placeCopies(batch);
-        }
+        if (batch.copies.size() >= most || batch.bytes >= kMostBytes || isOld) placeCopies(batch);
         addCopy(path.c_str(), batch, &namesLeft);
     }
-    concludePlaced(batch);
     placeCopies(batch);
-    concludePlaced(batch);
+    concludePending();
 }

@@ -106,7 +106,7 @@ State stateOfIncoming(const Replacement& replacement, bool isOutgoingIntact, boo
 /// The state of the outgoing file: while its lease holds nobody has written to it. `error` is why
 /// it is not as it was.
 State stateOfOutgoing(const LeasedFile& file, int* error) {
-    *error = file.lease.confirm();
+    *error = file.confirmLease();
     if (*error != 0) return *error == EBUSY ? kWritten : kUnknown;
     *error = file.compareWithNow();
     if (*error == 0) return kAsItWas;
@@ -131,7 +131,7 @@ int removeSwap(const Entry& entry, const std::string& swap) {
 int exchange(const Replacement& replacement) {
     const Entry& entry = replacement.entry;
     const FileId incoming = idOf(replacement.incoming);
-    const std::string swap = entry.swapName();
+    const std::string& swap = entry.swapName();
     struct stat st = {};
     int error = entry.status(entry.name, &st);
     if (error == 0 && idOf(st) != replacement.outgoing.id()) error = ESTALE;
@@ -156,7 +156,7 @@ int exchange(const Replacement& replacement) {
 /// between; that file is the newest and goes back in its turn. Whatever cannot be found out, or
 /// not be done, leaves the swap name there.
 int undo(const Entry& entry, const struct stat& incoming, int why) {
-    const std::string swap = entry.swapName();
+    const std::string& swap = entry.swapName();
     FileId previous = idOf(incoming);
     struct stat st = {};
     const auto remove = [&] {
@@ -189,7 +189,7 @@ int undo(const Entry& entry, const struct stat& incoming, int why) {
 
 int conclude(Replacement& replacement) {
     const Entry& entry = replacement.entry;
-    const std::string swap = entry.swapName();
+    const std::string& swap = entry.swapName();
     struct stat st = {};
     const int named = entry.status(swap, &st);
     if (named == ENOENT) return 0;  // somebody has tidied up

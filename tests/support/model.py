@@ -400,7 +400,7 @@ class Model:
             suffix = "nosuffix"
         record = {"V": 1, "s_time": seconds(st), "c_flag": 0, "w_flag": 0, "reg": suffix, "is_md5": 0}
         self.object(0)[path] = record
-        if self.matches(exceptions, path) or self.matches(exceptions, os.path.realpath(path)):
+        if self.matches(exceptions, path) or is_behind_link(path) and self.matches(exceptions, os.path.realpath(path)):
             self.log("D", "calculateFileMD5", "the file is in black list")
             return
         with open(path, "rb") as file:
@@ -664,6 +664,10 @@ class Model:
                 is_modified(self.object(3), path, 1)
             del self.images[2][digest]
         return restored
+
+
+def is_behind_link(path):
+    return any(os.path.islink(path[:found.start()]) for found in re.finditer("(?!^)(?=/)|$", path))
 
 
 def name_of(path):

@@ -11,61 +11,42 @@ namespace {
 
 constexpr size_t kPiece = 256U << 10;  // bytes a read
 
-/// A running digest. Its context is kept for the thread: making one costs more than a small file.
-class Md5 {
-  public:
-    Md5() {
-        // Fetched once: the library otherwise looks the algorithm up again for every digest.
-        static EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "MD5", nullptr);
-        mUsable = algorithm != nullptr && EVP_DigestInit_ex(context(), algorithm, nullptr) == 1;
-    }
-    void add(const void* bytes, size_t size) {
-        mUsable = mUsable && EVP_DigestUpdate(context(), bytes, size) == 1;
-    }
-    /// Empty when the cryptographic library has failed.
-    std::string finish() {
-        unsigned char digest[EVP_MAX_MD_SIZE];
-        unsigned int size = 0;
-        if (!mUsable || EVP_DigestFinal_ex(context(), digest, &size) != 1) return {};
-        std::string text(size_t{2} * size, '\0');
-        writeHex(digest, size, text.data());
-        return text;
-    }
-
-  private:
-    static EVP_MD_CTX* context() {
-        struct Free {
-            void operator()(EVP_MD_CTX* unused) const { EVP_MD_CTX_free(unused); }
-        };
-        thread_local const std::unique_ptr<EVP_MD_CTX, Free> instance(EVP_MD_CTX_new());
-        return instance.get();
-    }
-
-    bool mUsable = false;
-};
+/// 32 digits; empty when the cryptographic library has failed.
+std::string textOf(const unsigned char* digest, unsigned int size, bool isUsable) {
+    std::string text(isUsable ? size_t{2} * size : 0, '\0');
+    if (isUsable) writeHex(digest, size, text.data());
+    return text;
+}
 
 }  // namespace
 
 std::string md5OfText(std::string_view text) {
-    Md5 md5;
-    md5.add(text.data(), text.size());
-    return md5.finish();
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int size = 0;
+    const bool isDone =
+            EVP_Digest(text.data(), text.size(), digest, &size, EVP_md5(), nullptr) == 1;
+    return textOf(digest, size, isDone);
 }
 
 int md5Of(DigestSource& source, std::string* digest) {
     thread_local std::vector<unsigned char> piece(kPiece);
-    Md5 md5;
+    const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> md5(EVP_MD_CTX_new(),
+                                                                      EVP_MD_CTX_free);
+    bool isUsable = EVP_DigestInit_ex(md5.get(), EVP_md5(), nullptr) == 1;
     off_t done = 0;
     while (done <= source.size()) {
         const ssize_t got = source.read(piece.data(), piece.size());
         if (got < 0) return errno;
         if (got == 0) break;
-        md5.add(piece.data(), static_cast<size_t>(got));
+        isUsable &= EVP_DigestUpdate(md5.get(), piece.data(), static_cast<size_t>(got)) == 1;
         done += got;
     }
     if (done > source.size()) return EAGAIN;  // it may go on growing for ever
-    *digest = md5.finish();
-    return digest->empty() ? ENOTSUP : 0;
+    unsigned char bytes[EVP_MAX_MD_SIZE];
+    unsigned int size = 0;
+    isUsable = EVP_DigestFinal_ex(md5.get(), bytes, &size) == 1 && isUsable;
+    *digest = textOf(bytes, size, isUsable);
+    return isUsable ? 0 : ENOTSUP;
 }
 
 void writeHex(const void* bytes, size_t size, char* text) {

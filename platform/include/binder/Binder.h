@@ -16,7 +16,8 @@ class BBinder : public IBinder {
     ~BBinder() override = default;
 
     /// Answers one transaction. The default says what interface the object has, and has nothing to
-    /// say to a ping, a dump or a shell command; the rest is an `UNKNOWN_TRANSACTION`.
+    /// say to a ping, a dump or a shell command; that properties have changed is an
+    /// `INVALID_OPERATION`, the rest an `UNKNOWN_TRANSACTION`.
     virtual status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply,
                                 uint32_t flags = 0);
 };

@@ -26,6 +26,7 @@ class IBinder : public virtual RefBase {
         DUMP_TRANSACTION = 0x5f444d50,           // "_DMP"
         SHELL_COMMAND_TRANSACTION = 0x5f434d44,  // "_CMD"
         INTERFACE_TRANSACTION = 0x5f4e5446,      // "_NTF"
+        SYSPROPS_TRANSACTION = 0x5f535052,       // "_SPR"
         /// The caller does not wait, and gets no reply.
         FLAG_ONEWAY = 0x00000001,
     };
