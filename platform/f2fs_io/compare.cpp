@@ -100,25 +100,18 @@ class Helper {
   public:
     /// Has it take part in the comparison when it comes: when all is over it finds no share.
     void invite(const std::shared_ptr<Comparison>& comparison) {
-        {
-            const std::lock_guard lock(mMutex);
-            mInvitedTo = comparison;
-            if (!mIsThere && !start()) return;
-        }
+        const std::lock_guard lock(mMutex);
+        mInvitedTo = comparison;
         mInvitation.notify_one();
-    }
-
-  private:
-    /// With the lock held.
-    bool start() {
+        if (mIsThere) return;
         try {
             std::thread([this] { run(); }).detach();
             mIsThere = true;
         } catch (const std::system_error&) {  // no thread: the caller does it alone
         }
-        return mIsThere;
     }
 
+  private:
     void run() {
         std::unique_lock lock(mMutex);
         while (mInvitation.wait_for(lock, kIdle, [this] { return mInvitedTo != nullptr; })) {
@@ -138,12 +131,8 @@ class Helper {
 
 }  // namespace
 
-bool sameTime(const timespec& a, const timespec& b) {
-    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
-
 bool sameContentStamp(const struct stat& before, const struct stat& after) {
-    return before.st_size == after.st_size && sameTime(before.st_mtim, after.st_mtim);
+    return before.st_size == after.st_size && timeOf(before.st_mtim) == timeOf(after.st_mtim);
 }
 
 int compareBytes(int first, int second, off_t size, const std::function<bool()>& interrupted) {

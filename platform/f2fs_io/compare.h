@@ -3,13 +3,17 @@
 
 #include <sys/stat.h>
 
+#include <chrono>
 #include <functional>
 
 #include "f2fs_io/xattrs.h"
 
 namespace android::host {
 
-bool sameTime(const timespec& a, const timespec& b);
+/// A time of a status, since the epoch.
+inline std::chrono::nanoseconds timeOf(const timespec& time) {
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
 
 /// Whether nobody has written between two readings of one file's status.
 bool sameContentStamp(const struct stat& before, const struct stat& after);

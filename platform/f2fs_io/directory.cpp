@@ -92,6 +92,7 @@ int findPrivateDirectory(const Entry& entry, FileId* found) {
         *found = one->second;
         return 0;
     }
+    *found = {};
     base::unique_fd parent;
     FileId below;
     FileId id = entry.directoryId;
@@ -99,14 +100,14 @@ int findPrivateDirectory(const Entry& entry, FileId* found) {
         struct stat st = {};
         if (fstat(directory, &st) != 0) return errno;
         if ((st.st_mode & S_IXOTH) == 0 || hasAccessList(directory)) {
-            known[entry.directoryId] = *found = id;
-            return 0;
+            *found = id;
+            break;
         }
         parent.reset(openat(directory, "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
         if (!parent.ok() || fstat(parent.get(), &st) != 0) return errno;
         below = std::exchange(id, idOf(st));  // the root is its own parent
     }
-    known[entry.directoryId] = *found = {};
+    known[entry.directoryId] = *found;
     return 0;
 }
 

@@ -68,14 +68,12 @@ void Entry::changeSwapName() {
 
 int Entry::linkAsSwap(const base::unique_fd& file) const {
     swapName();
-    // Not every kernel lets every process link a bare descriptor, but then there is its name in
-    // /proc.
+    // Where a process may not link a bare descriptor there still is its name in /proc.
     if (linkat(file.get(), "", directory.get(), swap.c_str(), AT_EMPTY_PATH) == 0) return 0;
     if (errno != ENOENT && errno != EPERM) return errno;
-    return linkat(AT_FDCWD, ownPathOf(file.get()).c_str(), directory.get(), swap.c_str(),
-                  AT_SYMLINK_FOLLOW) == 0
-                   ? 0
-                   : errno;
+    const std::string path = ownPathOf(file.get());
+    const int at = directory.get();
+    return linkat(AT_FDCWD, path.c_str(), at, swap.c_str(), AT_SYMLINK_FOLLOW) == 0 ? 0 : errno;
 }
 
 }  // namespace android::host

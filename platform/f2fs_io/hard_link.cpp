@@ -30,12 +30,10 @@ int openKept(const char* path, Entry* entry, LeasedFile* kept) {
     if (error = resolve(path, &place, &makers); error != 0) return error;
     if (error = statusOfRegular(place, &st); error != 0) return error;
     if (!makers.mayLeadTo(st.st_uid)) return ELOOP;
-    if (error = openToRead(AT_FDCWD, ownPathOf(place.get()).c_str(), 0, &kept->file); error != 0)
-        return error;
-    if (error = statusOfRegular(kept->file, &kept->status); error != 0) return error;
-    if (error = entry->open(placeOf(kept->file.get()).c_str()); error != 0) return error;
-    if (error = entry->status(entry->name, &st); error != 0) return error;
-    return idOf(st) == kept->id() ? 0 : ESTALE;
+    error = openRegular(AT_FDCWD, ownPathOf(place.get()).c_str(), 0, &kept->file, &kept->status);
+    if (error == 0) error = entry->open(placeOf(kept->file.get()).c_str());
+    if (error == 0) error = entry->status(entry->name, &st);
+    return error == 0 && idOf(st) != kept->id() ? ESTALE : error;
 }
 
 /// Whether the ways to both files are open to the same users.

@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <ctime>
 #include <filesystem>
 #include <mutex>
 #include <set>
@@ -21,22 +20,12 @@
 namespace android::host {
 namespace {
 
-std::chrono::nanoseconds age(const timespec& time) {
-    timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return std::chrono::seconds(now.tv_sec - time.tv_sec) +
-           std::chrono::nanoseconds(now.tv_nsec - time.tv_nsec);
-}
-
-bool isBefore(const timespec& a, const timespec& b) {
-    return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
-}
-
 /// Opens the file under a swap name, with writers shut out once nobody can be about to open it.
 bool lease(const Entry& entry, const std::string& swap, LeasedFile* file) {
     struct stat st = {};
     if (entry.status(swap, &st) != 0) return false;
-    waitForInterruptedTasks(age(st.st_ctim));
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    waitForInterruptedTasks(now - timeOf(st.st_ctim));
     return openRegular(entry.directory.get(), swap.c_str(), O_NOFOLLOW, &file->file,
                        &file->status) == 0 &&
            file->takeLease() == 0;
@@ -55,23 +44,18 @@ bool isSwapName(const std::string& name) {
            name.find_first_not_of("0123456789abcdef", kPrefix) == std::string::npos;
 }
 
-/// For all swap names in the directory of `any`.
-void tidy(const Entry& any) {
+/// For all swap names in the directory of `entry`, whose name is lost.
+void tidy(Entry& entry) {
     std::error_code failure;
     std::set<std::string> names;
     std::set<std::string> swaps;
     for (const auto& found :
-         std::filesystem::directory_iterator(ownPathOf(any.directory.get()), failure)) {
+         std::filesystem::directory_iterator(ownPathOf(entry.directory.get()), failure)) {
         const std::string name = found.path().filename();
         names.insert(name);
         if (isSwapName(name)) swaps.insert(name);
     }
     if (swaps.empty()) return;
-    Entry entry;
-    entry.directory.reset(fcntl(any.directory.get(), F_DUPFD_CLOEXEC, 0));
-    entry.directoryId = any.directoryId;
-    entry.parent = any.parent;
-    entry.makers = any.makers;
     for (const std::string& name : names) {
         entry.name = name;
         entry.swap.clear();
@@ -81,11 +65,8 @@ void tidy(const Entry& any) {
     entry.name.clear();
     for (const std::string& swap : swaps) {  // whose files have been renamed or removed
         LeasedFile file;
-        if (!lease(entry, swap, &file) || file.status.st_nlink == 1) {
-            keepSwap(entry, swap, EEXIST);
-        } else {
-            removeUnneeded(entry, swap, file);
-        }
+        const bool isUnneeded = lease(entry, swap, &file) && file.status.st_nlink > 1;
+        isUnneeded ? removeUnneeded(entry, swap, file) : keepSwap(entry, swap, EEXIST);
     }
 }
 
@@ -99,7 +80,8 @@ void tidyOnce(const Entry& entry) {
         const std::lock_guard lock(mutex);
         if (!known.insert(entry.directoryId).second) return;
     }
-    tidy(entry);
+    Entry any;
+    if (any.open((entry.parent + "any").c_str()) == 0) tidy(any);
 }
 
 int removeLeftover(Entry& entry) {
@@ -123,8 +105,9 @@ int removeLeftover(Entry& entry) {
     // When a process ends so do its leases: whoever had waited for one writes to the file that is
     // under the swap name by now. Of such a file both times are those of the write, while the
     // exchange itself counts as a change of status alone.
-    const bool isWritten = sameTime(left.status.st_mtim, left.status.st_ctim);
-    if (!isWritten || ours.takeLease() != 0 || !isBefore(ours.status.st_mtim, left.status.st_mtim))
+    const bool isWritten = timeOf(left.status.st_mtim) == timeOf(left.status.st_ctim);
+    if (!isWritten || ours.takeLease() != 0 ||
+        timeOf(ours.status.st_mtim) >= timeOf(left.status.st_mtim))
         return keepSwap(entry, swap, EEXIST);
     __android_log_print(ANDROID_LOG_ERROR, "tavo_f2fs_io",
                         "undone %s%s: written to when its call had been killed",

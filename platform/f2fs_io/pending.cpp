@@ -99,7 +99,8 @@ void addPending(Replacement replacement, const std::string& path) {
 bool joinPending(const Entry& entry, const std::string& path) {
     const std::lock_guard lock(adding);
     const auto found = std::find_if(pending.begin(), pending.end(), [&entry](const Pending& one) {
-        return one.replacement.entry.isSameAs(entry);
+        const Entry& other = one.replacement.entry;
+        return other.directoryId == entry.directoryId && other.name == entry.name;
     });
     if (found != pending.end()) found->paths.push_back(path);
     return found != pending.end();

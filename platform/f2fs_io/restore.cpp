@@ -52,9 +52,9 @@ int makeCopy(Replacement& replacement) {
     return 0;
 }
 
-/// Adds a copy of the file to the batch, unless it has data of its own. `namesLeft`, if given,
+/// Adds a copy of the file to the batch, unless it has data of its own. `namesLeft`
 /// knows how many names files will have when the batch is done with: the last one needs no copy.
-int addCopy(const char* path, Batch& batch, std::map<FileId, nlink_t>* namesLeft) {
+int addCopy(const char* path, Batch& batch, std::map<FileId, nlink_t>& namesLeft) {
     Replacement replacement;
     Entry& entry = replacement.entry;
     LeasedFile& shared = replacement.outgoing;
@@ -66,9 +66,7 @@ int addCopy(const char* path, Batch& batch, std::map<FileId, nlink_t>* namesLeft
     if (kept != 0) return kept;
     if (const int error = entry.openFile(&shared.file, &shared.status); error != 0) return error;
     if (const int error = refuseOverlay(entry.directory); error != 0) return error;
-    nlink_t own = shared.status.st_nlink;
-    nlink_t& left =
-            namesLeft != nullptr ? namesLeft->try_emplace(shared.id(), own).first->second : own;
+    nlink_t& left = namesLeft.try_emplace(shared.id(), shared.status.st_nlink).first->second;
     if (left <= 1) return 0;
 
     if (const int error = shared.takeLease(); error != 0) return error;
@@ -123,9 +121,10 @@ int placeCopies(Batch& batch) {
 
 int giveOwnData(const char* path) {
     Batch batch;
+    std::map<FileId, nlink_t> namesLeft;
     noteUnfinished();
     concludePending(path);  // forgets what became of it in a batch
-    if (const int error = addCopy(path, batch, nullptr); error != 0) return error;
+    if (const int error = addCopy(path, batch, namesLeft); error != 0) return error;
     if (const int error = placeCopies(batch); error != 0) return error;
     return concludePending(path);
 }
@@ -148,7 +147,7 @@ void restoreLinkFiles(const std::vector<std::string>& paths) {
     for (const std::string& path : paths) {
         const bool isOld = !batch.copies.empty() && Clock::now() - batch.since > kLongest;
         if (batch.copies.size() >= most || batch.bytes >= kMostBytes || isOld) placeCopies(batch);
-        addCopy(path.c_str(), batch, &namesLeft);
+        addCopy(path.c_str(), batch, namesLeft);
     }
     placeCopies(batch);
     concludePending();

@@ -18,9 +18,8 @@ constexpr int kMaxUndo =
 
 int exchangeNames(const Entry& entry, const std::string& swap) {
     const int directory = entry.directory.get();
-    return renameat2(directory, swap.c_str(), directory, entry.name.c_str(), RENAME_EXCHANGE) == 0
-                   ? 0
-                   : errno;
+    const char* name = entry.name.c_str();
+    return renameat2(directory, swap.c_str(), directory, name, RENAME_EXCHANGE) == 0 ? 0 : errno;
 }
 
 // What has become of one of the two files since their exchange. They had the same content then.
@@ -99,7 +98,8 @@ State stateOfIncoming(const Replacement& replacement, bool isOutgoingIntact, boo
                                            before.st_size, nullptr) == 0 &&
                               !file.isInUse()
                     : sameContentStamp(before, file.status) &&
-                              (*hasOtherName || sameTime(before.st_ctim, file.status.st_ctim));
+                              (*hasOtherName ||
+                               timeOf(before.st_ctim) == timeOf(file.status.st_ctim));
     return isAsItWas ? kAsItWas : kWritten;
 }
 

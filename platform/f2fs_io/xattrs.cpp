@@ -3,45 +3,29 @@
 #include <sys/xattr.h>
 
 #include <linux/limits.h>
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <vector>
 
 namespace android::host {
 namespace {
 
-/// Calls `read(buffer, size)` with a small buffer first and with the largest that can be needed
-/// when that is too small. 0 or an errno.
-template <typename Read>
-int readGrowing(size_t largest, std::string* text, const Read& read) {
-    constexpr size_t kUsual = 512;
-    text->resize(kUsual);
-    ssize_t size = read(text->data(), text->size());
-    if (size < 0 && errno == ERANGE) {
-        text->resize(largest);
-        size = read(text->data(), text->size());
-    }
-    if (size < 0) return errno;
-    text->resize(static_cast<size_t>(size));
-    return 0;
-}
+// Room for all names, and for the longest value.
+constexpr size_t kMostBytes = std::max(XATTR_LIST_MAX, XATTR_SIZE_MAX);
 
 }  // namespace
 
 int readXattrs(int file, Xattrs* attributes) {
+    thread_local std::vector<char> value(kMostBytes);
+    thread_local std::vector<char> names(kMostBytes);
     attributes->clear();
-    std::string names;
-    const int listed = readGrowing(XATTR_LIST_MAX, &names, [file](char* buffer, size_t size) {
-        return flistxattr(file, buffer, size);
-    });
-    if (listed == ENOTSUP) return 0;
-    if (listed != 0) return listed;
-    for (size_t start = 0; start < names.size(); start = names.find('\0', start) + 1) {
-        const std::string name = names.c_str() + start;
-        std::string value;
-        const auto read = [file, &name](char* buffer, size_t size) {
-            return fgetxattr(file, name.c_str(), buffer, size);
-        };
-        if (const int error = readGrowing(XATTR_SIZE_MAX, &value, read); error != 0) return error;
-        attributes->emplace(name, value);
+    const ssize_t listed = flistxattr(file, names.data(), names.size());
+    if (listed < 0) return errno == ENOTSUP ? 0 : errno;
+    for (const char* name = names.data(); name < names.data() + listed; name += strlen(name) + 1) {
+        const ssize_t size = fgetxattr(file, name, value.data(), value.size());
+        if (size < 0) return errno;
+        attributes->emplace(name, std::string(value.data(), static_cast<size_t>(size)));
     }
     return 0;
 }

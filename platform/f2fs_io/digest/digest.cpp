@@ -21,6 +21,15 @@ int digestOf(const char* path, std::string* digest) {
 }
 
 }  // namespace
+
+const Md5Kernels& md5Kernels() {
+#if defined(__x86_64__)
+    if (__builtin_cpu_supports("avx512f")) return kMd5Kernels512;
+    if (__builtin_cpu_supports("avx2")) return kMd5Kernels256;
+#endif
+    return kMd5Kernels128;
+}
+
 }  // namespace android::host
 
 FileMD5Result computeFileMD5(const char* path, bool enableLog) {

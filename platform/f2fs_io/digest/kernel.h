@@ -26,8 +26,6 @@ constexpr uint32_t kMd5Sines[64] = {0xd76aa478, 0xe8c7b756, 0x242070db, 0xc1bdce
                                     0xab9423a7, 0xfc93a039, 0x655b59c3, 0x8f0ccc92, 0xffeff47d,
                                     0x85845dd1, 0x6fa87e4f, 0xfe2ce6e0, 0xa3014314, 0x4e0811a1,
                                     0xf7537e82, 0xbd3af235, 0x2ad7d2bb, 0xeb86d391};
-/// The same for a kernel that is to load them.
-extern const uint32_t* const kMd5SinesInMemory;
 
 /// The running digests of the messages: element `lane` of each of the four words.
 struct Md5States {

@@ -43,7 +43,6 @@ class Lane {
         const size_t wanted = wantedBytes();
         const ssize_t got = mSource.readAtOnce(mBuffer, wanted);
         if (got > 0) take(static_cast<size_t>(got), wanted);
-        mWasReadAtOnce = mEnded;
     }
 
     /// Reads on until there are blocks. 0 or an errno.
@@ -73,7 +72,7 @@ class Lane {
     bool isFinished() const { return mEnded && mBlocks == 0; }
 
     /// 0 when the file has stayed the same from its opening to now, else an errno.
-    int close() { return mSource.close(mWasReadAtOnce); }
+    int close() { return mSource.close(); }
 
     const char* path() const { return mPath; }
     uint64_t ticket() const { return mTicket; }
@@ -117,7 +116,6 @@ class Lane {
     size_t mBlocks = 0;  // whole blocks from there on
     size_t mRest = 0;    // bytes behind them, less than a block
     bool mEnded = false;
-    bool mWasReadAtOnce = false;
 };
 
 /// The files in hand: the first `mActive` lanes, so that few of them need but a narrow kernel.

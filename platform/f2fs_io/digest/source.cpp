@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <ctime>
 
 #include "f2fs_io/compare.h"
 #include "f2fs_io/entry.h"
@@ -16,21 +15,13 @@
 namespace android::host {
 namespace {
 
-constexpr off_t kFetchAhead = off_t{2}
-                              << 20;  // bytes of a file that are asked for before it is read
+constexpr off_t kFetchAhead = 2 << 20;  // bytes of a file that are asked for before it is read
 
 /// Whether the file only looks like one: /proc/kcore claims more bytes than anybody will ever read.
 bool isKernelInterface(int file, const struct stat& st) {
     struct statfs fs = {};
     return st.st_blocks == 0 && fstatfs(file, &fs) == 0 &&
            (fs.f_type == PROC_SUPER_MAGIC || fs.f_type == SYSFS_MAGIC);
-}
-
-/// Whether a time and that of a change which comes now might be in the same second.
-bool isOfTheMoment(const timespec& time) {
-    timespec now = {};
-    clock_gettime(CLOCK_REALTIME_COARSE, &now);
-    return time.tv_sec >= now.tv_sec - 1 && time.tv_sec <= now.tv_sec + 1;
 }
 
 }  // namespace
@@ -63,11 +54,7 @@ ssize_t DigestSource::readAtOnce(void* bytes, size_t size) const {
     return got;
 }
 
-int DigestSource::close(bool afterSingleRead) {
-    if (afterSingleRead && !isOfTheMoment(mOpened.st_mtim)) {
-        mFile.reset();
-        return 0;
-    }
+int DigestSource::close() {
     struct stat now = {};
     if (fstat(mFile.get(), &now) != 0) return errno;
     mFile.reset();

@@ -23,10 +23,8 @@ class DigestSource {
     /// caller goes on with others. Returns what of it is there at once, as `read` does, or -1.
     ssize_t readAtOnce(void* bytes, size_t size) const;
 
-    /// 0 when nobody has changed the file since it was opened, EAGAIN otherwise, or an errno. After
-    /// a single read the file is looked at again only when it was modified just now: otherwise its
-    /// modification time, which `status` has from before the read, would tell a change by seconds.
-    int close(bool afterSingleRead = false);
+    /// 0 when nobody has changed the file since it was opened, EAGAIN otherwise, or an errno.
+    int close();
 
     off_t size() const { return mOpened.st_size; }
     /// As it was when the file was opened.

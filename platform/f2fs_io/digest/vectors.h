@@ -39,16 +39,6 @@ struct Lanes {
     /// cache.
     using Unaligned __attribute__((aligned(1), may_alias)) = Vector;
 
-    /// AVX2 has no instruction of three operands that chooses or mixes, as other vector units do.
-    static constexpr bool kAvx2 = kWidth == 8;
-
-    /// In AVX2 a constant from memory is repeated in the vector by the load itself; one that the
-    /// compiler knows goes there through a register.
-    template <size_t kStep>
-    static inline uint32_t sine() {
-        return kAvx2 ? kMd5SinesInMemory[kStep] : kMd5Sines[kStep];
-    }
-
     struct State {
         Vector words[4];
     };
@@ -58,11 +48,10 @@ struct Lanes {
     static inline Vector addMix(Vector sum, Vector b, Vector c, Vector d) {
         if constexpr (kRound == 0) return sum + (d ^ (b & (c ^ d)));
         // The halves have no bit in common, so that each can be added alone, and only one of them
-        // waits for `b`. Other vector units rather choose in a single instruction.
-        if constexpr (kRound == 1 && (kWidth == 1 || kAvx2)) return (sum + (c & ~d)) + (b & d);
+        // waits for `b`. Vector units rather choose in a single instruction.
+        if constexpr (kRound == 1 && kWidth == 1) return (sum + (c & ~d)) + (b & d);
         if constexpr (kRound == 1) return sum + ((b & d) | (c & ~d));
         if constexpr (kRound == 2) return sum + (b ^ (c ^ d));
-        if constexpr (kAvx2) return sum - 1 - (c ^ (d & ~b));  // one step less: ~x is -1 - x
         return sum + (c ^ (b | ~d));
     }
 
@@ -73,7 +62,8 @@ struct Lanes {
         const Vector b = s.words[(kSteps - kStep + 1) % 4];
         const Vector c = s.words[(kSteps - kStep + 2) % 4];
         const Vector d = s.words[(kSteps - kStep + 3) % 4];
-        const Vector sum = addMix<kStep / 16>(message[wordOf(kStep)] + sine<kStep>() + a, b, c, d);
+        const Vector sum =
+                addMix<kStep / 16>(message[wordOf(kStep)] + kMd5Sines[kStep] + a, b, c, d);
         a = b + ((sum << kShift) | (sum >> (32 - kShift)));
     }
 
