@@ -51,8 +51,8 @@ std::string pathOf(int64_t number) {
 
 /// Fills the images with records and groups of two.
 void fillImages(int64_t files) {
-    rux::fileInfoDB.replace(Json::Value(Json::objectValue), {});
-    rux::checkNoCompressDB.replace(Json::Value(Json::objectValue), {});
+    rux::fileInfoDB.change() = Json::Value(Json::objectValue);
+    rux::checkNoCompressDB.change() = Json::Value(Json::objectValue);
     const rux::PatternList all({".*"});
     const rux::PatternList none;
     struct stat st = {};
@@ -94,8 +94,8 @@ void loadImages(benchmark::State& state) {
     rux::DBWriteUpdate(rux::databaseRoot() + "s", true, true, false, false);
     while (state.KeepRunning()) {
         if (!isKnown) {
-            rux::fileInfoDB.replace({}, {});
-            rux::checkNoCompressDB.replace({}, {});
+            rux::fileInfoDB = {};
+            rux::checkNoCompressDB = {};
         }
         rux::DBReaderInit(rux::databaseRoot() + "s", true, true, false, false);
     }
@@ -129,8 +129,8 @@ void groupingPass(benchmark::State& state) {
         records[path]["s_time"] = static_cast<Json::Int64>(st.st_mtime);
         groups[std::to_string(i / 2)]["f_list"].append(path);
     }
-    rux::fileInfoDB.replace(std::move(records), {});
-    rux::checkNoCompressDB.replace(std::move(groups), {});
+    rux::fileInfoDB.change() = std::move(records);
+    rux::checkNoCompressDB.change() = std::move(groups);
     const rux::PatternList patterns({".*"});
     while (state.KeepRunning()) {
         rux::DupCounts counts;

@@ -278,19 +278,13 @@ void DBReaderInit(const std::string& SpaceID_DBPath, bool db1, bool db2, bool db
     noteUse();
     const bool areWhole = takeBackSave(SpaceID_DBPath);
     const std::array selected = {db1, db2, db3, db4};
-    std::vector<size_t> inMemory;
-    for (size_t i = 0; i < kImages.size(); ++i) {
-        if (selected[i] && kImages[i]->text() && !kImages[i]->isUnread()) inMemory.push_back(i);
-    }
-    std::array<bool, kImages.size()> isHeld = {};
-    inParallel(inMemory.size(), [&](size_t part) {
-        const size_t i = inMemory[part];
-        isHeld[i] = holds(SpaceID_DBPath + kDatabaseFiles[i], *kImages[i]->text());
-    });
     for (size_t i = 0; i < kImages.size(); ++i) {
         if (!selected[i]) continue;
-        if (!isHeld[i]) readFileDBJson(SpaceID_DBPath + kDatabaseFiles[i], *kImages[i]);
-        if (!areWhole) kImages[i]->setUnread();
+        const std::string path = SpaceID_DBPath + kDatabaseFiles[i];
+        Image& image = *kImages[i];
+        const bool isHeld = image.text() && !image.isUnread() && holds(path, *image.text());
+        if (!isHeld) readFileDBJson(path, image);
+        if (!areWhole) image.setUnread();
     }
 }
 

@@ -5,8 +5,8 @@
 
 #include <chrono>
 #include <functional>
-
-#include "f2fs_io/xattrs.h"
+#include <map>
+#include <string>
 
 namespace android::host {
 
@@ -23,6 +23,15 @@ bool sameContentStamp(const struct stat& before, const struct stat& after);
 /// in both is the same. `interrupted` (may be null) is asked after each piece, from several threads
 /// when the files are large; once it says true the result is EBUSY.
 int compareBytes(int first, int second, off_t size, const std::function<bool()>& interrupted);
+
+/// Extended attributes, access-control lists and security labels among them (xattr(7)).
+using Xattrs = std::map<std::string, std::string>;
+
+/// All attributes that the process may see; none on a file system without. 0 or an errno.
+int readXattrs(int file, Xattrs* attributes);
+
+/// Gives `file` exactly `wanted`, touching only what differs. 0 or an errno.
+int writeXattrs(int file, const Xattrs& wanted);
 
 /// Who may do what with a file.
 struct Attributes {

@@ -14,7 +14,6 @@
 #include "android-base/file.h"
 #include "f2fs_io/compare.h"
 #include "f2fs_io/long_file.h"
-#include "f2fs_io/xattrs.h"
 
 namespace android::host {
 namespace {

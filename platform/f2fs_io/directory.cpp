@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -42,27 +43,33 @@ std::string unescaped(const std::string& field) {
     return text;
 }
 
-/// The upper directories of the overlays that are mounted. The table is read when it has changed,
-/// which it tells those who poll it.
-std::vector<std::string> upperDirectories() {
+/// Whether a directory lies in the upper directory of an overlay that is mounted. The table is read
+/// when it has changed, which it tells those who poll it.
+bool isBelowUpper(int directory) {
     static std::mutex mutex;
     static base::unique_fd polled;
-    static std::vector<std::string> paths;
-    const std::lock_guard lock(mutex);
+    static std::shared_ptr<const std::vector<std::string>> known;
+    std::unique_lock lock(mutex);
     pollfd change = {polled.get(), POLLPRI, 0};
-    if (polled.ok() && poll(&change, 1, 0) == 0) return paths;
-    if (!polled.ok()) polled.reset(open(kMounts, O_RDONLY | O_CLOEXEC));
-    paths.clear();
-    std::ifstream table(kMounts);
-    for (std::string line; std::getline(table, line);) {
-        constexpr std::string_view kOption = ",upperdir=";
-        const size_t type = line.find(" - overlay ");
-        const size_t option = type == std::string::npos ? type : line.find(kOption, type);
-        if (option == std::string::npos) continue;
-        const size_t start = option + kOption.size();
-        paths.push_back(unescaped(line.substr(start, line.find_first_of(", ", start) - start)));
+    if (!polled.ok() || poll(&change, 1, 0) != 0) {
+        if (!polled.ok()) polled.reset(open(kMounts, O_RDONLY | O_CLOEXEC));
+        std::vector<std::string> uppers;
+        std::ifstream table(kMounts);
+        for (std::string line; std::getline(table, line);) {
+            constexpr std::string_view kOption = ",upperdir=";
+            const size_t type = line.find(" - overlay ");
+            const size_t start = type == std::string::npos ? type : line.find(kOption, type);
+            if (start == std::string::npos) continue;
+            line.erase(0, start + kOption.size());
+            uppers.push_back(unescaped(line.substr(0, line.find_first_of(", "))) + "/");
+        }
+        known = std::make_shared<const std::vector<std::string>>(std::move(uppers));
     }
-    return paths;
+    const auto uppers = known;
+    lock.unlock();
+    const std::string path = uppers->empty() ? "" : placeOf(directory) + "/";
+    return std::any_of(uppers->begin(), uppers->end(),
+                       [&path](const std::string& upper) { return path.starts_with(upper); });
 }
 
 }  // namespace
@@ -71,12 +78,8 @@ int refuseOverlay(const base::unique_fd& directory) {
     // Asked every time: a device number may be another file system's by now.
     struct statfs fs = {};
     if (fstatfs(directory.get(), &fs) != 0) return errno;
-    if (fs.f_type == OVERLAYFS_SUPER_MAGIC) return EOPNOTSUPP;
-    const std::vector<std::string> uppers = upperDirectories();
-    if (uppers.empty()) return 0;
-    const std::string path = placeOf(directory.get()) + "/";
-    const auto holds = [&path](const std::string& upper) { return path.starts_with(upper + "/"); };
-    return std::any_of(uppers.begin(), uppers.end(), holds) ? EOPNOTSUPP : 0;
+    const bool isRefused = fs.f_type == OVERLAYFS_SUPER_MAGIC || isBelowUpper(directory.get());
+    return isRefused ? EOPNOTSUPP : 0;
 }
 
 int findPrivateDirectory(const Entry& entry, FileId* found) {
@@ -88,26 +91,28 @@ int findPrivateDirectory(const Entry& entry, FileId* found) {
         known.clear();
         since = now;
     }
-    if (const auto one = known.find(entry.directoryId); one != known.end()) {
-        *found = one->second;
-        return 0;
-    }
     *found = {};
+    std::vector<FileId> way;
     base::unique_fd parent;
-    FileId below;
     FileId id = entry.directoryId;
-    for (int directory = entry.directory.get(); id != below; directory = parent.get()) {
+    for (int directory = entry.directory.get(); way.empty() || way.back() != id;) {
+        if (const auto one = known.find(id); one != known.end()) {
+            *found = one->second;
+            break;
+        }
         struct stat st = {};
+        way.push_back(id);
         if (fstat(directory, &st) != 0) return errno;
         if ((st.st_mode & S_IXOTH) == 0 || hasAccessList(directory)) {
             *found = id;
             break;
         }
         parent.reset(openat(directory, "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
-        if (!parent.ok() || fstat(parent.get(), &st) != 0) return errno;
-        below = std::exchange(id, idOf(st));  // the root is its own parent
+        directory = parent.get();
+        if (!parent.ok() || fstat(directory, &st) != 0) return errno;
+        id = idOf(st);  // the root is its own parent
     }
-    known[entry.directoryId] = *found;
+    for (const FileId& one : way) known[one] = *found;
     return 0;
 }
 

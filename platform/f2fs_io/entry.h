@@ -35,7 +35,6 @@ struct Entry {
     /// 0 or an errno; EINVAL for a path that ends in no name.
     int open(const char* path);
 
-
     /// Opens the file itself for reading; ELOOP for a symbolic link, which is never followed, and
     /// for a file that others' links lead to, EINVAL for what is not a regular file. Fills `st`.
     int openFile(base::unique_fd* file, struct stat* st) const;

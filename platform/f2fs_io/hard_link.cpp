@@ -12,7 +12,7 @@
 #include "f2fs_io/leftovers.h"
 #include "f2fs_io/pending.h"
 #include "f2fs_io/swap.h"
-#include "f2fs_io/tool_log.h"
+#include "log/tool_log.h"
 #include "tavo_f2fs_io.h"
 
 namespace android::host {

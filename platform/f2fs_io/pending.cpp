@@ -106,11 +106,9 @@ bool joinPending(const Entry& entry, const std::string& path) {
     return found != pending.end();
 }
 
-int concludePending(const std::string& path) {
+void concludePending() {
     const std::lock_guard lock(concluding);
     concludeOldest(true);
-    const auto outcome = undone.extract(path);
-    return outcome.empty() ? 0 : outcome.mapped();
 }
 
 void noteUnfinished() {

@@ -1,4 +1,4 @@
-/// Pending replacements: of files whose names links, or copies, have taken already.
+/// Pending replacements: of files whose names links have taken already.
 ///
 /// The old file keeps its lease and, beside the entry, a name, until everybody who was interrupted
 /// while opening it has been given a processor. That is waited for once for many files: they are in
@@ -26,10 +26,8 @@ void addPending(Replacement replacement, const std::string& path);
 /// Whether a replacement of that very name is pending. If so, its outcome is that of `path` too.
 bool joinPending(const Entry& entry, const std::string& path);
 
-/// Concludes all that are pending, and waits for those that another thread concludes. The errno for
-/// which the replacement at `path` had to be undone, which `settleLinks` does not tell again then;
-/// 0 for any other.
-int concludePending(const std::string& path = {});
+/// Concludes all that are pending, and waits for those that another thread concludes.
+void concludePending();
 
 /// Leaves a note for the next process that this one was at work: until all is settled.
 void noteUnfinished();

@@ -59,20 +59,15 @@ bool LinkMakers::mayLeadTo(uid_t owner) const {
                        [owner](uid_t maker) { return maker == owner; });
 }
 
-int openWithoutLinks(const char* path, int flags, base::unique_fd* file) {
-    open_how how = {};
-    how.flags = static_cast<uint64_t>(flags | O_CLOEXEC);
-    how.resolve = RESOLVE_NO_SYMLINKS;
-    file->reset(static_cast<int>(syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof(how))));
-    if (file->ok()) return 0;
-    if (errno == ENXIO) return EINVAL;
-    // ENOSYS: an old kernel. EPERM: a filter of calls that does not know this one, or O_NOATIME.
-    return errno == ENOSYS || errno == EPERM ? ELOOP : errno;
-}
-
 int resolve(const std::string& path, base::unique_fd* place, LinkMakers* makers) {
-    const int error = openWithoutLinks(path.c_str(), O_PATH, place);
-    return error == ELOOP ? walk(path, place, makers) : error;
+    open_how how = {};
+    how.flags = O_PATH | O_CLOEXEC;
+    how.resolve = RESOLVE_NO_SYMLINKS;
+    place->reset(static_cast<int>(syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof(how))));
+    if (place->ok()) return 0;
+    // ENOSYS: an old kernel. EPERM: a filter of calls that does not know this one.
+    const bool isTold = errno != ELOOP && errno != ENOSYS && errno != EPERM;
+    return isTold ? errno : walk(path, place, makers);
 }
 
 std::string ownPathOf(int file) {

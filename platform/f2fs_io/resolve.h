@@ -23,10 +23,6 @@ class LinkMakers {
     std::vector<uid_t> mOthers;  // than root and this process's user
 };
 
-/// Opens what `path` leads to without following a symbolic link, with the flags of open(2). 0 or an
-/// errno: ELOOP when there is one, or when the kernel cannot tell; EINVAL for a socket.
-int openWithoutLinks(const char* path, int flags, base::unique_fd* file);
-
 /// Opens what `path` leads to, of whatever kind, as a place alone (O_PATH in open(2)). Symbolic
 /// links are followed, the last one too, and their makers noted.
 ///

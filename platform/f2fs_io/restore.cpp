@@ -16,7 +16,7 @@
 #include "f2fs_io/leftovers.h"
 #include "f2fs_io/pending.h"
 #include "f2fs_io/swap.h"
-#include "f2fs_io/tool_log.h"
+#include "log/tool_log.h"
 #include "tavo_f2fs_io.h"
 
 namespace android::host {
@@ -29,11 +29,14 @@ constexpr size_t kMostFiles = 256;             // in a batch
 constexpr off_t kMostBytes = off_t{64} << 20;  // likewise
 constexpr auto kLongest = 1s;                  // for programs that want to write to a file of it
 
-/// Copies that are made durable together and get their names then.
+/// Copies that are made durable together and get their names then. While the next ones are made,
+/// interrupted programs get a processor; after that the old names go.
 struct Batch {
-    std::vector<std::pair<Replacement, std::string>> copies;  // with the paths that they are for
+    std::vector<Replacement> copies;
     off_t bytes = 0;
     Clock::time_point since;  // the first one
+    std::vector<Replacement> placed;
+    Clock::time_point placedAt;
 };
 
 /// Makes the copy, which has no name yet.
@@ -73,7 +76,7 @@ int addCopy(const char* path, Batch& batch, std::map<FileId, nlink_t>& namesLeft
     if (const int error = makeCopy(replacement); error != 0) return error;
     if (batch.copies.empty()) batch.since = Clock::now();
     batch.bytes += shared.status.st_size;
-    batch.copies.emplace_back(std::move(replacement), path);
+    batch.copies.push_back(std::move(replacement));
     --left;
     return 0;
 }
@@ -83,7 +86,7 @@ int addCopy(const char* path, Batch& batch, std::map<FileId, nlink_t>& namesLeft
 std::vector<int> putOnDisk(const Batch& batch) {
     std::vector<int> errors;
     dev_t synced = 0;
-    for (const auto& [one, path] : batch.copies) {
+    for (const Replacement& one : batch.copies) {
         const int copy = one.copy.get();
         const dev_t device = one.incoming.st_dev;
         if (batch.copies.size() > 1 && device != synced && syncfs(copy) == 0) synced = device;
@@ -105,28 +108,35 @@ int putInPlace(Replacement& replacement) {
     return 0;
 }
 
-/// Gives the copies their names, with which they are pending. The last error.
+/// Removes the old names of what was placed, and gives the copies theirs. The last error.
 int placeCopies(Batch& batch) {
     int last = 0;
+    if (!batch.placed.empty()) waitForInterruptedTasks(Clock::now() - batch.placedAt);
+    for (Replacement& one : batch.placed) {
+        if (const int error = conclude(one); error != 0) last = error;
+    }
+    batch.placed.clear();
     const std::vector<int> errors = putOnDisk(batch);
     for (size_t i = 0; i < errors.size(); ++i) {
-        auto& [replacement, path] = batch.copies[i];
-        const int error = errors[i] != 0 ? errors[i] : putInPlace(replacement);
+        const int error = errors[i] != 0 ? errors[i] : putInPlace(batch.copies[i]);
+        if (error == 0) batch.placed.push_back(std::move(batch.copies[i]));
         if (error != 0) last = error;
-        if (error == 0) addPending(std::move(replacement), path);
     }
-    batch = {};
+    batch.placedAt = Clock::now();
+    batch.copies.clear();
+    batch.bytes = 0;
     return last;
 }
 
 int giveOwnData(const char* path) {
     Batch batch;
     std::map<FileId, nlink_t> namesLeft;
+    struct stat st = {};
+    if (lstat(path, &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink == 1) return 0;
     noteUnfinished();
-    concludePending(path);  // forgets what became of it in a batch
     if (const int error = addCopy(path, batch, namesLeft); error != 0) return error;
-    if (const int error = placeCopies(batch); error != 0) return error;
-    return concludePending(path);
+    const int error = placeCopies(batch);
+    return error == 0 ? placeCopies(batch) : error;
 }
 
 }  // namespace
@@ -150,5 +160,5 @@ void restoreLinkFiles(const std::vector<std::string>& paths) {
         addCopy(path.c_str(), batch, namesLeft);
     }
     placeCopies(batch);
-    concludePending();
+    placeCopies(batch);  // which has placed ones alone
 }

@@ -1,31 +1,45 @@
-#include "f2fs_io/xattrs.h"
-
-#include <sys/xattr.h>
+#include "f2fs_io/compare.h"
 
 #include <linux/limits.h>
-#include <algorithm>
+#include <sys/xattr.h>
+
 #include <cerrno>
-#include <cstring>
-#include <vector>
 
 namespace android::host {
 namespace {
 
-// Room for all names, and for the longest value.
-constexpr size_t kMostBytes = std::max(XATTR_LIST_MAX, XATTR_SIZE_MAX);
+/// Calls `read(buffer, size)` with a small buffer, which the kernel has to make room for as well,
+/// and with the largest that can be needed when that is too small. 0 or an errno.
+template <typename Read>
+int readGrowing(std::string* text, const Read& read) {
+    ssize_t size = -1;
+    for (const size_t room : {512, XATTR_SIZE_MAX}) {
+        text->resize(room);
+        if (size = read(text->data(), room); size >= 0 || errno != ERANGE) break;
+    }
+    if (size < 0) return errno;
+    text->resize(static_cast<size_t>(size));
+    return 0;
+}
 
 }  // namespace
 
 int readXattrs(int file, Xattrs* attributes) {
-    thread_local std::vector<char> value(kMostBytes);
-    thread_local std::vector<char> names(kMostBytes);
     attributes->clear();
-    const ssize_t listed = flistxattr(file, names.data(), names.size());
-    if (listed < 0) return errno == ENOTSUP ? 0 : errno;
-    for (const char* name = names.data(); name < names.data() + listed; name += strlen(name) + 1) {
-        const ssize_t size = fgetxattr(file, name, value.data(), value.size());
-        if (size < 0) return errno;
-        attributes->emplace(name, std::string(value.data(), static_cast<size_t>(size)));
+    std::string names;
+    const int listed = readGrowing(&names, [file](char* buffer, size_t size) {
+        return flistxattr(file, buffer, size);
+    });
+    if (listed == ENOTSUP) return 0;
+    if (listed != 0) return listed;
+    for (size_t start = 0; start < names.size(); start = names.find('\0', start) + 1) {
+        const std::string name = names.c_str() + start;
+        std::string value;
+        const auto read = [file, &name](char* buffer, size_t size) {
+            return fgetxattr(file, name.c_str(), buffer, size);
+        };
+        if (const int error = readGrowing(&value, read); error != 0) return error;
+        attributes->emplace(name, value);
     }
     return 0;
 }

@@ -7,7 +7,7 @@
 #include "f2fs_io/digest/lanes.h"
 #include "f2fs_io/digest/md5.h"
 #include "f2fs_io/digest/source.h"
-#include "f2fs_io/tool_log.h"
+#include "log/tool_log.h"
 #include "tavo_f2fs_io.h"
 
 namespace android::host {

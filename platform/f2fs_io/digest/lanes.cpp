@@ -10,7 +10,7 @@
 
 #include "f2fs_io/digest/md5.h"
 #include "f2fs_io/digest/source.h"
-#include "f2fs_io/tool_log.h"
+#include "log/tool_log.h"
 
 namespace android::host {
 namespace {

@@ -11,6 +11,12 @@ namespace {
 
 constexpr size_t kPiece = 256U << 10;  // bytes a read
 
+/// Fetched once: the library otherwise looks the algorithm up again for every digest.
+const EVP_MD* algorithm() {
+    static const EVP_MD* const md5 = EVP_MD_fetch(nullptr, "MD5", nullptr);
+    return md5;
+}
+
 /// 32 digits; empty when the cryptographic library has failed.
 std::string textOf(const unsigned char* digest, unsigned int size, bool isUsable) {
     std::string text(isUsable ? size_t{2} * size : 0, '\0');
@@ -24,7 +30,7 @@ std::string md5OfText(std::string_view text) {
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int size = 0;
     const bool isDone =
-            EVP_Digest(text.data(), text.size(), digest, &size, EVP_md5(), nullptr) == 1;
+            EVP_Digest(text.data(), text.size(), digest, &size, algorithm(), nullptr) == 1;
     return textOf(digest, size, isDone);
 }
 
@@ -32,7 +38,7 @@ int md5Of(DigestSource& source, std::string* digest) {
     thread_local std::vector<unsigned char> piece(kPiece);
     const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> md5(EVP_MD_CTX_new(),
                                                                       EVP_MD_CTX_free);
-    bool isUsable = EVP_DigestInit_ex(md5.get(), EVP_md5(), nullptr) == 1;
+    bool isUsable = EVP_DigestInit_ex(md5.get(), algorithm(), nullptr) == 1;
     off_t done = 0;
     while (done <= source.size()) {
         const ssize_t got = source.read(piece.data(), piece.size());
