@@ -15,7 +15,7 @@ namespace android::host {
 struct FileId {
     dev_t device = 0;
     ino_t inode = 0;
-    auto operator<=>(const FileId&) const = default;
+    auto operator<=>(const FileId&) const = default;  // NOLINT(modernize-use-nullptr)
 };
 
 inline FileId idOf(const struct stat& st) {
