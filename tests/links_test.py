@@ -574,22 +574,27 @@ def check_what_a_waiting_program_writes_after_a_kill(service):
     acts = {link: lambda service, kept, duplicate: link(service, kept, duplicate),
             restore: lambda service, kept, duplicate: restore(service, duplicate, kept)}
     for act, then in itertools.product(acts, (link, restore, Service.scan)):
-        kept, duplicate = prepared(service, act, "kept", "duplicate")
-
         def write():
             wait_for(lambda: SWAP in names(service))
-            with open(duplicate, "r+b") as file:
+            with open(service.tree + "/duplicate", "r+b") as file:
+                if act is restore:  # then the file has no other name; nor is its status changed after the write
+                    os.remove(service.tree + "/kept")
                 file.write(b"new")
 
-        writer = threading.Thread(target=write)
-        with injected(service, "signal=SIGKILL", "renameat2", 2, by=signal.SIGKILL):  # that of an undo
-            writer.start()
-            with contextlib.suppress(OSError):
-                acts[act](service, kept, duplicate)
-        assert service.process.wait() == -9
-        writer.join()
-        if act is restore:  # then the file has no other name
-            os.remove(kept)
+        is_left = False
+        while not is_left:  # where the writer has come too early for that, another name is
+            kept, duplicate = prepared(service, act, "kept", "duplicate")
+            writer = threading.Thread(target=write)
+            with injected(service, "signal=SIGKILL", "renameat2", 2, by=signal.SIGKILL):  # that of an undo
+                writer.start()
+                with contextlib.suppress(OSError):
+                    acts[act](service, kept, duplicate)
+            assert service.process.wait() == -9
+            writer.join()
+            is_left = service.leftovers() == [SWAP]
+            if not is_left:
+                service.start()
+        if act is restore:
             service.write("kept", CONTENT)
         service.start()
         then(service) if then is Service.scan else acts[then](service, kept, duplicate)
