@@ -169,7 +169,8 @@ void save(const std::string& SpaceID_DBPath, std::vector<Rewrite>& rewrites) {
     int error = 0;
     for (const Rewrite& rewrite : rewrites) {
         files[rewrite.number()] = true;
-        if (error == 0 || error == EOPNOTSUPP) error = rewrite.prepareWriting();
+        if (error != 0 && error != EOPNOTSUPP) continue;
+        if (const int failure = rewrite.prepareWriting(); failure != 0) error = failure;
     }
     Journal journal(SpaceID_DBPath);
     const bool mayWrite = error == 0 || error == EOPNOTSUPP;

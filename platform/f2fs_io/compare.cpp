@@ -27,7 +27,7 @@ namespace android::host {
 namespace {
 
 constexpr off_t kPiece = 128 << 10;                     // bytes a read and file
-constexpr off_t kShare = 256 << 10;                     // bytes between two looks for holes
+constexpr off_t kShare = 256 << 10;                     // bytes that a thread takes at a time
 constexpr auto kIdle = std::chrono::milliseconds(100);  // before the second thread ends
 constexpr off_t kWorthTwo = 1024 << 10;                 // bytes of files that two threads compare
 
@@ -45,7 +45,7 @@ struct Comparison {
     const std::function<bool()>& interrupted;
     std::atomic<off_t> next{0};  // share
     std::atomic<int> atWork{0};  // threads
-    std::mutex mutex;
+    std::mutex mutex{};
     off_t failedAt = 0;
     int error = 0;  // of the first share that has one
 };
@@ -137,7 +137,7 @@ bool sameContentStamp(const struct stat& before, const struct stat& after) {
 
 int compareBytes(int first, int second, off_t size, const std::function<bool()>& interrupted) {
     const std::shared_ptr<Comparison> comparison(
-            new Comparison{{first, second}, size, interrupted, {}, {}, {}, 0, 0});
+            new Comparison{{first, second}, size, interrupted});
     static auto& helper = *new Helper;  // its thread outlives every other object
     if (size >= kWorthTwo) helper.invite(comparison);
     LongFile longFile;

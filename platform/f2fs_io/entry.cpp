@@ -10,18 +10,13 @@
 
 namespace android::host {
 
-int openToRead(int directory, const char* path, int flags, base::unique_fd* file) {
+int openRegular(int directory, const char* path, int flags, base::unique_fd* file,
+                struct stat* st) {
     const int all = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | flags;
     file->reset(openat(directory, path, all | O_NOATIME));
     if (!file->ok() && errno == EPERM) file->reset(openat(directory, path, all));
-    if (file->ok()) return 0;
-    return errno == ENXIO ? EINVAL : errno;
-}
-
-int openRegular(int directory, const char* path, int flags, base::unique_fd* file,
-                struct stat* st) {
-    const int error = openToRead(directory, path, flags, file);
-    return error == 0 ? statusOfRegular(*file, st) : error;
+    if (!file->ok()) return errno == ENXIO ? EINVAL : errno;
+    return statusOfRegular(*file, st);
 }
 
 int statusOfRegular(const base::unique_fd& file, struct stat* st) {

@@ -57,12 +57,9 @@ struct Entry {
     mutable std::string swap;  // the swap name, once it was asked for
 };
 
-/// Opens `path` below `directory` for reading, without changing its access time where the owner's
-/// rights allow that, and without waiting for the other end of a pipe. 0 or an errno, EINVAL for a
-/// socket.
-int openToRead(int directory, const char* path, int flags, base::unique_fd* file);
-
-/// The same for a regular file, EINVAL for what is none. Fills `st`.
+/// Opens the regular file `path` below `directory` for reading, without changing its access time
+/// where the owner's rights allow that, and without waiting for the other end of a pipe. Fills
+/// `st`. 0 or an errno, EINVAL for what is no regular file.
 int openRegular(int directory, const char* path, int flags, base::unique_fd* file, struct stat* st);
 
 /// Fills `st`. 0 or an errno, EINVAL for what is no regular file.

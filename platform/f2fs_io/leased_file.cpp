@@ -35,6 +35,11 @@ int setLease(int file) {
 
 }  // namespace
 
+int LeasedFile::openLeased(const Entry& entry, const std::string& name) {
+    const int error = openRegular(entry.directory.get(), name.c_str(), O_NOFOLLOW, &file, &status);
+    return error == 0 ? takeLease() : error;
+}
+
 int LeasedFile::takeLease() {
     // The lease is polled, so its signal must do no harm: SIGIO would end the process, while the
     // default action of SIGURG is nothing.

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <string>
 
 #include "android-base/unique_fd.h"
 #include "f2fs_io/compare.h"
@@ -26,6 +27,10 @@ struct LeasedFile {
     Attributes attributes;
 
     FileId id() const { return idOf(status); }
+
+    /// Opens the regular file under a name of the entry's directory, and takes the lease. 0 or an
+    /// errno.
+    int openLeased(const Entry& entry, const std::string& name);
 
     /// Takes the lease, then reads status and attributes: so they are what nobody is changing.
     /// 0 or an errno, EBUSY for a file that is open for writing.

@@ -1,8 +1,5 @@
 #include "f2fs_io/leftovers.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
@@ -26,9 +23,7 @@ bool lease(const Entry& entry, const std::string& swap, LeasedFile* file) {
     if (entry.status(swap, &st) != 0) return false;
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     waitForInterruptedTasks(now - timeOf(st.st_ctim));
-    return openRegular(entry.directory.get(), swap.c_str(), O_NOFOLLOW, &file->file,
-                       &file->status) == 0 &&
-           file->takeLease() == 0;
+    return file->openLeased(entry, swap) == 0;
 }
 
 /// Removes the swap name of a file that is not needed.
@@ -44,8 +39,10 @@ bool isSwapName(const std::string& name) {
            name.find_first_not_of("0123456789abcdef", kPrefix) == std::string::npos;
 }
 
-/// For all swap names in the directory of `entry`, whose name is lost.
-void tidy(Entry& entry) {
+/// For all swap names in a directory, whose path ends in a slash or is empty.
+void tidy(const std::string& directory) {
+    Entry entry;
+    if (entry.open((directory + "any").c_str()) != 0) return;
     std::error_code failure;
     std::set<std::string> names;
     std::set<std::string> swaps;
@@ -80,14 +77,14 @@ void tidyOnce(const Entry& entry) {
         const std::lock_guard lock(mutex);
         if (!known.insert(entry.directoryId).second) return;
     }
-    Entry any;
-    if (any.open((entry.parent + "any").c_str()) == 0) tidy(any);
+    tidy(entry.parent);
 }
 
 int removeLeftover(Entry& entry) {
     const std::string& swap = entry.swapName();
     struct stat st = {};
-    if (entry.status(swap, &st) == 0) concludePending();  // it may be one of these
+    if (entry.status(swap, &st) == ENOENT) return 0;
+    concludePending();  // it may be one of these
     if (const int error = entry.status(swap, &st); error != 0) return error == ENOENT ? 0 : error;
     LeasedFile ours;
     LeasedFile left;
@@ -118,6 +115,5 @@ int removeLeftover(Entry& entry) {
 }  // namespace android::host
 
 void removeLeftovers(const char* directory) {
-    android::host::Entry any;
-    if (any.open((std::string(directory) + "/any").c_str()) == 0) android::host::tidy(any);
+    android::host::tidy(std::string(directory) + "/");
 }

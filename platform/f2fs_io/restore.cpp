@@ -55,8 +55,8 @@ int makeCopy(Replacement& replacement) {
     return 0;
 }
 
-/// Adds a copy of the file to the batch, unless it has data of its own. `namesLeft`
-/// knows how many names files will have when the batch is done with: the last one needs no copy.
+/// Adds a copy of the file to the batch, unless it has data of its own. `namesLeft` knows how many
+/// names files will have when the batch is done with: the last one needs no copy.
 int addCopy(const char* path, Batch& batch, std::map<FileId, nlink_t>& namesLeft) {
     Replacement replacement;
     Entry& entry = replacement.entry;
@@ -108,14 +108,20 @@ int putInPlace(Replacement& replacement) {
     return 0;
 }
 
-/// Removes the old names of what was placed, and gives the copies theirs. The last error.
-int placeCopies(Batch& batch) {
+/// Removes the old names of what was placed. The last error.
+int concludePlaced(Batch& batch) {
     int last = 0;
     if (!batch.placed.empty()) waitForInterruptedTasks(Clock::now() - batch.placedAt);
     for (Replacement& one : batch.placed) {
         if (const int error = conclude(one); error != 0) last = error;
     }
     batch.placed.clear();
+    return last;
+}
+
+/// Gives the copies their names, after those before them are done with. The last error.
+int placeCopies(Batch& batch) {
+    int last = concludePlaced(batch);
     const std::vector<int> errors = putOnDisk(batch);
     for (size_t i = 0; i < errors.size(); ++i) {
         const int error = errors[i] != 0 ? errors[i] : putInPlace(batch.copies[i]);
@@ -136,7 +142,7 @@ int giveOwnData(const char* path) {
     noteUnfinished();
     if (const int error = addCopy(path, batch, namesLeft); error != 0) return error;
     const int error = placeCopies(batch);
-    return error == 0 ? placeCopies(batch) : error;
+    return error == 0 ? concludePlaced(batch) : error;
 }
 
 }  // namespace
@@ -160,5 +166,5 @@ void restoreLinkFiles(const std::vector<std::string>& paths) {
         addCopy(path.c_str(), batch, namesLeft);
     }
     placeCopies(batch);
-    placeCopies(batch);  // which has placed ones alone
+    concludePlaced(batch);
 }

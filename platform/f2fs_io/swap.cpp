@@ -2,9 +2,9 @@
 
 #include <fcntl.h>
 #include <unistd.h>
-#include <cstdio>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "android/log.h"
@@ -13,13 +13,20 @@
 namespace android::host {
 namespace {
 
-constexpr int kMaxUndo =
-        1000;  // rounds against somebody who renames files over the entry in a loop
+// Rounds against somebody who renames files over the entry in a loop.
+constexpr int kMaxUndo = 1000;
 
 int exchangeNames(const Entry& entry, const std::string& swap) {
     const int directory = entry.directory.get();
     const char* name = entry.name.c_str();
     return renameat2(directory, swap.c_str(), directory, name, RENAME_EXCHANGE) == 0 ? 0 : errno;
+}
+
+/// 0 when the name leads to that file, ESTALE when to another, or an errno.
+int expect(const Entry& entry, const std::string& name, const FileId& file) {
+    struct stat st = {};
+    const int error = entry.status(name, &st);
+    return error == 0 && idOf(st) != file ? ESTALE : error;
 }
 
 // What has become of one of the two files since their exchange. They had the same content then.
@@ -70,15 +77,6 @@ const Case& caseOf(unsigned outgoing, unsigned incoming, bool outgoingOther, boo
     return *one;
 }
 
-/// Opens the file under `name` and shuts writers out. False when it is not the incoming one, or
-/// somebody writes to it.
-bool leaseIncoming(const Entry& entry, const std::string& name, const struct stat& incoming,
-                   LeasedFile* file) {
-    return openRegular(entry.directory.get(), name.c_str(), O_NOFOLLOW, &file->file,
-                       &file->status) == 0 &&
-           file->takeLease() == 0 && file->id() == idOf(incoming);
-}
-
 /// The state of the incoming file. While the outgoing one has the content that both had, that
 /// tells; else times do, which some programs set back to what they were before they wrote: so a
 /// file without another name must not even have had its status changed.
@@ -90,7 +88,7 @@ State stateOfIncoming(const Replacement& replacement, bool isOutgoingIntact, boo
     const int error = entry.status(entry.name, &st);
     if (error == ENOENT || (error == 0 && idOf(st) != idOf(before))) return kReplaced;
     *hasOtherName = st.st_nlink > 1;
-    if (!leaseIncoming(entry, entry.name, before, &file)) return kWritten;
+    if (file.openLeased(entry, entry.name) != 0 || file.id() != idOf(before)) return kWritten;
     const bool isAsItWas =
             isOutgoingIntact
                     ? file.status.st_size == before.st_size &&
@@ -132,21 +130,16 @@ int exchange(const Replacement& replacement) {
     const Entry& entry = replacement.entry;
     const FileId incoming = idOf(replacement.incoming);
     const std::string& swap = entry.swapName();
-    struct stat st = {};
-    int error = entry.status(entry.name, &st);
-    if (error == 0 && idOf(st) != replacement.outgoing.id()) error = ESTALE;
-    if (error == 0) error = entry.status(swap, &st);
-    if (error == 0 && idOf(st) != incoming) error = ESTALE;
+    int error = expect(entry, entry.name, replacement.outgoing.id());
+    if (error == 0) error = expect(entry, swap, incoming);
     if (error == 0) error = exchangeNames(entry, swap);
     if (error != 0) {
         // Nothing has happened, unless the file system says one thing and does another.
-        const bool isIncoming = entry.status(swap, &st) == 0 && idOf(st) == incoming;
-        if (!isIncoming) return keepSwap(entry, swap, error);
+        if (expect(entry, swap, incoming) != 0) return keepSwap(entry, swap, error);
         removeSwap(entry, swap);
         return error == EINVAL || error == ENOSYS ? EOPNOTSUPP : error;
     }
-    error = entry.status(swap, &st);
-    if (error == 0 && idOf(st) != replacement.outgoing.id()) error = ESTALE;
+    error = expect(entry, swap, replacement.outgoing.id());
     return error == 0 ? 0 : undo(entry, replacement.incoming, error);
 }
 
@@ -177,7 +170,7 @@ int undo(const Entry& entry, const struct stat& incoming, int why) {
             // Somebody may have opened the incoming file by this name, and it have no other.
             LeasedFile file;
             const bool isNeeded = previous == idOf(incoming) && st.st_nlink == 1 &&
-                                  (!leaseIncoming(entry, swap, incoming, &file) ||
+                                  (file.openLeased(entry, swap) != 0 || file.id() != previous ||
                                    !sameContentStamp(incoming, file.status));
             return isNeeded ? keepSwap(entry, swap, EBUSY) : remove();
         }
