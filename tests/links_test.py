@@ -365,12 +365,9 @@ def injected(service, fault, call, count, by=signal.SIGTERM):
     """Something happens to that one of the service's system calls on its files; and some time goes by after a new name.
     Gives the file in which strace(1) says "INJECTED" when it has come to that."""
     paths = ["", *names(service), SWAP] if call in ON_FILES else []
-    with service.strace(f"-etrace={call},linkat", "-einject=linkat:delay_exit=20000", f"-einject={call}:{fault}:when={count}",
-                        *(f"-P{service.tree}/{path}".rstrip("/") for path in paths)) as strace:
-        try:
-            yield service.base + "/calls"
-        finally:
-            strace.send_signal(by)
+    with service.traced(f"-etrace={call},linkat", "-einject=linkat:delay_exit=20000", f"-einject={call}:{fault}:when={count}",
+                        *(f"-P{service.tree}/{path}".rstrip("/") for path in paths), by=by):
+        yield service.base + "/calls"
 
 
 def prepared(service, act, *files):
@@ -488,9 +485,8 @@ def check_a_name_counts_once_whatever_leads_to_it(service):
 def check_not_to_know_who_runs_means_to_wait(service):
     service.kill()
     service.start("unshare", "-m", "sh", "-c", 'mount --bind /dev/null /proc/loadavg && exec "$0"')
-    with service.strace("-etrace=clock_nanosleep") as strace:
+    with service.traced("-etrace=clock_nanosleep"):
         assert link(service, *pair(service)) == 0
-        strace.send_signal(signal.SIGTERM)
     assert re.search(r"tv_nsec=(4[5-9]|50)\d{6}}", read(service.base + "/calls"))
 
 
@@ -506,10 +502,9 @@ def hold_a_call_for_longer_than_a_lease(service):
             file.write(b"new")
 
     writer = threading.Thread(target=write)
-    with service.strace("-etrace=renameat2", f"-einject=renameat2:delay_enter={longest * 1000000 + 3000000}:when=1") as strace:
+    with service.traced("-etrace=renameat2", f"-einject=renameat2:delay_enter={longest * 1000000 + 3000000}:when=1"):
         writer.start()
         assert link(service, kept, duplicate) in (errno.EBUSY, errno.ESTALE)
-        strace.send_signal(signal.SIGTERM)
     writer.join()
     assert read(duplicate) == CONTENT and read(kept) == "new" + CONTENT[3:] and not service.leftovers()
 
@@ -606,7 +601,7 @@ def check_what_a_waiting_program_writes_after_a_kill(service):
 def held_before_the_end(service, act, *paths):
     """Between an exchange and its end, with the service stopped; the list given holds the call's code afterwards."""
     codes, before = [], os.stat(paths[-1]).st_ino
-    with service.strace("-etrace=openat", "-P/proc/loadavg", "-einject=openat:delay_enter=150000") as strace:
+    with service.traced("-etrace=openat", "-P/proc/loadavg", "-einject=openat:delay_enter=150000"):
         caller = threading.Thread(target=lambda: codes.append(act(service, *paths)))
         caller.start()
         wait_for(lambda: os.stat(paths[-1]).st_ino != before and not is_leased(paths[-1]))
@@ -616,7 +611,6 @@ def held_before_the_end(service, act, *paths):
         finally:
             service.process.send_signal(signal.SIGCONT)
             caller.join()
-            strace.send_signal(signal.SIGTERM)
 
 
 def write_and_set_the_time_back(path):

@@ -284,11 +284,8 @@ def injected(service, operation, name, fault):
     """Carries out the operation in a new service, with a fault in the calls on that file of the space."""
     service.kill()
     service.start()
-    tracer = service.strace("-P", f"{service.space}/{name}", "-e", "inject=" + fault)
-    answer = getattr(service, operation)()
-    tracer.send_signal(signal.SIGTERM)
-    tracer.communicate()
-    return answer
+    with service.traced("-P", f"{service.space}/{name}", "-e", "inject=" + fault):
+        return getattr(service, operation)()
 
 
 def check_faults():

@@ -214,6 +214,16 @@ class Service:
             sys.exit(77)
         return process
 
+    @contextlib.contextmanager
+    def traced(self, *options, by=signal.SIGTERM):
+        """The same for a while, which ends `by` a signal to strace(1)."""
+        process = self.strace(*options)
+        try:
+            yield
+        finally:
+            process.send_signal(by)
+            process.communicate()
+
     def leftovers(self):
         """Temporary names below the tree."""
         return [name for _, _, names in os.walk(self.tree) for name in names if name.startswith(".rux-")]
