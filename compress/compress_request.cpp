@@ -18,17 +18,17 @@
 #include "request/rules.h"
 #include "tavo_f2fs_io.h"
 
-/// Returns when all links are certain, with the paths that had to be undone after `createHardLink`
-/// had said 0. An extension: where the platform's library has none, the address is null.
-[[gnu::weak]] std::map<std::string, int32_t> settleLinks();
+/// Makes all links certain, or those that need no waiting; the paths that had to be undone after
+/// `createHardLink` had said 0. An extension: where the platform's library has none, the address
+/// is null.
+[[gnu::weak]] std::map<std::string, int32_t> settleLinks(bool waits);
 
 namespace rux {
 namespace {
 
 constexpr int32_t kProgressStep = 100;  // links between two writes of the progress property
 
-constexpr size_t kMaxUncertain = 4096;  // groups
-constexpr size_t kBatch = 64;           // links that are settled while the next ones are made
+constexpr size_t kBatch = 256;  // links that are settled while the next ones are made
 
 using Undone = std::map<std::string, int32_t>;  // links, each with the errno
 
@@ -76,7 +76,7 @@ void settleBatch(Tally& tally) {
     if (tally.settling.valid() && tally.settling.wait_for(0s) != std::future_status::ready) return;
     joinSettling(tally);
     tally.unsettled = 0;
-    tally.settling = std::async(settleLinks);  // without a thread, when it is waited for
+    tally.settling = std::async(settleLinks, false);  // without a thread, when it is waited for
 }
 
 void countLink(const std::string& duplicate, Tally& tally) {
@@ -93,7 +93,7 @@ void countLink(const std::string& duplicate, Tally& tally) {
 std::vector<int32_t> settle(Tally& tally) {
     std::vector<int32_t> codes;
     joinSettling(tally);
-    if (settleLinks != nullptr) tally.undone.merge(settleLinks());
+    if (settleLinks != nullptr) tally.undone.merge(settleLinks(true));
     for (LinkedGroup& group : tally.uncertain) {
         std::erase_if(group.links, [&](const std::string& path) {
             const auto found = tally.undone.find(path);
@@ -140,10 +140,6 @@ void compressFile(Tally& tally) {
             continue;
         }
         const std::string kept = pathOf((*paths)[keptIndex]);
-        if (tally.uncertain.size() >= kMaxUncertain) {
-            for (const int32_t code : settle(tally))
-                RUX_LOGE("createHardLink fail, error code %d", code);
-        }
         tally.uncertain.emplace_back().fileBytes = groupFileBytes(group);
         for (Json::ArrayIndex i = keptIndex + 1; i < paths->size() && !isStopped; ++i) {
             const std::string duplicate = pathOf((*paths)[i]);

@@ -24,7 +24,7 @@
 /// become of each, has only what is left to do. An extension: where the platform's library has
 /// none, the address is null. So `settleLinks`, which returns when nothing is begun any more.
 [[gnu::weak]] void restoreLinkFiles(const std::vector<std::string>& paths);
-[[gnu::weak]] std::map<std::string, int32_t> settleLinks();
+[[gnu::weak]] std::map<std::string, int32_t> settleLinks(bool waits);
 
 namespace rux {
 namespace {
@@ -167,7 +167,7 @@ int64_t Rux_restoreDuplicateFilesImp(const std::string& request) {
             for (const std::string& fragment : *rule.places)
                 restoreFile(fragment, patterns, restored);
         }
-        if (settleLinks != nullptr) settleLinks();
+        if (settleLinks != nullptr) settleLinks(true);
         save(SpaceID_DBPath);
     }
     return restored;

@@ -20,6 +20,12 @@ using namespace std::chrono_literals;
 constexpr std::chrono::nanoseconds kTurn = 8ms;
 constexpr std::chrono::nanoseconds kLeastTurns = 50ms;
 
+int setLease(int file) {
+    return fcntl(file, F_SETLEASE, F_RDLCK) == 0 ? 0 : errno == EAGAIN ? EBUSY : errno;
+}
+
+}  // namespace
+
 std::chrono::nanoseconds timeWithoutProcessor() {
     static const long processors = sysconf(_SC_NPROCESSORS_ONLN);
     std::ifstream loadavg("/proc/loadavg");  // "0.20 0.18 0.12 1/80 11206", see proc_loadavg(5)
@@ -28,12 +34,6 @@ std::chrono::nanoseconds timeWithoutProcessor() {
     if (!(loadavg >> average >> average >> average >> runnable)) return kLeastTurns;
     return runnable <= processors ? 0ns : std::max(kLeastTurns, kTurn * runnable / processors);
 }
-
-int setLease(int file) {
-    return fcntl(file, F_SETLEASE, F_RDLCK) == 0 ? 0 : errno == EAGAIN ? EBUSY : errno;
-}
-
-}  // namespace
 
 int LeasedFile::openLeased(const Entry& entry, const std::string& name) {
     const int error = openRegular(entry.directory.get(), name.c_str(), O_NOFOLLOW, &file, &status);
@@ -74,9 +74,12 @@ bool LeasedFile::isInUse() const {
 }
 
 void waitForInterruptedTasks(std::chrono::nanoseconds elapsed) {
-    const auto wait = timeWithoutProcessor();
-    const auto left = wait - std::max(elapsed, 0ns);
-    if (left > 0ns) std::this_thread::sleep_for(left);
+    const auto since = LeasedFile::Clock::now() - std::max(elapsed, 0ns);
+    for (std::chrono::nanoseconds nap = 1ms;; nap *= 2) {  // as a processor may become free
+        const auto left = since + timeWithoutProcessor() - LeasedFile::Clock::now();
+        if (left <= 0ns) return;
+        std::this_thread::sleep_for(std::min(left, nap));
+    }
 }
 
 }  // namespace android::host

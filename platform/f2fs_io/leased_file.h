@@ -53,10 +53,12 @@ struct LeasedFile {
 };
 
 /// A program that opens a file looks its name up first and meets a lease a microsecond later. One
-/// that is interrupted in between comes back with the file that the name led to before. Returns
-/// when nobody who was interrupted `elapsed` ago can still be without a processor: at once where
-/// there are processors to spare, else after 50 milliseconds, or more on a machine with very many
-/// runnable tasks.
+/// that is interrupted in between comes back with the file that the name led to before. For how
+/// long such a task may still be without a processor: 0 where there are processors to spare, else
+/// 50 milliseconds, or more on a machine with very many runnable tasks.
+std::chrono::nanoseconds timeWithoutProcessor();
+
+/// Returns when nobody who was interrupted `elapsed` ago can still be without a processor.
 void waitForInterruptedTasks(std::chrono::nanoseconds elapsed);
 
 }  // namespace android::host

@@ -50,17 +50,18 @@ void note() {
             open(unfinishedNote().c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
 }
 
-/// Concludes the oldest ones: all, or half of them. With `concluding` held.
-void concludeOldest(bool all) {
+/// Concludes all, or those that need no waiting. With `concluding` held.
+void concludeOldest(bool waits) {
     std::vector<Pending> oldest;
+    const auto latest = Clock::now() - (waits ? Clock::duration::zero() : timeWithoutProcessor());
     {
         const std::lock_guard lock(adding);
-        const auto count = static_cast<ptrdiff_t>(all ? pending.size() : (pending.size() + 1) / 2);
-        std::move(pending.begin(), pending.begin() + count, std::back_inserter(oldest));
-        pending.erase(pending.begin(), pending.begin() + count);
+        const auto isOld = [latest](const Pending& one) { return one.since <= latest; };
+        const auto last = std::partition_point(pending.begin(), pending.end(), isOld);
+        std::move(pending.begin(), last, std::back_inserter(oldest));
+        pending.erase(pending.begin(), last);
     }
-    if (oldest.empty()) return;
-    waitForInterruptedTasks(Clock::now() - oldest.back().since);
+    if (waits && !oldest.empty()) waitForInterruptedTasks(latest - oldest.back().since);
     for (Pending& one : oldest) {
         const int error = conclude(one.replacement);
         if (error == 0) continue;
@@ -82,18 +83,13 @@ size_t mostPending() {
 }
 
 void addPending(Replacement replacement, const std::string& path) {
-    bool isFull = false;
-    {
-        const std::lock_guard lock(adding);
-        const Clock::time_point now = Clock::now();
-        note();
-        pending.push_back({std::move(replacement), {path}, now});
-        isFull = pending.size() >= mostPending() || now - pending.front().since > kLongest;
-    }
-    if (!isFull) return;
-    const std::lock_guard lock(concluding);
-    // The younger half goes on waiting, so that on a busy machine nothing else has to.
-    concludeOldest(false);
+    std::unique_lock lock(adding);
+    const Clock::time_point now = Clock::now();
+    note();
+    pending.push_back({std::move(replacement), {path}, now});
+    const bool isFull = pending.size() >= mostPending() || now - pending.front().since > kLongest;
+    lock.unlock();
+    if (isFull) concludePending();
 }
 
 bool joinPending(const Entry& entry, const std::string& path) {
@@ -123,11 +119,13 @@ bool wasLeftUnfinished() {
 
 }  // namespace android::host
 
-std::map<std::string, int32_t> settleLinks() {
+std::map<std::string, int32_t> settleLinks(bool waits) {
     using namespace android::host;
     const std::lock_guard lock(concluding);
-    concludeOldest(true);
+    concludeOldest(waits);
     const std::lock_guard also(adding);
-    if (pending.empty() && std::exchange(isNoted, false)) unlink(unfinishedNote().c_str());
+    // Only when no more links are being made, each of which relies on the note.
+    if (waits && pending.empty() && std::exchange(isNoted, false))
+        unlink(unfinishedNote().c_str());
     return std::exchange(undone, {});
 }

@@ -19,8 +19,8 @@ namespace android::host {
 size_t mostPending();
 
 /// Adds a replacement whose names have been exchanged, which the caller's `path` has led to. When
-/// as many are pending as may be, or the oldest has been for a second, the older half is concluded.
-/// What fails then goes to the log, and to `settleLinks`.
+/// as many are pending as may be, or the oldest has been for a second, all are concluded. What
+/// fails then goes to the log, and to `settleLinks`.
 void addPending(Replacement replacement, const std::string& path);
 
 /// Whether a replacement of that very name is pending. If so, its outcome is that of `path` too.
@@ -37,8 +37,8 @@ bool wasLeftUnfinished();
 
 }  // namespace android::host
 
-/// Returns when all links are certain that `createHardLink` had made before. The paths of those
-/// calls that had said 0 and then had to be undone, each with the errno: the log has them too. May
-/// be called from another thread than the one that goes on making links. An extension of the
+/// Makes links certain that `createHardLink` had made before: all, or those that need no waiting,
+/// which may be done in another thread while more are made. The paths of those calls that had said
+/// 0 and then had to be undone, each with the errno: the log has them too. An extension of the
 /// library.
-std::map<std::string, int32_t> settleLinks();
+std::map<std::string, int32_t> settleLinks(bool waits);
