@@ -284,7 +284,7 @@ def injected(service, operation, name, fault):
     """Carries out the operation in a new service, with a fault in the calls on that file of the space."""
     service.kill()
     service.start()
-    with service.traced("-P", f"{service.space}/{name}", "-e", "inject=" + fault):
+    with service.traced("-P", f"{service.space}/{name}", "-e", "inject=" + fault, by=signal.SIGKILL):
         return getattr(service, operation)()
 
 

@@ -94,23 +94,20 @@ int findPrivateDirectory(const Entry& entry, FileId* found) {
     *found = {};
     std::vector<FileId> way;
     base::unique_fd parent;
-    FileId id = entry.directoryId;
-    for (int directory = entry.directory.get(); way.empty() || way.back() != id;) {
-        if (const auto one = known.find(id); one != known.end()) {
+    struct stat st = entry.directoryStatus;
+    for (int directory = entry.directory.get(); way.empty() || way.back() != idOf(st);) {
+        if (const auto one = known.find(idOf(st)); one != known.end()) {
             *found = one->second;
             break;
         }
-        struct stat st = {};
-        way.push_back(id);
-        if (fstat(directory, &st) != 0) return errno;
+        way.push_back(idOf(st));
         if ((st.st_mode & S_IXOTH) == 0 || hasAccessList(directory)) {
-            *found = id;
+            *found = idOf(st);
             break;
         }
         parent.reset(openat(directory, "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
         directory = parent.get();
-        if (!parent.ok() || fstat(directory, &st) != 0) return errno;
-        id = idOf(st);  // the root is its own parent
+        if (!parent.ok() || fstat(directory, &st) != 0) return errno;  // the root's is the root
     }
     for (const FileId& one : way) known[one] = *found;
     return 0;

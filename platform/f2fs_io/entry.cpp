@@ -33,10 +33,7 @@ int Entry::open(const char* path) {
     if (slash != std::string::npos) parent = whole.substr(0, slash + 1);
     if (const int error = resolve(parent.empty() ? "." : parent, &directory, &makers); error != 0)
         return error;
-    struct stat st = {};
-    if (fstat(directory.get(), &st) != 0) return errno;
-    directoryId = idOf(st);
-    return 0;
+    return fstat(directory.get(), &directoryStatus) == 0 ? 0 : errno;
 }
 
 int Entry::openFile(base::unique_fd* file, struct stat* st) const {
@@ -47,6 +44,12 @@ int Entry::openFile(base::unique_fd* file, struct stat* st) const {
 
 int Entry::status(const std::string& other, struct stat* st) const {
     return fstatat(directory.get(), other.c_str(), st, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
+}
+
+int Entry::expect(const std::string& other, const FileId& file) const {
+    struct stat st = {};
+    const int error = status(other, &st);
+    return error == 0 && idOf(st) != file ? ESTALE : error;
 }
 
 const std::string& Entry::swapName() const {

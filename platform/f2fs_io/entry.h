@@ -27,7 +27,7 @@ inline FileId idOf(const struct stat& st) {
 /// other people's files: symbolic links in the directory's path count by who made them.
 struct Entry {
     base::unique_fd directory;
-    FileId directoryId;
+    struct stat directoryStatus = {};
     std::string parent;  // its path, as it was given: for the log
     std::string name;
     LinkMakers makers;  // of the links in the directory's path
@@ -41,6 +41,9 @@ struct Entry {
 
     /// Status of `other`, a name in the same directory, links not followed.
     int status(const std::string& other, struct stat* st) const;
+
+    /// 0 when that name leads to that file, ESTALE when to another, or an errno.
+    int expect(const std::string& other, const FileId& file) const;
 
     /// The name that the library uses beside `name`, for the file that is about to be exchanged
     /// with it: `kSwapPrefix` and a digest of `name`, so that a call finds what an interrupted one

@@ -19,7 +19,7 @@ namespace android::host {
 namespace {
 
 /// Opens the file that is to be kept. Where its name is a link, what that leads to is looked at
-/// first: to open a device may do something.
+/// first: to open a device may do something; and the entry is left empty.
 int openKept(const char* path, Entry* entry, LeasedFile* kept) {
     int error = entry->open(path);
     if (error == 0) error = entry->openFile(&kept->file, &kept->status);
@@ -30,18 +30,22 @@ int openKept(const char* path, Entry* entry, LeasedFile* kept) {
     if (error = resolve(path, &place, &makers); error != 0) return error;
     if (error = statusOfRegular(place, &st); error != 0) return error;
     if (!makers.mayLeadTo(st.st_uid)) return ELOOP;
-    error = openRegular(AT_FDCWD, ownPathOf(place.get()).c_str(), 0, &kept->file, &kept->status);
-    if (error == 0) error = entry->open(placeOf(kept->file.get()).c_str());
-    if (error == 0) error = entry->status(entry->name, &st);
-    return error == 0 && idOf(st) != kept->id() ? ESTALE : error;
+    *entry = {};
+    return openRegular(AT_FDCWD, ownPathOf(place.get()).c_str(), 0, &kept->file, &kept->status);
 }
 
-/// Whether the ways to both files are open to the same users.
-int compareWays(const Entry& one, const Entry& other) {
+/// Whether the ways to both files are open to the same users. Fills the kept one's entry where it
+/// is empty.
+int compareWays(Entry* entry, const LeasedFile& kept, const Entry& other) {
     FileId first;
     FileId second;
-    if (one.directoryId == other.directoryId) return 0;
-    if (const int error = findPrivateDirectory(one, &first); error != 0) return error;
+    if (!entry->directory.ok()) {
+        int error = entry->open(placeOf(kept.file.get()).c_str());
+        if (error == 0) error = entry->expect(entry->name, kept.id());
+        if (error != 0) return error;
+    }
+    if (idOf(entry->directoryStatus) == idOf(other.directoryStatus)) return 0;
+    if (const int error = findPrivateDirectory(*entry, &first); error != 0) return error;
     if (const int error = findPrivateDirectory(other, &second); error != 0) return error;
     return first == second ? 0 : EACCES;
 }
@@ -64,7 +68,7 @@ int prepare(const char* keptPath, Replacement* replacement, LeasedFile* kept) {
     if (!(kept->attributes == old.attributes)) return EBADE;
     if (flagsOf(kept->file.get()) != flagsOf(old.file.get())) return EBADE;
     if (!old.attributes.canBeGiven()) return EPERM;  // as a restore would have to
-    return old.attributes.areOwnersAlone() ? 0 : compareWays(keptEntry, entry);
+    return old.attributes.areOwnersAlone() ? 0 : compareWays(&keptEntry, *kept, entry);
 }
 
 int compare(const LeasedFile& kept, const LeasedFile& old) {
@@ -86,7 +90,7 @@ int linkDuplicate(const char* keptPath, const char* duplicatePath) {
             if (error = removeLeftover(entry); error != 0) return error;
         }
         // What was done for that name may have been undone.
-        const bool isOne = entry.status(entry.name, &st) == 0 && idOf(st) == kept.id();
+        const bool isOne = entry.expect(entry.name, kept.id()) == 0;
         return isOne ? 0 : linkDuplicate(keptPath, duplicatePath);
     }
     if (error == 0) error = compare(kept, replacement.outgoing);

@@ -28,9 +28,8 @@ bool lease(const Entry& entry, const std::string& swap, LeasedFile* file) {
 
 /// Removes the swap name of a file that is not needed.
 int removeUnneeded(const Entry& entry, const std::string& swap, const LeasedFile& file) {
-    struct stat st = {};
-    const bool isThatFile = entry.status(swap, &st) == 0 && idOf(st) == file.id();
-    return isThatFile && !file.isInUse() ? removeSwap(entry, swap) : keepSwap(entry, swap, EEXIST);
+    const bool isUnneeded = entry.expect(swap, file.id()) == 0 && !file.isInUse();
+    return isUnneeded ? removeSwap(entry, swap) : keepSwap(entry, swap, EEXIST);
 }
 
 bool isSwapName(const std::string& name) {
@@ -75,7 +74,7 @@ void tidyOnce(const Entry& entry) {
     static auto& known = *new std::set<FileId>;
     {
         const std::lock_guard lock(mutex);
-        if (!known.insert(entry.directoryId).second) return;
+        if (!known.insert(idOf(entry.directoryStatus)).second) return;
     }
     tidy(entry.parent);
 }

@@ -96,7 +96,8 @@ bool joinPending(const Entry& entry, const std::string& path) {
     const std::lock_guard lock(adding);
     const auto found = std::find_if(pending.begin(), pending.end(), [&entry](const Pending& one) {
         const Entry& other = one.replacement.entry;
-        return other.directoryId == entry.directoryId && other.name == entry.name;
+        return idOf(other.directoryStatus) == idOf(entry.directoryStatus) &&
+               other.name == entry.name;
     });
     if (found != pending.end()) found->paths.push_back(path);
     return found != pending.end();
@@ -125,7 +126,6 @@ std::map<std::string, int32_t> settleLinks(bool waits) {
     concludeOldest(waits);
     const std::lock_guard also(adding);
     // Only when no more links are being made, each of which relies on the note.
-    if (waits && pending.empty() && std::exchange(isNoted, false))
-        unlink(unfinishedNote().c_str());
+    if (waits && pending.empty() && std::exchange(isNoted, false)) unlink(unfinishedNote().c_str());
     return std::exchange(undone, {});
 }

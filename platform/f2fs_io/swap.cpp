@@ -22,13 +22,6 @@ int exchangeNames(const Entry& entry, const std::string& swap) {
     return renameat2(directory, swap.c_str(), directory, name, RENAME_EXCHANGE) == 0 ? 0 : errno;
 }
 
-/// 0 when the name leads to that file, ESTALE when to another, or an errno.
-int expect(const Entry& entry, const std::string& name, const FileId& file) {
-    struct stat st = {};
-    const int error = entry.status(name, &st);
-    return error == 0 && idOf(st) != file ? ESTALE : error;
-}
-
 // What has become of one of the two files since their exchange. They had the same content then.
 enum State : unsigned {
     kAsItWas = 1,
@@ -130,16 +123,16 @@ int exchange(const Replacement& replacement) {
     const Entry& entry = replacement.entry;
     const FileId incoming = idOf(replacement.incoming);
     const std::string& swap = entry.swapName();
-    int error = expect(entry, entry.name, replacement.outgoing.id());
-    if (error == 0) error = expect(entry, swap, incoming);
+    int error = entry.expect(entry.name, replacement.outgoing.id());
+    if (error == 0) error = entry.expect(swap, incoming);
     if (error == 0) error = exchangeNames(entry, swap);
     if (error != 0) {
         // Nothing has happened, unless the file system says one thing and does another.
-        if (expect(entry, swap, incoming) != 0) return keepSwap(entry, swap, error);
+        if (entry.expect(swap, incoming) != 0) return keepSwap(entry, swap, error);
         removeSwap(entry, swap);
         return error == EINVAL || error == ENOSYS ? EOPNOTSUPP : error;
     }
-    error = expect(entry, swap, replacement.outgoing.id());
+    error = entry.expect(swap, replacement.outgoing.id());
     return error == 0 ? 0 : undo(entry, replacement.incoming, error);
 }
 
