@@ -309,6 +309,13 @@ def check_faults():
             injected(service, "scan", name, fault)
             assert f"{service.tree}/e{number}" in service.database(RECORDS)
             assert service.logged("no journal protects the save of") == number and not os.path.exists(f"{service.space}/{JOURNAL}")
+        # Where there is neither a journal nor room set aside, nothing is written.
+        os.mkdir(f"{service.space}/{JOURNAL}")
+        put(service, "g", "g")
+        before = [service.database(name) for name in IMAGES]
+        injected(service, "scan", IMAGES[0], "fallocate:error=EOPNOTSUPP:when=1")
+        assert [service.database(name) for name in IMAGES] == before and service.logged("The DB1 write fail.")
+        os.rmdir(f"{service.space}/{JOURNAL}")
         # A journal that cannot be read, as yet, may be whole: nothing is written, until it is taken back.
         put(service, "f", "f")
         with contextlib.suppress(OSError):
