@@ -19,11 +19,11 @@
 #include "db/json_text.h"
 #include "db/json_writer.h"
 #include "dup/grouping.h"
-#include "f2fs_io/digest/batch.h"
 #include "f2fs_io/digest/kernel.h"
 #include "request/patterns.h"
 #include "scan/fingerprint.h"
 #include "tavo_f2fs_io.h"
+#include "tavo_f2fs_io_extensions.h"
 
 namespace {
 

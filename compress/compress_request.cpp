@@ -15,13 +15,9 @@
 #include "db/json_text.h"
 #include "db/records.h"
 #include "db/space.h"
+#include "platform/include/tavo_f2fs_io_extensions.h"
 #include "request/rules.h"
 #include "tavo_f2fs_io.h"
-
-/// Makes all links certain, or those that need no waiting; the paths that had to be undone after
-/// `createHardLink` had said 0. An extension: where the platform's library has none, the address
-/// is null.
-[[gnu::weak]] std::map<std::string, int32_t> settleLinks(bool waits);
 
 namespace rux {
 namespace {

@@ -16,15 +16,10 @@
 #include "db/json_text.h"
 #include "db/records.h"
 #include "db/space.h"
+#include "platform/include/tavo_f2fs_io_extensions.h"
 #include "request/patterns.h"
 #include "request/rules.h"
 #include "tavo_f2fs_io.h"
-
-/// Restores as many of the files as it can, in one go: then `restoreLinkFile`, which tells what has
-/// become of each, has only what is left to do. An extension: where the platform's library has
-/// none, the address is null. So `settleLinks`, which returns when nothing is begun any more.
-[[gnu::weak]] void restoreLinkFiles(const std::vector<std::string>& paths);
-[[gnu::weak]] std::map<std::string, int32_t> settleLinks(bool waits);
 
 namespace rux {
 namespace {

@@ -3,10 +3,7 @@
 #include <atomic>
 
 #include "control/properties.h"
-
-/// Has the I/O library ask whether it may give up the file that it is reading. An extension: where
-/// the platform's has none, the address is null.
-[[gnu::weak]] void giveUpLongFilesWhen(bool (*unwanted)());
+#include "platform/include/tavo_f2fs_io_extensions.h"
 
 namespace rux {
 namespace {

@@ -29,11 +29,7 @@
 #include "db/json_text.h"
 #include "db/json_writer.h"
 #include "db/records.h"
-
-/// Has the allocator keep what is freed for what will be asked for next: a scan drops the images of
-/// one space and fills the memory with those of the next. Or give it back to the system, at once.
-/// An extension: where the platform's has none, the address is null.
-[[gnu::weak]] void keepFreedMemory(bool keep);
+#include "platform/include/tavo_f2fs_io_extensions.h"
 
 namespace rux {
 

@@ -9,18 +9,7 @@
 #include <utility>
 
 #include "control/properties.h"
-
-/// The I/O library's digests of many files at once, several times as fast as one by one. An
-/// extension: where the library has none, the address is null.
-///
-/// Asks `next` for files (null, with none in hand, ends the batch), asks `opened` whether one is to
-/// be read, hands each file's outcome to `done`, and ends early, with ECANCELED for the files in
-/// hand, once `isAbandoned`.
-[[gnu::weak]] void computeFileMD5Batch(
-        void* caller, const char* (*next)(void* caller, uint64_t* ticket),
-        bool (*opened)(void* caller, uint64_t ticket, const struct stat* status),
-        void (*done)(void* caller, uint64_t ticket, const FileMD5Result* result),
-        bool (*isAbandoned)(void* caller), bool enableLog);
+#include "platform/include/tavo_f2fs_io_extensions.h"
 
 namespace rux {
 namespace {

@@ -4,12 +4,9 @@
 
 #include "control/log.h"
 #include "control/properties.h"
+#include "platform/include/tavo_f2fs_io_extensions.h"
 #include "scan/entry_stream.h"
 #include "scan/fingerprint.h"
-
-/// Has the I/O library look at what its calls have left in a directory when they were killed, or
-/// had to leave. An extension: where the library has none, the address is null.
-[[gnu::weak]] void removeLeftovers(const char* directory);
 
 namespace rux {
 namespace {

@@ -12,10 +12,12 @@ import re
 import sys
 from pathlib import Path
 
-SHARED = ("request/", "db/", "control/")
+EXTENSIONS = "platform/include/tavo_f2fs_io_extensions.h"  # by its path, as a device's own headers have none
+SHARED = ("request/", "db/", "control/", EXTENSIONS)
 PLATFORM = ("binder/", "f2fs_io/", "log/", "properties/", "root/", "utils/")
 MAY_INCLUDE = {  # what the quoted includes of a folder's sources start with, beside the folder itself
-    "control": (), "db": ("control/",), "request": ("db/", "control/"), "scan": SHARED, "dup": SHARED, "compress": SHARED,
+    "control": (EXTENSIONS,), "db": ("control/", EXTENSIONS), "request": ("db/", "control/"),
+    "scan": SHARED, "dup": SHARED, "compress": SHARED,
     "service": ("scan/", "dup/", "compress/", *SHARED), "platform": PLATFORM,
     "ruxctl": ("db/database_root.h", "db/files.h", "db/journal.h", "f2fs_io/hard_link.h", "root/run_dir.h")}
 

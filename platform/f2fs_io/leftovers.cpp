@@ -13,6 +13,7 @@
 #include "f2fs_io/leased_file.h"
 #include "f2fs_io/pending.h"
 #include "f2fs_io/swap.h"
+#include "tavo_f2fs_io_extensions.h"
 
 namespace android::host {
 namespace {

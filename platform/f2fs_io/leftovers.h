@@ -19,7 +19,3 @@ void tidyOnce(const Entry& entry);
 int removeLeftover(Entry& entry);
 
 }  // namespace android::host
-
-/// Does that for all files of a directory. A file under the swap name of one that is gone stays
-/// when it has no other name, with a line at ERROR. An extension of the library.
-void removeLeftovers(const char* directory);

@@ -5,6 +5,7 @@
 
 #include "android/log.h"
 #include "f2fs_io/resolve.h"
+#include "tavo_f2fs_io_extensions.h"
 
 namespace android::host {
 namespace {

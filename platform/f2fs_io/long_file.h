@@ -23,7 +23,3 @@ class LongFile {
 };
 
 }  // namespace android::host
-
-/// Has the library ask `unwanted`, from any thread, whether the caller no longer wants what it
-/// reads long files for: its call then ends with ECANCELED. Null: nobody is asked. An extension.
-void giveUpLongFilesWhen(bool (*unwanted)());

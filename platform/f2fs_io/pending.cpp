@@ -8,13 +8,16 @@
 #include <chrono>
 #include <cstring>
 #include <iterator>
+#include <map>
 #include <mutex>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "android/log.h"
 #include "f2fs_io/leased_file.h"
 #include "root/run_dir.h"
+#include "tavo_f2fs_io_extensions.h"
 
 namespace android::host {
 namespace {

@@ -7,7 +7,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <string>
 
 #include "f2fs_io/swap.h"
@@ -36,9 +35,3 @@ void noteUnfinished();
 bool wasLeftUnfinished();
 
 }  // namespace android::host
-
-/// Makes links certain that `createHardLink` had made before: all, or those that need no waiting,
-/// which may be done in another thread while more are made. The paths of those calls that had said
-/// 0 and then had to be undone, each with the errno: the log has them too. An extension of the
-/// library.
-std::map<std::string, int32_t> settleLinks(bool waits);

@@ -18,6 +18,7 @@
 #include "f2fs_io/swap.h"
 #include "log/tool_log.h"
 #include "tavo_f2fs_io.h"
+#include "tavo_f2fs_io_extensions.h"
 
 namespace android::host {
 namespace {

@@ -6,6 +6,8 @@
 
 #include <jemalloc/jemalloc.h>
 
+#include "tavo_f2fs_io_extensions.h"
+
 /// Read by jemalloc(3) when the program starts. One arena, because one thread does nearly all of
 /// it. What large pieces have left is given out in pieces of any size, before new memory is. Small
 /// pieces are taken from 16 pages at a time, not from 3: the allocator never gives its record of

@@ -2,13 +2,13 @@
 #include <cstring>
 #include <string>
 
-#include "f2fs_io/digest/batch.h"
 #include "f2fs_io/digest/kernel.h"
 #include "f2fs_io/digest/lanes.h"
 #include "f2fs_io/digest/md5.h"
 #include "f2fs_io/digest/source.h"
 #include "log/tool_log.h"
 #include "tavo_f2fs_io.h"
+#include "tavo_f2fs_io_extensions.h"
 
 namespace android::host {
 namespace {

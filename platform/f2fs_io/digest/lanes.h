@@ -1,8 +1,12 @@
 /// The digests of many files, which advance beside each other.
 #pragma once
 
-#include "f2fs_io/digest/batch.h"
+#include <sys/stat.h>
+
+#include <cstdint>
+
 #include "f2fs_io/digest/kernel.h"
+#include "tavo_f2fs_io.h"
 
 namespace android::host {
 
