@@ -107,7 +107,7 @@ int findPrivateDirectory(const Entry& entry, FileId* found) {
         }
         parent.reset(openat(directory, "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
         directory = parent.get();
-        if (!parent.ok() || fstat(directory, &st) != 0) return errno;  // the root's is the root
+        if (!parent.ok() || fstat(directory, &st) != 0) return errno;  // ".." of "/" is "/"
     }
     for (const FileId& one : way) known[one] = *found;
     return 0;
