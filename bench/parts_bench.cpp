@@ -57,7 +57,7 @@ void fillImages(int64_t files) {
     const rux::PatternList none;
     struct stat st = {};
     st.st_size = 5000;
-    rux::Newcomers newcomers;
+    rux::PendingMembers pendingMembers;
     for (int64_t i = 0; i < files; ++i) {
         const std::string path = pathOf(i * 7919 % files);
         const auto digest = [i] {
@@ -66,9 +66,10 @@ void fillImages(int64_t files) {
                      static_cast<unsigned long long>(i / 2) * 0x9e3779b97f4a7c15ULL, 0);
             return result;
         };
-        rux::calculateFileMD5(path, path, st, rux::judge(path, "", all, none), digest, newcomers);
+        rux::calculateFileMD5(path, path, st, rux::judge(path, "", all, none), digest,
+                              pendingMembers);
     }
-    newcomers.enter();
+    pendingMembers.enter();
 }
 
 void recordFiles(benchmark::State& state) {

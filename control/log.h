@@ -2,7 +2,7 @@
 ///
 /// Every line names the function and the source line that write it: "FUNCTION:LINE: [RUX-NATIVE]
 /// ...". The name is part of what readers of the log rely on, so a line is written in the function
-/// that it is about, not in a helper.
+/// that it is about, not in a helper: a helper returns what there is to say.
 #pragma once
 
 #include "android/log.h"

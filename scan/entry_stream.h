@@ -27,7 +27,7 @@ struct Entry {
     };
     Kind kind = Kind::End;
     bool isRegular = false;  // the directory says that it is a regular file
-    std::string path;        // of one that is Unknown
+    std::string path;        // set where the kind is Unknown
     size_t nameStart = 0;    // where its name starts in it
     std::string realPath;    // without symbolic links, where `path` has some and it is wanted
 };

@@ -15,7 +15,7 @@ namespace {
 
 /// The names under which the I/O library keeps a file for the moment in which it exchanges it:
 /// ".rux-swap-" and 32 hexadecimal digits. One that a kill has left is nobody's file.
-bool isLeftover(std::string_view path) {
+bool isStaleName(std::string_view path) {
     const std::string_view name = path.substr(path.rfind('/') + 1);
     return name.size() == 42 && name.starts_with(".rux-swap-") &&
            name.find_first_not_of("0123456789abcdef", 10) == std::string_view::npos;
@@ -39,8 +39,8 @@ Judgement judge(const std::string& path, const std::string& realPath, const Patt
     Judgement judgement;
     if (mayBeFinished && isFinished(path)) return judgement;
     if (!regs.matches(path, judgement.tooLong)) return judgement;
-    if (isLeftover(path)) {
-        judgement.need = Need::Leftover;
+    if (isStaleName(path)) {
+        judgement.need = Need::StaleName;
     } else if (!isStorablePath(path)) {
         judgement.need = Need::NotStorable;
     } else {
@@ -54,11 +54,11 @@ Judgement judge(const std::string& path, const std::string& realPath, const Patt
 
 void calculateFileMD5(const std::string& path, std::string_view name, const struct stat& st,
                       const Judgement& judgement, const std::function<FileMD5Result()>& digest,
-                      Newcomers& newcomers) {
+                      PendingMembers& pendingMembers) {
     if (!judgement.tooLong.empty() && isFinished(path)) return;
     for (const std::string* pattern : judgement.tooLong)
         RUX_LOGE("pattern %s takes too long for %s", pattern->c_str(), path.c_str());
-    if (judgement.need == Need::Nothing || judgement.need == Need::Leftover) return;
+    if (judgement.need == Need::Nothing || judgement.need == Need::StaleName) return;
     if (judgement.need == Need::NotStorable) {
         RUX_LOGD("the path %s is not valid UTF-8, skip", path.c_str());
         return;
@@ -76,7 +76,7 @@ void calculateFileMD5(const std::string& path, std::string_view name, const stru
         return;
     }
     setHasDigest(record);
-    newcomers.add(result, st.st_size, path);
+    pendingMembers.add(result, st.st_size, path);
 }
 
 }  // namespace rux

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "request/patterns.h"
-#include "scan/newcomers.h"
+#include "scan/pending_members.h"
 #include "tavo_f2fs_io.h"
 
 namespace rux {
@@ -17,7 +17,7 @@ namespace rux {
 /// What has to be done for a file.
 enum class Need {
     Nothing,      // it has a digest, or no pattern selects it
-    Leftover,     // of the I/O library's, to be removed if nobody needs it
+    StaleName,    // a temporary name of the I/O library's, to be removed if nobody needs it
     NotStorable,  // its path cannot be held by a database file
     Record,       // it is an exception
     Digest,
@@ -35,14 +35,14 @@ Judgement judge(const std::string& path, const std::string& realPath, const Patt
                 const PatternList& blackList, bool mayBeFinished = true);
 
 /// Takes up one file that the walk has met: writes its record into DB1 and, when it needs a digest,
-/// has it enter the group of that digest in DB2, among the `newcomers`. `digest` is called at most
-/// once, and only then.
+/// has it enter the group of that digest in DB2, among the `pendingMembers`. `digest` is called at
+/// most once, and only then.
 ///
 /// A file that has got a digest since it was judged is left alone. `name` is the directory entry's,
 /// empty when the walk was started on the file itself; `st` is the file's status from before its
 /// digest was begun.
 void calculateFileMD5(const std::string& path, std::string_view name, const struct stat& st,
                       const Judgement& judgement, const std::function<FileMD5Result()>& digest,
-                      Newcomers& newcomers);
+                      PendingMembers& pendingMembers);
 
 }  // namespace rux

@@ -23,8 +23,8 @@ namespace {
 void load(const std::string& SpaceID_DBPath) {
     DBReaderInit(SpaceID_DBPath, true, true, false, true);
 }
-void save(const std::string& SpaceID_DBPath, Newcomers& newcomers) {
-    newcomers.enter();
+void save(const std::string& SpaceID_DBPath, PendingMembers& pendingMembers) {
+    pendingMembers.enter();
     DBWriteUpdate(SpaceID_DBPath, true, true, false, true);
 }
 
@@ -81,20 +81,20 @@ void Rux_scanDuplicateFilesImp(const std::string& scanRules) {
         if (rule.patterns.empty()) continue;
         if (!rule.places || rule.places->empty()) {
             RUX_LOGE("scanRules Incorrect format");
-            save(SpaceID_DBPath, preparation.newcomers);
+            save(SpaceID_DBPath, preparation.pendingMembers);
             continue;
         }
         const PatternList patterns(rule.patterns);
         for (const std::string& path : *rule.places) {
             if (getStopProp(kStopScan)) {
                 RUX_LOGD("stop.");
-                save(SpaceID_DBPath, preparation.newcomers);
+                save(SpaceID_DBPath, preparation.pendingMembers);
                 return;
             }
             if (scanSpaceID(path, patterns, exceptions, preparation) != 0)
                 RUX_LOGE("scanSpaceID fail");
         }
-        save(SpaceID_DBPath, preparation.newcomers);
+        save(SpaceID_DBPath, preparation.pendingMembers);
     }
 }
 

@@ -28,13 +28,14 @@ void takeSingleFile(const std::string& path, const struct stat& st, const Patter
     };
     const std::string realPath = blackList.empty() ? "" : realPathOf(path);
     calculateFileMD5(path, "", st, judge(path, realPath, regs, blackList), digest,
-                     preparation.newcomers);
+                     preparation.pendingMembers);
 }
 
-/// Once a request and directory, however many names of that kind somebody has put there.
+/// Removes stale temporary names from a directory, which takes a look at all of it. A second such
+/// name that the same request meets there changes nothing.
 void removeOnce(const std::string& directory, Preparation& preparation) {
-    if (removeLeftovers != nullptr && preparation.tidied.insert(directory).second)
-        removeLeftovers(directory.c_str());
+    if (removeStaleNames != nullptr && preparation.tidied.insert(directory).second)
+        removeStaleNames(directory.c_str());
 }
 
 }  // namespace
@@ -86,12 +87,12 @@ int scanSpaceID(const std::string& path, const PatternList& regs, const PatternL
                 RUX_LOG(ANDROID_LOG_ERROR, ":opendir", "The directory cannot be opened.");
                 break;
             case Entry::Kind::File:
-                if (window.judgement().need == Need::Leftover)
+                if (window.judgement().need == Need::StaleName)
                     removeOnce(entry->path.substr(0, entry->nameStart - 1), preparation);
                 calculateFileMD5(
                         entry->path, std::string_view(entry->path).substr(entry->nameStart),
                         window.status(), window.judgement(), [&window] { return window.digest(); },
-                        preparation.newcomers);
+                        preparation.pendingMembers);
                 break;
         }
         window.pop();

@@ -10,7 +10,7 @@
 #include "scan/entry_stream.h"
 #include "scan/fingerprint.h"
 #include "scan/known_files.h"
-#include "scan/newcomers.h"
+#include "scan/pending_members.h"
 #include "scan/readers.h"
 
 namespace rux {
@@ -19,8 +19,8 @@ namespace rux {
 struct Preparation {
     KnownFiles knownFiles;
     Readers readers{knownFiles};
-    Newcomers newcomers;
-    std::set<std::string> tidied;  // directories that leftovers were removed from
+    PendingMembers pendingMembers;
+    std::set<std::string> tidied;  // directories that stale temporary names were removed from
 };
 
 /// The entries of a walk that have been read ahead, with the status and the digests of their files.

@@ -293,7 +293,7 @@ def check_things_that_vanish_while_they_are_worked_on(service):
     assert len(service.database(GROUPS)) == 1
     service.compress()
     service.restore()
-    assert not service.leftovers() and len(set(md5sums(service.tree).values())) == 1
+    assert not service.stale_names() and len(set(md5sums(service.tree).values())) == 1
 
 
 @for_root

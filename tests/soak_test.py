@@ -108,7 +108,7 @@ def main():
         groups = [copies for copies in collections.Counter(md5sums(service.tree).values()).values() if copies > 1]
         page = json.loads(service.call(LIST, service.rule()))["s"]
         assert (page["gCount"], page["fileCount"]) == (len(groups), sum(groups)), page
-        assert not service.leftovers()
+        assert not service.stale_names()
     print("ok")
 
 

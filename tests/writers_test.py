@@ -136,7 +136,7 @@ def main():
         service.restore()
         if services > 1:
             service.scan()  # where one gave way to the other, it left a name for that
-        assert not service.leftovers(), service.leftovers()
+        assert not service.stale_names(), service.stale_names()
     print("ok")
 
 

@@ -9,8 +9,8 @@
 #include "f2fs_io/entry.h"
 #include "f2fs_io/hard_link.h"
 #include "f2fs_io/leased_file.h"
-#include "f2fs_io/leftovers.h"
 #include "f2fs_io/pending.h"
+#include "f2fs_io/stale_names.h"
 #include "f2fs_io/swap.h"
 #include "log/tool_log.h"
 #include "tavo_f2fs_io.h"
@@ -87,7 +87,7 @@ int linkDuplicate(const char* keptPath, const char* duplicatePath) {
         struct stat st = {};
         if (entry.status(entry.swapName(), &st) == 0) {
             if (joinPending(entry, duplicatePath)) return 0;
-            if (error = removeLeftover(entry); error != 0) return error;
+            if (error = removeStaleName(entry); error != 0) return error;
         }
         // What was done for that name may have been undone.
         const bool isOne = entry.expect(entry.name, kept.id()) == 0;
@@ -100,7 +100,7 @@ int linkDuplicate(const char* keptPath, const char* duplicatePath) {
         noteUnfinished();
         error = entry.linkAsSwap(kept.file);
     }
-    if (error == EEXIST && (error = removeLeftover(entry)) == 0)
+    if (error == EEXIST && (error = removeStaleName(entry)) == 0)
         error = entry.linkAsSwap(kept.file);
     if (error != 0) return error;
     replacement.incoming = kept.status;

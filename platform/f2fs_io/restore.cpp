@@ -13,8 +13,8 @@
 #include "f2fs_io/directory.h"
 #include "f2fs_io/entry.h"
 #include "f2fs_io/leased_file.h"
-#include "f2fs_io/leftovers.h"
 #include "f2fs_io/pending.h"
+#include "f2fs_io/stale_names.h"
 #include "f2fs_io/swap.h"
 #include "log/tool_log.h"
 #include "tavo_f2fs_io.h"
@@ -64,7 +64,7 @@ int addCopy(const char* path, Batch& batch, std::map<FileId, nlink_t>& namesLeft
     LeasedFile& shared = replacement.outgoing;
     if (const int error = entry.open(path); error != 0) return error;
     tidyOnce(entry);
-    const int kept = removeLeftover(entry);
+    const int kept = removeStaleName(entry);
     struct stat st = {};
     if (entry.status(entry.name, &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink == 1) return 0;
     if (kept != 0) return kept;

@@ -51,7 +51,7 @@ struct FileMD5Result;  // see tavo_f2fs_io.h, which is the device's own
 /// Removes stale temporary names from a directory, which calls that were killed or failed half-way
 /// have left there. What is written under one and nowhere else gets its name back, or stays with a
 /// line at ERROR.
-[[gnu::weak]] void removeLeftovers(const char* directory);
+[[gnu::weak]] void removeStaleNames(const char* directory);
 
 /// Has the allocator keep what is freed for what will be asked for next: a scan drops the images of
 /// one space and fills the memory with those of the next. Or give it back to the system, at once.

@@ -18,7 +18,7 @@ STOP = {"scan": "sys.ruxservice.stop_scan", "list": "sys.ruxservice.stop_get_dup
         "compress": "sys.ruxservice.stop_compress"}
 PROGRESS, TOOL_LOG = "sys.ruxservice.compress.prog", "sys.ruxservice.enablelog.ctrl"
 PAGE, MOST = 600 * 1024, 2**63 - 1
-LEFTOVER = re.compile(r"\.rux-swap-[0-9a-f]{32}")
+STALE_NAME = re.compile(r"\.rux-swap-[0-9a-f]{32}")
 
 sys.setrecursionlimit(10000)  # texts nest up to 999 levels
 _libc = ctypes.CDLL(None, use_errno=True)
@@ -386,7 +386,7 @@ class Model:
         record = member(self.images[0], path, dict)
         if number(record, "is_md5") == 1 or not self.matches(patterns, path):
             return
-        if LEFTOVER.fullmatch(path.rsplit("/", 1)[-1]):
+        if STALE_NAME.fullmatch(path.rsplit("/", 1)[-1]):
             if name:
                 self.look_after(path[:-len(name) - 1], name)
             return

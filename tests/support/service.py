@@ -224,7 +224,7 @@ class Service:
             process.send_signal(by)
             process.communicate()
 
-    def leftovers(self):
+    def stale_names(self):
         """Temporary names below the tree."""
         return [name for _, _, names in os.walk(self.tree) for name in names if name.startswith(".rux-")]
 

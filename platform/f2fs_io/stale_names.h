@@ -15,7 +15,7 @@ void tidyOnce(const Entry& entry);
 ///  - gets the entry's name back when it was written to since the exchange and the entry's file was
 ///    not, which a line of the log at ERROR tells;
 ///  - stays otherwise, or while somebody writes to it: EEXIST, and a line at ERROR.
-/// A file of another owner is no leftover: it stays, and the swap name becomes another one.
-int removeLeftover(Entry& entry);
+/// A file of another owner is not ours: it stays, and the swap name becomes another one.
+int removeStaleName(Entry& entry);
 
 }  // namespace android::host

@@ -15,7 +15,7 @@ namespace rux {
 /// Collects them and enters many at a time, in the order of their digests: one by one each would
 /// have to be looked for in another corner of a large image. Within a group they stand in the order
 /// in which they came.
-class Newcomers {
+class PendingMembers {
   public:
     /// Takes up a file, whose record says by now that it has a digest. `result` is a success.
     void add(const FileMD5Result& result, int64_t fileBytes, const std::string& path);

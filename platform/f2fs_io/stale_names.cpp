@@ -1,4 +1,4 @@
-#include "f2fs_io/leftovers.h"
+#include "f2fs_io/stale_names.h"
 
 #include <cerrno>
 #include <chrono>
@@ -56,7 +56,7 @@ void tidy(const std::string& directory) {
     for (const std::string& name : names) {
         entry.name = name;
         entry.swap.clear();
-        if (swaps.erase(entry.swapName()) != 0) removeLeftover(entry);
+        if (swaps.erase(entry.swapName()) != 0) removeStaleName(entry);
     }
     concludePending();
     entry.name.clear();
@@ -80,7 +80,7 @@ void tidyOnce(const Entry& entry) {
     tidy(entry.parent);
 }
 
-int removeLeftover(Entry& entry) {
+int removeStaleName(Entry& entry) {
     const std::string& swap = entry.swapName();
     struct stat st = {};
     if (entry.status(swap, &st) == ENOENT) return 0;
@@ -114,6 +114,6 @@ int removeLeftover(Entry& entry) {
 
 }  // namespace android::host
 
-void removeLeftovers(const char* directory) {
+void removeStaleNames(const char* directory) {
     android::host::tidy(std::string(directory) + "/");
 }

@@ -1,4 +1,4 @@
-#include "scan/newcomers.h"
+#include "scan/pending_members.h"
 
 #include <algorithm>
 #include <cstring>
@@ -25,12 +25,12 @@ uint64_t beginningOf(const FileMD5Result& result) {
 
 }  // namespace
 
-void Newcomers::add(const FileMD5Result& result, int64_t fileBytes, const std::string& path) {
+void PendingMembers::add(const FileMD5Result& result, int64_t fileBytes, const std::string& path) {
     if (mFiles.size() == kMost) enter();
     mFiles.push_back({result, fileBytes, path});
 }
 
-void Newcomers::enter() {
+void PendingMembers::enter() {
     std::vector<std::pair<uint64_t, size_t>> order;
     order.reserve(mFiles.size());
     for (size_t i = 0; i < mFiles.size(); ++i) order.emplace_back(beginningOf(mFiles[i].result), i);
@@ -50,7 +50,7 @@ void Newcomers::enter() {
 
 /// Appends files of one digest to its group, as far as they are not in it already: one that has
 /// lost its record may be.
-void Newcomers::join(const std::vector<File*>& files) {
+void PendingMembers::join(const std::vector<File*>& files) {
     auto next = files.begin();
     Json::Value& group = asObject(checkNoCompressDB.change())[(*next)->result.md5];
     if (!group.isObject()) {
