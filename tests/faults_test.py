@@ -18,20 +18,15 @@ import threading
 import time
 
 from support.service import COMPRESS, GROUPS, LINKED, LIST, RECORDS, RESTORE, SCAN, checks, for_root, md5sums, \
-    swap_name, wait_for
+    mounted, swap_name, wait_for
 
 
 @contextlib.contextmanager
 def small_disk(path, options):
     """A small file system in memory; gives a function that changes its options."""
-    def mount(more):
-        subprocess.run(["mount", "-t", "tmpfs", "-o", more, "none", path], check=True)
-    os.makedirs(path, exist_ok=True)
-    mount(options)
-    try:
-        yield lambda more: mount("remount," + more)
-    finally:
-        subprocess.run(["umount", "-l", path], check=True)
+    with mounted(path, "-t", "tmpfs", "-o", options, "none", unmount=("umount", "-l")) as is_mounted:
+        assert is_mounted
+        yield lambda more: subprocess.run(["mount", "-t", "tmpfs", "-o", "remount," + more, "none", path], check=True)
 
 
 def limit(service, kind, value):

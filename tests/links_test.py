@@ -21,7 +21,7 @@ import tempfile
 import threading
 import time
 
-from support.service import GROUPS, LINKED, Service, checks, for_root, is_awaited, is_leased, swap_name, wait_for
+from support.service import GROUPS, LINKED, Service, checks, for_root, is_awaited, is_leased, mounted, swap_name, wait_for
 
 CONTENT = "k" * 300000
 CALLS = ("linkat", "renameat2", "syncfs", "unlinkat")  # that link and restore
@@ -133,14 +133,12 @@ def check_what_is_no_file_of_its_own(service):
         other.flush()
         if os.stat(other.name).st_dev != os.stat(kept).st_dev:
             expect_refusal(service, kept, other.name, errno.EXDEV)
-    mounted = service.tree + "/mounted"
-    os.mkdir(mounted)
-    if shell(f"mount --bind {service.tree} {mounted}"):  # the same device, and still another mount
-        assert link(service, kept, mounted + "/duplicate") == errno.EXDEV
-        assert shell("umount " + mounted)
+    elsewhere = service.tree + "/elsewhere"
+    with mounted(elsewhere, "--bind", service.tree) as is_mounted:  # the same device, and still another mount
+        assert not is_mounted or link(service, kept, elsewhere + "/duplicate") == errno.EXDEV
     with contextlib.suppress(OSError):
         for number in range(70000):
-            os.link(kept, f"{mounted}/{number}")
+            os.link(kept, f"{elsewhere}/{number}")
     if number < 69999:
         expect_refusal(service, kept, duplicate, errno.EMLINK)
 
@@ -236,16 +234,17 @@ def check_large_groups(service):
 @for_root
 def check_the_reserve_of_root(service):
     image, disk = service.base + "/image", service.tree + "/disk"
-    if not shell(f"truncate -s 32M {image}", f"mkfs.ext4 -q -m 30 {image}", f"mkdir {disk}", f"mount -o loop {image} {disk}"):
-        return print("skipped, needs mkfs.ext4 and loop devices")
-    a, b = (service.write(f"disk/{name}", "x" * (4 << 20)) for name in "ab")
-    assert link(service, a, b) == 0
-    filler = service.write("disk/filler", "y" * (10 << 20))  # the rest is less than the reserve
-    assert restore(service, b) == errno.ENOSPC
-    os.remove(filler)
-    assert restore(service, b) == 0
-    assert shell("umount " + disk)
-    return None
+    is_made = shell(f"truncate -s 32M {image}", f"mkfs.ext4 -q -m 30 {image}")
+    with mounted(disk, "-o", "loop", image) as is_mounted:
+        if not is_made or not is_mounted:
+            print("skipped, needs mkfs.ext4 and loop devices")
+            return
+        a, b = (service.write(f"disk/{name}", "x" * (4 << 20)) for name in "ab")
+        assert link(service, a, b) == 0
+        filler = service.write("disk/filler", "y" * (10 << 20))  # the rest is less than the reserve
+        assert restore(service, b) == errno.ENOSPC
+        os.remove(filler)
+        assert restore(service, b) == 0
 
 
 @for_root
@@ -253,25 +252,26 @@ def check_overlays_and_what_they_are_made_of(service):
     first, second = (service.write("upper one/" + name, "same") for name in "ab")
     lower, work, merged = (f"{service.tree}/{name}" for name in ("lower", "work", "merged"))
     assert link(service, first, second) == 0 and shell(f"mkdir {lower} {work} {merged}")
-    overlay = f"mount -t overlay none -o 'lowerdir={lower},upperdir={service.tree}/upper one,workdir={work}' {merged}"
-    if not shell(overlay):
-        return print("skipped, needs overlays")
-    assert restore(service, second) == errno.EOPNOTSUPP
-    expect_refusal(service, merged + "/a", merged + "/b", errno.EOPNOTSUPP)
-    assert shell("umount " + merged)
+    overlay = ("-t", "overlay", "none", "-o", f"lowerdir={lower},upperdir={service.tree}/upper one,workdir={work}")
+    with mounted(merged, *overlay) as is_mounted:
+        if not is_mounted:
+            print("skipped, needs overlays")
+            return
+        assert restore(service, second) == errno.EOPNOTSUPP
+        expect_refusal(service, merged + "/a", merged + "/b", errno.EOPNOTSUPP)
     assert restore(service, second) == 0
     # The kernel gives the number of a file system that has gone to the next one.
     os.remove(second)
     for _ in range(10):
-        assert shell(f"mount -t tmpfs none {merged}")
-        paths = [service.write("merged/" + name, "same") for name in "ab"]
-        number = os.stat(merged).st_dev
-        assert link(service, *paths) == 0 and shell("umount " + merged, overlay)
-        if os.stat(merged).st_dev == number:
-            service.write("merged/b", "same")
-            expect_refusal(service, *paths, errno.EOPNOTSUPP)
-        assert shell("umount " + merged)
-    return None
+        with mounted(merged, "-t", "tmpfs", "none") as is_mounted:
+            paths = [service.write("merged/" + name, "same") for name in "ab"]
+            number = os.stat(merged).st_dev
+            assert is_mounted and link(service, *paths) == 0
+        with mounted(merged, *overlay) as is_mounted:
+            assert is_mounted
+            if os.stat(merged).st_dev == number:
+                service.write("merged/b", "same")
+                expect_refusal(service, *paths, errno.EOPNOTSUPP)
 
 
 def check_what_a_killed_call_leaves(service):

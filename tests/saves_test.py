@@ -241,16 +241,11 @@ def end_everywhere(service, operation, calls, before, after):
         service.kill()
 
 
-def put(service, name, content):
-    with open(f"{service.tree}/{name}", "w", encoding="ascii") as file:
-        file.write(content)
-
-
 def change_tree(service, operation):
     """What the operation will find."""
     if operation == "scan":
         for name, content in {"a1": "a", "a2": "a", "a3": "a", "b1": "bb", "b2": "bb", "c": "c"}.items():
-            put(service, name, content)
+            service.write(name, content)
     elif operation == "list":
         os.utime(f"{service.tree}/b1", (1, 1))
 
@@ -268,7 +263,7 @@ def check_strangers():
             strangers.append(lambda: (shutil.copy(outside, place), os.chown(place, 12345, -1)))
         for number, make in enumerate(strangers):
             make()
-            put(service, f"d{number}", "d")
+            service.write(f"d{number}", "d")
             service.scan()
             assert f"{service.tree}/d{number}" in service.database(RECORDS) and os.path.lexists(place)
             os.rmdir(place) if os.path.isdir(place) and not os.path.islink(place) else os.unlink(place)
@@ -291,33 +286,33 @@ def injected(service, operation, name, fault):
 def check_faults():
     with Service(RUX) as service:
         for name in "ab":
-            put(service, name, "pair")
+            service.write(name, "pair")
         service.scan()
         assert service.compress() == "1,4"
         undo = service.database(LINKED)
         # What could not be read is not written over.
         for number, fault in enumerate(["openat:error=EMFILE:when=1", "openat:error=EIO:when=1", "read:error=EIO:when=1"], 1):
             for name in "cd":
-                put(service, f"{name}{number}", f"pair {number}")
+                service.write(f"{name}{number}", f"pair {number}")
             service.scan()
             assert injected(service, "compress", IMAGES[2], fault) == "1,6"
             assert service.database(LINKED) == undo and service.database(GROUPS) == {}
             assert service.logged("The DB3 open fail.") == number
         # A journal that cannot be made, or not of these files, does not forbid the save.
         for number, (name, fault) in enumerate([(JOURNAL, "openat:error=EACCES"), (IMAGES[0], "pread64:error=EIO")], 1):
-            put(service, f"e{number}", f"{number}")
+            service.write(f"e{number}", f"{number}")
             injected(service, "scan", name, fault)
             assert f"{service.tree}/e{number}" in service.database(RECORDS)
             assert service.logged("no journal protects the save of") == number and not os.path.exists(f"{service.space}/{JOURNAL}")
         # Where there is neither a journal nor room set aside, nothing is written.
         os.mkdir(f"{service.space}/{JOURNAL}")
-        put(service, "g", "g")
+        service.write("g", "g")
         before = [service.database(name) for name in IMAGES]
         injected(service, "scan", IMAGES[0], "fallocate:error=EOPNOTSUPP:when=1")
         assert [service.database(name) for name in IMAGES] == before and service.logged("The DB1 write fail.")
         os.rmdir(f"{service.space}/{JOURNAL}")
         # A journal that cannot be read, as yet, may be whole: nothing is written, until it is taken back.
-        put(service, "f", "f")
+        service.write("f", "f")
         with contextlib.suppress(OSError):
             injected(service, "scan", JOURNAL, "unlink:signal=SIGKILL")
         before = read(service.space)

@@ -42,6 +42,20 @@ def busy_loops(count):
             loop.wait()
 
 
+@contextlib.contextmanager
+def mounted(where, *options, unmount=("umount",)):
+    """Something that mount(8) mounts there, in a directory that is made: whether it could. It goes at the end whatever
+    happens, and then nobody may use it."""
+    os.makedirs(where, exist_ok=True)
+    is_mounted = subprocess.run(["mount", *options, where], check=False, capture_output=True).returncode == 0
+    try:
+        yield is_mounted
+    finally:
+        if is_mounted and subprocess.run([*unmount, where], check=False).returncode != 0:
+            subprocess.run(["umount", "-l", where], check=True)
+            raise AssertionError(f"{where} is in use")
+
+
 def taken_option(name, default):
     """The number behind the option `name` on the command line, which loses the two."""
     if name not in sys.argv:
