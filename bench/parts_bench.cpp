@@ -196,19 +196,16 @@ void digestFiles(benchmark::State& state) {
             continue;
         }
         computeFileMD5Batch(
-                &files,
-                [](void* all, uint64_t* /*ticket*/) -> const char* {
-                    Files& from = *static_cast<Files*>(all);
-                    return from.next < from.paths.size() ? from.paths[from.next++].c_str()
-                                                         : nullptr;
+                32,
+                [&files](void** /*file*/) {
+                    return files.next < files.paths.size() ? files.paths[files.next++].c_str()
+                                                           : nullptr;
                 },
-                [](void* /*all*/, uint64_t /*ticket*/, const struct stat* /*status*/) {
-                    return true;
+                [](void* /*file*/, const struct stat& /*status*/) { return true; },
+                [](void* /*file*/, const FileMD5Result& result) {
+                    if (result.code != 0) abort();
                 },
-                [](void* /*all*/, uint64_t /*ticket*/, const FileMD5Result* result) {
-                    if (result->code != 0) abort();
-                },
-                [](void* /*all*/) { return false; }, false);
+                [] { return false; }, false);
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * files.paths.size() * size));
     state.SetLabel(isBatch ? "many at once" : "one by one");

@@ -16,10 +16,6 @@ namespace {
 
 constexpr int kMostEntries = 16;  // into a directory behind links
 
-bool isDotName(const char* name) {
-    return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
-}
-
 bool isLink(int directory, const dirent& entry) {
     struct stat status = {};
     if (entry.d_type != DT_UNKNOWN) return entry.d_type == DT_LNK;
@@ -41,86 +37,84 @@ std::string realPathOf(const std::string& path) {
 }
 
 Entry::Kind kindOf(const struct stat& status) {
-    const bool hasContent = !S_ISDIR(status.st_mode) && status.st_size != 0;
-    return hasContent ? Entry::Kind::File : Entry::Kind::Unopenable;
+    if (S_ISDIR(status.st_mode)) return Entry::Kind::ClosedDirectory;
+    if (status.st_size != 0) return Entry::Kind::File;
+    return S_ISREG(status.st_mode) ? Entry::Kind::Empty : Entry::Kind::Device;
 }
 
 EntryStream::EntryStream(const std::string& start, bool wantsRealPaths)
       : mPath(start), mWantsRealPaths(wantsRealPaths) {
-    struct stat status = {};
-    Stream stream(opendir(start.c_str()));
-    if (stream == nullptr || fstat(dirfd(stream.get()), &status) != 0) return;
-    mLevels.push_back({std::move(stream), status.st_dev, status.st_ino, start.size(), false,
-                       wantsRealPaths ? realPathOf(start) : ""});
-    mIsOpen = true;
+    if (start.find('\0') != std::string::npos) return;
+    enter(AT_FDCWD, start.c_str(), false, wantsRealPaths ? realPathOf(start) : "");
 }
 
-bool EntryStream::read(std::deque<Entry>& entries, size_t count) {
-    if (mLevels.empty()) return false;
-    for (; count > 0 && !mLevels.empty(); --count) entries.push_back(nextEntry());
-    return true;
-}
-
-void EntryStream::leaveDirectory(size_t depth, std::deque<Entry>& ahead) {
-    size_t level = depth;
-    while (!ahead.empty() && level >= depth) {
-        if (ahead.front().kind == Entry::Kind::Directory) ++level;
-        if (ahead.front().kind == Entry::Kind::End) --level;
-        ahead.pop_front();
+std::optional<Entry> EntryStream::next() {
+    if (!mAhead.empty()) {
+        Entry entry = std::move(mAhead.front());
+        mAhead.pop_front();
+        return entry;
     }
-    // The end was not among them: then the walk is still in there itself.
-    if (level >= depth) mLevels.resize(depth - 1);
-}
-
-/// The next entry of the innermost directory. Only what decides where the walk goes is looked at.
-Entry EntryStream::nextEntry() {
-    Level& level = mLevels.back();
-    const dirent* found = readdir(level.stream.get());
-    if (found == nullptr) {
+    while (!mLevels.empty()) {
+        const dirent* const found = readdir(mLevels.back().stream.get());
+        if (found != nullptr) return entryOf(*found);
         mLevels.pop_back();
-        return {};
     }
+    return std::nullopt;
+}
+
+void EntryStream::leaveDirectory(size_t depth, std::deque<Entry> ahead) {
+    while (!ahead.empty() && ahead.front().depth >= depth) ahead.pop_front();
+    mAhead = std::move(ahead);
+    for (Entry& entry : mAhead) {  // its status may be another when its turn comes
+        if (!entry.path.empty()) entry.kind = Entry::Kind::NoDirectory;
+    }
+    while (mAhead.empty() && mLevels.size() >= depth) mLevels.pop_back();
+}
+
+/// An entry of the innermost directory. Only what decides where the walk goes is looked at.
+Entry EntryStream::entryOf(const dirent& found) {
+    const Level& level = mLevels.back();
+    const int directory = dirfd(level.stream.get());
+    const char* const name = found.d_name;
     Entry entry;
-    const char* const name = found->d_name;
-    if (isDotName(name)) {
+    entry.depth = mLevels.size();
+    if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) {
         entry.kind = Entry::Kind::Dot;
         return entry;
     }
     mPath.resize(level.pathLength);
     mPath.append("/").append(name);
-    entry.kind = Entry::Kind::Unknown;
     // The whole path decides whether the system could reach the entry at all.
     if (mPath.size() >= PATH_MAX) {
         entry.kind = Entry::Kind::Unreadable;
         return entry;
     }
     const bool mayBeDirectory =
-            found->d_type == DT_DIR || found->d_type == DT_LNK || found->d_type == DT_UNKNOWN;
-    entry.isRegular = found->d_type == DT_REG;
-    entry.nameStart = level.pathLength + 1;
-    const bool byLink = mayBeDirectory && isLink(dirfd(level.stream.get()), *found);
+            found.d_type == DT_DIR || found.d_type == DT_LNK || found.d_type == DT_UNKNOWN;
+    const bool byLink = mayBeDirectory && isLink(directory, found);
     if (byLink && mWantsRealPaths) {
         entry.realPath = realPathOf(mPath);
     } else if (!level.realPath.empty()) {
         entry.realPath = level.realPath + "/" + name;
     }
-    if (mayBeDirectory) entry.kind = enter(name, byLink, entry.realPath);
-    if (entry.kind == Entry::Kind::Unknown) entry.path = mPath;
+    if (mayBeDirectory)
+        entry.kind = enter(directory, name, byLink || level.isBehindLink, entry.realPath);
+    if (found.d_type == DT_REG) entry.kind = Entry::Kind::Regular;
+    if (entry.needsStatus()) entry.path = mPath;
     return entry;
 }
 
-/// Goes down into a directory and says what came of it; `Unknown` for what is none.
-Entry::Kind EntryStream::enter(const char* name, bool byLink, const std::string& realPath) {
-    const bool isBehindLink = byLink || mLevels.back().isBehindLink;
-    const int above = dirfd(mLevels.back().stream.get());
+/// Goes down into a directory and says what came of it; `NoDirectory` for what is none.
+Entry::Kind EntryStream::enter(int above, const char* name, bool isBehindLink,
+                               const std::string& realPath) {
     struct stat status = {};
     const int directory = openat(above, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (directory < 0) {
-        if (errno == ENOTDIR) return Entry::Kind::Unknown;
+        if (errno == ENOTDIR) return Entry::Kind::NoDirectory;
         if (fstatat(above, name, &status, 0) != 0) return Entry::Kind::Unreadable;
-        return S_ISDIR(status.st_mode) ? Entry::Kind::Unopenable : Entry::Kind::Unknown;
+        return S_ISDIR(status.st_mode) ? Entry::Kind::ClosedDirectory : Entry::Kind::NoDirectory;
     }
-    Stream stream;
+    Stream stream(nullptr, closedir);
     // A directory on the path already is not entered: a symbolic link leads back up to it.
     const bool mayEnter =
             fstat(directory, &status) == 0 && !isOnPath(status) &&
@@ -128,7 +122,7 @@ Entry::Kind EntryStream::enter(const char* name, bool byLink, const std::string&
     if (mayEnter) stream.reset(fdopendir(directory));
     if (stream == nullptr) {
         close(directory);
-        return Entry::Kind::Unopenable;
+        return Entry::Kind::ClosedDirectory;
     }
     mLevels.push_back({std::move(stream), status.st_dev, status.st_ino, mPath.size(), isBehindLink,
                        realPath});

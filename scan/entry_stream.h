@@ -8,31 +8,34 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace rux {
 
-/// What a directory stream has given: an entry, or its end.
+/// What a directory holds.
 struct Entry {
     enum class Kind : uint8_t {
-        Dot,         // "." or ".."
-        Unreadable,  // its status cannot be read
-        Unopenable,  // an empty file, a device, or a directory that cannot be opened
-        File,        // with content
-        Directory,   // the entries that follow are its own, up to its End
-        End,         // no entry: there are no more in this directory
-        Unknown,     // no directory; its status, which the stream does not read, tells which
+        Dot,              // "." or ".."
+        Unreadable,       // its status cannot be read
+        Empty,            // a file without content
+        Device,           // or a pipe or socket: no file that has content
+        ClosedDirectory,  // cannot be opened, or is not to be entered again
+        Directory,        // its own entries follow
+        File,             // with content
+        Regular,          // says the directory; its status, which is not read yet, tells the rest
+        NoDirectory,      // its status tells which of the others
     };
-    Kind kind = Kind::End;
-    bool isRegular = false;  // the directory says that it is a regular file
-    std::string path;        // set where the kind is Unknown
-    size_t nameStart = 0;    // where its name starts in it
-    std::string realPath;    // without symbolic links, where `path` has some and it is wanted
+    Kind kind = Kind::NoDirectory;
+    bool needsStatus() const { return kind >= Kind::Regular; }
+    size_t depth = 0;      // of the directory that it is in, 1 for the start
+    std::string path;      // of what is no directory
+    std::string realPath;  // without symbolic links, where `path` has some and it is wanted
 };
 
-/// The kind of an entry with that status which cannot be entered.
+/// The kind of an entry that is no directory, or whose directory cannot be entered.
 Entry::Kind kindOf(const struct stat& status);
 
 /// The path without symbolic links; nothing when it has none, or leads nowhere.
@@ -46,22 +49,19 @@ class EntryStream {
     /// Opens the directory `start`.
     explicit EntryStream(const std::string& start, bool wantsRealPaths = false);
 
-    /// Whether `start` could be opened as a directory.
-    bool isOpen() const { return mIsOpen; }
+    /// Whether there is something to walk: `start` could be opened.
+    bool isOpen() const { return !mLevels.empty(); }
 
-    /// Appends the next entries to `entries`, up to `count`. False when the walk is at its end.
-    bool read(std::deque<Entry>& entries, size_t count);
+    /// The next entry; nothing at the end of the walk.
+    std::optional<Entry> next();
 
-    /// Leaves out everything up to the end of the directory that is `depth` levels below the start
-    /// (1 for the start itself) and that the reader is in. `ahead` are entries that were read
-    /// already but have not had their turn.
-    void leaveDirectory(size_t depth, std::deque<Entry>& ahead);
+    /// Leaves out what is left of the directory that is `depth` levels below the start (1 for the
+    /// start itself). `ahead` are the entries that were read from there on; what of them lies
+    /// behind the directory comes again.
+    void leaveDirectory(size_t depth, std::deque<Entry> ahead);
 
   private:
-    struct CloseStream {
-        void operator()(DIR* stream) const { closedir(stream); }
-    };
-    using Stream = std::unique_ptr<DIR, CloseStream>;
+    using Stream = std::unique_ptr<DIR, int (*)(DIR*)>;
 
     /// A directory on the path from the start to the entry under examination.
     struct Level {
@@ -73,14 +73,14 @@ class EntryStream {
         std::string realPath;  // where it differs from its own, and is wanted
     };
 
-    Entry nextEntry();
-    Entry::Kind enter(const char* name, bool byLink, const std::string& realPath);
+    Entry entryOf(const dirent& found);
+    Entry::Kind enter(int above, const char* name, bool isBehindLink, const std::string& realPath);
     bool isOnPath(const struct stat& status) const;
 
+    std::deque<Entry> mAhead;  // to come before those that are not read yet
     std::vector<Level> mLevels;
     std::string mPath;
     const bool mWantsRealPaths;
-    bool mIsOpen = false;
     std::map<std::pair<dev_t, ino_t>, int> mEntered;  // directories behind links, and how often
 };
 

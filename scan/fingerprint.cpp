@@ -1,5 +1,6 @@
 #include "scan/fingerprint.h"
 
+#include <cerrno>
 #include <string_view>
 
 #include "control/log.h"
@@ -22,11 +23,11 @@ bool isStaleName(std::string_view path) {
 }
 
 /// The text after the last "." when that looks like the kind of a file, otherwise "nosuffix".
-std::string suffixOf(std::string_view name) {
+std::string suffixOf(std::string_view path) {
     constexpr size_t kLongest = 10;
-    const size_t point = name.rfind('.');
+    const size_t point = path.rfind('.');
     if (point == std::string_view::npos) return "nosuffix";
-    const std::string_view suffix = name.substr(point + 1);
+    const std::string_view suffix = path.substr(point + 1);
     const bool fits = !suffix.empty() && suffix.size() <= kLongest &&
                       suffix.find('/') == std::string_view::npos;
     return fits ? std::string(suffix) : "nosuffix";
@@ -34,49 +35,49 @@ std::string suffixOf(std::string_view name) {
 
 }  // namespace
 
-Judgement judge(const std::string& path, const std::string& realPath, const PatternList& regs,
-                const PatternList& blackList, bool mayBeFinished) {
+Judgement judge(const std::string& path, const std::string& realPath, const Selection& selection,
+                bool mayBeFinished) {
     Judgement judgement;
-    if (mayBeFinished && isFinished(path)) return judgement;
-    if (!regs.matches(path, judgement.tooLong)) return judgement;
-    if (isStaleName(path)) {
+    if (mayBeFinished && isFinished(path)) {
+        judgement.need = Need::Done;
+    } else if (!selection.regs.matches(path, judgement.tooLong)) {
+        judgement.need = Need::NotSelected;
+    } else if (isStaleName(path)) {
         judgement.need = Need::StaleName;
     } else if (!isStorablePath(path)) {
         judgement.need = Need::NotStorable;
     } else {
+        const PatternList& exceptions = selection.exceptions;
         const bool isException =
-                blackList.matches(path, judgement.tooLong) ||
-                (!realPath.empty() && blackList.matches(realPath, judgement.tooLong));
+                exceptions.matches(path, judgement.tooLong) ||
+                (!realPath.empty() && exceptions.matches(realPath, judgement.tooLong));
         judgement.need = isException ? Need::Record : Need::Digest;
     }
     return judgement;
 }
 
-void calculateFileMD5(const std::string& path, std::string_view name, const struct stat& st,
-                      const Judgement& judgement, const std::function<FileMD5Result()>& digest,
-                      PendingMembers& pendingMembers) {
+void calculateFileMD5(const std::string& path, const struct stat& st, const Judgement& judgement,
+                      const SharedDigest& digest, PendingMembers& pendingMembers) {
     if (!judgement.tooLong.empty() && isFinished(path)) return;
     for (const std::string* pattern : judgement.tooLong)
         RUX_LOGE("pattern %s takes too long for %s", pattern->c_str(), path.c_str());
-    if (judgement.need == Need::Nothing || judgement.need == Need::StaleName) return;
-    if (judgement.need == Need::NotStorable) {
+    if (judgement.need == Need::NotStorable)
         RUX_LOGD("the path %s is not valid UTF-8, skip", path.c_str());
-        return;
-    }
+    if (judgement.need != Need::Record && judgement.need != Need::Digest) return;
     Json::Value& record = asObject(fileInfoDB.change())[path];
     if (hasDigest(record)) return;  // the same path has been met twice
-    makeFileRecord(record, st.st_mtime, suffixOf(name.empty() ? path : name));
+    makeFileRecord(record, st.st_mtime, suffixOf(path));
     if (judgement.need == Need::Record) {
         RUX_LOGD("the file is in black list");
         return;
     }
-    const FileMD5Result result = digest();
-    if (result.code != 0) {
+    if (digest->code == ECANCELED) *digest = computeFileMD5(path.c_str(), toolLogEnabled);
+    if (digest->code != 0) {
         RUX_LOGD("cal md5 error code != 0, continue");
         return;
     }
     setHasDigest(record);
-    pendingMembers.add(result, st.st_size, path);
+    pendingMembers.add(digest, st.st_size, path);
 }
 
 }  // namespace rux

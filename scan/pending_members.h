@@ -3,12 +3,12 @@
 
 #include <json/json.h>
 
-#include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
-#include "tavo_f2fs_io.h"
+#include "scan/digest_cache.h"
 
 namespace rux {
 
@@ -17,20 +17,21 @@ namespace rux {
 /// in which they came.
 class PendingMembers {
   public:
-    /// Takes up a file, whose record says by now that it has a digest. `result` is a success.
-    void add(const FileMD5Result& result, int64_t fileBytes, const std::string& path);
+    /// Takes up a file, whose record says by now that it has a digest.
+    void add(const SharedDigest& digest, int64_t fileBytes, const std::string& path);
 
     /// Enters all that have been added.
     void enter();
 
   private:
+    static constexpr size_t kMost = 16384;  // files between two entries
     struct File {
-        FileMD5Result result;
+        SharedDigest digest;
         int64_t bytes;
         Json::Value path;
     };
 
-    static void join(const std::vector<File*>& files);
+    static void join(std::span<File> files);
 
     std::vector<File> mFiles;
 };

@@ -20,9 +20,6 @@
 namespace rux {
 namespace {
 
-void load(const std::string& SpaceID_DBPath) {
-    DBReaderInit(SpaceID_DBPath, true, true, false, true);
-}
 void save(const std::string& SpaceID_DBPath, PendingMembers& pendingMembers) {
     pendingMembers.enter();
     DBWriteUpdate(SpaceID_DBPath, true, true, false, true);
@@ -61,7 +58,7 @@ void Rux_scanDuplicateFilesImp(const std::string& scanRules) {
     }
     isEnableToolLog();
     const PatternList exceptions(getExceptRiles());
-    Preparation preparation;
+    ScanState state;
 
     std::string SpaceID_DBPath;  // of the space whose images are loaded; empty before there is one
     for (const SpaceRule& rule : rules) {
@@ -72,7 +69,7 @@ void Rux_scanDuplicateFilesImp(const std::string& scanRules) {
                 SpaceID_DBPath.clear();
                 continue;
             }
-            load(SpaceID_DBPath);
+            DBReaderInit(SpaceID_DBPath, true, true, false, true);
         } else {
             RUX_LOGD("scanRules Incorrect format");
             if (rule.id == SpaceRule::Id::Malformed) SpaceID_DBPath.clear();
@@ -81,20 +78,19 @@ void Rux_scanDuplicateFilesImp(const std::string& scanRules) {
         if (rule.patterns.empty()) continue;
         if (!rule.places || rule.places->empty()) {
             RUX_LOGE("scanRules Incorrect format");
-            save(SpaceID_DBPath, preparation.pendingMembers);
+            save(SpaceID_DBPath, state.pendingMembers);
             continue;
         }
         const PatternList patterns(rule.patterns);
         for (const std::string& path : *rule.places) {
             if (getStopProp(kStopScan)) {
                 RUX_LOGD("stop.");
-                save(SpaceID_DBPath, preparation.pendingMembers);
+                save(SpaceID_DBPath, state.pendingMembers);
                 return;
             }
-            if (scanSpaceID(path, patterns, exceptions, preparation) != 0)
-                RUX_LOGE("scanSpaceID fail");
+            if (scanSpaceID(path, {patterns, exceptions}, state) != 0) RUX_LOGE("scanSpaceID fail");
         }
-        save(SpaceID_DBPath, preparation.pendingMembers);
+        save(SpaceID_DBPath, state.pendingMembers);
     }
 }
 

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -16,7 +17,7 @@ struct FileMD5Result;  // see tavo_f2fs_io.h, which is the device's own
 /// each other in the processor's vector unit. Runs on the calling thread and calls back from it:
 ///
 /// `next` gives the path of the next file, which stays valid until the file is done, and the
-/// caller's own number for it in `ticket`. Null: no further file now; when none is in hand, that
+/// caller's own pointer for it in `file`. Null: no further file now; when none is in hand, that
 /// ends the batch.
 ///
 /// `opened` is told the status of a file that is open, before anything of it is read. With false
@@ -28,12 +29,13 @@ struct FileMD5Result;  // see tavo_f2fs_io.h, which is the device's own
 /// `isAbandoned` is asked often; once true, the files in hand are done with ECANCELED and the batch
 /// ends.
 ///
-/// Memory: 128 KiB for each of at most 32 files in hand. May be called from many threads at once.
+/// At most `most` files are in hand at once, and no more than 32. Memory: 128 KiB for each of them,
+/// less for a short one. May be called from many threads at once.
 [[gnu::weak]] void computeFileMD5Batch(
-        void* caller, const char* (*next)(void* caller, uint64_t* ticket),
-        bool (*opened)(void* caller, uint64_t ticket, const struct stat* status),
-        void (*done)(void* caller, uint64_t ticket, const FileMD5Result* result),
-        bool (*isAbandoned)(void* caller), bool enableLog);
+        size_t most, const std::function<const char*(void** file)>& next,
+        const std::function<bool(void* file, const struct stat& status)>& opened,
+        const std::function<void(void* file, const FileMD5Result& result)>& done,
+        const std::function<bool()>& isAbandoned, bool enableLog);
 
 /// Has the library ask `unwanted`, from any thread, whether the caller no longer wants what it
 /// reads long files for: its call then ends with ECANCELED. Null: nobody is asked.

@@ -42,10 +42,10 @@ FileMD5Result computeFileMD5(const char* path, bool enableLog) {
 }
 
 // In one object file with the other form: a caller's weak reference alone would not bring it in.
-void computeFileMD5Batch(void* caller, const char* (*next)(void* caller, uint64_t* ticket),
-                         bool (*opened)(void* caller, uint64_t ticket, const struct stat* status),
-                         void (*done)(void* caller, uint64_t ticket, const FileMD5Result* result),
-                         bool (*isAbandoned)(void* caller), bool enableLog) {
+void computeFileMD5Batch(size_t most, const std::function<const char*(void** file)>& next,
+                         const std::function<bool(void* file, const struct stat& status)>& opened,
+                         const std::function<void(void* file, const FileMD5Result& result)>& done,
+                         const std::function<bool()>& isAbandoned, bool enableLog) {
     android::host::digestInLanes(android::host::md5Kernels(),
-                                 {caller, next, opened, done, isAbandoned, enableLog});
+                                 {most, next, opened, done, isAbandoned, enableLog});
 }

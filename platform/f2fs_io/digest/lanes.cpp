@@ -19,29 +19,34 @@ constexpr size_t kPiece = size_t{128} << 10;  // bytes a read
 constexpr off_t kLong = off_t{4} << 20;       // bytes of a file that is not to be held up by others
 constexpr size_t kLongPieces = 8;             // of a long file, for a few blocks of the others
 constexpr size_t kLengthBytes = 8;            // of the message's length, the last of its last block
-// A piece, what is left of the one before, and the padding. No multiple of a page: the same place
-// in all buffers then is not in the same line of the cache.
-constexpr size_t kBufferBytes = kPiece + 3 * kMd5BlockBytes;
+// Beside a piece in its buffer: what is left of the one before, and the padding. No multiple of a
+// page: the same place in all buffers then is not in the same line of the cache.
+constexpr size_t kBesidePiece = 3 * kMd5BlockBytes;
 
 /// A file in hand and the piece of it that waits to be digested.
 class Lane {
   public:
-    explicit Lane(unsigned char* buffer) : mBuffer(buffer) {}
+    Lane() = default;
 
     /// 0 or an errno.
-    int open(const char* path, uint64_t ticket) {
-        *this = Lane(mBuffer);
+    int open(const char* path, void* file) {
+        drop();
         mPath = path;
-        mTicket = ticket;
+        mFile = file;
         return mSource.open(path);
     }
+
     const struct stat& status() const { return mSource.status(); }
-    void drop() { *this = Lane(mBuffer); }
+    void drop() { *this = Lane(std::move(mBuffer), mCapacity); }
 
     /// Reads what can be had without waiting.
     void begin() {
+        if (mCapacity < wantedBytes()) {
+            mCapacity = wantedBytes();
+            mBuffer.reset(new unsigned char[mCapacity + kBesidePiece]);
+        }
         const size_t wanted = wantedBytes();
-        const ssize_t got = mSource.readAtOnce(mBuffer, wanted);
+        const ssize_t got = mSource.readAtOnce(mBuffer.get(), wanted);
         if (got > 0) take(static_cast<size_t>(got), wanted);
     }
 
@@ -50,10 +55,10 @@ class Lane {
         while (mBlocks == 0) {
             // A file that outgrows the size it had has changed, and may go on growing for ever.
             if (mRead > static_cast<uint64_t>(mSource.size())) return EAGAIN;
-            memmove(mBuffer, mBuffer + mAt, mRest);
+            memmove(mBuffer.get(), mBuffer.get() + mAt, mRest);
             mAt = 0;
             const size_t wanted = wantedBytes();
-            const ssize_t got = mSource.read(mBuffer + mRest, wanted);
+            const ssize_t got = mSource.read(mBuffer.get() + mRest, wanted);
             if (got < 0) return errno;
             take(static_cast<size_t>(got), wanted);
         }
@@ -62,7 +67,7 @@ class Lane {
 
     /// The running digest.
     std::array<uint32_t, 4>& state() { return mState; }
-    const unsigned char* data() const { return mBuffer + mAt; }
+    const unsigned char* data() const { return mBuffer.get() + mAt; }
     size_t blocks() const { return mBlocks; }
     bool isLong() const { return mSource.size() > kLong; }
     void advance(size_t blocks) {
@@ -75,9 +80,12 @@ class Lane {
     int close() { return mSource.close(); }
 
     const char* path() const { return mPath; }
-    uint64_t ticket() const { return mTicket; }
+    void* file() const { return mFile; }
 
   private:
+    Lane(std::unique_ptr<unsigned char[]> buffer, size_t capacity)
+          : mBuffer(std::move(buffer)), mCapacity(capacity) {}
+
     /// One byte more than there should be: a read that brings less has met the end, and no further
     /// one is needed to see it.
     size_t wantedBytes() const {
@@ -99,17 +107,18 @@ class Lane {
     void pad() {
         const size_t end =
                 (mRest + kLengthBytes) / kMd5BlockBytes * kMd5BlockBytes + kMd5BlockBytes;
-        memset(mBuffer + mRest, 0, end - mRest);
+        memset(mBuffer.get() + mRest, 0, end - mRest);
         mBuffer[mRest] = 0x80;
         const uint64_t bits = mRead * 8;
-        memcpy(mBuffer + end - kLengthBytes, &bits, kLengthBytes);
+        memcpy(mBuffer.get() + end - kLengthBytes, &bits, kLengthBytes);
         mRest = end;
     }
 
     DigestSource mSource;
-    unsigned char* mBuffer;
+    std::unique_ptr<unsigned char[]> mBuffer;  // the lane's, for one file after the other
+    size_t mCapacity = 0;                      // of a piece in it
     const char* mPath = nullptr;
-    uint64_t mTicket = 0;
+    void* mFile = nullptr;
     std::array<uint32_t, 4> mState = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476};
     uint64_t mRead = 0;  // bytes of the file so far
     size_t mAt = 0;      // where the next block starts
@@ -122,16 +131,10 @@ class Lane {
 class Batch {
   public:
     Batch(const Md5Kernels& kernels, const BatchCaller& caller)
-          : mKernels(kernels),
-            mCaller(caller),
-            mBuffers(new unsigned char[kernels.maxLanes() * kBufferBytes]) {
-        mLanes.reserve(kernels.maxLanes());
-        for (size_t i = 0; i < kernels.maxLanes(); ++i)
-            mLanes.emplace_back(mBuffers.get() + i * kBufferBytes);
-    }
+          : mKernels(kernels), mCaller(caller), mLanes(std::min(caller.most, kernels.maxLanes())) {}
 
     void run() {
-        while (!mCaller.isAbandoned(mCaller.caller)) {
+        while (!mCaller.isAbandoned()) {
             takeFiles();
             if (mActive == 0) return;
             if (fill(isAny)) advance();
@@ -142,13 +145,13 @@ class Batch {
   private:
     void takeFiles() {
         while (mActive < mLanes.size()) {
-            uint64_t ticket = 0;
-            const char* path = mCaller.next(mCaller.caller, &ticket);
+            void* file = nullptr;
+            const char* path = mCaller.next(&file);
             if (path == nullptr) return;
             const size_t lane = mActive++;
-            if (const int error = mLanes[lane].open(path, ticket); error != 0) {
+            if (const int error = mLanes[lane].open(path, file); error != 0) {
                 finish(lane, error);
-            } else if (!mCaller.opened(mCaller.caller, ticket, &mLanes[lane].status())) {
+            } else if (!mCaller.opened(file, mLanes[lane].status())) {
                 mLanes[lane].drop();
                 --mActive;
             } else {
@@ -222,13 +225,12 @@ class Batch {
             writeHex(digest.data(), sizeof(digest), result.md5);
         }
         logTool(mCaller.enableLog, "computeFileMD5", mLanes[lane].path(), error);
-        mCaller.done(mCaller.caller, mLanes[lane].ticket(), &result);
+        mCaller.done(mLanes[lane].file(), result);
         std::swap(mLanes[lane], mLanes[--mActive]);
     }
 
     const Md5Kernels& mKernels;
     const BatchCaller& mCaller;
-    std::unique_ptr<unsigned char[]> mBuffers;
     std::vector<Lane> mLanes;
     size_t mActive = 0;
 };

@@ -3,7 +3,7 @@
 
 #include <sys/stat.h>
 
-#include <cstdint>
+#include <functional>
 
 #include "f2fs_io/digest/kernel.h"
 #include "tavo_f2fs_io.h"
@@ -12,11 +12,11 @@ namespace android::host {
 
 /// What `computeFileMD5Batch` is called with.
 struct BatchCaller {
-    void* caller;
-    const char* (*next)(void* caller, uint64_t* ticket);
-    bool (*opened)(void* caller, uint64_t ticket, const struct stat* status);
-    void (*done)(void* caller, uint64_t ticket, const FileMD5Result* result);
-    bool (*isAbandoned)(void* caller);
+    size_t most;
+    const std::function<const char*(void** file)>& next;
+    const std::function<bool(void* file, const struct stat& status)>& opened;
+    const std::function<void(void* file, const FileMD5Result& result)>& done;
+    const std::function<bool()>& isAbandoned;
     bool enableLog;
 };
 

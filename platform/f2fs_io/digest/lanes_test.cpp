@@ -43,7 +43,23 @@ class Files {
     explicit Files(std::vector<std::string> paths) : mPaths(std::move(paths)) {}
 
     void digest(const Md5Kernels& kernels) {
-        digestInLanes(kernels, {this, next, opened, done, isAbandoned, false});
+        const auto next = [this](void** file) {
+            if (mNext == mPaths.size()) return static_cast<const char*>(nullptr);
+            *file = &mPaths[mNext];
+            return mPaths[mNext++].c_str();
+        };
+        const auto opened = [](void* file, const struct stat& status) {
+            const std::string& path = *static_cast<std::string*>(file);
+            EXPECT_EQ(status.st_ino, rux::test::statusOf(path).st_ino);
+            return true;
+        };
+        const auto done = [this](void* file, const FileMD5Result& result) {
+            const std::string& path = *static_cast<std::string*>(file);
+            EXPECT_TRUE(results.emplace(path, result).second) << "done twice";
+            order.push_back(path);
+        };
+        digestInLanes(kernels, {kMaxMd5Lanes, next, opened, done,
+                                [this] { return onTurn(mTurns++); }, false});
     }
 
     std::map<std::string, FileMD5Result> results;
@@ -51,27 +67,6 @@ class Files {
     std::function<bool(int)> onTurn = [](int /*turn*/) { return false; };
 
   private:
-    static const char* next(void* self, uint64_t* ticket) {
-        Files& files = *static_cast<Files*>(self);
-        if (files.mNext == files.mPaths.size()) return nullptr;
-        *ticket = files.mNext;
-        return files.mPaths[files.mNext++].c_str();
-    }
-    static bool opened(void* self, uint64_t ticket, const struct stat* status) {
-        Files& files = *static_cast<Files*>(self);
-        EXPECT_EQ(status->st_ino, rux::test::statusOf(files.mPaths[ticket]).st_ino);
-        return true;
-    }
-    static void done(void* self, uint64_t ticket, const FileMD5Result* result) {
-        Files& files = *static_cast<Files*>(self);
-        EXPECT_TRUE(files.results.emplace(files.mPaths[ticket], *result).second) << "done twice";
-        files.order.push_back(files.mPaths[ticket]);
-    }
-    static bool isAbandoned(void* self) {
-        Files& files = *static_cast<Files*>(self);
-        return files.onTurn(files.mTurns++);
-    }
-
     std::vector<std::string> mPaths;
     size_t mNext = 0;
     int mTurns = 0;

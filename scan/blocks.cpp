@@ -1,0 +1,178 @@
+#include "scan/blocks.h"
+
+#include <algorithm>
+#include <deque>
+#include <iterator>
+#include <new>
+#include <utility>
+
+#include "control/properties.h"
+#include "db/images.h"
+#include "platform/include/tavo_f2fs_io_extensions.h"
+
+namespace rux {
+namespace {
+
+constexpr size_t kMost = 8192;  // entries of a block
+constexpr int64_t kMaxBytes = int64_t{512} << 20;
+constexpr size_t kRun =
+        32;  // entries of which only the status is read, and that are taken together
+
+bool needsDigest(const Item& item) {
+    return item.digest != nullptr;
+}
+
+void readStatus(Item& item) {
+    if (!item.entry.needsStatus()) return;
+    const bool isThere = stat(item.entry.path.c_str(), &item.status) == 0;
+    item.entry.kind = isThere ? kindOf(item.status) : Entry::Kind::Unreadable;
+}
+
+}  // namespace
+
+Blocks::Blocks(EntryStream& stream, DigestCache& cache, const Selection& selection)
+      : mStream(stream),
+        mCache(cache),
+        mSelection(selection),
+        mMayBeFinished(!fileInfoDB->empty()) {}
+
+const Item* Blocks::next() {
+    while (mTurn == mBlock.size()) {
+        if (!advance()) return nullptr;
+    }
+    return &mBlock[mTurn++];
+}
+
+/// Gives the block that is read its turn and begins to read the one behind it. False at the end of
+/// the walk.
+bool Blocks::advance() {
+    if (mListed.empty()) mListed = list();
+    Block rest;
+    mBlock = finishReading(rest);
+    mTurn = 0;
+    Block& next = rest.empty() ? mListed : rest;
+    if (next.empty()) return !mBlock.empty();
+    mReader.emplace(std::exchange(next, {}), mCache);
+    return true;
+}
+
+Block Blocks::finishReading(Block& rest) {
+    Block read;
+    if (mReader) read = mReader->finish(rest);
+    mReader.reset();
+    return read;
+}
+
+/// The next entries, and what their files need.
+Block Blocks::list() {
+    Block block;
+    while (block.size() < mMost) {
+        std::optional<Entry> entry = mStream.next();
+        if (!entry) break;
+        Item& item = block.emplace_back();
+        item.entry = std::move(*entry);
+        if (!item.entry.needsStatus()) continue;
+        item.judgement = judge(item.entry.path, item.entry.realPath, mSelection, mMayBeFinished);
+        if (item.judgement.need == Need::Digest) item.digest = notComputed();
+    }
+    mMost = std::min(2 * mMost, kMost);
+    return block;
+}
+
+void Blocks::leaveDirectory() {
+    const size_t depth = mBlock[mTurn - 1].entry.depth;
+    std::deque<Entry> ahead;
+    const auto putBack = [&](Block block, size_t from) {
+        for (size_t i = from; i < block.size(); ++i) ahead.push_back(std::move(block[i].entry));
+    };
+    Block rest;
+    putBack(std::exchange(mBlock, {}), std::exchange(mTurn, 0));
+    putBack(finishReading(rest), 0);
+    putBack(std::move(rest), 0);
+    putBack(std::exchange(mListed, {}), 0);
+    mStream.leaveDirectory(depth, std::move(ahead));
+}
+
+BlockReader::BlockReader(Block block, DigestCache& cache)
+      : mBlock(std::move(block)),
+        mCache(cache),
+        mMostInHand(1 + std::count_if(mBlock.begin(), mBlock.end(), needsDigest) / processors()),
+        mWork([this] { readShare(); }) {}
+
+Block BlockReader::finish(Block& rest) {
+    mWork.finish();
+    if (mTaken == 0) readStatus(mBlock[mTaken++]);
+    const auto end = mBlock.begin() + static_cast<ptrdiff_t>(mTaken);
+    rest.assign(std::make_move_iterator(end), std::make_move_iterator(mBlock.end()));
+    mBlock.erase(end, mBlock.end());
+    return std::move(mBlock);
+}
+
+/// What one of the threads does.
+void BlockReader::readShare() {
+    const auto next = [this](void** file) -> const char* {
+        Item* const item = nextFile();
+        *file = item;
+        return item != nullptr ? item->entry.path.c_str() : nullptr;
+    };
+    const auto opened = [this](void* file, const struct stat& status) {
+        return begin(*static_cast<Item*>(file), status);
+    };
+    const auto done = [this](void* file, const FileMD5Result& result) {
+        end(*static_cast<Item*>(file), result);
+    };
+    const auto isAbandoned = [] { return getStopProp(kStopScan); };
+    try {
+        if (computeFileMD5Batch != nullptr) {
+            computeFileMD5Batch(mMostInHand, next, opened, done, isAbandoned, toolLogEnabled);
+            return;
+        }
+        void* file = nullptr;
+        const char* path = nullptr;
+        while (!isAbandoned() && (path = next(&file)) != nullptr) {
+            struct stat status = {};
+            if (stat(path, &status) == 0 && !opened(file, status)) continue;
+            done(file, computeFileMD5(path, toolLogEnabled));
+        }
+    } catch (const std::bad_alloc&) {  // what was in hand is computed in its turn, one by one
+    }
+}
+
+/// The next file whose digest may be needed. Of the entries before it the status is read.
+Item* BlockReader::nextFile() {
+    while (Item* const item = take()) {
+        // What is no file with content is not opened: that might have an effect.
+        if (!needsDigest(*item) || item->entry.kind != Entry::Kind::Regular) readStatus(*item);
+        const bool isFile = item->entry.needsStatus() || item->entry.kind == Entry::Kind::File;
+        if (needsDigest(*item) && isFile) return item;
+    }
+    return nullptr;
+}
+
+Item* BlockReader::take() {
+    const std::lock_guard lock(mMutex);
+    return mBytes < kMaxBytes && mTaken < mBlock.size() ? &mBlock[mTaken++] : nullptr;
+}
+
+/// Whether the digest of a file with that status has to be computed.
+bool BlockReader::begin(Item& item, const struct stat& status) {
+    item.status = status;
+    item.entry.kind = kindOf(status);
+    if (item.entry.kind != Entry::Kind::File) return false;
+    const std::lock_guard lock(mMutex);
+    const SharedDigest digest = mCache.findOrAdd(status, item.digest);
+    const bool isOwn = digest == item.digest;
+    if (isOwn) mBytes += status.st_size;
+    item.digest = digest;
+    return isOwn;
+}
+
+void BlockReader::end(Item& item, const FileMD5Result& result) {
+    readStatus(item);  // of one that could not be opened
+    *item.digest = result;
+    if (result.code == 0) return;
+    const std::lock_guard lock(mMutex);
+    mCache.remove(item.status);
+}
+
+}  // namespace rux

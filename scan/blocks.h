@@ -1,0 +1,84 @@
+/// The entries of a walk, prepared block by block.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "control/parallel.h"
+#include "scan/digest_cache.h"
+#include "scan/entry_stream.h"
+#include "scan/fingerprint.h"
+
+namespace rux {
+
+/// An entry and what has been found out about it.
+struct Item {
+    Entry entry;
+    Judgement judgement;
+    struct stat status = {};  // of what is no directory; of a file, from before its digest
+    SharedDigest digest;      // of a path that needs one
+};
+using Block = std::vector<Item>;
+
+/// Reads the status of a block's entries, and the digests of those files that need one, in their
+/// order. It begins with no further entry when the files have 512 MiB, which bounds what a stop
+/// makes undone, nor once the scan's stop property is set; digests under way then end with
+/// ECANCELED.
+class BlockReader {
+  public:
+    /// Begins in other threads.
+    BlockReader(Block block, DigestCache& cache);
+
+    /// Takes part, and returns when nobody reads any more: the entries that have been read, at
+    /// least the first. The others are left in `rest`.
+    Block finish(Block& rest);
+
+  private:
+    void readShare();
+    Item* nextFile();
+    Item* take();
+    bool begin(Item& item, const struct stat& status);
+    void end(Item& item, const FileMD5Result& result);
+
+    Block mBlock;
+    DigestCache& mCache;
+    const size_t mMostInHand;  // digests, of one thread: of few files each takes its share
+    std::mutex mMutex;         // for the cache and what follows
+    size_t mTaken = 0;         // entries
+    int64_t mBytes = 0;        // of the files whose digests were begun
+    SharedWork mWork;
+};
+
+/// Lists the entries of a walk and judges them. While those of one block have their turn, the next
+/// block is read. Nothing of this can be observed.
+class Blocks {
+  public:
+    Blocks(EntryStream& stream, DigestCache& cache, const Selection& selection);
+
+    /// The entry whose turn it is, until the next call; null at the end of the walk.
+    const Item* next();
+
+    /// Leaves out what is left of the directory of the entry whose turn it is.
+    void leaveDirectory();
+
+  private:
+    bool advance();
+    Block finishReading(Block& rest);
+    Block list();
+
+    EntryStream& mStream;
+    DigestCache& mCache;
+    const Selection& mSelection;
+    const bool mMayBeFinished;  // there were records before this walk, which meets each path once
+    Block mBlock;               // that has its turn
+    size_t mTurn = 0;           // the entry that is next in it
+    std::optional<BlockReader> mReader;  // of the block behind it
+    Block mListed;                       // the one behind that
+    size_t mMost = 1024;  // entries of the next; the first are read before any has its turn
+};
+
+}  // namespace rux
