@@ -2,18 +2,16 @@
 
 include(GNUInstallDirs)
 
-# Manual pages and completion come from the client's own description of its command line.
+# What the client's manual page says of subcommands comes from its own description of them.
 set(GENERATED ${CMAKE_CURRENT_BINARY_DIR}/generated)
 file(MAKE_DIRECTORY ${GENERATED})
-foreach(page "ruxctl.1:manual ruxctl" "rux.8:manual rux" "ruxctl.bash:completion bash"
-             "_ruxctl:completion zsh")
-    string(REGEX MATCH "^([^:]*):(.*)$" match ${page})
-    set(file ${GENERATED}/${CMAKE_MATCH_1})
-    separate_arguments(arguments UNIX_COMMAND ${CMAKE_MATCH_2})
-    add_custom_command(OUTPUT ${file} COMMAND ruxctl ${arguments} > ${file} DEPENDS ruxctl)
-    list(APPEND pages ${file})
-endforeach()
-add_custom_target(pages ALL DEPENDS ${pages})
+add_custom_command(
+    OUTPUT ${GENERATED}/ruxctl.1
+    COMMAND ruxctl manual > ${GENERATED}/commands
+    COMMAND sed -e "/@COMMANDS@/r ${GENERATED}/commands" -e "/@COMMANDS@/d"
+            ${CMAKE_CURRENT_SOURCE_DIR}/packaging/ruxctl.1.in > ${GENERATED}/ruxctl.1
+    DEPENDS ruxctl packaging/ruxctl.1.in VERBATIM)
+add_custom_target(pages ALL DEPENDS ${GENERATED}/ruxctl.1)
 
 set(RUX_STATE_ROOT ${RUX_DEFAULT_ROOT})
 if(NOT RUX_STATE_ROOT)
@@ -26,10 +24,10 @@ endforeach()
 
 install(TARGETS rux ruxctl)
 install(FILES ${GENERATED}/ruxctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-install(FILES ${GENERATED}/rux.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
-install(FILES ${GENERATED}/ruxctl.bash RENAME ruxctl
+install(FILES packaging/rux.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(FILES packaging/ruxctl.bash RENAME ruxctl
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
-install(FILES ${GENERATED}/_ruxctl DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
+install(FILES packaging/_ruxctl DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
 install(FILES ${units} packaging/rux-dedupe@.timer DESTINATION lib/systemd/system)
 install(FILES packaging/rux.sysusers RENAME rux.conf DESTINATION lib/sysusers.d)
 install(FILES README.md LICENSE packaging/containers.rules docs/safety.md docs/decisions.md DESTINATION ${CMAKE_INSTALL_DOCDIR})

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <string>
 
 #include "binder/IServiceManager.h"
@@ -16,22 +17,15 @@ using android::status_t;
 
 /// The platform's own codes by name, errno-based ones in the system's words.
 std::string statusText(status_t status) {
-    switch (status) {
-        case android::UNKNOWN_ERROR:
-            return "unknown error";
-        case android::BAD_TYPE:
-            return "the request is not for this interface";
-        case android::FAILED_TRANSACTION:
-            return "the request or the reply is too large";
-        case android::UNEXPECTED_NULL:
-            return "unexpected null";
-        case android::DEAD_OBJECT:
-            return "the service died or closed the connection";
-        case android::UNKNOWN_TRANSACTION:
-            return "the service does not know this code";
-        default:
-            return status < 0 && status > INT32_MIN + 16 ? strerror(-status) : "unknown status";
-    }
+    static const std::map<status_t, const char*> kTexts =
+            {{android::UNKNOWN_ERROR, "unknown error"},
+             {android::BAD_TYPE, "the request is not for this interface"},
+             {android::FAILED_TRANSACTION, "the request or the reply is too large"},
+             {android::UNEXPECTED_NULL, "unexpected null"},
+             {android::DEAD_OBJECT, "the service died or closed the connection"},
+             {android::UNKNOWN_TRANSACTION, "the service does not know this code"}};
+    if (const auto found = kTexts.find(status); found != kTexts.end()) return found->second;
+    return status < 0 && status > INT32_MIN + 16 ? strerror(-status) : "unknown status";
 }
 
 }  // namespace
@@ -58,35 +52,31 @@ void Client::send(uint32_t code, const Parcel& parcel, Answer* answer) const {
     answer->status = mService->transact(code, parcel, &answer->reply);
 }
 
-std::optional<Failure> failureOf(const Answer& answer) {
+void requireSuccess(const Answer& answer) {
     if (answer.status != OK) {
-        return Failure{kFailed, "status " + std::to_string(answer.status) + ": " +
-                                        statusText(answer.status)};
+        throw Failure("status " + std::to_string(answer.status) + ": " + statusText(answer.status));
     }
     android::binder::Status status;
     answer.reply.setDataPosition(0);
-    if (status.readFromParcel(answer.reply) != OK)
-        return Failure{kFailed, "the reply is cut short"};
-    if (status.isOk()) return std::nullopt;
-    return Failure{kFailed, "exception " + std::to_string(status.exceptionCode()) +
-                                    (status.exceptionMessage().size() == 0 ? "" : ": ") +
-                                    status.exceptionMessage().c_str()};
+    if (status.readFromParcel(answer.reply) != OK) throw Failure("the reply is cut short");
+    if (status.isOk()) return;
+    throw Failure("exception " + std::to_string(status.exceptionCode()) +
+                  (status.exceptionMessage().size() == 0 ? "" : ": ") +
+                  status.exceptionMessage().c_str());
 }
 
-std::optional<Failure> Client::call(uint32_t code, const std::optional<std::string>& argument,
-                                    std::string* text, int64_t* number) const {
+void Client::call(uint32_t code, const std::optional<std::string>& argument, std::string* text,
+                  int64_t* number) const {
     Parcel parcel;
     parcel.writeInterfaceToken(android::String16("tavo.rux.IRux"));
-    if (argument && parcel.writeUtf8AsUtf16(*argument) != OK) {
-        return Failure{kUsage, "the request is not valid UTF-8"};
-    }
+    if (argument && parcel.writeUtf8AsUtf16(*argument) != OK)
+        throw Failure("the request is not valid UTF-8", kUsage);
     Answer answer;
     send(code, parcel, &answer);
-    if (auto failure = failureOf(answer); failure) return failure;
+    requireSuccess(answer);
     const bool complete = (text == nullptr || answer.reply.readUtf8FromUtf16(text) == OK) &&
                           (number == nullptr || answer.reply.readInt64(number) == OK);
-    if (!complete) return Failure{kFailed, "the reply is cut short"};
-    return std::nullopt;
+    if (!complete) throw Failure("the reply is cut short");
 }
 
 }  // namespace ruxctl

@@ -3,8 +3,8 @@
 
 #include <cstdint>
 #include <optional>
+#include <stdexcept>
 #include <string>
-#include <vector>
 
 #include "binder/IBinder.h"
 #include "binder/Parcel.h"
@@ -38,10 +38,11 @@ struct Answer {
     android::Parcel reply;
 };
 
-/// What went wrong with a call, in words; `exit` is the program's exit status for it.
-struct Failure {
-    Exit exit = kFailed;
-    std::string message;
+/// What went wrong, in words, and the program's exit status for it.
+struct Failure : std::runtime_error {
+    explicit Failure(const std::string& message, Exit exitStatus = kFailed)
+          : std::runtime_error(message), exit(exitStatus) {}
+    Exit exit;
 };
 
 class Client {
@@ -61,9 +62,9 @@ class Client {
     void send(uint32_t code, const android::Parcel& parcel, Answer* answer) const;
 
     /// Calls a method with its argument. Fills `text` or `number` when the method has such a
-    /// result. Nothing when all went well.
-    std::optional<Failure> call(uint32_t code, const std::optional<std::string>& argument,
-                                std::string* text = nullptr, int64_t* number = nullptr) const;
+    /// result. Throws a Failure.
+    void call(uint32_t code, const std::optional<std::string>& argument,
+              std::string* text = nullptr, int64_t* number = nullptr) const;
 
   private:
     explicit Client(android::sp<android::IBinder> service) : mService(std::move(service)) {}
@@ -74,8 +75,9 @@ class Client {
     android::sp<android::IBinder> mService;
 };
 
-/// Why an answer is not a success: a status or an exception. Leaves the reply behind its status.
-std::optional<Failure> failureOf(const Answer& answer);
+/// Throws a Failure for an answer that is not a success: a status or an exception. Leaves the reply
+/// behind its status.
+void requireSuccess(const Answer& answer);
 
 /// Whether `call` with this code brings a text, or a number.
 constexpr bool answersText(uint32_t code) {

@@ -20,12 +20,9 @@ namespace {
 constexpr size_t kShown = 3;  // of the largest groups, and of exceptions
 
 void printSkipped(const std::vector<Group>& groups) {
-    for (const Group& group : groups) {
-        for (const Member& member : group.members) {
-            if (member.step != Step::Skip) continue;
-            std::cout << inked(Ink::Warning, "skip") << "  " << shown(member.path) << ": "
-                      << member.reason << "\n";
-        }
+    for (const Member* member : membersWith(groups, Step::Skip)) {
+        std::cout << inked(Ink::Warning, "skip") << "  " << shown(member->path) << ": "
+                  << member->reason << "\n";
     }
 }
 
@@ -42,20 +39,7 @@ void printPlan(const std::vector<Group>& groups) {
     printSkipped(groups);
 }
 
-/// The names that would be linked although scans are to leave them alone.
-std::vector<std::string> exceptions(const std::vector<Group>& groups) {
-    const PathPatterns rules(exceptionRules());
-    std::vector<std::string> paths;
-    for (const Group& group : groups) {
-        for (const Member& member : group.members) {
-            if (member.step == Step::Link && rules.match(member.path)) paths.push_back(member.path);
-        }
-    }
-    return paths;
-}
-
-/// Says what the question is about.
-void describe(std::vector<Group> groups, const std::vector<std::string>& spaceIds) {
+void describeLargest(std::vector<Group> groups) {
     std::stable_sort(groups.begin(), groups.end(),
                      [](const Group& a, const Group& b) { return a.reclaimable > b.reclaimable; });
     for (size_t i = 0; i < std::min(groups.size(), kShown) && groups[i].reclaimable > 0; ++i) {
@@ -64,18 +48,31 @@ void describe(std::vector<Group> groups, const std::vector<std::string>& spaceId
                   << counted(group.count(Step::Link), "copy", "copies") << " of "
                   << shown(group.kept()->path, STDERR_FILENO) << "\n";
     }
-    const std::vector<std::string> excepted = exceptions(groups);
+}
+
+/// Names that would be linked although scans are to leave them alone.
+void describeExceptions(const std::vector<Group>& groups) {
+    const PathPatterns rules(exceptionRules(), false);
+    std::vector<const Member*> excepted = membersWith(groups, Step::Link);
+    std::erase_if(excepted, [&](const Member* member) { return !rules.match(member->path); });
+    if (excepted.empty()) return;
     for (size_t i = 0; i < std::min(excepted.size(), kShown); ++i)
-        std::cerr << "  " << shown(excepted[i], STDERR_FILENO) << " matches an exception\n";
-    if (!excepted.empty()) {
-        std::cerr << counted(static_cast<int64_t>(excepted.size()), "file")
-                  << " in all, recorded before the exception was set; a scan with --fresh leaves "
-                     "such files out\n";
-    }
-    if (const int64_t skipped = count(groups, Step::Skip); skipped > 0) {
+        std::cerr << "  " << shown(excepted[i]->path, STDERR_FILENO) << " matches an exception\n";
+    std::cerr << counted(static_cast<int64_t>(excepted.size()), "file")
+              << " in all, recorded before the exception was set; a scan with --fresh leaves "
+                 "such files out\n";
+}
+
+/// Says what the question is about.
+void describe(const std::vector<Group>& groups, const CompressOptions& options) {
+    describeLargest(groups);
+    describeExceptions(groups);
+    if (const int64_t skipped = count(groups, Step::Skip); skipped > 0)
         std::cerr << counted(skipped, "file") << " will be left alone; --dry-run says why\n";
-    }
-    sayWhatIsSetAside(spaceIds);
+    sayWhatIsSetAside(options.spaceIds);
+    if (options.yes) return;
+    std::cerr << "Linked files are one file: what is written to one in place, and a change of its "
+                 "owner or mode,\nis there under all of its names.\n";
 }
 
 /// How far a compression of `expected` links is.
@@ -85,8 +82,7 @@ std::string progressText(int64_t expected, double seconds) {
                     [](int64_t links) { return grouped(links); });
 }
 
-Json::Value valueOf(const CompressOptions& options, const std::vector<Group>& groups,
-                    int64_t bytes) {
+void printJson(const CompressOptions& options, const std::vector<Group>& groups, int64_t bytes) {
     Json::Value value(Json::objectValue);
     value["spaces"] = Json::Value(Json::arrayValue);
     for (const std::string& spaceId : options.spaceIds) value["spaces"].append(spaceId);
@@ -94,91 +90,77 @@ Json::Value valueOf(const CompressOptions& options, const std::vector<Group>& gr
     value["freed_bytes"] = static_cast<Json::Int64>(bytes);
     value["dry_run"] = options.dryRun;
     value["skipped"] = Json::Value(Json::arrayValue);
-    for (const Group& group : groups) {
-        for (const Member& member : group.members) {
-            if (member.step != Step::Skip) continue;
-            Json::Value skipped(Json::objectValue);
-            skipped["path"] = member.path;
-            skipped["reason"] = member.reason;
-            value["skipped"].append(std::move(skipped));
-        }
+    for (const Member* member : membersWith(groups, Step::Skip)) {
+        Json::Value& skipped = value["skipped"].append(Json::Value(Json::objectValue));
+        skipped["path"] = member->path;
+        skipped["reason"] = member->reason;
     }
-    return value;
+    std::cout << Json::FastWriter().write(value);
 }
 
-std::string undoOf(const std::vector<std::string>& spaceIds) {
-    std::string text;
-    for (const std::string& spaceId : spaceIds)
-        text += (text.empty() ? "" : ", ") + ("ruxctl restore --space " + spaceId);
-    return text;
+std::string summaryOf(const std::vector<Group>& groups) {
+    const int64_t links = count(groups, Step::Link);
+    return counted(links, "file") + " can become " + (links == 1 ? "a link" : "links") +
+           ", giving back " + humanBytes(reclaimable(groups));
+}
+
+/// For a dry run, and where there is nothing to do.
+void tellPlan(const CompressOptions& options, const std::vector<Group>& groups) {
+    if (options.json) return printJson(options, groups, reclaimable(groups));
+    if (options.dryRun) {
+        printPlan(groups);
+        std::cout << summaryOf(groups) << "; nothing has been changed\n";
+    } else {
+        printSkipped(groups);
+        std::cout << "Nothing can be linked\n";
+    }
+    sayWhatIsSetAside(options.spaceIds);
+}
+
+Outcome link(const Client& client, const CompressOptions& options, int64_t links) {
+    StatusLine line;
+    return carryOut(client, kCompressOperation, arrayText(options.spaceIds), [&](double seconds) {
+        line.show(Interrupts::any() ? "Stopping after the link at hand"
+                                    : progressText(links, seconds));
+    });
+}
+
+/// Says what came of it, by another look at the files.
+int tell(const CompressOptions& options, std::vector<Group>& groups, const Outcome& outcome) {
+    const int64_t freed = checkLinks(groups);
+    const int64_t linked = count(groups, Step::Link);
+    if (options.json) {
+        printJson(options, groups, freed);
+    } else {
+        if (!outcome.stopped) printSkipped(groups);
+        std::cout << counted(linked, "file") << " linked in " << duration(outcome.seconds) << ", "
+                  << humanBytes(freed) << " given back\n";
+        for (size_t i = 0; linked > 0 && i < options.spaceIds.size(); ++i)
+            std::cout << (i == 0 ? "undo: " : ", ") << "ruxctl restore --space "
+                      << options.spaceIds[i];
+        if (linked > 0) std::cout << "\n";
+    }
+    if (!outcome.stopped) return kDone;
+    std::cerr << "ruxctl: stopped; what is linked stays linked, the same command goes on\n";
+    return kInterrupted;
 }
 
 }  // namespace
 
 int compress(const CompressOptions& options) {
     std::optional<Client> client;
-    if (!options.dryRun && !(client = Client::connect())) return noService();
-    for (const std::string& spaceId : options.spaceIds) {
-        if (!exists(spaceId)) return noSpace(spaceId);
-    }
+    if (!options.dryRun) client = service();
+    requireSpaces(options.spaceIds);
     std::vector<Group> groups = groupsOf(options.spaceIds, Which::ToCompress);
     const int64_t links = count(groups, Step::Link);
-    const int64_t bytes = reclaimable(groups);
-    const std::string summary = counted(links, "file") + " can become " +
-                                (links == 1 ? "a link" : "links") + ", giving back " +
-                                humanBytes(bytes);
-    if (options.json && (options.dryRun || links == 0)) {
-        std::cout << Json::FastWriter().write(valueOf(options, groups, bytes));
+    if (options.dryRun || links == 0) {
+        tellPlan(options, groups);
         return kDone;
     }
-    if (options.dryRun) {
-        printPlan(groups);
-        std::cout << summary << "; nothing has been changed\n";
-        sayWhatIsSetAside(options.spaceIds);
-        return kDone;
-    }
-    if (links == 0) {
-        printSkipped(groups);
-        std::cout << "Nothing can be linked\n";
-        sayWhatIsSetAside(options.spaceIds);
-        return kDone;
-    }
-    std::cerr << summary << "\n";
-    describe(groups, options.spaceIds);
-    if (!options.yes) {
-        std::cerr << "Linked files are one file: what is written to one in place, and a change of "
-                     "its owner or mode,\nis there under all of its names.\n";
-        const auto answer = confirmed("Link them?");
-        if (!answer) return nobodyToAsk();
-        if (!*answer) {
-            std::cerr << "Nothing has been changed\n";
-            return kDone;
-        }
-    }
-
-    StatusLine line;
-    const Outcome outcome =
-            carryOut(*client, kCompressOperation, arrayText(options.spaceIds), [&](double seconds) {
-                line.show(Interrupts::any() ? "Stopping after the link at hand"
-                                            : progressText(links, seconds));
-            });
-    line.clear();
-    if (outcome.failure) return fail(*outcome.failure);
-    const int64_t freed = checkLinks(groups);
-    if (options.json) {
-        std::cout << Json::FastWriter().write(valueOf(options, groups, freed));
-    } else {
-        if (!outcome.stopped) printSkipped(groups);
-        const int64_t linked = count(groups, Step::Link);
-        std::cout << counted(linked, "file") << " linked in " << duration(outcome.seconds) << ", "
-                  << humanBytes(freed) << " given back\n";
-        if (linked > 0) std::cout << "undo: " << undoOf(options.spaceIds) << "\n";
-    }
-    if (outcome.stopped) {
-        std::cerr << "ruxctl: stopped; what is linked stays linked, the same command goes on\n";
-        return kInterrupted;
-    }
-    return kDone;
+    std::cerr << summaryOf(groups) << "\n";
+    describe(groups, options);
+    if (!agreed("Link them?", options.yes)) return nothingChanged();
+    return tell(options, groups, link(*client, options, links));
 }
 
 }  // namespace ruxctl

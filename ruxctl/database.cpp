@@ -141,6 +141,11 @@ std::vector<std::string> recordedPaths(const std::string& spaceId) {
     return parsed(textsOf(spaceId, {kRecords}), kRecords, spaceId).getMemberNames();
 }
 
+int64_t numberOf(const Json::Value& object, const char* name) {
+    const Json::Value& number = object[name];
+    return number.isInt64() ? number.asInt64() : 0;
+}
+
 SpaceImages imagesOf(const std::string& spaceId, bool all) {
     const Texts texts = all ? textsOf(spaceId, {kRecords, kToCompress, kCompressed})
                             : textsOf(spaceId, {kCompressed});

@@ -34,6 +34,9 @@ int64_t setAsideCount(const std::string& spaceId);
 /// The paths that a space has records of.
 std::vector<std::string> recordedPaths(const std::string& spaceId);
 
+/// The number `name` of an object; 0 when there is none.
+int64_t numberOf(const Json::Value& object, const char* name);
+
 /// What a space knows of its files, each an object. Throws std::runtime_error for a database that
 /// cannot be read.
 struct SpaceImages {

@@ -13,12 +13,9 @@ namespace ruxctl {
 namespace {
 
 int setPatterns(const std::vector<std::string>& patterns) {
-    const auto client = Client::connect();
-    if (!client) return noService();
-    if (const auto failure = client->call(kSetExceptRules, arrayText(patterns)); failure)
-        return fail(*failure);
+    service().call(kSetExceptRules, arrayText(patterns));
     if (exceptionRules() != patterns)
-        return fail({kFailed, "the exceptions were not set; the service's log says why"});
+        throw Failure("the exceptions were not set; the service's log says why");
     std::cerr << counted(static_cast<int64_t>(patterns.size()), "exception")
               << " set; scans from now on leave matching files alone\n";
     return kDone;
@@ -36,14 +33,9 @@ void offerToForget(const PathPatterns& patterns) {
         std::cerr << counted(matching, "file") << " recorded in " << spaceId << " "
                   << (matching == 1 ? "matches" : "match")
                   << " and would still be linked, until a scan with --fresh\n";
-        const auto client = Client::connect();
-        if (!client || !confirmed("Forget the records of " + spaceId + "?").value_or(false))
-            continue;
-        if (const auto failure = startAfresh(*client, spaceId); failure) {
-            fail(*failure);
-        } else {
-            std::cerr << "Forgotten; links stay known. Now scan it again\n";
-        }
+        if (!confirmed("Forget the records of " + spaceId + "?").value_or(false)) continue;
+        startAfresh(service(), spaceId);
+        std::cerr << "Forgotten; links stay known. Now scan it again\n";
     }
 }
 
@@ -59,7 +51,6 @@ int showExceptRules() {
 
 int setExceptRules(std::vector<std::string> patterns, bool add) {
     const PathPatterns given(patterns);
-    if (given.problem()) return fail({kUsage, *given.problem()});
     if (add) {
         std::vector<std::string> all = exceptionRules();
         for (const std::string& pattern : patterns) {
@@ -67,7 +58,7 @@ int setExceptRules(std::vector<std::string> patterns, bool add) {
         }
         patterns = std::move(all);
     }
-    if (const int exit = setPatterns(patterns); exit != kDone) return exit;
+    setPatterns(patterns);
     offerToForget(given);
     return kDone;
 }
@@ -75,19 +66,18 @@ int setExceptRules(std::vector<std::string> patterns, bool add) {
 int removeExceptRules(const std::vector<std::string>& patterns) {
     std::vector<std::string> all = exceptionRules();
     for (const std::string& pattern : patterns) {
-        if (std::erase(all, pattern) == 0) return fail({kFailed, pattern + " is not set"});
+        if (std::erase(all, pattern) == 0) throw Failure(pattern + " is not set");
     }
     if (all.empty()) {
-        return fail({kFailed,
-                     "the service takes no empty list; `ruxctl except set '(?!)'` sets a "
-                     "pattern that matches nothing"});
+        throw Failure(
+                "the service takes no empty list; `ruxctl except set '(?!)'` sets a pattern "
+                "that matches nothing");
     }
     return setPatterns(all);
 }
 
 int checkExceptRule(const std::string& pattern, const std::vector<std::string>& paths) {
     const PathPatterns patterns({pattern});
-    if (patterns.problem()) return fail({kUsage, *patterns.problem()});
     if (!paths.empty()) {
         for (const std::string& path : paths) {
             const std::string whole = absolutePath(path);

@@ -7,12 +7,10 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
-#include <numeric>
 #include <set>
 
 #include "f2fs_io/hard_link.h"
 #include "ruxctl/database.h"
-#include "ruxctl/json.h"
 
 namespace ruxctl {
 namespace {
@@ -65,27 +63,18 @@ void takeStock(Group& group) {
     group.files = static_cast<int64_t>(paths.size());
 }
 
-const char* reasonFor(int error) {
-    switch (error) {
-        case EBUSY:
-            return "open for writing";
-        case EBADE:
-            return "of another owner, group, mode or attribute";
-        case EACCES:
-            return "one of them lies in a directory that others cannot enter";
-        case EXDEV:
-            return "on another file system";
-        case EILSEQ:
-            return "of another content by now";
-        case ELOOP:
-            return "behind a symbolic link of somebody else's";
-        case EINVAL:
-            return "no regular file";
-        case EOPNOTSUPP:
-            return "in an overlay, or on a file system that cannot exchange files";
-        default:
-            return strerror(error);
-    }
+std::string reasonFor(int error) {
+    static const std::map<int, const char*> kReasons =
+            {{EBUSY, "open for writing"},
+             {EBADE, "of another owner, group, mode or attribute"},
+             {EACCES, "one of them lies in a directory that others cannot enter"},
+             {EXDEV, "on another file system"},
+             {EILSEQ, "of another content by now"},
+             {ELOOP, "behind a symbolic link of somebody else's"},
+             {EINVAL, "no regular file"},
+             {EOPNOTSUPP, "in an overlay, or on a file system that cannot exchange files"}};
+    const auto found = kReasons.find(error);
+    return found == kReasons.end() ? strerror(error) : found->second;
 }
 
 /// How many names each file has while they are moved from file to file.
@@ -156,10 +145,17 @@ void addGroups(const SpaceImages& images, bool compressed, Names& names,
     }
 }
 
-template <typename Number>
-int64_t sum(const std::vector<Group>& groups, const Number& number) {
-    return std::accumulate(groups.begin(), groups.end(), int64_t{0},
-                           [&](int64_t sum, const Group& group) { return sum + number(group); });
+/// The members that a restore gives data of their own: one for each name.
+std::vector<const Member*> restorable(const std::vector<Group>& groups) {
+    std::set<NameId> seen;
+    std::vector<const Member*> members;
+    for (const Group& group : groups) {
+        for (const Member& member : group.members) {
+            if (member.state != State::Gone && !member.isSymlink && seen.insert(member.name).second)
+                members.push_back(&member);
+        }
+    }
+    return members;
 }
 
 }  // namespace
@@ -198,11 +194,23 @@ std::vector<Group> groupsOf(const std::vector<std::string>& spaceIds, Which whic
 }
 
 int64_t reclaimable(const std::vector<Group>& groups) {
-    return sum(groups, [](const Group& group) { return group.reclaimable; });
+    int64_t bytes = 0;
+    for (const Group& group : groups) bytes += group.reclaimable;
+    return bytes;
 }
 
 int64_t count(const std::vector<Group>& groups, Step step) {
-    return sum(groups, [step](const Group& group) { return group.count(step); });
+    return static_cast<int64_t>(membersWith(groups, step).size());
+}
+
+std::vector<const Member*> membersWith(const std::vector<Group>& groups, Step step) {
+    std::vector<const Member*> members;
+    for (const Group& group : groups) {
+        for (const Member& member : group.members) {
+            if (member.step == step) members.push_back(&member);
+        }
+    }
+    return members;
 }
 
 int64_t checkLinks(std::vector<Group>& groups) {
@@ -229,38 +237,29 @@ int64_t checkLinks(std::vector<Group>& groups) {
     return freed;
 }
 
-int64_t takenUpByRestore(const std::vector<Group>& groups) {
+std::map<std::string, int64_t> takenUpByRestore(const std::vector<Group>& groups) {
     std::map<FileId, std::set<NameId>> names;
-    int64_t bytes = 0;
-    for (const Group& group : groups) {
-        for (const Member& member : group.members) {
-            // The last of its names keeps the file, unless it has others elsewhere.
-            if (member.state == State::Gone || member.isSymlink ||
-                !names[member.file].insert(member.name).second) {
-                continue;
-            }
-            if (static_cast<int64_t>(names[member.file].size()) < member.links)
-                bytes += member.allocated;
-        }
+    std::map<dev_t, std::string> paths;
+    std::map<std::string, int64_t> bytes;
+    for (const Member* member : restorable(groups)) {
+        const std::string& path = paths.try_emplace(member->file.first, member->path).first->second;
+        // The last of its names keeps the file, unless it has others elsewhere.
+        std::set<NameId>& known = names[member->file];
+        known.insert(member->name);
+        if (static_cast<int64_t>(known.size()) < member->links) bytes[path] += member->allocated;
     }
     return bytes;
 }
 
 int64_t checkRestored(const std::vector<Group>& groups, std::vector<std::string>* left) {
-    std::set<NameId> seen;
     int64_t bytes = 0;
-    for (const Group& group : groups) {
-        for (const Member& member : group.members) {
-            struct stat st = {};
-            if (member.state == State::Gone || member.isSymlink ||
-                !seen.insert(member.name).second || lstat(member.path.c_str(), &st) != 0) {
-                continue;
-            }
-            if (idOf(st) != member.file) {
-                bytes += int64_t{st.st_blocks} * 512;
-            } else if (st.st_nlink > 1) {
-                left->push_back(member.path);
-            }
+    for (const Member* member : restorable(groups)) {
+        struct stat st = {};
+        if (lstat(member->path.c_str(), &st) != 0) continue;
+        if (idOf(st) != member->file) {
+            bytes += int64_t{st.st_blocks} * 512;
+        } else if (st.st_nlink > 1) {
+            left->push_back(member->path);
         }
     }
     return bytes;

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -72,13 +73,16 @@ std::vector<Group> groupsOf(const std::vector<std::string>& spaceIds, Which whic
 /// Sums over groups.
 int64_t reclaimable(const std::vector<Group>& groups);
 int64_t count(const std::vector<Group>& groups, Step step);
+/// The members that linking would do that to.
+std::vector<const Member*> membersWith(const std::vector<Group>& groups, Step step);
 
 /// Looks again at what was to be linked, after it should have been: a Link that has not become one
 /// is a Skip now, with its reason. Returns the bytes of blocks that the others have given back.
 int64_t checkLinks(std::vector<Group>& groups);
 
-/// Bytes of blocks that are taken up when each path gets data of its own.
-int64_t takenUpByRestore(const std::vector<Group>& groups);
+/// Bytes of blocks that are taken up when each path gets data of its own, on each file system by
+/// one of its paths.
+std::map<std::string, int64_t> takenUpByRestore(const std::vector<Group>& groups);
 /// Looks again at what was to be restored. Returns the bytes of blocks that were taken up, and adds
 /// the paths that still share their data.
 int64_t checkRestored(const std::vector<Group>& groups, std::vector<std::string>* left);

@@ -14,6 +14,8 @@ namespace ruxctl {
 namespace {
 
 void printText(const Group& group) {
+    constexpr Ink kInks[] = {Ink::Bold, Ink::Good, Ink::Warning,
+                             Ink::Bad};  // in the order of states
     std::string heading = counted(group.files, "file") + " of " + humanBytes(group.fileBytes);
     if (group.reclaimable > 0) heading += ", " + humanBytes(group.reclaimable) + " to give back";
     if (group.given > 0) heading += ", " + humanBytes(group.given) + " given back";
@@ -22,11 +24,8 @@ void printText(const Group& group) {
     for (const Member& member : group.members) {
         std::string state = nameOf(member.state);
         state.resize(8, ' ');
-        Ink ink = Ink::Good;
-        if (member.state == State::There) ink = Ink::Bold;
-        if (member.state == State::Changed) ink = Ink::Warning;
-        if (member.state == State::Gone) ink = Ink::Bad;
-        std::cout << "  " << inked(ink, state) << " " << shown(member.path) << "\n";
+        std::cout << "  " << inked(kInks[static_cast<size_t>(member.state)], state) << " "
+                  << shown(member.path) << "\n";
     }
 }
 
@@ -50,12 +49,19 @@ Json::Value valueOf(const Group& group) {
 /// A field as RFC 4180 has it; lines end as those of other tools do.
 std::string quoted(const std::string& text) {
     if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
-    std::string field = "\"";
-    for (const char c : text) {
-        if (c == '"') field += '"';
-        field += c;
+    return '"' + replaced(text, {{'"', "\"\""}}) + '"';
+}
+
+void printJson(const std::vector<Group>& all) {
+    Json::Value value(Json::arrayValue);
+    for (const Group& group : all) value.append(valueOf(group));
+    std::cout << Json::FastWriter().write(value);
+}
+
+void printPaths(const std::vector<Group>& all) {
+    for (const Group& group : all) {
+        for (const Member& member : group.members) std::cout << member.path << '\0';
     }
-    return field + '"';
 }
 
 void printCsv(const std::vector<Group>& all) {
@@ -69,33 +75,33 @@ void printCsv(const std::vector<Group>& all) {
     }
 }
 
-}  // namespace
-
-int groups(const GroupsOptions& options) {
-    const std::vector<std::string> chosen = chosenSpaces(options.spaceIds);
-    for (const std::string& spaceId : chosen) {
-        if (!exists(spaceId)) return noSpace(spaceId);
-    }
-    std::vector<Group> all = groupsOf(chosen, Which::All);
+/// The groups that are asked for, in the order that is.
+std::vector<Group> wanted(const GroupsOptions& options, const std::vector<std::string>& spaceIds) {
+    std::vector<Group> all = groupsOf(spaceIds, Which::All);
     if (!options.all) std::erase_if(all, [](const Group& group) { return group.reclaimable == 0; });
     const bool bySize = options.sort == "size";
     std::stable_sort(all.begin(), all.end(), [bySize](const Group& a, const Group& b) {
         return bySize ? a.reclaimable > b.reclaimable : a.members.size() > b.members.size();
     });
     if (all.size() > options.top) all.resize(options.top);
+    return all;
+}
 
+}  // namespace
+
+int groups(const GroupsOptions& options) {
+    const std::vector<std::string> chosen = chosenSpaces(options.spaceIds);
+    requireSpaces(chosen);
+    const std::vector<Group> all = wanted(options, chosen);
     if (options.format == "csv") {
         printCsv(all);
     } else if (options.format == "json") {
-        Json::Value value(Json::arrayValue);
-        for (const Group& group : all) value.append(valueOf(group));
-        std::cout << Json::FastWriter().write(value);
+        printJson(all);
     } else if (options.format == "null") {
-        for (const Group& group : all) {
-            for (const Member& member : group.members) std::cout << member.path << '\0';
-        }
+        printPaths(all);
+    } else if (chosen.empty()) {
+        return nothingScanned();
     } else {
-        if (chosen.empty()) return nothingScanned();
         for (const Group& group : all) printText(group);
         if (all.empty())
             std::cerr << "No group has anything to give back; --all shows all groups\n";

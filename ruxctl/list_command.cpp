@@ -9,7 +9,7 @@
 #include "ruxctl/groups.h"
 #include "ruxctl/messages.h"
 #include "ruxctl/paths.h"
-#include "ruxctl/table.h"
+#include "ruxctl/terminal.h"
 #include "ruxctl/units.h"
 
 namespace ruxctl {
@@ -21,10 +21,10 @@ struct Sums {
     int64_t links = 0;
     int64_t bytes = 0;
 
-    void add(const Group& group) {
-        ++groups;
-        links += group.count(Step::Link);
-        bytes += group.reclaimable;
+    void add(const Sums& other) {
+        groups += other.groups;
+        links += other.links;
+        bytes += other.bytes;
     }
     Json::Value value() const {
         Json::Value value(Json::objectValue);
@@ -35,54 +35,69 @@ struct Sums {
     }
 };
 
+using SumsBySpace = std::map<std::string, Sums>;
+
+/// What linking would do in each space, by the groups with a path that matches.
+SumsBySpace sumsOf(const std::vector<std::string>& spaceIds, const PathPatterns& patterns) {
+    SumsBySpace bySpace;
+    for (const std::string& spaceId : spaceIds) bySpace[spaceId];
+    for (const Group& group : groupsOf(spaceIds, Which::ToCompress)) {
+        const bool matches =
+                std::any_of(group.members.begin(), group.members.end(),
+                            [&](const Member& member) { return patterns.match(member.path); });
+        const int64_t links = group.count(Step::Link);
+        if (matches && links > 0) bySpace[group.spaceId].add({1, links, group.reclaimable});
+    }
+    return bySpace;
+}
+
+Sums totalOf(const SumsBySpace& bySpace) {
+    Sums total;
+    for (const auto& [spaceId, sums] : bySpace) total.add(sums);
+    return total;
+}
+
+void printJson(const SumsBySpace& bySpace) {
+    Json::Value page(Json::objectValue);
+    page["spaces"] = Json::Value(Json::arrayValue);
+    for (const auto& [spaceId, sums] : bySpace) {
+        Json::Value value = sums.value();
+        value["space"] = spaceId;
+        page["spaces"].append(std::move(value));
+    }
+    page["total"] = totalOf(bySpace).value();
+    std::cout << Json::FastWriter().write(page);
+}
+
+void printText(const SumsBySpace& bySpace, bool exact) {
+    std::vector<std::vector<std::string>> rows = {{"SPACE", "GROUPS", "LINKS", "RECLAIMABLE"}};
+    const auto add = [&](const std::string& name, const Sums& sums) {
+        const auto number = [exact](int64_t value) {
+            return exact ? std::to_string(value) : grouped(value);
+        };
+        rows.push_back({name, number(sums.groups), number(sums.links),
+                        exact ? number(sums.bytes) : humanBytes(sums.bytes)});
+    };
+    for (const auto& [spaceId, sums] : bySpace) add(spaceId, sums);
+    if (bySpace.size() > 1) add("total", totalOf(bySpace));
+    printTable(rows);
+}
+
 }  // namespace
 
 int list(const ListOptions& options) {
-    const PathPatterns patterns(options.patterns);
-    if (patterns.problem()) return fail({kUsage, *patterns.problem()});
+    const PathPatterns patterns(options.patterns.empty() ? kAllPaths : options.patterns);
     const std::vector<std::string> chosen = chosenSpaces(options.spaceIds);
-    std::map<std::string, Sums> bySpace;
-    for (const std::string& spaceId : chosen) {
-        if (!exists(spaceId)) return noSpace(spaceId);
-        bySpace[spaceId];
-    }
-    Sums total;
-    for (const Group& group : groupsOf(chosen, Which::ToCompress)) {
-        const auto matches = [&](const Member& member) {
-            return options.patterns.empty() || patterns.match(member.path);
-        };
-        if (group.count(Step::Link) == 0 ||
-            std::none_of(group.members.begin(), group.members.end(), matches)) {
-            continue;
-        }
-        bySpace[group.spaceId].add(group);
-        total.add(group);
-    }
+    requireSpaces(chosen);
+    const SumsBySpace bySpace = sumsOf(chosen, patterns);
     if (options.json) {
-        Json::Value page(Json::objectValue);
-        page["spaces"] = Json::Value(Json::arrayValue);
-        for (const auto& [spaceId, sums] : bySpace) {
-            Json::Value value = sums.value();
-            value["space"] = spaceId;
-            page["spaces"].append(std::move(value));
-        }
-        page["total"] = total.value();
-        std::cout << Json::FastWriter().write(page);
-        return kDone;
+        printJson(bySpace);
+    } else if (bySpace.empty()) {
+        return nothingScanned();
+    } else {
+        printText(bySpace, options.bytes);
+        sayWhatIsSetAside(chosen);
     }
-    if (bySpace.empty()) return nothingScanned();
-    std::vector<std::vector<std::string>> rows = {{"SPACE", "GROUPS", "LINKS", "RECLAIMABLE"}};
-    const auto add = [&](const std::string& name, const Sums& sums) {
-        const auto number = [&](int64_t value) {
-            return options.bytes ? std::to_string(value) : grouped(value);
-        };
-        rows.push_back({name, number(sums.groups), number(sums.links),
-                        options.bytes ? number(sums.bytes) : humanBytes(sums.bytes)});
-    };
-    for (const auto& [spaceId, sums] : bySpace) add(spaceId, sums);
-    if (bySpace.size() > 1) add("total", total);
-    printTable(rows);
-    sayWhatIsSetAside(chosen);
     return kDone;
 }
 

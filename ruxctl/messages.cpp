@@ -11,6 +11,7 @@
 #include "root/run_dir.h"
 #include "ruxctl/database.h"
 #include "ruxctl/operation.h"
+#include "ruxctl/terminal.h"
 #include "ruxctl/units.h"
 
 namespace ruxctl {
@@ -22,50 +23,37 @@ Json::Value arrayOf(const std::vector<std::string>& strings) {
     return array;
 }
 
-Json::Value ruleOf(const SpaceQuery& query) {
-    Json::Value rule(Json::objectValue);
-    rule["sid"] = query.spaceId;
-    rule["regs"] = arrayOf(query.patterns);
-    rule["dirs"] = arrayOf(query.places);
-    return rule;
-}
-
 }  // namespace
 
-int fail(const Failure& failure) {
-    std::cout << std::flush;
-    std::cerr << "ruxctl: " << failure.message << "\n";
-    return failure.exit;
-}
-
-std::optional<Failure> rootProblem() {
-    for (const std::string& directory : {rux::databaseRoot(), android::host::runDirectory()}) {
-        if (access(directory.c_str(), R_OK | X_OK) == 0) continue;
-        if (errno == EACCES) {
-            return Failure{kNoService, directory + ": " + strerror(errno) +
-                                               "; this takes the service's rights"};
-        }
-        if (directory == rux::databaseRoot())
-            return Failure{kNoService, directory + ": " + strerror(errno) + "; make it"};
-    }
-    return std::nullopt;
-}
-
-int noService() {
-    if (const auto problem = rootProblem(); problem) return fail(*problem);
+Client service() {
+    if (auto client = Client::connect()) return *client;
+    requireRoot();
     const char* root = getenv("RUX_ROOT");
     const std::string where = root != nullptr && *root != '\0'
                                       ? std::string(" for RUX_ROOT=") + root
                                       : " (RUX_ROOT is not set)";
-    return fail({kNoService, "no service answers" + where +
-                                     "; start it with `rux &`, or `systemctl start rux` where it "
-                                     "is installed"});
+    throw Failure("no service answers" + where +
+                          "; start it with `rux &`, or `systemctl start rux` where it is installed",
+                  kNoService);
 }
 
-int noSpace(const std::string& spaceId) {
-    return fail({kFailed, "no space " + spaceId +
-                                  " has been scanned; scan one with `ruxctl scan --space " +
-                                  spaceId + " DIR`, see them all with `ruxctl status`"});
+void requireRoot() {
+    for (const std::string& directory : {rux::databaseRoot(), android::host::runDirectory()}) {
+        if (access(directory.c_str(), R_OK | X_OK) == 0) continue;
+        const std::string problem = directory + ": " + strerror(errno);
+        if (errno == EACCES)
+            throw Failure(problem + "; this takes the service's rights", kNoService);
+        if (directory == rux::databaseRoot()) throw Failure(problem + "; make it", kNoService);
+    }
+}
+
+void requireSpaces(const std::vector<std::string>& spaceIds) {
+    for (const std::string& spaceId : spaceIds) {
+        if (exists(spaceId)) continue;
+        throw Failure("no space " + spaceId +
+                      " has been scanned; scan one with `ruxctl scan --space " + spaceId +
+                      " DIR`, see them all with `ruxctl status`");
+    }
 }
 
 int nothingScanned() {
@@ -73,8 +61,17 @@ int nothingScanned() {
     return kDone;
 }
 
-int nobodyToAsk() {
-    return fail({kUsage, "there is no terminal to ask on; --yes answers the question"});
+bool agreed(const std::string& question, bool yes) {
+    if (yes) return true;
+    const auto answer = confirmed(question);
+    if (!answer)
+        throw Failure("there is no terminal to ask on; --yes answers the question", kUsage);
+    return *answer;
+}
+
+int nothingChanged() {
+    std::cerr << "Nothing has been changed\n";
+    return kDone;
 }
 
 void sayWhatIsSetAside(const std::vector<std::string>& spaceIds) {
@@ -95,7 +92,9 @@ std::string arrayText(const std::vector<std::string>& strings) {
 
 std::string ruleText(const SpaceQuery& query) {
     Json::Value request(Json::arrayValue);
-    request.append(ruleOf(query));
+    request[0]["sid"] = query.spaceId;
+    request[0]["regs"] = arrayOf(query.patterns);
+    request[0]["dirs"] = arrayOf(query.places);
     return Json::FastWriter().write(request);
 }
 
@@ -103,11 +102,10 @@ std::vector<std::string> chosenSpaces(const std::vector<std::string>& chosen) {
     return chosen.empty() ? spaceIds() : chosen;
 }
 
-std::optional<Failure> startAfresh(const Client& client, const std::string& spaceId) {
-    const Outcome settled = carryOut(client, kScanOperation, ruleText({spaceId, {".*"}, {}}));
-    if (settled.failure) return settled.failure;
-    if (forgetRecords(spaceId, false)) return std::nullopt;
-    return Failure{kFailed, "the records of " + spaceId + " cannot be removed: " + strerror(errno)};
+void startAfresh(const Client& client, const std::string& spaceId) {
+    carryOut(client, kScanOperation, ruleText({spaceId, {".*"}, {}}));
+    if (!forgetRecords(spaceId, false))
+        throw Failure("the records of " + spaceId + " cannot be removed: " + strerror(errno));
 }
 
 }  // namespace ruxctl

@@ -1,7 +1,6 @@
 /// What the subcommands have in common.
 #pragma once
 
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,15 +9,20 @@
 
 namespace ruxctl {
 
-/// Says what went wrong. Returns the exit status for it.
-int fail(const Failure& failure);
-int noService();
-/// Why the service's directories cannot be used: not there, or for others alone.
-std::optional<Failure> rootProblem();
-int noSpace(const std::string& spaceId);
-int nobodyToAsk();
-/// For a client that is to show spaces and finds none.
+/// The running service. Throws a Failure that says what to do when there is none.
+Client service();
+/// Throws a Failure when the service's directories cannot be used: not there, or for others alone.
+void requireRoot();
+/// Throws a Failure unless all of the spaces have been scanned.
+void requireSpaces(const std::vector<std::string>& spaceIds);
+/// Says that there is nothing to show yet.
 int nothingScanned();
+
+/// Whether the user answers the question with yes, or has done so by an option. Throws a Failure
+/// when there is nobody to ask.
+bool agreed(const std::string& question, bool yes);
+/// For a question that was answered with no.
+int nothingChanged();
 
 /// Says on standard error which spaces have files that no scan takes up again, and what to do.
 void sayWhatIsSetAside(const std::vector<std::string>& spaceIds);
@@ -28,8 +32,8 @@ std::string arrayText(const std::vector<std::string>& strings);
 std::string ruleText(const SpaceQuery& query);
 
 /// Has the service settle what it may have left unfinished in a space, then makes it forget what it
-/// has recorded there; links stay known.
-std::optional<Failure> startAfresh(const Client& client, const std::string& spaceId);
+/// has recorded there; links stay known. Throws a Failure.
+void startAfresh(const Client& client, const std::string& spaceId);
 
 /// The given spaces, or all when none are given.
 std::vector<std::string> chosenSpaces(const std::vector<std::string>& chosen);

@@ -28,24 +28,36 @@ constexpr auto kTick = std::chrono::milliseconds(100);
 /// leaves what stood there. A "true" is not touched, it may be somebody's request to stop.
 class Admission {
   public:
-    explicit Admission(const char* property) : mProperty(property) {
-        if (mProperty != nullptr && GetProperty(mProperty, "") != "true") {
-            SetProperty(mProperty, "asked");
-        }
+    explicit Admission(const Operation& operation) : mOperation(operation) {
+        if (mOperation.stopProperty != nullptr && state() != "true") set("asked");
     }
+    ~Admission() {
+        if (state() == "asked") set("false");
+    }
+    Admission(const Admission&) = delete;
+    Admission& operator=(const Admission&) = delete;
+
     /// Whether the operation was refused, once it has been answered.
     bool wasRefused() const {
-        if (mProperty == nullptr) return false;
-        const std::string now = GetProperty(mProperty, "");
-        const bool refused = now == "asked" || (now == "true" && !mStopped);
-        if (now == "asked") SetProperty(mProperty, "false");
-        return refused;
+        const std::string now = state();
+        return now == "asked" || (now == "true" && !mStopped);
     }
-    bool isOpen() const { return mProperty == nullptr || GetProperty(mProperty, "") != "asked"; }
-    void noteStop() { mStopped = true; }
+    bool isStopped() const { return mStopped; }
+    /// To be said again and again: the request may not have been admitted when it was first.
+    void stop(const Client& client) {
+        if (mOperation.stopProperty == nullptr) return;
+        if (!mStopped && mOperation.stopNote) client.call(*mOperation.stopNote, std::nullopt);
+        if (state() != "asked") set("true");
+        mStopped = true;
+    }
 
   private:
-    const char* const mProperty;
+    std::string state() const {
+        return mOperation.stopProperty == nullptr ? "" : GetProperty(mOperation.stopProperty, "");
+    }
+    void set(const char* value) const { SetProperty(mOperation.stopProperty, value); }
+
+    const Operation& mOperation;
     bool mStopped = false;
 };
 
@@ -67,19 +79,13 @@ class Announcement {
     std::string mText;
 };
 
-Failure busyFailure() {
-    const std::string with = runningOperation().value_or("another operation");
-    return {kBusy, "the service is busy with " + with +
-                           "; wait for its end, or end it: ruxctl stop scan, list or compress"};
-}
-
 }  // namespace
 
 Outcome carryOut(const Client& client, const Operation& operation, const std::string& request,
                  const std::function<void(double seconds)>& tick) {
     const Interrupts interrupts;
     const Announcement announcement(operation.name);
-    Admission admission(operation.stopProperty);
+    Admission admission(operation);
     Outcome outcome;
     const auto start = Clock::now();
     const auto seconds = [&start] {
@@ -92,24 +98,29 @@ Outcome carryOut(const Client& client, const Operation& operation, const std::st
     });
     while (answer.wait_for(kTick) == std::future_status::timeout) {
         tick(seconds());
-        if (!Interrupts::any() || operation.stopProperty == nullptr) continue;
-        // Again and again: the request may not have been admitted when this was first said.
-        if (!outcome.stopped && operation.stopNote) client.call(*operation.stopNote, std::nullopt);
-        if (admission.isOpen()) SetProperty(operation.stopProperty, "true");
-        outcome.stopped = true;
-        admission.noteStop();
+        if (Interrupts::any()) admission.stop(client);
     }
-    outcome.failure = answer.get();
+    answer.get();
+    outcome.stopped = admission.isStopped();
     outcome.seconds = seconds();
-    const bool refused = admission.wasRefused() ||
-                         (operation.code == kRestore && outcome.number == 0 && isBusy(client));
-    if (!outcome.failure && refused) outcome.failure = busyFailure();
+    if (admission.wasRefused() ||
+        (operation.code == kRestore && outcome.number == 0 && isBusy(client))) {
+        throw Failure("the service is busy with " +
+                              runningOperation().value_or("another operation") +
+                              "; wait for its end, or end it: ruxctl stop scan, list or compress",
+                      kBusy);
+    }
     return outcome;
 }
 
 bool isBusy(const Client& client) {
-    const Admission admission(kScanOperation.stopProperty);
-    return !client.call(kScan, "[]") && admission.wasRefused();
+    const Admission admission(kScanOperation);
+    try {
+        client.call(kScan, "[]");
+    } catch (const Failure&) {
+        return false;
+    }
+    return admission.wasRefused();
 }
 
 std::optional<std::string> runningOperation() {

@@ -26,7 +26,6 @@ inline const Operation kRestoreOperation = {"a restore", nullptr, kRestore};
 
 /// What came of an operation.
 struct Outcome {
-    std::optional<Failure> failure;
     std::string text;      ///< the result of a compression
     int64_t number = 0;    ///< that of a restore
     bool stopped = false;  ///< whether somebody at this client asked for its end
@@ -36,8 +35,8 @@ struct Outcome {
 /// Carries out one operation and waits for it, calling `tick` ten times a second with the seconds
 /// that have passed. Ctrl-C stops the operation by its property, and its end is waited for.
 ///
-/// A refusal is a failure (kBusy) that names what the service is busy with, as far as that is
-/// known: other clients of this kind say what they do in the property "ruxctl.operation".
+/// Throws a Failure. A refusal is one (kBusy) that names what the service is busy with, as far as
+/// that is known: other clients of this kind say what they do in the property "ruxctl.operation".
 Outcome carryOut(
         const Client& client, const Operation& operation, const std::string& request,
         const std::function<void(double seconds)>& tick = [](double) {});

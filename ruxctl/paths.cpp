@@ -5,6 +5,8 @@
 #include <string_view>
 #include <system_error>
 
+#include "ruxctl/client.h"
+
 namespace ruxctl {
 
 namespace fs = std::filesystem;
@@ -22,13 +24,15 @@ std::string absolutePath(const std::string& path) {
     return text;
 }
 
-PathPatterns::PathPatterns(const std::vector<std::string>& patterns) {
+PathPatterns::PathPatterns(const std::vector<std::string>& patterns, bool tells) {
     for (const std::string& pattern : patterns) {
         try {
             mPatterns.emplace_back(pattern);
         } catch (const std::regex_error& error) {
-            if (mProblem) continue;
-            mProblem = "\"" + pattern + "\" is no regular expression (ECMAScript): " + error.what();
+            if (!tells) continue;
+            throw Failure("\"" + pattern +
+                                  "\" is no regular expression (ECMAScript): " + error.what(),
+                          kUsage);
         }
     }
 }

@@ -1,7 +1,6 @@
 /// Paths as the user gives them, and patterns of paths.
 #pragma once
 
-#include <optional>
 #include <regex>
 #include <string>
 #include <vector>
@@ -13,19 +12,17 @@ namespace ruxctl {
 /// with ".." in it, which is resolved when it exists.
 std::string absolutePath(const std::string& path);
 
-/// Regular expressions (ECMAScript) of whole paths. One that is none matches nothing, as with the
-/// service.
+/// Regular expressions (ECMAScript) of whole paths.
 class PathPatterns {
   public:
-    explicit PathPatterns(const std::vector<std::string>& patterns);
+    /// Throws a Failure for the first that is no regular expression; where nobody can be told, such
+    /// a one matches nothing, as with the service.
+    explicit PathPatterns(const std::vector<std::string>& patterns, bool tells = true);
 
     bool match(const std::string& path) const;
-    /// What is wrong with the first that is no regular expression.
-    const std::optional<std::string>& problem() const { return mProblem; }
 
   private:
     std::vector<std::regex> mPatterns;
-    std::optional<std::string> mProblem;
 };
 
 /// The patterns that match all: ".*" is quick to decide, but leaves out names with line breaks.

@@ -1,15 +1,31 @@
+#include <cctype>
+#include <charconv>
+#include <iomanip>
 #include <iostream>
 #include <iterator>
+#include <vector>
 
 #include "android-base/properties.h"
 #include "ruxctl/client.h"
 #include "ruxctl/commands.h"
-#include "ruxctl/hex.h"
 #include "ruxctl/messages.h"
 #include "ruxctl/operation.h"
 
 namespace ruxctl {
 namespace {
+
+/// The bytes that pairs of hexadecimal digits spell; white space counts for nothing.
+std::vector<uint8_t> fromHex(std::string text) {
+    std::erase_if(text, [](unsigned char c) { return isspace(c) != 0; });
+    std::vector<uint8_t> bytes(text.size() / 2);
+    bool isHex = text.size() % 2 == 0;
+    for (size_t i = 0; i < bytes.size() && isHex; ++i) {
+        const char* const pair = text.data() + 2 * i;
+        isHex = std::from_chars(pair, pair + 2, bytes[i], 16).ptr == pair + 2;
+    }
+    if (!isHex) throw Failure("BYTES must be pairs of hexadecimal digits", kUsage);
+    return bytes;
+}
 
 /// "-" stands for standard input.
 std::string textOrInput(const std::string& text) {
@@ -20,34 +36,31 @@ std::string textOrInput(const std::string& text) {
 }  // namespace
 
 int callText(uint32_t code, const std::optional<std::string>& request) {
-    const auto client = Client::connect();
-    if (!client) return noService();
+    const Client client = service();
     std::optional<std::string> argument;
     if (request) argument = textOrInput(*request);
     std::string text;
     int64_t number = 0;
-    const auto failure = client->call(code, argument, answersText(code) ? &text : nullptr,
-                                      answersNumber(code) ? &number : nullptr);
-    if (failure) return fail(*failure);
+    client.call(code, argument, answersText(code) ? &text : nullptr,
+                answersNumber(code) ? &number : nullptr);
     std::cout << text;
     if (answersNumber(code)) std::cout << number << "\n";
     return kDone;
 }
 
 int callHex(uint32_t code, const std::string& hex) {
-    const auto bytes = fromHex(textOrInput(hex));
-    if (!bytes) return fail({kUsage, "BYTES must be pairs of hexadecimal digits"});
-    const auto client = Client::connect();
-    if (!client) return noService();
+    const std::vector<uint8_t> bytes = fromHex(textOrInput(hex));
+    const Client client = service();
     android::Parcel parcel;
-    parcel.setData(bytes->data(), bytes->size());
+    parcel.setData(bytes.data(), bytes.size());
     Answer answer;
-    client->send(code, parcel, &answer);
-    std::cout << "status " << answer.status << "\n"
-              << toHex(answer.reply.data(), answer.reply.dataSize()) << "\n"
-              << std::flush;
-    const auto failure = failureOf(answer);
-    return failure ? fail(*failure) : kDone;
+    client.send(code, parcel, &answer);
+    std::cout << "status " << answer.status << "\n" << std::hex << std::setfill('0');
+    for (size_t i = 0; i < answer.reply.dataSize(); ++i)
+        std::cout << std::setw(2) << unsigned{answer.reply.data()[i]};
+    std::cout << "\n";
+    requireSuccess(answer);
+    return kDone;
 }
 
 int getProperty(const std::string& name) {
@@ -57,24 +70,22 @@ int getProperty(const std::string& name) {
 
 int setProperty(const std::string& name, const std::string& value) {
     if (android::base::SetProperty(name, value)) return kDone;
-    return fail({kFailed, "the property " + name +
-                                  " could not be set: it is too long, or its disk is full"});
+    throw Failure("the property " + name +
+                  " could not be set: it is too long, or its disk is full");
 }
 
 int stop(const std::string& operation) {
     const Operation& stopped = operation == "scan"   ? kScanOperation
                                : operation == "list" ? kListOperation
                                                      : kCompressOperation;
-    const auto client = Client::connect();
-    if (!client) return noService();
-    if (!isBusy(*client)) {
+    const Client client = service();
+    if (!isBusy(client)) {
         std::cerr << "Nothing is running\n";
         return kDone;
     }
-    if (const int exit = setProperty(stopped.stopProperty, "true"); exit != kDone) return exit;
-    if (!stopped.stopNote) return kDone;
-    const auto failure = client->call(*stopped.stopNote, std::nullopt);
-    return failure ? fail(*failure) : kDone;
+    setProperty(stopped.stopProperty, "true");
+    if (stopped.stopNote) client.call(*stopped.stopNote, std::nullopt);
+    return kDone;
 }
 
 }  // namespace ruxctl

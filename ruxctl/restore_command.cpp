@@ -5,7 +5,6 @@
 #include <map>
 
 #include "ruxctl/commands.h"
-#include "ruxctl/database.h"
 #include "ruxctl/groups.h"
 #include "ruxctl/messages.h"
 #include "ruxctl/operation.h"
@@ -37,87 +36,70 @@ std::vector<Group> selected(const SpaceQuery& query, const PathPatterns& pattern
     return groups;
 }
 
-/// A file system on which there is not enough room for its share, in words; empty when there is.
-std::string missingRoom(const std::vector<Group>& groups) {
-    std::map<dev_t, std::vector<Group>> byDevice;
-    for (const Group& group : groups) {
-        std::map<dev_t, Group> parts;
-        for (const Member& member : group.members) {
-            if (member.state != State::Gone) parts[member.file.first].members.push_back(member);
-        }
-        for (auto& [device, part] : parts) byDevice[device].push_back(std::move(part));
-    }
-    for (const auto& [device, part] : byDevice) {
-        const std::string& path = part.front().members.front().path;
+/// Throws a Failure where a file system has not enough room for its share.
+void requireRoom(const std::map<std::string, int64_t>& needed) {
+    for (const auto& [path, bytes] : needed) {
         struct statvfs fs = {};
         if (statvfs(path.c_str(), &fs) != 0) continue;
         const auto room = static_cast<int64_t>(fs.f_bavail * fs.f_frsize);
-        const int64_t needed = takenUpByRestore(part);
-        if (needed > room) {
-            return "the file system of " + path + " has " + humanBytes(room) + " left, and " +
-                   humanBytes(needed) + " are needed";
-        }
+        if (bytes <= room) continue;
+        throw Failure(
+                "the file system of " + path + " has " + humanBytes(room) + " left, and " +
+                humanBytes(bytes) +
+                " are needed; restore less with --match or --under, or make room (--force goes "
+                "on as far as there is some)");
     }
-    return "";
+}
+
+Outcome giveData(const Client& client, SpaceQuery query, int64_t needed) {
+    if (query.patterns.empty()) query.patterns = kAllPaths;
+    StatusLine line;
+    const int64_t writtenBefore = client.bytesMoved("wchar:");
+    return carryOut(client, kRestoreOperation, ruleText(query), [&](double seconds) {
+        const int64_t written = client.bytesMoved("wchar:") - writtenBefore;
+        line.show(Interrupts::any()
+                          ? "A restore cannot be stopped; Ctrl-C again leaves it to itself"
+                          : progress(std::min(written, needed), needed, seconds, humanBytes));
+    });
+}
+
+/// Says what came of it, by another look at the files.
+int tell(const std::string& spaceId, const std::vector<Group>& groups, double seconds) {
+    std::vector<std::string> left;
+    const int64_t taken = checkRestored(groups, &left);
+    std::cout << humanBytes(taken) << " taken up again in " << duration(seconds) << "\n";
+    for (const std::string& path : left)
+        std::cout << inked(Ink::Bad, "linked") << "  " << shown(path) << "\n";
+    if (left.empty()) return kDone;
+    throw Failure(counted(static_cast<int64_t>(left.size()), "file") +
+                  " could not be restored, and the service has forgotten the links; the log says "
+                  "why. To have them known again: ruxctl scan --fresh --space " +
+                  spaceId + " DIR, then compress");
 }
 
 }  // namespace
 
 int restore(const RestoreOptions& options) {
-    SpaceQuery query = options.query;
-    const PathPatterns patterns(query.patterns);
-    if (patterns.problem()) return fail({kUsage, *patterns.problem()});
-    const auto client = Client::connect();
-    if (!client) return noService();
-    if (!exists(query.spaceId)) return noSpace(query.spaceId);
-    const std::vector<Group> groups = selected(query, patterns);
+    const PathPatterns patterns(options.query.patterns);
+    const Client client = service();
+    requireSpaces({options.query.spaceId});
+    const std::vector<Group> groups = selected(options.query, patterns);
     if (groups.empty()) {
         std::cerr << "No linked files match; nothing has been changed\n";
         return kDone;
     }
-    if (query.patterns.empty()) query.patterns = kAllPaths;
+    const auto neededOn = takenUpByRestore(groups);
+    int64_t needed = 0;
+    for (const auto& [path, bytes] : neededOn) needed += bytes;
     int64_t files = 0;
     for (const Group& group : groups) files += static_cast<int64_t>(group.members.size());
-    const int64_t needed = takenUpByRestore(groups);
     std::cerr << counted(files, "file") << " of "
               << counted(static_cast<int64_t>(groups.size()), "group")
               << " will get data of their own, taking up " << humanBytes(needed) << "\n";
-    if (const std::string missing = missingRoom(groups); !missing.empty() && !options.force) {
-        return fail({kFailed, missing + "; restore less with --match or --under, or make room "
-                                        "(--force goes on as far as there is some)"});
-    }
-    if (!options.yes) {
-        const auto answer = confirmed("Restore them?");
-        if (!answer) return nobodyToAsk();
-        if (!*answer) {
-            std::cerr << "Nothing has been changed\n";
-            return kDone;
-        }
-    }
-    StatusLine line;
-    const int64_t writtenBefore = client->bytesMoved("wchar:");
-    const Outcome outcome =
-            carryOut(*client, kRestoreOperation, ruleText(query), [&](double seconds) {
-                const int64_t written = client->bytesMoved("wchar:") - writtenBefore;
-                line.show(
-                        Interrupts::any()
-                                ? "A restore cannot be stopped; Ctrl-C again leaves it to itself"
-                                : progress(std::min(written, needed), needed, seconds, humanBytes));
-            });
-    line.clear();
-    if (outcome.failure) return fail(*outcome.failure);
-    std::vector<std::string> left;
-    const int64_t taken = checkRestored(groups, &left);
-    std::cout << humanBytes(taken) << " taken up again in " << duration(outcome.seconds) << "\n";
-    for (const std::string& path : left)
-        std::cout << inked(Ink::Bad, "linked") << "  " << shown(path) << "\n";
-    if (left.empty()) return kDone;
-    return fail(
-            {kFailed, counted(static_cast<int64_t>(left.size()), "file") +
-                              " could not be restored, and the service has forgotten the links; "
-                              "the log says why. To have them known again: ruxctl scan --fresh "
-                              "--space " +
-                              query.spaceId + " DIR, then compress"});
+    if (!options.force) requireRoom(neededOn);
+    if (!agreed("Restore them?", options.yes)) return nothingChanged();
+    const Outcome outcome = giveData(client, options.query, needed);
+    return tell(options.query.spaceId, groups, outcome.seconds);
 }
 
 }  // namespace ruxctl

@@ -6,7 +6,6 @@
 #include "ruxctl/database.h"
 #include "ruxctl/messages.h"
 #include "ruxctl/operation.h"
-#include "ruxctl/table.h"
 #include "ruxctl/terminal.h"
 #include "ruxctl/units.h"
 
@@ -21,39 +20,42 @@ std::string ago(time_t then) {
     return counted(seconds / 86400, "day") + " ago";
 }
 
-}  // namespace
-
-int status() {
-    const auto client = Client::connect();
-    std::vector<Space> spaces;
+/// What the service does at the moment, or did last.
+std::string activity(const Client& client, const std::vector<Space>& spaces) {
+    if (isBusy(client)) return "busy with " + runningOperation().value_or("something");
     time_t changed = 0;
-    for (const std::string& spaceId : spaceIds()) {
-        spaces.push_back(lookAt(spaceId));
-        changed = std::max(changed, spaces.back().changed);
-    }
-    std::string running = "idle";
-    if (client && isBusy(*client)) {
-        running = "busy with " + runningOperation().value_or("something");
-    } else if (changed > 0) {
-        running += ", last change " + ago(changed);
-    }
-    if (client) running += ", holds " + humanBytes(client->memory());
-    std::cout << "service: "
-              << (client ? inked(Ink::Good, "running") + ", " + running
-                         : inked(Ink::Bad, "no answer"))
-              << "\n";
+    for (const Space& space : spaces) changed = std::max(changed, space.changed);
+    return changed > 0 ? "idle, last change " + ago(changed) : "idle";
+}
+
+void print(const std::vector<Space>& spaces) {
     std::vector<std::vector<std::string>> rows = {
             {"SPACE", "FILES", "CONTENTS", "LINKED", "DATABASE", "CHANGED"}};
     for (const Space& space : spaces) {
         rows.push_back({space.id, grouped(space.files), grouped(space.toCompress),
                         grouped(space.compressed), humanBytes(space.bytes), ago(space.changed)});
     }
-    if (rows.size() > 1) {
-        printTable(rows);
-    } else {
+    if (spaces.empty()) {
         std::cout << "no spaces; begin with `ruxctl scan --space NAME DIR`\n";
+    } else {
+        printTable(rows);
     }
-    return client ? kDone : noService();
+}
+
+}  // namespace
+
+int status() {
+    const auto client = Client::connect();
+    std::vector<Space> spaces;
+    for (const std::string& spaceId : spaceIds()) spaces.push_back(lookAt(spaceId));
+    std::cout << "service: "
+              << (client ? inked(Ink::Good, "running") + ", " + activity(*client, spaces) +
+                                   ", holds " + humanBytes(client->memory())
+                         : inked(Ink::Bad, "no answer"))
+              << "\n";
+    print(spaces);
+    service();  // says why there is none
+    return kDone;
 }
 
 }  // namespace ruxctl

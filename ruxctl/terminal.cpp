@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <vector>
 
 #include "ruxctl/units.h"
 
@@ -40,6 +41,23 @@ size_t terminalWidth() {
     return known ? size.ws_col : 80;
 }
 
+/// Characters, as far as the table cares: continuation bytes of UTF-8 are none.
+size_t widthOf(const std::string& text) {
+    return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+        return (static_cast<unsigned char>(c) & 0xc0) != 0x80;
+    }));
+}
+
+/// Whether the byte is a control character, or part of one: U+0080 to U+009F, which some terminals
+/// obey as well, are two bytes.
+bool isControl(const std::string& text, size_t at) {
+    const auto isC1 = [&text](size_t i) {
+        return text[i] == '\xc2' && i + 1 < text.size() && (text[i + 1] & 0xe0) == 0x80;
+    };
+    const auto c = static_cast<unsigned char>(text[at]);
+    return c < 0x20 || c == 0x7f || isC1(at) || (at > 0 && isC1(at - 1));
+}
+
 }  // namespace
 
 std::string inked(Ink ink, const std::string& text) {
@@ -62,28 +80,34 @@ void StatusLine::clear() {
 }
 
 std::string shown(const std::string& path, int fd) {
-    const auto isControl = [&path](size_t i) {
-        const auto c = static_cast<unsigned char>(path[i]);
-        // The second half of U+0080 to U+009F, which some terminals obey as well.
-        const bool isC1 = i > 0 && path[i - 1] == '\xc2' && c >= 0x80 && c < 0xa0;
-        return c < 0x20 || c == 0x7f || isC1;
-    };
     std::string quoted = "$'";
     bool isPlain = true;
     for (size_t i = 0; i < path.size(); ++i) {
         char octal[8];
         snprintf(octal, sizeof(octal), "\\%03o", static_cast<unsigned char>(path[i]));
-        const bool isEscaped =
-                isControl(i) || (i + 1 < path.size() && path[i] == '\xc2' && isControl(i + 1));
+        const bool isEscaped = isControl(path, i);
         isPlain = isPlain && !isEscaped;
-        if (isEscaped) {
-            quoted += octal;
-        } else {
-            if (path[i] == '\'' || path[i] == '\\') quoted += '\\';
-            quoted += path[i];
-        }
+        if (path[i] == '\'' || path[i] == '\\') quoted += '\\';
+        quoted += isEscaped ? octal : path.substr(i, 1);
     }
     return isPlain || isatty(fd) == 0 ? path : quoted + "'";
+}
+
+void printTable(const std::vector<std::vector<std::string>>& rows) {
+    std::vector<size_t> widths(rows.front().size());
+    for (const auto& row : rows) {
+        for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], widthOf(row[i]));
+    }
+    for (const auto& row : rows) {
+        std::string line;
+        for (size_t i = 0; i < row.size(); ++i) {
+            const std::string space(widths[i] - widthOf(row[i]), ' ');
+            if (i > 0) line += "  ";
+            line += i == 0 ? row[i] + space : space + row[i];
+        }
+        while (!line.empty() && line.back() == ' ') line.pop_back();
+        std::cout << (&row == rows.data() ? inked(Ink::Bold, line) : line) << "\n";
+    }
 }
 
 std::string progress(int64_t done, int64_t all, double seconds,

@@ -1,4 +1,4 @@
-/// The terminal: colour, a line that changes, questions, and Ctrl-C.
+/// The terminal: colour, tables, a line that changes, questions, and Ctrl-C.
 #pragma once
 
 #include <unistd.h>
@@ -7,6 +7,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace ruxctl {
 
@@ -36,6 +37,10 @@ class StatusLine {
 /// A path as it is written to the file `fd`: when that is a terminal, one with control characters
 /// is quoted as shells read it ($'a\nb'), so that it can do nothing to the terminal.
 std::string shown(const std::string& path, int fd = STDOUT_FILENO);
+
+/// Rows of cells, printed with the columns aligned: the first to the left, the others to the right.
+/// The first row is the heading.
+void printTable(const std::vector<std::vector<std::string>>& rows);
 
 /// How far something is, for a line: a bar as long as the terminal allows, `done` of `all` as
 /// `amount` writes them, the rate, and the time that is left at that rate.

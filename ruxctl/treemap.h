@@ -1,7 +1,6 @@
 /// Areas in proportion to numbers.
 #pragma once
 
-#include <cstddef>
 #include <vector>
 
 namespace ruxctl {

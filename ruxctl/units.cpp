@@ -51,4 +51,13 @@ std::string duration(double seconds) {
     return formatted("%ld h %02ld min", whole / 3600, whole / 60 % 60);
 }
 
+std::string replaced(const std::string& text, const std::map<char, std::string>& characters) {
+    std::string out;
+    for (const char c : text) {
+        const auto found = characters.find(c);
+        out += found == characters.end() ? std::string(1, c) : found->second;
+    }
+    return out;
+}
+
 }  // namespace ruxctl

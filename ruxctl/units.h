@@ -1,7 +1,8 @@
-/// Numbers as people read them.
+/// Numbers as people read them, and texts as other programs do.
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 
 namespace ruxctl {
@@ -17,5 +18,8 @@ std::string counted(int64_t number, const std::string& noun, const std::string& 
 
 /// "0.8 s", "12 s", "2 min 05 s", "1 h 02 min".
 std::string duration(double seconds);
+
+/// The text with each of these characters as what it is to be written as.
+std::string replaced(const std::string& text, const std::map<char, std::string>& characters);
 
 }  // namespace ruxctl

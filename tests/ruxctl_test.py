@@ -23,6 +23,8 @@ from support.service import LIST, SCAN, TOKEN, Service, string16
 
 COLOUR = re.compile(r"\x1b\[\d+m")
 
+PACKAGING = os.path.dirname(os.path.abspath(__file__)) + "/../packaging/"
+
 
 class Client:
     def __init__(self, binary, service):
@@ -387,21 +389,23 @@ def check_usage(client):
 
 
 def check_pages_and_completion(client):
-    for program in ("rux", "ruxctl"):
-        source = client("manual", program)
+    pages = {}
+    for name in ("rux.8", "ruxctl.1.in"):
+        with open(PACKAGING + name, encoding="utf-8") as file:
+            pages[name] = file.read().replace("@COMMANDS@\n", client("manual"))
+    for name, source in pages.items():
         page = subprocess.run(["man", "--warnings", "-l", "-"], input=source, capture_output=True, text=True, check=True,
                               env={**os.environ, "MANWIDTH": "100", "LC_ALL": "C.UTF-8"})
         assert page.stderr == "" and "EXIT STATUS" in page.stdout, page
-        if program == "ruxctl":
+        if name == "ruxctl.1.in":
             text = re.sub(r"\s+", " ", re.sub(r".\x08", "", page.stdout))  # lines are filled
             for command in ("dedupe", "scan --space NAME", "list", "groups", "compress NAME...", "except add REGEX..."):
                 assert f"ruxctl {command}" in text, command
 
     def completed(*words):
-        script = ". <(\"$1\" completion bash); COMP_WORDS=(\"${@:2}\"); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); " \
-                 "_ruxctl; printf '%s\\n' \"${COMPREPLY[@]}\""
-        return subprocess.run(["bash", "-c", script, "bash", client.binary, client.binary, *words], env=client.environment,
-                              capture_output=True, text=True, check=True).stdout.split()
+        script = ". \"$0\"; COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _ruxctl; printf '%s\\n' \"${COMPREPLY[@]}\""
+        return subprocess.run(["bash", "-c", script, PACKAGING + "ruxctl.bash", client.binary, *words],
+                              env=client.environment, capture_output=True, text=True, check=True).stdout.split()
 
     assert completed("res") == ["restore"] and completed("g") == ["groups", "getprop"], completed("g")
     assert completed("list", "--sp") == ["--space"] and "--dry-run" in completed("compress", "--")

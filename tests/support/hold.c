@@ -45,7 +45,9 @@ static void hold(const char* kind, const char* path) {
     snprintf(held, sizeof(held), "%s/held", base);
     close(open(held, O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     while (access(file, F_OK) == 0) usleep(200);
+    pthread_mutex_lock(&lock);
     armed[0] = '\0';
+    pthread_mutex_unlock(&lock);
 }
 
 ssize_t write(int file, const void* bytes, size_t size) {
