@@ -157,17 +157,25 @@ class Rewrite {
     bool mIsDone = false;
 };
 
+/// 0, EOPNOTSUPP when room can be set aside for some files alone, or the errno of what stands in
+/// the way.
+int prepareWriting(const std::vector<Rewrite>& rewrites) {
+    int error = 0;
+    for (const Rewrite& rewrite : rewrites) {
+        const int failure = rewrite.prepareWriting();
+        if (failure != 0) error = failure;
+        if (failure != 0 && failure != EOPNOTSUPP) break;
+    }
+    return error;
+}
+
 /// Gives all the files their texts, or none of them. Where no journal can be had they get them one
 /// after the other instead, as long as each can: the undo of links before what it undoes, and a
 /// group before the record that says that its file is in one.
 void save(const std::string& SpaceID_DBPath, std::vector<Rewrite>& rewrites) {
     std::array<bool, kDatabaseFiles.size()> files = {};
-    int error = 0;
-    for (const Rewrite& rewrite : rewrites) {
-        files[rewrite.number()] = true;
-        if (error != 0 && error != EOPNOTSUPP) continue;
-        if (const int failure = rewrite.prepareWriting(); failure != 0) error = failure;
-    }
+    for (const Rewrite& rewrite : rewrites) files[rewrite.number()] = true;
+    const int error = prepareWriting(rewrites);
     Journal journal(SpaceID_DBPath);
     const bool mayWrite = error == 0 || error == EOPNOTSUPP;
     if (mayWrite && journal.setDown(files)) {
@@ -218,31 +226,38 @@ bool letGo() {
     });
 }
 
+void watch();
+
 void letGoWhenIdle() {
+    if (keepFreedMemory != nullptr) keepFreedMemory(true);
     uint32_t seen = uses;
-    do {
-        if (keepFreedMemory != nullptr) keepFreedMemory(true);
-        for (int quiet = 0; quiet < kIdleSeconds || !letGo(); ++quiet) {
-            std::this_thread::sleep_for(std::chrono::seconds(1));
-            if (const uint32_t now = uses; now != seen) {
-                seen = now;
-                quiet = 0;
-            }
-        }
-        if (keepFreedMemory != nullptr) keepFreedMemory(false);
-        isWatched = false;
-    } while (uses != seen && !isWatched.exchange(true));
+    int quiet = 0;  // seconds
+    bool isLetGo = false;
+    while (!isLetGo) {
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        const uint32_t now = uses;
+        quiet = now == seen ? quiet + 1 : 0;
+        seen = now;
+        if (quiet >= kIdleSeconds) isLetGo = letGo();
+    }
+    if (keepFreedMemory != nullptr) keepFreedMemory(false);
+    isWatched = false;
+    if (uses != seen) watch();  // one that saw it still watched
 }
 
-/// Counts a use of the images, and has them let go in time.
-void noteUse() {
-    ++uses;
+/// Has the images let go when nobody has used them for some time.
+void watch() {
     if (isWatched.exchange(true)) return;
     try {
         std::thread(letGoWhenIdle).detach();
     } catch (const std::system_error&) {  // no thread to be had: the next use tries again
         isWatched = false;
     }
+}
+
+void noteUse() {
+    ++uses;
+    watch();
 }
 
 }  // namespace

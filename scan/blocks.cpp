@@ -15,8 +15,6 @@ namespace {
 
 constexpr size_t kMost = 8192;  // entries of a block
 constexpr int64_t kMaxBytes = int64_t{512} << 20;
-constexpr size_t kRun =
-        32;  // entries of which only the status is read, and that are taken together
 
 bool needsDigest(const Item& item) {
     return item.digest != nullptr;
