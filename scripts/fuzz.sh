@@ -11,7 +11,7 @@ cd "$(dirname "$0")/.."
 seconds=${1:-30}
 [ $# -eq 0 ] || shift
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(transactions frames requests database patterns)
+[ ${#targets[@]} -gt 0 ] || targets=(transactions frames requests database)
 
 install_packages "${build_packages[@]}" clang libclang-rt-14-dev
 cmake -S . -B build/fuzz -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
