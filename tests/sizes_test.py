@@ -4,13 +4,15 @@
 usage: sizes_test.py RUX RUXCTL
 """
 
+import hashlib
 import json
 import os
+import re
 import sys
 import threading
 import time
 
-from support.service import COMPRESS, GROUPS, LIST, MODIFIED, RECORDS, RESTORE, SCAN, checks, wait_for
+from support.service import COMPRESS, GROUPS, LINKED, LIST, MODIFIED, RECORDS, RESTORE, SCAN, checks, wait_for
 
 PROGRESS = "sys.ruxservice.compress.prog"
 
@@ -137,13 +139,45 @@ def check_pages(service):
     first = service.call(LIST, json.dumps([{"sid": space, "regs": [".*"]} for space in spaces]))
     assert len(first) == page * entry + 2 + len('"isEnd":0,') > 614400
     assert len(json.loads(first)) == page + 1 and json.loads(first)["isEnd"] == 0
-    service.scan()  # other operations may run between two pages
+    service.scan()  # other operations may run between two pages, or be running when the next is asked for
+    os.truncate(service.write("long", ""), 64 << 30)
+    scan = threading.Thread(target=service.scan)
+    scan.start()
+    wait_for(lambda: service.tree + "/long" in service.open_files())
+    assert service.call(LIST, "[]") == "{}"
+    service.set_property("sys.ruxservice.stop_scan", "true")
+    scan.join()
     second = json.loads(service.call(LIST, "garbage"))
     assert len(second) == page + 1 and second["isEnd"] == 0
     assert service.call(LIST, "{") == '{"isEnd":1}\n'
     assert service.logged("Rux_getDuplicateFilesImp is transfer") == service.logged("the size is larger") == 2
     assert service.logged("analysis fail") == 0
     assert listed(service) == counts(0, 0, 0), "the next call starts a new listing"
+
+
+def check_entries_that_stand_there_already(service):
+    jpg, txt = service.write("a.jpg", "same"), service.write("sub/b.txt", "same")
+    unreadable = service.tree + "/unreadable"
+    os.symlink("/sys/kernel/uevent_seqnum", unreadable)  # looks like a file of 4096 bytes
+    service.scan()
+    assert re.search(r" D .*: calculateFileMD5:\d+: \[RUX-NATIVE\] cal md5 error code != 0, continue\n", service.log())
+    records, digest = service.database(RECORDS), hashlib.md5(b"same").hexdigest()
+    assert [records[path]["is_md5"] for path in (jpg, txt, unreadable)] == [1, 1, 0]
+    # A record without a digest is written anew; one with a digest is not.
+    service.edit(RECORDS, {**records, unreadable: {**records[unreadable], "s_time": 1}, jpg: {**records[jpg], "x": 1}})
+    service.scan()
+    assert service.database(RECORDS) == {**records, jpg: {**records[jpg], "x": 1}}
+    # A linked group takes the place of another with its digest.
+    service.edit(LINKED, {digest: {"V": 1, "f_size": 9, "f_list": ["/elsewhere"], "x": 1}})
+    assert service.compress() == "1,4" and service.database(GROUPS) == {}
+    assert service.database(LINKED) == {digest: {"V": 1, "f_size": 4, "f_list": [jpg, txt]}}
+    # One path of a group may match the pattern and another the fragment.
+    assert service.call(RESTORE, service.rule(regs=[".*jpg"], dirs=["/sub/"])) == 4 and os.stat(jpg).st_nlink == 1
+    # A note gets the values that are new, and keeps the others.
+    service.edit(GROUPS, {digest: {"V": 1, "f_size": 4, "f_list": [jpg, txt]}})
+    service.edit(MODIFIED, {jpg: {"V": 0, "r_flag": 1, "x": 1}})
+    os.utime(txt, (1, 1))
+    assert listed(service) == counts(0, 0, 0) and service.database(MODIFIED) == {jpg: {"V": 1, "r_flag": 0, "x": 1}}
 
 
 def check_progress(service):
