@@ -19,7 +19,7 @@ import sys
 import threading
 import time
 
-from support.model import PROGRESS, STOP, TOOL_LOG, Model, owners_of, text_on_disk
+from support.model import PROGRESS, STOP, TOOL_LOG, UNREADABLE, Model, owners_of, text_on_disk
 from support.service import COMPRESS, EXCEPT, IMAGES, LIST, RESTORE, SCAN, STOP_COMPRESS, STOP_SCAN, Service
 
 CALLS = 25  # of one seed
@@ -77,7 +77,7 @@ class Session:
             return os.mkfifo(path)
         if kind == "link":
             return os.symlink(pick.choice(files + [".", ".." if depth > 0 else ".", os.path.basename(path), "nothing", self.service.tree,
-                                                   os.path.dirname(path)]), path)
+                                                   UNREADABLE, os.path.dirname(path)]), path)
         if kind == "hard" and files and ".rux-swap" not in path:
             return os.link(pick.choice(files), path, follow_symlinks=False)
         with open(path, "w", encoding="ascii") as file:

@@ -17,6 +17,7 @@ from support.service import IMAGES
 STOP = {"scan": "sys.ruxservice.stop_scan", "list": "sys.ruxservice.stop_get_duplicate_files",
         "compress": "sys.ruxservice.stop_compress"}
 PROGRESS, TOOL_LOG = "sys.ruxservice.compress.prog", "sys.ruxservice.enablelog.ctrl"
+UNREADABLE = "/sys/kernel/uevent_seqnum"  # by its status a file with content
 PAGE, MOST = 600 * 1024, 2**63 - 1
 STALE_NAME = re.compile(r"\.rux-swap-[0-9a-f]{32}")
 
@@ -402,6 +403,9 @@ class Model:
         self.object(0)[path] = record
         if self.matches(exceptions, path) or is_behind_link(path) and self.matches(exceptions, os.path.realpath(path)):
             self.log("D", "calculateFileMD5", "the file is in black list")
+            return
+        if os.path.realpath(path) == UNREADABLE:
+            self.log("D", "calculateFileMD5", "cal md5 error code != 0, continue")
             return
         with open(path, "rb") as file:
             digest = hashlib.md5(file.read()).hexdigest()
