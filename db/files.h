@@ -16,8 +16,8 @@ constexpr size_t kPieceBytes = (size_t{64} << 10) - 1;
 /// Gets a text in pieces of `kPieceBytes`, and a last one of up to that.
 using TakePiece = std::function<void(std::string_view piece)>;
 
-/// Tells one text from another: its length and a hash of it, the same in every build. For texts
-/// that chance, not somebody, makes different.
+/// Tells one text from another: its length and a hash of it, the same in every build. It is no
+/// protection against texts that somebody makes to have the same stamp.
 struct TextStamp {
     uint64_t bytes = 0;
     uint64_t hash = 0;

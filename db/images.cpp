@@ -77,7 +77,7 @@ class Rewrite {
         if (fstat(mFile.get(), &st) == 0) mOldSize = st.st_size;
     }
 
-    /// The place of the file and the image among their kind.
+    /// Which of the four database files it is: 0 to 3.
     size_t number() const { return mNumber; }
     /// Whether the file may be written.
     bool isOpen() const { return mFile.ok() && !image().isUnread(); }
@@ -242,7 +242,7 @@ void letGoWhenIdle() {
     }
     if (keepFreedMemory != nullptr) keepFreedMemory(false);
     isWatched = false;
-    if (uses != seen) watch();  // one that saw it still watched
+    if (uses != seen) watch();  // a use just now has relied on this watch
 }
 
 /// Has the images let go when nobody has used them for some time.

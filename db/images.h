@@ -36,7 +36,7 @@ class Image {
     /// Replaces the value by what `text`, that of its file, says. False when it is not JSON.
     bool parse(std::string_view text);
 
-    /// Gives the value away, and is as at the start.
+    /// Moves the value out. The image is then empty, as at the start.
     Json::Value release() {
         Json::Value value = std::move(mValue);
         *this = {};

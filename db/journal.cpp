@@ -44,7 +44,7 @@ Journal::Journal(std::string directory) : mDirectory(std::move(directory)) {
         mState = errno == ENOENT || errno == ENOTDIR ? State::None : State::Unreadable;
         return;
     }
-    // Neither a link nor a pipe may lead or hold it anywhere.
+    // A link in its place must not be followed, a pipe not be waited for.
     mFile.reset(open(path().c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (mFile.ok() && fstat(mFile.get(), &st) != 0) mFile.reset();
     if (!isOwn(st, mDirectory)) {

@@ -45,7 +45,7 @@ class Journal {
     /// The text that it holds for a file.
     std::string text(size_t file) const;
 
-    /// Where there is none, makes one of what the chosen files hold, and is then that. False, and
+    /// Makes a journal of what the chosen files hold, unless there is one already. False, and
     /// nothing of it is there, when a file cannot be read or the journal cannot be put on disk; if
     /// it cannot be removed either, it counts as whole.
     bool setDown(const std::array<bool, kDatabaseFiles.size()>& files);

@@ -25,7 +25,7 @@ bool pathExists(const std::string& path);
 /// since the epoch, `suffix` the kind of file that its name gives.
 void makeFileRecord(Json::Value& record, int64_t mtimeSeconds, const std::string& suffix);
 
-/// Whether a record says that its file has been entered in a group; and the saying of it.
+/// Whether a record says that its file has been entered in a group. The second makes it say so.
 bool hasDigest(const Json::Value& record);
 void setHasDigest(Json::Value& record);
 

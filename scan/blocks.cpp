@@ -35,19 +35,19 @@ Blocks::Blocks(EntryStream& stream, DigestCache& cache, const Selection& selecti
         mMayBeFinished(!fileInfoDB->empty()) {}
 
 const Item* Blocks::next() {
-    while (mTurn == mBlock.size()) {
+    while (mNext == mBlock.size()) {
         if (!advance()) return nullptr;
     }
-    return &mBlock[mTurn++];
+    return &mBlock[mNext++];
 }
 
-/// Gives the block that is read its turn and begins to read the one behind it. False at the end of
+/// Makes the next block the current one, and begins to read the one after it. False at the end of
 /// the walk.
 bool Blocks::advance() {
     if (mListed.empty()) mListed = list();
     Block rest;
     mBlock = finishReading(rest);
-    mTurn = 0;
+    mNext = 0;
     Block& next = rest.empty() ? mListed : rest;
     if (next.empty()) return !mBlock.empty();
     mReader.emplace(std::exchange(next, {}), mCache);
@@ -78,13 +78,13 @@ Block Blocks::list() {
 }
 
 void Blocks::leaveDirectory() {
-    const size_t depth = mBlock[mTurn - 1].entry.depth;
+    const size_t depth = mBlock[mNext - 1].entry.depth;
     std::deque<Entry> ahead;
     const auto putBack = [&](Block block, size_t from) {
         for (size_t i = from; i < block.size(); ++i) ahead.push_back(std::move(block[i].entry));
     };
     Block rest;
-    putBack(std::exchange(mBlock, {}), std::exchange(mTurn, 0));
+    putBack(std::exchange(mBlock, {}), std::exchange(mNext, 0));
     putBack(finishReading(rest), 0);
     putBack(std::move(rest), 0);
     putBack(std::exchange(mListed, {}), 0);
@@ -132,7 +132,7 @@ void BlockReader::readShare() {
             if (stat(path, &status) == 0 && !opened(file, status)) continue;
             done(file, computeFileMD5(path, toolLogEnabled));
         }
-    } catch (const std::bad_alloc&) {  // what was in hand is computed in its turn, one by one
+    } catch (const std::bad_alloc&) {  // what is missing is computed later, file by file
     }
 }
 

@@ -53,16 +53,16 @@ class BlockReader {
     SharedWork mWork;
 };
 
-/// Lists the entries of a walk and judges them. While those of one block have their turn, the next
-/// block is read. Nothing of this can be observed.
+/// Lists the entries of a walk and judges them. While the caller works on one block, the next one
+/// is read. Nothing of this can be observed.
 class Blocks {
   public:
     Blocks(EntryStream& stream, DigestCache& cache, const Selection& selection);
 
-    /// The entry whose turn it is, until the next call; null at the end of the walk.
+    /// The next entry, valid until the following call; null at the end of the walk.
     const Item* next();
 
-    /// Leaves out what is left of the directory of the entry whose turn it is.
+    /// Leaves out what is left of the directory of the entry that was given last.
     void leaveDirectory();
 
   private:
@@ -74,11 +74,12 @@ class Blocks {
     DigestCache& mCache;
     const Selection& mSelection;
     const bool mMayBeFinished;  // there were records before this walk, which meets each path once
-    Block mBlock;               // that has its turn
-    size_t mTurn = 0;           // the entry that is next in it
-    std::optional<BlockReader> mReader;  // of the block behind it
-    Block mListed;                       // the one behind that
-    size_t mMost = 1024;  // entries of the next; the first are read before any has its turn
+    Block mBlock;               // the current one
+    size_t mNext = 0;           // entry of it
+    std::optional<BlockReader> mReader;  // of the next block
+    Block mListed;                       // the one after that
+    size_t mMost =
+            1024;  // entries of a block; few at first, as nothing can be done before they are read
 };
 
 }  // namespace rux

@@ -25,8 +25,8 @@ struct Entry {
         ClosedDirectory,  // cannot be opened, or is not to be entered again
         Directory,        // its own entries follow
         File,             // with content
-        Regular,          // says the directory; its status, which is not read yet, tells the rest
-        NoDirectory,      // its status tells which of the others
+        Regular,          // a regular file by its directory; its status is not read yet
+        NoDirectory,      // no directory; its status is not read yet
     };
     Kind kind = Kind::NoDirectory;
     bool needsStatus() const { return kind >= Kind::Regular; }
