@@ -63,6 +63,7 @@ std::optional<Entry> EntryStream::next() {
 }
 
 void EntryStream::leaveDirectory(size_t depth, std::deque<Entry> ahead) {
+    ahead.insert(ahead.end(), mAhead.begin(), mAhead.end());
     while (!ahead.empty() && ahead.front().depth >= depth) ahead.pop_front();
     mAhead = std::move(ahead);
     for (Entry& entry : mAhead) {  // its status may be another when its turn comes
