@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <string_view>
 #include <utility>
 
 #include "db/images.h"
@@ -23,6 +24,17 @@ const Json::StaticString kHasDigest("is_md5");
 const Json::StaticString kFileBytes("f_size");
 const Json::StaticString kPaths("f_list");
 const Json::StaticString kMark("r_flag");
+
+/// The text after the last "." when that looks like the kind of a file, otherwise "nosuffix".
+std::string suffixOf(std::string_view path) {
+    constexpr size_t kLongest = 10;
+    const size_t point = path.rfind('.');
+    if (point == std::string_view::npos) return "nosuffix";
+    const std::string_view suffix = path.substr(point + 1);
+    const bool fits = !suffix.empty() && suffix.size() <= kLongest &&
+                      suffix.find('/') == std::string_view::npos;
+    return fits ? std::string(suffix) : "nosuffix";
+}
 
 }  // namespace
 
@@ -50,12 +62,12 @@ bool pathExists(const std::string& path) {
     return stat(path.c_str(), &st) == 0;
 }
 
-void makeFileRecord(Json::Value& record, int64_t mtimeSeconds, const std::string& suffix) {
+void makeFileRecord(Json::Value& record, int64_t mtimeSeconds, const std::string& path) {
     record = Json::Value(Json::objectValue);
     for (const Json::StaticString& name : {kCompressed, kWritten, kHasDigest}) record[name] = 0;
     record[kVersionName] = kVersion;
     record[kTime] = static_cast<Json::Int64>(mtimeSeconds);
-    record[kSuffix] = suffix;
+    record[kSuffix] = suffixOf(path);
 }
 
 void makeGroup(Json::Value& group, int64_t fileBytes, Json::Value path) {

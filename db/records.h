@@ -21,9 +21,9 @@ std::string pathOf(const Json::Value& entry);
 /// Whether a file of that name exists, symbolic links followed.
 bool pathExists(const std::string& path);
 
-/// Makes `record` that of a file without a digest. `mtimeSeconds` is the file's modification time
-/// since the epoch, `suffix` the kind of file that its name gives.
-void makeFileRecord(Json::Value& record, int64_t mtimeSeconds, const std::string& suffix);
+/// Makes `record` that of the file `path`, without a digest. `mtimeSeconds` is the file's
+/// modification time since the epoch.
+void makeFileRecord(Json::Value& record, int64_t mtimeSeconds, const std::string& path);
 
 /// Whether a record says that its file has been entered in a group. The second makes it say so.
 bool hasDigest(const Json::Value& record);

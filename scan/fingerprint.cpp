@@ -1,7 +1,6 @@
 #include "scan/fingerprint.h"
 
 #include <cerrno>
-#include <string_view>
 
 #include "control/log.h"
 #include "control/properties.h"
@@ -9,31 +8,10 @@
 #include "db/json_text.h"
 #include "db/records.h"
 #include "db/space.h"
+#include "platform/include/tavo_f2fs_io_extensions.h"
 #include "tavo_f2fs_io.h"
 
 namespace rux {
-namespace {
-
-/// The names under which the I/O library keeps a file for the moment in which it exchanges it:
-/// ".rux-swap-" and 32 hexadecimal digits. One that a kill has left is nobody's file.
-bool isStaleName(std::string_view path) {
-    const std::string_view name = path.substr(path.rfind('/') + 1);
-    return name.size() == 42 && name.starts_with(".rux-swap-") &&
-           name.find_first_not_of("0123456789abcdef", 10) == std::string_view::npos;
-}
-
-/// The text after the last "." when that looks like the kind of a file, otherwise "nosuffix".
-std::string suffixOf(std::string_view path) {
-    constexpr size_t kLongest = 10;
-    const size_t point = path.rfind('.');
-    if (point == std::string_view::npos) return "nosuffix";
-    const std::string_view suffix = path.substr(point + 1);
-    const bool fits = !suffix.empty() && suffix.size() <= kLongest &&
-                      suffix.find('/') == std::string_view::npos;
-    return fits ? std::string(suffix) : "nosuffix";
-}
-
-}  // namespace
 
 Judgement judge(const std::string& path, const std::string& realPath, const Selection& selection,
                 bool mayBeFinished) {
@@ -42,7 +20,7 @@ Judgement judge(const std::string& path, const std::string& realPath, const Sele
         judgement.need = Need::Done;
     } else if (!selection.regs.matches(path, judgement.tooLong)) {
         judgement.need = Need::NotSelected;
-    } else if (isStaleName(path)) {
+    } else if (isStaleName != nullptr && isStaleName(path.c_str())) {
         judgement.need = Need::StaleName;
     } else if (!isStorablePath(path)) {
         judgement.need = Need::NotStorable;
@@ -66,7 +44,7 @@ void calculateFileMD5(const std::string& path, const struct stat& st, const Judg
     if (judgement.need != Need::Record && judgement.need != Need::Digest) return;
     Json::Value& record = asObject(fileInfoDB.change())[path];
     if (hasDigest(record)) return;  // the same path has been met twice
-    makeFileRecord(record, st.st_mtime, suffixOf(path));
+    makeFileRecord(record, st.st_mtime, path);
     if (judgement.need == Need::Record) {
         RUX_LOGD("the file is in black list");
         return;

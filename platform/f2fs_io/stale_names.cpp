@@ -6,6 +6,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <system_error>
 
 #include "android/log.h"
@@ -33,7 +34,7 @@ int removeUnneeded(const Entry& entry, const std::string& swap, const LeasedFile
     return isUnneeded ? removeSwap(entry, swap) : keepSwap(entry, swap, EEXIST);
 }
 
-bool isSwapName(const std::string& name) {
+bool isSwapName(std::string_view name) {
     constexpr size_t kPrefix = sizeof(Entry::kSwapPrefix) - 1;
     return name.starts_with(Entry::kSwapPrefix) && name.size() == kPrefix + 32 &&
            name.find_first_not_of("0123456789abcdef", kPrefix) == std::string::npos;
@@ -113,6 +114,11 @@ int removeStaleName(Entry& entry) {
 }
 
 }  // namespace android::host
+
+bool isStaleName(const char* path) {
+    const std::string_view whole = path;
+    return android::host::isSwapName(whole.substr(whole.rfind('/') + 1));
+}
 
 void removeStaleNames(const char* directory) {
     android::host::tidy(std::string(directory) + "/");

@@ -50,6 +50,10 @@ struct FileMD5Result;  // see tavo_f2fs_io.h, which is the device's own
 /// for each does, and has only what is left to do.
 [[gnu::weak]] void restoreLinkFiles(const std::vector<std::string>& paths);
 
+/// Whether the path ends in a name under which the library keeps a file for the moment in which it
+/// exchanges it. One that a kill has left is stale, and nobody's file.
+[[gnu::weak]] bool isStaleName(const char* path);
+
 /// Removes stale temporary names from a directory, which calls that were killed or failed half-way
 /// have left there. What is written under one and nowhere else gets its name back, or stays with a
 /// line at ERROR.
