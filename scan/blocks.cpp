@@ -64,6 +64,7 @@ Block Blocks::finishReading(Block& rest) {
 /// The next entries, and what their files need.
 Block Blocks::list() {
     Block block;
+    block.reserve(mMost);
     while (block.size() < mMost) {
         std::optional<Entry> entry = mStream.next();
         if (!entry) break;
