@@ -5,6 +5,18 @@
 namespace rux {
 namespace {
 
+/// Takes the member `name` when it is of that type.
+void take(const Json::Value& element, const char* name, bool& value) {
+    const Json::Value* member = memberOf(element, name);
+    if (member != nullptr && member->isBool()) value = member->asBool();
+}
+void take(const Json::Value& element, const char* name, uint64_t& value) {
+    const Json::Value* member = memberOf(element, name);
+    const bool isWhole = member != nullptr &&
+                         (member->type() == Json::intValue || member->type() == Json::uintValue);
+    if (isWhole && member->isUInt64()) value = member->asUInt64();
+}
+
 SpaceRule ruleOf(const Json::Value& element) {
     SpaceRule rule;
     if (!element.isObject()) return rule;
@@ -21,6 +33,10 @@ SpaceRule ruleOf(const Json::Value& element) {
     if (places != nullptr && places->isArray()) rule.places = stringsOf(*places);
     rule.hasUnusablePlaces =
             places != nullptr && !places->empty() && (!rule.places || rule.places->empty());
+    take(element, "follow_links", rule.reach.followsLinks);
+    take(element, "one_file_system", rule.reach.staysOnFileSystem);
+    take(element, "min_size", rule.reach.minBytes);
+    take(element, "max_size", rule.reach.maxBytes);
     return rule;
 }
 

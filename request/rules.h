@@ -4,11 +4,26 @@
 /// that are no strings are left out.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace rux {
+
+/// What a scan is to take up of what lies below a starting path. A member of another type counts as
+/// absent.
+struct Reach {
+    /// "follow_links". False leaves out symbolic links to files and to directories. The starting
+    /// path itself may be one.
+    bool followsLinks = true;
+    /// "one_file_system". True leaves out directories on another file system than the starting
+    /// path's.
+    bool staysOnFileSystem = false;
+    /// "min_size", "max_size", in bytes. Smaller and larger files are neither read nor recorded.
+    uint64_t minBytes = 0;
+    uint64_t maxBytes = UINT64_MAX;
+};
 
 /// What a request says about one space: an element of a scan's, a listing's or a restore's request.
 struct SpaceRule {
@@ -18,6 +33,7 @@ struct SpaceRule {
     std::vector<std::string> patterns;               ///< "regs"; empty also when absent.
     std::optional<std::vector<std::string>> places;  ///< "dirs": starting paths or path fragments.
     bool hasUnusablePlaces = false;                  ///< "dirs" is not empty, but `places` is.
+    Reach reach;  ///< "follow_links", "one_file_system", "min_size", "max_size".
 };
 
 /// Reads a request of space rules. False when `text` is not JSON.

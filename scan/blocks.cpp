@@ -20,12 +20,6 @@ bool needsDigest(const Item& item) {
     return item.digest != nullptr;
 }
 
-void readStatus(Item& item) {
-    if (!item.entry.needsStatus()) return;
-    const bool isThere = stat(item.entry.path.c_str(), &item.status) == 0;
-    item.entry.kind = isThere ? kindOf(item.status) : Entry::Kind::Unreadable;
-}
-
 }  // namespace
 
 Blocks::Blocks(EntryStream& stream, DigestCache& cache, const Selection& selection)
@@ -50,7 +44,7 @@ bool Blocks::advance() {
     mNext = 0;
     Block& next = rest.empty() ? mListed : rest;
     if (next.empty()) return !mBlock.empty();
-    mReader.emplace(std::exchange(next, {}), mCache);
+    mReader.emplace(std::exchange(next, {}), mSelection.reach, mCache);
     return true;
 }
 
@@ -92,8 +86,9 @@ void Blocks::leaveDirectory() {
     mStream.leaveDirectory(depth, std::move(ahead));
 }
 
-BlockReader::BlockReader(Block block, DigestCache& cache)
+BlockReader::BlockReader(Block block, const Reach& reach, DigestCache& cache)
       : mBlock(std::move(block)),
+        mReach(reach),
         mCache(cache),
         mMostInHand(1 + std::count_if(mBlock.begin(), mBlock.end(), needsDigest) / processors()),
         mWork([this] { readShare(); }) {}
@@ -105,6 +100,12 @@ Block BlockReader::finish(Block& rest) {
     rest.assign(std::make_move_iterator(end), std::make_move_iterator(mBlock.end()));
     mBlock.erase(end, mBlock.end());
     return std::move(mBlock);
+}
+
+void BlockReader::readStatus(Item& item) const {
+    if (!item.entry.needsStatus()) return;
+    const bool isThere = stat(item.entry.path.c_str(), &item.status) == 0;
+    item.entry.kind = isThere ? kindOf(item.status, mReach) : Entry::Kind::Unreadable;
 }
 
 /// What one of the threads does.
@@ -156,7 +157,7 @@ Item* BlockReader::take() {
 /// Whether the digest of a file with that status has to be computed.
 bool BlockReader::begin(Item& item, const struct stat& status) {
     item.status = status;
-    item.entry.kind = kindOf(status);
+    item.entry.kind = kindOf(status, mReach);
     if (item.entry.kind != Entry::Kind::File) return false;
     const std::lock_guard lock(mMutex);
     const SharedDigest digest = mCache.findOrAdd(status, item.digest);

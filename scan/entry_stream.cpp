@@ -36,14 +36,16 @@ std::string realPathOf(const std::string& path) {
     return {};
 }
 
-Entry::Kind kindOf(const struct stat& status) {
+Entry::Kind kindOf(const struct stat& status, const Reach& reach) {
     if (S_ISDIR(status.st_mode)) return Entry::Kind::ClosedDirectory;
-    if (status.st_size != 0) return Entry::Kind::File;
+    const auto bytes = static_cast<uint64_t>(status.st_size);
+    const bool isInReach = bytes >= reach.minBytes && bytes <= reach.maxBytes;
+    if (bytes != 0) return isInReach ? Entry::Kind::File : Entry::Kind::Skipped;
     return S_ISREG(status.st_mode) ? Entry::Kind::Empty : Entry::Kind::Device;
 }
 
-EntryStream::EntryStream(const std::string& start, bool wantsRealPaths)
-      : mPath(start), mWantsRealPaths(wantsRealPaths) {
+EntryStream::EntryStream(const std::string& start, const Reach& reach, bool wantsRealPaths)
+      : mPath(start), mReach(reach), mWantsRealPaths(wantsRealPaths) {
     if (start.find('\0') != std::string::npos) return;
     enter(AT_FDCWD, start.c_str(), false, wantsRealPaths ? realPathOf(start) : "");
 }
@@ -79,8 +81,10 @@ Entry EntryStream::entryOf(const dirent& found) {
     const char* const name = found.d_name;
     Entry entry;
     entry.depth = mLevels.size();
-    if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) {
-        entry.kind = Entry::Kind::Dot;
+    const bool byLink = isLink(directory, found);
+    const bool isDot = strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
+    if (isDot || (byLink && !mReach.followsLinks)) {
+        entry.kind = Entry::Kind::Skipped;
         return entry;
     }
     mPath.resize(level.pathLength);
@@ -92,7 +96,6 @@ Entry EntryStream::entryOf(const dirent& found) {
     }
     const bool mayBeDirectory =
             found.d_type == DT_DIR || found.d_type == DT_LNK || found.d_type == DT_UNKNOWN;
-    const bool byLink = mayBeDirectory && isLink(directory, found);
     if (byLink && mWantsRealPaths) {
         entry.realPath = realPathOf(mPath);
     } else if (!level.realPath.empty()) {
@@ -116,14 +119,17 @@ Entry::Kind EntryStream::enter(int above, const char* name, bool isBehindLink,
         return S_ISDIR(status.st_mode) ? Entry::Kind::ClosedDirectory : Entry::Kind::NoDirectory;
     }
     Stream stream(nullptr, closedir);
+    const bool hasStatus = fstat(directory, &status) == 0;
+    const bool isFar =
+            mReach.staysOnFileSystem && !mLevels.empty() && status.st_dev != mLevels[0].device;
     // A directory on the path already is not entered: a symbolic link leads back up to it.
     const bool mayEnter =
-            fstat(directory, &status) == 0 && !isOnPath(status) &&
+            hasStatus && !isFar && !isOnPath(status) &&
             (!isBehindLink || mEntered[{status.st_dev, status.st_ino}]++ < kMostEntries);
     if (mayEnter) stream.reset(fdopendir(directory));
     if (stream == nullptr) {
         close(directory);
-        return Entry::Kind::ClosedDirectory;
+        return isFar ? Entry::Kind::Skipped : Entry::Kind::ClosedDirectory;
     }
     mLevels.push_back({std::move(stream), status.st_dev, status.st_ino, mPath.size(), isBehindLink,
                        realPath});

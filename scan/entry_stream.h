@@ -13,12 +13,14 @@
 #include <utility>
 #include <vector>
 
+#include "request/rules.h"
+
 namespace rux {
 
 /// What a directory holds.
 struct Entry {
     enum class Kind : uint8_t {
-        Dot,              // "." or ".."
+        Skipped,          // "." or "..", or out of the walk's reach
         Unreadable,       // its status cannot be read
         Empty,            // a file without content
         Device,           // or a pipe or socket: no file that has content
@@ -36,7 +38,7 @@ struct Entry {
 };
 
 /// The kind of an entry that is no directory, or whose directory cannot be entered.
-Entry::Kind kindOf(const struct stat& status);
+Entry::Kind kindOf(const struct stat& status, const Reach& reach);
 
 /// The path without symbolic links; nothing when it has none, or leads nowhere.
 std::string realPathOf(const std::string& path);
@@ -47,7 +49,7 @@ std::string realPathOf(const std::string& path);
 class EntryStream {
   public:
     /// Opens the directory `start`.
-    explicit EntryStream(const std::string& start, bool wantsRealPaths = false);
+    EntryStream(const std::string& start, const Reach& reach, bool wantsRealPaths = false);
 
     /// Whether there is something to walk: `start` could be opened.
     bool isOpen() const { return !mLevels.empty(); }
@@ -80,6 +82,7 @@ class EntryStream {
     std::deque<Entry> mAhead;  // to come before those that are not read yet
     std::vector<Level> mLevels;
     std::string mPath;
+    const Reach& mReach;
     const bool mWantsRealPaths;
     std::map<std::pair<dev_t, ino_t>, int> mEntered;  // directories behind links, and how often
 };

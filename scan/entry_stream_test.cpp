@@ -21,11 +21,12 @@ TEST(EntryStreamTest, GivesAgainWhatLiesBehindADirectoryThatWasLeft) {
     test::Sandbox sandbox;
     for (const char* name : {"1", "2", "3", "4", "5"}) sandbox.write(name, "x");
     const std::string tree = sandbox.path(".");
-    EntryStream reference(tree);
+    const Reach reach;
+    EntryStream reference(tree, reach);
     std::deque<Entry> expected = read(reference, 100);
     ASSERT_EQ(expected.size(), 7U);
 
-    EntryStream stream(tree);
+    EntryStream stream(tree, reach);
     stream.leaveDirectory(2, read(stream, 100));  // nothing is that deep
     stream.leaveDirectory(2, read(stream, 2));    // while the others have not come again
     const std::deque<Entry> again = read(stream, 100);

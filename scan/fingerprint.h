@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "request/patterns.h"
+#include "request/rules.h"
 #include "scan/digest_cache.h"
 #include "scan/pending_members.h"
 
@@ -17,6 +18,7 @@ namespace rux {
 struct Selection {
     const PatternList& regs;
     const PatternList& exceptions;
+    const Reach& reach;
 };
 
 /// What has to be done for a file.

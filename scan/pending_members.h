@@ -31,7 +31,7 @@ class PendingMembers {
         Json::Value path;
     };
 
-    static void join(std::span<File* const> files);
+    static void join(std::span<File> files);
 
     std::vector<File> mFiles;
 };

@@ -88,7 +88,8 @@ void Rux_scanDuplicateFilesImp(const std::string& scanRules) {
                 save(SpaceID_DBPath, state.pendingMembers);
                 return;
             }
-            if (scanSpaceID(path, {patterns, exceptions}, state) != 0) RUX_LOGE("scanSpaceID fail");
+            if (scanSpaceID(path, {patterns, exceptions, rule.reach}, state) != 0)
+                RUX_LOGE("scanSpaceID fail");
         }
         save(SpaceID_DBPath, state.pendingMembers);
     }

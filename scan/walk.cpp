@@ -24,14 +24,16 @@ void takeFile(const Item& item, ScanState& state) {
 }  // namespace
 
 int scanSpaceID(const std::string& path, const Selection& selection, ScanState& state) {
-    EntryStream stream(path, !selection.exceptions.empty());
+    EntryStream stream(path, selection.reach, !selection.exceptions.empty());
     if (!stream.isOpen()) {
         struct stat status = {};
         if (path.find('\0') != std::string::npos || stat(path.c_str(), &status) != 0) {
             RUX_LOG(ANDROID_LOG_ERROR, ":stat", "The directory cannot be opened.");
             return -1;
         }
-        if (kindOf(status) != Entry::Kind::File) {
+        const Entry::Kind kind = kindOf(status, selection.reach);
+        if (kind == Entry::Kind::Skipped) return 0;
+        if (kind != Entry::Kind::File) {
             RUX_LOG(ANDROID_LOG_ERROR, ":opendir", "The directory cannot be opened.");
             return -1;
         }
@@ -51,7 +53,7 @@ int scanSpaceID(const std::string& path, const Selection& selection, ScanState& 
             takeFile(*item, state);
         } else if (kind == Entry::Kind::Unreadable) {
             RUX_LOG(ANDROID_LOG_ERROR, ":stat", "The directory cannot be opened.");
-        } else if (kind != Entry::Kind::Directory && kind != Entry::Kind::Dot) {
+        } else if (kind != Entry::Kind::Directory && kind != Entry::Kind::Skipped) {
             RUX_LOG(ANDROID_LOG_ERROR, ":opendir", "The directory cannot be opened.");
         }
     }

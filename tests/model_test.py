@@ -16,6 +16,7 @@ import re
 import shutil
 import stat
 import sys
+import tempfile
 import threading
 import time
 
@@ -37,6 +38,9 @@ NAMES = ["a.jpg", "b.jpg", "c.JPG", "archive.tar.gz", ".profile", "README", "fil
          "é 😀.txt", "quote\"\\.t", "tab\t.t", b"bad\xff.t", ".rux-swap-0123456789abcdef0123456789abcdef",
          ".rux-swap-not-of-the-library-but-a-users-x", "d.d", "e", "f", "g"]
 PATTERNS = [".*"] * 9 + [r".*\.jpg", r".*\.(jpg|t)", ".*/[a-m][^/]*", "jpg", "(", "[", r".*é.*", ".*/d[12]?/.*"]
+MEMBERS = {"follow_links": [False, False, True, 0, "false", None], "one_file_system": [True, True, False, 1],
+           "min_size": [1, 1, 1, 2, 5000, 5000, 5001, 0, -1, 2**64, 1.5, "1", True],
+           "max_size": [1, 1, 1, 4999, 5000, 5000, 0, 2**64 - 1, 2**64, -1, 1.0]}
 SPACES = ["s"] * 20 + ["t"] * 6 + ["é u", "", "plain", "..", "a/b", "n\0l", "x" * 300]
 
 
@@ -46,8 +50,8 @@ def as_logged(text):
 
 
 class Session:
-    def __init__(self, service, seed):
-        self.service, self.pick = service, random.Random(seed)
+    def __init__(self, service, seed, other):
+        self.service, self.pick, self.other = service, random.Random(seed), other
         self.model = Model(service.root)
         self.hold_directory = service.base + "/hold"
         os.mkdir(self.hold_directory)
@@ -77,7 +81,7 @@ class Session:
             return os.mkfifo(path)
         if kind == "link":
             return os.symlink(pick.choice(files + [".", ".." if depth > 0 else ".", os.path.basename(path), "nothing", self.service.tree,
-                                                   UNREADABLE, os.path.dirname(path)]), path)
+                                                   UNREADABLE, self.other, self.other, os.path.dirname(path)]), path)
         if kind == "hard" and files and ".rux-swap" not in path:
             return os.link(pick.choice(files), path, follow_symlinks=False)
         with open(path, "w", encoding="ascii") as file:
@@ -112,8 +116,8 @@ class Session:
             elif what == 4:
                 with open(path, "a", encoding="ascii") as file:
                     file.write("a")
-        if files and pick.random() < 0.3:  # a group forms again of files that are all new
-            source = pick.choice(self.files())
+        if (files := self.files()) and pick.random() < 0.3:  # a group forms again of files that are all new
+            source = pick.choice(files)
             for number in pick.sample(range(1000), 2):
                 shutil.copy2(source, f"{self.service.tree}/{number}.copy")
         if pick.random() < 0.6:
@@ -166,7 +170,7 @@ class Session:
                 record[name] = pick.choice([None, True, "x", 5, 1.5, [], {}, -3, 2.0**1000, 2**63 - 1, 2**64 - 1])
             if isinstance(record, dict) and isinstance(record.get("f_list"), list) and pick.random() < 0.5:
                 record["f_list"].insert(pick.randrange(len(record["f_list"]) + 1),
-                                        pick.choice(["/no/such", 7, None, "", "nul\0", self.service.tree]))
+                                        pick.choice([self.service.tree + "/no/such", 7, None, "", "nul\0", self.service.tree]))
         if isinstance(image, dict) and pick.random() < 0.3 and image:
             image[sorted(image)[0] + "\0x"] = {"V": 1, "f_size": 1, "f_list": self.nameable()[:2]}
         return json.dumps(image)
@@ -196,6 +200,10 @@ class Session:
                 "dirs": [pick.choice(places) for _ in range(pick.choice([0, 1, 1, 2, 2]))]}
         if operation != "restore" and not rule["dirs"] and pick.random() < 0.7:
             rule["dirs"] = [tree]
+        if operation == "scan":
+            for name, values in MEMBERS.items():
+                if pick.random() < 0.3:
+                    rule[name] = pick.choice(values)
         if pick.random() < 0.3:
             name = pick.choice(["sid", "regs", "dirs"])
             wrong = pick.choice([None, None, 5, [], {}, ["x", 5], [5], "x"])
@@ -411,6 +419,15 @@ class Session:
         self.model.properties = properties
 
 
+@contextlib.contextmanager
+def other_file_system():
+    """A directory with one file on another file system than the trees, where there is one."""
+    with tempfile.TemporaryDirectory(dir="/dev/shm" if os.path.isdir("/dev/shm") else None) as directory:
+        with open(directory + "/far", "w", encoding="ascii") as file:
+            file.write("unlike all others")
+        yield directory
+
+
 def main():
     rux, ruxctl, library = sys.argv[1:4]
     seeds = []
@@ -421,9 +438,9 @@ def main():
         service = Service(rux, ruxctl)
         service.environment = {"LD_PRELOAD": library, "RUX_HOLD": service.base + "/hold",
                                "ASAN_OPTIONS": "verify_asan_link_order=0"}
-        with service:
+        with service, other_file_system() as other:
             try:
-                Session(service, seed).run()
+                Session(service, seed, other).run()
             except BaseException:
                 print("seed", seed)
                 raise

@@ -57,6 +57,16 @@ def seconds(st):
     return st.st_mtime_ns // 10**9
 
 
+def reach_of(rule):
+    """What the optional members of a scan's rule say; one of another type says nothing."""
+    reach = {"follow_links": True, "one_file_system": False, "min_size": 0, "max_size": 2**64 - 1}
+    for name, default in reach.items():
+        value = rule.get(name)
+        if type(value) is type(default) and (isinstance(value, bool) or 0 <= value < 2**64):
+            reach[name] = value
+    return reach
+
+
 class Partial(Exception):
     pass
 
@@ -318,6 +328,7 @@ class Model:
                     self.save(space, 0, 1, 3)
                     return None
                 self.entered = {}
+                self.reach = reach_of(rule)
                 if self.walk(path, patterns, exceptions, []) != 0:
                     self.log("E", function, "scanSpaceID fail")
             self.save(space, 0, 1, 3)
@@ -358,7 +369,8 @@ class Model:
             if stat.S_ISDIR(st.st_mode) or st.st_size == 0:
                 self.log("E", "scanSpaceID:opendir", "The directory cannot be opened.")
                 return -1
-            self.fingerprint(path, "", st, patterns, exceptions)
+            if self.is_of_size(st):
+                self.fingerprint(path, "", st, patterns, exceptions)
             return 0
         for name in names:
             if self.stops("scan"):
@@ -368,14 +380,22 @@ class Model:
                 continue
             child = path + "/" + name
             child_st = status(child)
+            if not self.reach["follow_links"] and os.path.islink(child):
+                continue
             if child_st is None:
                 self.log("E", "scanSpaceID:stat", "The directory cannot be opened.")
+            elif self.reach["one_file_system"] and stat.S_ISDIR(child_st.st_mode) and child_st.st_dev != (above or [(st.st_dev, 0)])[0][0] and \
+                    entries(child) is not None:
+                continue
             elif stat.S_ISDIR(child_st.st_mode) or child_st.st_size == 0:
                 self.walk(child, patterns, exceptions, above + [(st.st_dev, st.st_ino)],
                           behind_link or os.path.islink(child))
-            else:
+            elif self.is_of_size(child_st):
                 self.fingerprint(child, name, child_st, patterns, exceptions)
         return 0
+
+    def is_of_size(self, st):
+        return self.reach["min_size"] <= st.st_size <= self.reach["max_size"]
 
     def look_after(self, directory, name):
         """What the library says, once in a scan, of a name like its own beside which it finds no file of that name."""

@@ -8,7 +8,10 @@ package tavo.rux;
  * transaction codes, from 1.
  */
 interface IRux {
-    /** Scans directories into the databases of their spaces. Ends early when told by property. */
+    /**
+     * Scans directories into the databases of their spaces. Ends early when told by property. Optional
+     * members of an element: "follow_links", "one_file_system", "min_size", "max_size".
+     */
     void Rux_scanDuplicateFiles(@utf8InCpp String request);
 
     /** Groups, files and bytes to be given back, by space and in pages: {} while refused. */
