@@ -55,18 +55,17 @@ void fillImages(int64_t files) {
     rux::checkNoCompressDB.change() = Json::Value(Json::objectValue);
     const rux::PatternList all({".*"});
     const rux::PatternList none;
+    const rux::Reach everything;
     struct stat st = {};
     st.st_size = 5000;
     rux::PendingMembers pendingMembers;
     for (int64_t i = 0; i < files; ++i) {
         const std::string path = pathOf(i * 7919 % files);
-        const auto digest = [i] {
-            FileMD5Result result = {};
-            snprintf(result.md5, sizeof(result.md5), "%016llx%016x",
-                     static_cast<unsigned long long>(i / 2) * 0x9e3779b97f4a7c15ULL, 0);
-            return result;
-        };
-        rux::calculateFileMD5(path, path, st, rux::judge(path, "", all, none), digest,
+        const rux::SharedDigest digest = rux::notComputed();
+        digest->code = 0;
+        snprintf(digest->md5, sizeof(digest->md5), "%016llx%016x",
+                 static_cast<unsigned long long>(i / 2) * 0x9e3779b97f4a7c15ULL, 0);
+        rux::calculateFileMD5(path, st, rux::judge(path, "", {all, none, everything}), digest,
                               pendingMembers);
     }
     pendingMembers.enter();

@@ -134,11 +134,10 @@ class CommandLine {
 
     void addForget() {
         CLI::App* command = add("forget", "Forget what is known of a space; files stay as they are",
-                                "  ruxctl forget photos");
+                                "  ruxctl forget photos", [this] { return forget(mForget); });
         command->add_option("NAME", mForget.spaceId, "The space")->required();
         addYes(command, mForget.yes);
         command->add_flag("--force", mForget.force, "Even if links lose their undo");
-        does(command, [this] { return forget(mForget); });
     }
 
     void addList() {
@@ -242,11 +241,10 @@ class CommandLine {
 
     void addStop() {
         CLI::App* command = add("stop", "End a running operation early; what was done stays",
-                                "  ruxctl stop scan");
+                                "  ruxctl stop scan", [this] { return stop(mName); });
         command->add_option("OPERATION", mName, "scan, list or compress")
                 ->required()
                 ->check(CLI::IsMember({"scan", "list", "compress"}));
-        does(command, [this] { return stop(mName); });
     }
 
     void addProperties() {

@@ -77,9 +77,10 @@ void add(Directory& root, const std::string& path, int64_t reclaimable, int64_t 
 /// What the page shows of a directory: its parts are told as long as they are a large share of the
 /// whole, its own files as one more. One that holds nothing but another one is not shown.
 DirectoryShare shareOf(const Directory& directory, const std::string& path, int64_t whole) {
-    DirectoryShare share = {directory, path.empty() ? "/" : path, {}};
+    const Share& all = directory;
+    DirectoryShare share = {all, path.empty() ? "/" : path, {}};
     if (directory.bytes() <= whole / kFewestParts) return share;
-    DirectoryShare own = {directory, path + "/*", {}};
+    DirectoryShare own = {all, path + "/*", {}};
     for (const auto& [name, child] : directory.below) {
         if (child.bytes() == 0) continue;
         if (child.bytes() == directory.bytes()) return shareOf(child, path + "/" + name, whole);

@@ -30,8 +30,8 @@ uint64_t keyOf(const struct stat& status) {
 bool timesWouldTell(const struct stat& status) {
     timespec now = {};
     clock_gettime(CLOCK_REALTIME_COARSE, &now);
-    const timespec& changed = status.st_ctim;
-    return difftime(now.tv_sec, changed.tv_sec) + 1e-9 * (now.tv_nsec - changed.tv_nsec) > 0.1;
+    const auto nanoseconds = static_cast<double>(now.tv_nsec - status.st_ctim.tv_nsec);
+    return difftime(now.tv_sec, status.st_ctim.tv_sec) + 1e-9 * nanoseconds > 0.1;
 }
 
 }  // namespace
