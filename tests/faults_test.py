@@ -126,6 +126,7 @@ def check_limits_on_file_size_and_descriptors(service):
 
     service.kill()
     service.start()
+    service.scan()  # a sanitizer that meets a class for the first time needs a descriptor to look at its object
     shutil.rmtree(service.space)
     limit(service, resource.RLIMIT_NOFILE, 30)
     service.scan()
