@@ -1,6 +1,5 @@
 #include "scan/digest_cache.h"
 
-#include <array>
 #include <cerrno>
 #include <ctime>
 #include <string_view>
@@ -14,15 +13,12 @@ constexpr size_t kMost = 1 << 16;  // digests; then it starts again with none
 /// give two the same, one would be grouped by the other's digest: only what is equal byte by byte
 /// is linked.
 uint64_t keyOf(const struct stat& status) {
-    const std::array<uint64_t, 7> parts = {status.st_dev,
-                                           status.st_ino,
-                                           static_cast<uint64_t>(status.st_size),
-                                           static_cast<uint64_t>(status.st_mtim.tv_sec),
-                                           static_cast<uint64_t>(status.st_mtim.tv_nsec),
-                                           static_cast<uint64_t>(status.st_ctim.tv_sec),
-                                           static_cast<uint64_t>(status.st_ctim.tv_nsec)};
-    return std::hash<std::string_view>()(
-            {reinterpret_cast<const char*>(parts.data()), sizeof(parts)});
+    const struct {
+        uint64_t device, inode, bytes;
+        timespec modified, changed;
+    } parts = {status.st_dev, status.st_ino, static_cast<uint64_t>(status.st_size), status.st_mtim,
+               status.st_ctim};
+    return std::hash<std::string_view>()({reinterpret_cast<const char*>(&parts), sizeof(parts)});
 }
 
 /// Whether the file's times would tell if it were changed from now on. The clock of a file system

@@ -35,10 +35,9 @@ struct Judgement {
     std::vector<const std::string*> tooLong;  ///< patterns that took too long for the path
 };
 
-/// Decides what a file needs, from its path and the images alone and without any effect: so it can
-/// be asked ahead of the file's turn. `realPath` is the path without symbolic links, or empty when
-/// that is no other. Without `mayBeFinished` the path is known to be new, and the image is not
-/// asked.
+/// Decides what a file needs, from its path and the images alone and without any effect. `realPath`
+/// is the path without symbolic links, or empty when that is no other. Without `mayBeFinished` the
+/// path is known to be new, and the image is not asked.
 Judgement judge(const std::string& path, const std::string& realPath, const Selection& selection,
                 bool mayBeFinished = true);
 

@@ -1,5 +1,7 @@
 #include "scan/pending_members.h"
 
+#include <endian.h>
+
 #include <algorithm>
 #include <cstring>
 #include <string_view>
@@ -13,16 +15,21 @@
 namespace rux {
 void PendingMembers::add(const SharedDigest& digest, int64_t fileBytes, const std::string& path) {
     if (mFiles.size() == kMost) enter();
-    mFiles.push_back({digest, fileBytes, path});
+    uint64_t beginning = 0;
+    memcpy(&beginning, digest->md5, sizeof(beginning));
+    mFiles.push_back({be64toh(beginning), digest, fileBytes, path});
 }
 
 void PendingMembers::enter() {
-    const auto precedes = [](const File& a, const File& b) {
-        return strcmp(a.digest->md5, b.digest->md5) < 0;
+    std::vector<File*> files;
+    for (File& file : mFiles) files.push_back(&file);
+    const auto precedes = [](const File* a, const File* b) {
+        return a->beginning != b->beginning ? a->beginning < b->beginning
+                                            : strcmp(a->digest->md5, b->digest->md5) < 0;
     };
-    std::stable_sort(mFiles.begin(), mFiles.end(), precedes);
-    for (auto first = mFiles.begin(); first != mFiles.end();) {
-        const auto end = std::upper_bound(first, mFiles.end(), *first, precedes);
+    std::stable_sort(files.begin(), files.end(), precedes);
+    for (auto first = files.begin(); first != files.end();) {
+        const auto end = std::upper_bound(first, files.end(), *first, precedes);
         join({first, end});
         first = end;
     }
@@ -31,20 +38,20 @@ void PendingMembers::enter() {
 
 /// Appends files of one digest to its group, as far as they are not in it already: one that has
 /// lost its record may be.
-void PendingMembers::join(std::span<File> files) {
-    Json::Value& group = asObject(checkNoCompressDB.change())[files[0].digest->md5];
+void PendingMembers::join(std::span<File* const> files) {
+    Json::Value& group = asObject(checkNoCompressDB.change())[files[0]->digest->md5];
     if (!group.isObject()) {
-        makeGroup(group, files[0].bytes, std::move(files[0].path));
+        makeGroup(group, files[0]->bytes, std::move(files[0]->path));
         files = files.subspan(1);
     }
     if (files.empty()) return;
     Json::Value& paths = group["f_list"];
     if (!paths.isArray()) paths = Json::Value(Json::arrayValue);
     std::unordered_set<std::string_view> missing;
-    for (const File& file : files) missing.insert(stringOf(file.path));
+    for (const File* file : files) missing.insert(stringOf(file->path));
     for (const Json::Value& member : paths) missing.erase(stringOf(member));
-    for (File& file : files) {
-        if (missing.erase(stringOf(file.path)) > 0) paths.append(std::move(file.path));
+    for (File* file : files) {
+        if (missing.erase(stringOf(file->path)) > 0) paths.append(std::move(file->path));
     }
 }
 

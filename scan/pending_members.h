@@ -26,12 +26,13 @@ class PendingMembers {
   private:
     static constexpr size_t kMost = 16384;  // files between two entries
     struct File {
+        uint64_t beginning;  // of the digest, as a number that sorts as the digests do
         SharedDigest digest;
         int64_t bytes;
         Json::Value path;
     };
 
-    static void join(std::span<File> files);
+    static void join(std::span<File* const> files);
 
     std::vector<File> mFiles;
 };

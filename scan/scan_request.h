@@ -6,9 +6,8 @@
 namespace rux {
 
 /// Scans the spaces that `scanRules` describes: [{"sid": space id, "regs": [pattern, ...], "dirs":
-/// [starting path, ...]}, ...]. The outcome is in the spaces' database files.
-///
-/// Optional members leave out some of what lies below the starting paths: see `Reach`.
+/// [starting path, ...]}, ...]. Optional members leave out some of what lies below the starting
+/// paths: see `Reach`. The outcome is in the spaces' database files.
 ///
 /// Refused, with nothing changed, while another long operation runs. The client ends it early by
 /// setting "sys.ruxservice.stop_scan" to "true"; what was done until then is saved.
