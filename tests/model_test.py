@@ -119,7 +119,8 @@ class Session:
         if (files := self.files()) and pick.random() < 0.3:  # a group forms again of files that are all new
             source = pick.choice(files)
             for number in pick.sample(range(1000), 2):
-                shutil.copy2(source, f"{self.service.tree}/{number}.copy")
+                with contextlib.suppress(shutil.SameFileError):
+                    shutil.copy2(source, f"{self.service.tree}/{number}.copy")
         if pick.random() < 0.6:
             self.populate(self.service.tree + "/new" + str(pick.randrange(20)), 3)
 
