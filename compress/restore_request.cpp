@@ -5,7 +5,6 @@
 #include <future>
 #include <map>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "control/busy.h"
@@ -25,7 +24,7 @@ namespace rux {
 namespace {
 
 constexpr size_t kBlock = 8192;  // paths that are restored in one go
-constexpr unsigned kMostThreads = 4;
+constexpr size_t kMostThreads = 4;
 
 void load(const std::string& SpaceID_DBPath) {
     DBReaderInit(SpaceID_DBPath, false, false, true, true);
@@ -72,8 +71,7 @@ struct Block {
 Block beginBlock(const std::vector<std::string>& digests, size_t first) {
     Block block;
     if (restoreLinkFiles == nullptr) return {digests.size(), {}};
-    std::vector<std::vector<std::string>> parts(
-            std::clamp(std::thread::hardware_concurrency(), 1U, kMostThreads));
+    std::vector<std::vector<std::string>> parts(std::min(processors(), kMostThreads));
     size_t count = 0;
     for (block.end = first; block.end < digests.size() && count < kBlock; ++block.end) {
         const Json::Value* paths = groupPaths((*checkACompressDB)[digests[block.end]]);

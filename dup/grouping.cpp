@@ -113,6 +113,7 @@ void readDupFiles(const PatternList& patterns, DupCounts& counts) {
     for (auto members = all.next(); !members.empty(); members = all.next()) {
         lookAt(members, patterns);
         for (Member& member : members) {
+            if (group.isRetired && !member.leads) continue;
             if (member.found == Member::Found::NotYet) member.look(patterns);
             if (member.leads) {
                 count(group, counts);
@@ -120,7 +121,6 @@ void readDupFiles(const PatternList& patterns, DupCounts& counts) {
                          .leader = member.path,
                          .leaderExists = member.found != Member::Found::Missing};
             }
-            if (group.isRetired) continue;
             if (member.found == Member::Found::Missing) {
                 RUX_LOGD("file no exist.");
                 continue;
@@ -135,7 +135,7 @@ void readDupFiles(const PatternList& patterns, DupCounts& counts) {
             }
             for (const std::string* pattern : member.tooLong)
                 RUX_LOGE("pattern %s takes too long for %s", pattern->c_str(), member.path.c_str());
-            if (member.matches) ++group.matches;
+            group.matches += static_cast<int32_t>(member.matches);
             if (member.stopSeen) {
                 RUX_LOGD("stop.");
                 return;

@@ -12,9 +12,8 @@ void take(const Json::Value& element, const char* name, bool& value) {
 }
 void take(const Json::Value& element, const char* name, uint64_t& value) {
     const Json::Value* member = memberOf(element, name);
-    const bool isWhole = member != nullptr &&
-                         (member->type() == Json::intValue || member->type() == Json::uintValue);
-    if (isWhole && member->isUInt64()) value = member->asUInt64();
+    if (member != nullptr && member->type() != Json::realValue && member->isUInt64())
+        value = member->asUInt64();
 }
 
 SpaceRule ruleOf(const Json::Value& element) {

@@ -3,7 +3,6 @@
 #include <cstring>
 #include <fstream>
 #include <map>
-#include <string>
 
 #include "binder/IServiceManager.h"
 #include "binder/Status.h"

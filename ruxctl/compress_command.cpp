@@ -1,5 +1,4 @@
 #include <json/json.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <iostream>
@@ -135,10 +134,10 @@ int tell(const CompressOptions& options, std::vector<Group>& groups, const Outco
         if (!outcome.stopped) printSkipped(groups);
         std::cout << counted(linked, "file") << " linked in " << duration(outcome.seconds) << ", "
                   << humanBytes(freed) << " given back\n";
-        for (size_t i = 0; linked > 0 && i < options.spaceIds.size(); ++i)
-            std::cout << (i == 0 ? "undo: " : ", ") << "ruxctl restore --space "
-                      << options.spaceIds[i];
-        if (linked > 0) std::cout << "\n";
+        std::string undo;
+        for (const std::string& spaceId : options.spaceIds)
+            undo += (undo.empty() ? "undo:" : ",") + (" ruxctl restore --space " + spaceId);
+        if (linked > 0) std::cout << undo << "\n";
     }
     if (!outcome.stopped) return kDone;
     std::cerr << "ruxctl: stopped; what is linked stays linked, the same command goes on\n";

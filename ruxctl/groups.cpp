@@ -200,7 +200,9 @@ int64_t reclaimable(const std::vector<Group>& groups) {
 }
 
 int64_t count(const std::vector<Group>& groups, Step step) {
-    return static_cast<int64_t>(membersWith(groups, step).size());
+    int64_t members = 0;
+    for (const Group& group : groups) members += group.count(step);
+    return members;
 }
 
 std::vector<const Member*> membersWith(const std::vector<Group>& groups, Step step) {

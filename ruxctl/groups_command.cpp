@@ -14,8 +14,7 @@ namespace ruxctl {
 namespace {
 
 void printText(const Group& group) {
-    constexpr Ink kInks[] = {Ink::Bold, Ink::Good, Ink::Warning,
-                             Ink::Bad};  // in the order of states
+    constexpr Ink kInks[] = {Ink::Bold, Ink::Good, Ink::Warning, Ink::Bad};  // by state
     std::string heading = counted(group.files, "file") + " of " + humanBytes(group.fileBytes);
     if (group.reclaimable > 0) heading += ", " + humanBytes(group.reclaimable) + " to give back";
     if (group.given > 0) heading += ", " + humanBytes(group.given) + " given back";
@@ -38,10 +37,9 @@ Json::Value valueOf(const Group& group) {
     value["compressed"] = group.compressed;
     value["members"] = Json::Value(Json::arrayValue);
     for (const Member& member : group.members) {
-        Json::Value entry(Json::objectValue);
+        Json::Value& entry = value["members"].append(Json::Value(Json::objectValue));
         entry["path"] = member.path;
         entry["state"] = nameOf(member.state);
-        value["members"].append(std::move(entry));
     }
     return value;
 }

@@ -37,16 +37,17 @@ struct Sums {
 
 using SumsBySpace = std::map<std::string, Sums>;
 
-/// What linking would do in each space, by the groups with a path that matches.
+/// What linking would do in each space, by the groups with a path that matches, or by all groups.
 SumsBySpace sumsOf(const std::vector<std::string>& spaceIds, const PathPatterns& patterns) {
     SumsBySpace bySpace;
+    const auto matches = [&](const Member& member) {
+        return patterns.empty() || patterns.match(member.path);
+    };
     for (const std::string& spaceId : spaceIds) bySpace[spaceId];
     for (const Group& group : groupsOf(spaceIds, Which::ToCompress)) {
-        const bool matches =
-                std::any_of(group.members.begin(), group.members.end(),
-                            [&](const Member& member) { return patterns.match(member.path); });
         const int64_t links = group.count(Step::Link);
-        if (matches && links > 0) bySpace[group.spaceId].add({1, links, group.reclaimable});
+        if (links > 0 && std::any_of(group.members.begin(), group.members.end(), matches))
+            bySpace[group.spaceId].add({1, links, group.reclaimable});
     }
     return bySpace;
 }
@@ -61,9 +62,8 @@ void printJson(const SumsBySpace& bySpace) {
     Json::Value page(Json::objectValue);
     page["spaces"] = Json::Value(Json::arrayValue);
     for (const auto& [spaceId, sums] : bySpace) {
-        Json::Value value = sums.value();
+        Json::Value& value = page["spaces"].append(sums.value());
         value["space"] = spaceId;
-        page["spaces"].append(std::move(value));
     }
     page["total"] = totalOf(bySpace).value();
     std::cout << Json::FastWriter().write(page);
@@ -86,7 +86,7 @@ void printText(const SumsBySpace& bySpace, bool exact) {
 }  // namespace
 
 int list(const ListOptions& options) {
-    const PathPatterns patterns(options.patterns.empty() ? kAllPaths : options.patterns);
+    const PathPatterns patterns(options.patterns);
     const std::vector<std::string> chosen = chosenSpaces(options.spaceIds);
     requireSpaces(chosen);
     const SumsBySpace bySpace = sumsOf(chosen, patterns);

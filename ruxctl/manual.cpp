@@ -1,10 +1,9 @@
-#include "ruxctl/generated.h"
-#include "ruxctl/units.h"
-
 #include <CLI/CLI.hpp>
 #include <iostream>
 
 #include "ruxctl/client.h"
+#include "ruxctl/generated.h"
+#include "ruxctl/units.h"
 
 namespace ruxctl {
 namespace {

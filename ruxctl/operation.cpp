@@ -24,6 +24,14 @@ using Clock = std::chrono::steady_clock;
 constexpr char kRunning[] = "ruxctl.operation";  // "PROCESS START NAME"
 constexpr auto kTick = std::chrono::milliseconds(100);
 
+/// Makes a call of which nobody has to know why it fails.
+bool succeeds(const Client& client, Code code, const std::optional<std::string>& request = {}) try {
+    client.call(code, request);
+    return true;
+} catch (const Failure&) {
+    return false;
+}
+
 /// Tells whether an operation has been admitted: that sets its stop property to "false", a refusal
 /// leaves what stood there. A "true" is not touched, it may be somebody's request to stop.
 class Admission {
@@ -46,7 +54,7 @@ class Admission {
     /// To be said again and again: the request may not have been admitted when it was first.
     void stop(const Client& client) {
         if (mOperation.stopProperty == nullptr) return;
-        if (!mStopped && mOperation.stopNote) client.call(*mOperation.stopNote, std::nullopt);
+        if (!mStopped && mOperation.stopNote) succeeds(client, *mOperation.stopNote);
         if (state() != "asked") set("true");
         mStopped = true;
     }
@@ -115,12 +123,7 @@ Outcome carryOut(const Client& client, const Operation& operation, const std::st
 
 bool isBusy(const Client& client) {
     const Admission admission(kScanOperation);
-    try {
-        client.call(kScan, "[]");
-    } catch (const Failure&) {
-        return false;
-    }
-    return admission.wasRefused();
+    return succeeds(client, kScan, "[]") && admission.wasRefused();
 }
 
 std::optional<std::string> runningOperation() {

@@ -20,6 +20,7 @@ class PathPatterns {
     explicit PathPatterns(const std::vector<std::string>& patterns, bool tells = true);
 
     bool match(const std::string& path) const;
+    bool empty() const { return mPatterns.empty(); }
 
   private:
     std::vector<std::regex> mPatterns;

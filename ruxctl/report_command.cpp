@@ -296,8 +296,9 @@ std::string pageOf(const Report& report) {
 
 int report(const std::string& htmlFile, const std::vector<std::string>& spaceIds) {
     requireSpaces(spaceIds);
-    if (chosenSpaces(spaceIds).empty()) return nothingScanned();
-    const std::string page = pageOf(reportOn(chosenSpaces(spaceIds)));
+    const std::vector<std::string> chosen = chosenSpaces(spaceIds);
+    if (chosen.empty()) return nothingScanned();
+    const std::string page = pageOf(reportOn(chosen));
     if (htmlFile == "-") {
         std::cout << page;
         return kDone;

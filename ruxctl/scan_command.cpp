@@ -221,7 +221,7 @@ int forget(const ForgetOptions& options) {
                       "`ruxctl scan --fresh`, or use --force");
     }
     if (!agreed("Forget " + counted(space.files, "record") + " of " + spaceId + "?", options.yes))
-        return nothingChanged();
+        return kDone;
     if (const auto client = Client::connect(); client) startAfresh(*client, spaceId);
     if (!forgetRecords(spaceId, true))
         throw Failure(spaceId + " cannot be removed: " + strerror(errno));

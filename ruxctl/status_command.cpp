@@ -54,7 +54,7 @@ int status() {
                          : inked(Ink::Bad, "no answer"))
               << "\n";
     print(spaces);
-    service();  // says why there is none
+    if (!client) service();  // says why there is none
     return kDone;
 }
 

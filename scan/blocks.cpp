@@ -141,10 +141,10 @@ void BlockReader::readShare() {
 /// The next file whose digest may be needed. Of the entries before it the status is read.
 Item* BlockReader::nextFile() {
     while (Item* const item = take()) {
+        if (needsDigest(*item) && item->entry.kind == Entry::Kind::Regular) return item;
         // What is no file with content is not opened: that might have an effect.
-        if (!needsDigest(*item) || item->entry.kind != Entry::Kind::Regular) readStatus(*item);
-        const bool isFile = item->entry.needsStatus() || item->entry.kind == Entry::Kind::File;
-        if (needsDigest(*item) && isFile) return item;
+        readStatus(*item);
+        if (needsDigest(*item) && item->entry.kind == Entry::Kind::File) return item;
     }
     return nullptr;
 }

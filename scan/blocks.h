@@ -80,8 +80,7 @@ class Blocks {
     size_t mNext = 0;           // entry of it
     std::optional<BlockReader> mReader;  // of the next block
     Block mListed;                       // the one after that
-    size_t mMost =
-            1024;  // entries of a block; few at first, as nothing can be done before they are read
+    size_t mMost = 1024;                 // entries of a block; few at first, so that work begins
 };
 
 }  // namespace rux
