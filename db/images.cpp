@@ -262,6 +262,10 @@ void noteUse() {
 
 }  // namespace
 
+void Image::remove(std::string_view name) {
+    if (memberOf(mValue, name) != nullptr) takeMember(change(), name);
+}
+
 bool Image::parse(std::string_view text) {
     const bool isJson = parseJson(text, mValue);
     if (isJson) mText = stampOf(text);

@@ -33,6 +33,9 @@ class Image {
         return mValue;
     }
 
+    /// Takes a member out, if there is one of that name.
+    void remove(std::string_view name);
+
     /// Replaces the value by what `text`, that of its file, says. False when it is not JSON.
     bool parse(std::string_view text);
 

@@ -70,11 +70,11 @@ void makeFileRecord(Json::Value& record, int64_t mtimeSeconds, const std::string
     record[kSuffix] = suffixOf(path);
 }
 
-void makeGroup(Json::Value& group, int64_t fileBytes, Json::Value path) {
+void makeGroup(Json::Value& group, int64_t fileBytes) {
     group = Json::Value(Json::objectValue);
     group[kVersionName] = kVersion;
     group[kFileBytes] = static_cast<Json::Int64>(fileBytes);
-    group[kPaths].append(std::move(path));
+    group[kPaths] = Json::Value(Json::arrayValue);
 }
 
 bool hasDigest(const Json::Value& record) {
@@ -91,10 +91,14 @@ bool isFinished(const std::string& path) {
     return record != nullptr && hasDigest(*record);
 }
 
+int64_t mtimeSecondsOf(const Json::Value& record) {
+    const Json::Value* time = memberOf(record, "s_time");
+    return time != nullptr ? integerOf(*time) : 0;
+}
+
 int64_t recordedMtimeSeconds(const std::string& path) {
     const Json::Value* record = memberOf(*fileInfoDB, path);
-    const Json::Value* time = record != nullptr ? memberOf(*record, "s_time") : nullptr;
-    return time != nullptr ? integerOf(*time) : 0;
+    return record != nullptr ? mtimeSecondsOf(*record) : 0;
 }
 
 void markModified(const std::string& path, Mark mark) {
@@ -102,6 +106,12 @@ void markModified(const std::string& path, Mark mark) {
     Json::Value& entry = asObject(asObject(modifyFileInfoDB.change())[path]);
     entry[kVersionName] = kVersion;
     entry[kMark] = static_cast<int>(mark);
+}
+
+std::optional<Mark> markOf(const Json::Value& entry) {
+    const Json::Value* mark = memberOf(entry, "r_flag");
+    if (mark == nullptr) return std::nullopt;
+    return integerOf(*mark) == 1 ? Mark::Restored : Mark::Retired;
 }
 
 int64_t addBytes(int64_t sum, int64_t factor, int64_t count) {

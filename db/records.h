@@ -4,6 +4,7 @@
 #include <json/json.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace rux {
@@ -32,15 +33,20 @@ void setHasDigest(Json::Value& record);
 /// Whether the file of that path has a record in DB1 that says so.
 bool isFinished(const std::string& path);
 
-/// Makes `group` one of a single member, whose size in bytes is `fileBytes`.
-void makeGroup(Json::Value& group, int64_t fileBytes, Json::Value path);
+/// Makes `group` one without members, of files of that size in bytes.
+void makeGroup(Json::Value& group, int64_t fileBytes);
 
-/// The "s_time" of the record of `path` in DB1, in seconds since the epoch; 0 without a record.
+/// The "s_time" of a record, in seconds since the epoch; 0 without one. The second finds the record
+/// of `path` in DB1.
+int64_t mtimeSecondsOf(const Json::Value& record);
 int64_t recordedMtimeSeconds(const std::string& path);
 
 /// Notes in DB4 that `path` was restored, or that the group it led was retired.
 enum class Mark : int { Retired = 0, Restored = 1 };
 void markModified(const std::string& path, Mark mark);
+
+/// What an entry of DB4 notes.
+std::optional<Mark> markOf(const Json::Value& entry);
 
 /// `sum` + `factor` × `count` in bytes, at most what 64 bits hold.
 int64_t addBytes(int64_t sum, int64_t factor, int64_t count);

@@ -32,6 +32,7 @@ SpaceRule ruleOf(const Json::Value& element) {
     if (places != nullptr && places->isArray()) rule.places = stringsOf(*places);
     rule.hasUnusablePlaces =
             places != nullptr && !places->empty() && (!rule.places || rule.places->empty());
+    take(element, "refresh", rule.refreshes);
     take(element, "follow_links", rule.reach.followsLinks);
     take(element, "one_file_system", rule.reach.staysOnFileSystem);
     take(element, "min_size", rule.reach.minBytes);

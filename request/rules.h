@@ -33,6 +33,8 @@ struct SpaceRule {
     std::vector<std::string> patterns;               ///< "regs"; empty also when absent.
     std::optional<std::vector<std::string>> places;  ///< "dirs": starting paths or path fragments.
     bool hasUnusablePlaces = false;                  ///< "dirs" is not empty, but `places` is.
+    /// "refresh", of a scan: bring what the space knows of its starting paths up to date.
+    bool refreshes = false;
     Reach reach;  ///< "follow_links", "one_file_system", "min_size", "max_size".
 };
 

@@ -17,7 +17,7 @@ constexpr size_t kMost = 8192;  // entries of a block
 constexpr int64_t kMaxBytes = int64_t{512} << 20;
 
 bool needsDigest(const Item& item) {
-    return item.digest != nullptr;
+    return item.judgement.need == Need::Digest;
 }
 
 }  // namespace
@@ -44,7 +44,7 @@ bool Blocks::advance() {
     mNext = 0;
     Block& next = rest.empty() ? mListed : rest;
     if (next.empty()) return !mBlock.empty();
-    mReader.emplace(std::exchange(next, {}), mSelection.reach, mCache);
+    mReader.emplace(std::exchange(next, {}), mSelection, mCache);
     return true;
 }
 
@@ -66,7 +66,6 @@ Block Blocks::list() {
         item.entry = std::move(*entry);
         if (!item.entry.needsStatus()) continue;
         item.judgement = judge(item.entry.path, item.entry.realPath, mSelection, mMayBeFinished);
-        if (item.judgement.need == Need::Digest) item.digest = notComputed();
     }
     mMost = std::min(2 * mMost, kMost);
     return block;
@@ -86,26 +85,27 @@ void Blocks::leaveDirectory() {
     mStream.leaveDirectory(depth, std::move(ahead));
 }
 
-BlockReader::BlockReader(Block block, const Reach& reach, DigestCache& cache)
+BlockReader::BlockReader(Block block, const Selection& selection, DigestCache& cache)
       : mBlock(std::move(block)),
-        mReach(reach),
+        mSelection(selection),
         mCache(cache),
         mMostInHand(1 + std::count_if(mBlock.begin(), mBlock.end(), needsDigest) / processors()),
         mWork([this] { readShare(); }) {}
 
 Block BlockReader::finish(Block& rest) {
     mWork.finish();
-    if (mTaken == 0) readStatus(mBlock[mTaken++]);
+    mTaken = std::max<size_t>(mTaken, 1);
     const auto end = mBlock.begin() + static_cast<ptrdiff_t>(mTaken);
     rest.assign(std::make_move_iterator(end), std::make_move_iterator(mBlock.end()));
     mBlock.erase(end, mBlock.end());
+    for (Item& item : mBlock) readStatus(item);  // where a thread was out of memory
     return std::move(mBlock);
 }
 
 void BlockReader::readStatus(Item& item) const {
     if (!item.entry.needsStatus()) return;
     const bool isThere = stat(item.entry.path.c_str(), &item.status) == 0;
-    item.entry.kind = isThere ? kindOf(item.status, mReach) : Entry::Kind::Unreadable;
+    item.entry.kind = isThere ? kindOf(item.status, mSelection.reach) : Entry::Kind::Unreadable;
 }
 
 /// What one of the threads does.
@@ -141,10 +141,15 @@ void BlockReader::readShare() {
 /// The next file whose digest may be needed. Of the entries before it the status is read.
 Item* BlockReader::nextFile() {
     while (Item* const item = take()) {
-        if (needsDigest(*item) && item->entry.kind == Entry::Kind::Regular) return item;
+        KnownPath*& known = item->judgement.known;
+        if (mSelection.known != nullptr) known = mSelection.known->find(item->entry.path);
+        if (needsDigest(*item) && item->entry.kind == Entry::Kind::Regular && known == nullptr)
+            return item;
         // What is no file with content is not opened: that might have an effect.
         readStatus(*item);
-        if (needsDigest(*item) && item->entry.kind == Entry::Kind::File) return item;
+        if (needsDigest(*item) && item->entry.kind == Entry::Kind::File &&
+            (known == nullptr || !known->holds(item->status)))
+            return item;
     }
     return nullptr;
 }
@@ -157,18 +162,18 @@ Item* BlockReader::take() {
 /// Whether the digest of a file with that status has to be computed.
 bool BlockReader::begin(Item& item, const struct stat& status) {
     item.status = status;
-    item.entry.kind = kindOf(status, mReach);
+    item.entry.kind = kindOf(status, mSelection.reach);
     if (item.entry.kind != Entry::Kind::File) return false;
+    const SharedDigest own = notComputed();
     const std::lock_guard lock(mMutex);
-    const SharedDigest digest = mCache.findOrAdd(status, item.digest);
-    const bool isOwn = digest == item.digest;
-    if (isOwn) mBytes += status.st_size;
-    item.digest = digest;
-    return isOwn;
+    item.digest = mCache.findOrAdd(status, own);
+    if (item.digest == own) mBytes += status.st_size;
+    return item.digest == own;
 }
 
 void BlockReader::end(Item& item, const FileMD5Result& result) {
     readStatus(item);  // of one that could not be opened
+    if (item.digest == nullptr) item.digest = notComputed();
     *item.digest = result;
     if (result.code == 0) return;
     const std::lock_guard lock(mMutex);

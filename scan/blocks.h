@@ -31,7 +31,7 @@ using Block = std::vector<Item>;
 class BlockReader {
   public:
     /// Begins in other threads.
-    BlockReader(Block block, const Reach& reach, DigestCache& cache);
+    BlockReader(Block block, const Selection& selection, DigestCache& cache);
 
     /// Takes part, and returns when nobody reads any more: the entries that have been read, at
     /// least the first. The others are left in `rest`.
@@ -46,7 +46,7 @@ class BlockReader {
     void end(Item& item, const FileMD5Result& result);
 
     Block mBlock;
-    const Reach& mReach;
+    const Selection& mSelection;
     DigestCache& mCache;
     const size_t mMostInHand;  // digests, of one thread: of few files each takes its share
     std::mutex mMutex;         // for the cache and what follows

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <unordered_map>
 
 #include "tavo_f2fs_io.h"
@@ -14,6 +15,8 @@ namespace rux {
 /// The digest of a file. Until it is computed its code is ECANCELED.
 using SharedDigest = std::shared_ptr<FileMD5Result>;
 SharedDigest notComputed();
+/// One that is known; null for a text that cannot be one.
+SharedDigest digestOf(const std::string& text);
 
 /// Finds the digest of a file that has been met under another name (hard links, symbolic links,
 /// overlapping starting paths), by its device, inode, size and both times.

@@ -1,6 +1,7 @@
 #include "scan/fingerprint.h"
 
 #include <cerrno>
+#include <memory>
 
 #include "control/log.h"
 #include "control/properties.h"
@@ -16,7 +17,7 @@ namespace rux {
 Judgement judge(const std::string& path, const std::string& realPath, const Selection& selection,
                 bool mayBeFinished) {
     Judgement judgement;
-    if (mayBeFinished && isFinished(path)) {
+    if (selection.known == nullptr && mayBeFinished && isFinished(path)) {
         judgement.need = Need::Done;
     } else if (!selection.regs.matches(path, judgement.tooLong)) {
         judgement.need = Need::NotSelected;
@@ -35,26 +36,39 @@ Judgement judge(const std::string& path, const std::string& realPath, const Sele
 }
 
 void calculateFileMD5(const std::string& path, const struct stat& st, const Judgement& judgement,
-                      const SharedDigest& digest, PendingMembers& pendingMembers) {
-    if (!judgement.tooLong.empty() && isFinished(path)) return;
+                      SharedDigest digest, PendingMembers& pendingMembers) {
+    KnownPath* const known = judgement.known;
+    if (known != nullptr ? known->isMet : !judgement.tooLong.empty() && isFinished(path)) return;
     for (const std::string* pattern : judgement.tooLong)
         RUX_LOGE("pattern %s takes too long for %s", pattern->c_str(), path.c_str());
     if (judgement.need == Need::NotStorable)
         RUX_LOGD("the path %s is not valid UTF-8, skip", path.c_str());
     if (judgement.need != Need::Record && judgement.need != Need::Digest) return;
+    if (known != nullptr) {
+        known->isMet = true;
+        if (judgement.need == Need::Digest && known->holds(st)) {
+            // Its content is known, so it needs no reading to be linked again.
+            digest = digestOf(known->apartFrom(st));
+            if (digest != nullptr) pendingMembers.add(digest, st.st_size, path);
+            return;
+        }
+        known->taken = std::make_unique<std::string>();
+    }
     Json::Value& record = asObject(fileInfoDB.change())[path];
-    if (hasDigest(record)) return;  // the same path has been met twice
+    if (known == nullptr && hasDigest(record)) return;  // the same path has been met twice
     makeFileRecord(record, st.st_mtime, path);
     if (judgement.need == Need::Record) {
         RUX_LOGD("the file is in black list");
         return;
     }
+    if (digest == nullptr) digest = notComputed();
     if (digest->code == ECANCELED) *digest = computeFileMD5(path.c_str(), toolLogEnabled);
     if (digest->code != 0) {
         RUX_LOGD("cal md5 error code != 0, continue");
         return;
     }
     setHasDigest(record);
+    if (known != nullptr) *known->taken = digest->md5;
     pendingMembers.add(digest, st.st_size, path);
 }
 

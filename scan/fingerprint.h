@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "db/known_paths.h"
 #include "request/patterns.h"
 #include "request/rules.h"
 #include "scan/digest_cache.h"
@@ -19,6 +20,7 @@ struct Selection {
     const PatternList& regs;
     const PatternList& exceptions;
     const Reach& reach;
+    KnownPaths* const known = nullptr;  ///< when the space is to be brought up to date
 };
 
 /// What has to be done for a file.
@@ -33,6 +35,7 @@ enum class Need {
 struct Judgement {
     Need need = Need::NotSelected;
     std::vector<const std::string*> tooLong;  ///< patterns that took too long for the path
+    KnownPath* known = nullptr;               ///< for a refresh; to be found by the caller
 };
 
 /// Decides what a file needs, from its path and the images alone and without any effect. `realPath`
@@ -45,9 +48,9 @@ Judgement judge(const std::string& path, const std::string& realPath, const Sele
 /// has it enter the group of that digest in DB2, among the `pendingMembers`. `digest` is what there
 /// is of it: with the code ECANCELED it is computed now, and put there.
 ///
-/// A file that has got a digest since it was judged is left alone. `st` is the file's status from
-/// before its digest was begun.
+/// A file that has got a digest since it was judged, or of which what is known holds, is left
+/// alone. `st` is the file's status from before its digest was begun.
 void calculateFileMD5(const std::string& path, const struct stat& st, const Judgement& judgement,
-                      const SharedDigest& digest, PendingMembers& pendingMembers);
+                      SharedDigest digest, PendingMembers& pendingMembers);
 
 }  // namespace rux

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "db/known_paths.h"
 #include "scan/digest_cache.h"
 
 namespace rux {
@@ -17,6 +18,11 @@ namespace rux {
 /// in which they came.
 class PendingMembers {
   public:
+    /// `known` is given when the space is to be brought up to date: then what DB3 has under the
+    /// same digest enters the group before them. So they are linked to that file, and what DB3 gets
+    /// in its place covers both.
+    explicit PendingMembers(KnownPaths* known = nullptr) : mKnown(known) {}
+
     /// Takes up a file, whose record says by now that it has a digest.
     void add(const SharedDigest& digest, int64_t fileBytes, const std::string& path);
 
@@ -32,8 +38,9 @@ class PendingMembers {
         Json::Value path;
     };
 
-    static void join(std::span<File* const> files);
+    void join(std::span<File* const> files);
 
+    KnownPaths* mKnown;
     std::vector<File> mFiles;
 };
 

@@ -20,9 +20,27 @@
 namespace rux {
 namespace {
 
-void save(const std::string& SpaceID_DBPath, PendingMembers& pendingMembers) {
-    pendingMembers.enter();
+void save(const std::string& SpaceID_DBPath) {
     DBWriteUpdate(SpaceID_DBPath, true, true, false, true);
+}
+
+/// Begins with a rule whose space is loaded.
+void begin(const SpaceRule& rule, const std::string& SpaceID_DBPath, ScanState& state) {
+    state.known.reset();
+    if (rule.refreshes) {
+        DBReaderInit(SpaceID_DBPath, false, false, true, false);
+        state.known.emplace();
+    }
+    state.pendingMembers = PendingMembers(state.knownPaths());
+    state.isStopped = false;
+}
+
+/// Ends with the rule, and saves.
+void end(const SpaceRule& rule, const std::string& SpaceID_DBPath, ScanState& state) {
+    state.pendingMembers.enter();
+    if (state.known)
+        state.known->removeStale(state.isStopped ? std::vector<std::string>() : *rule.places);
+    save(SpaceID_DBPath);
 }
 
 /// The exception rules; none when their file is missing or cannot be read.
@@ -78,20 +96,22 @@ void Rux_scanDuplicateFilesImp(const std::string& scanRules) {
         if (rule.patterns.empty()) continue;
         if (!rule.places || rule.places->empty()) {
             RUX_LOGE("scanRules Incorrect format");
-            save(SpaceID_DBPath, state.pendingMembers);
+            save(SpaceID_DBPath);
             continue;
         }
+        begin(rule, SpaceID_DBPath, state);
         const PatternList patterns(rule.patterns);
+        const Selection selection{patterns, exceptions, rule.reach, state.knownPaths()};
         for (const std::string& path : *rule.places) {
             if (getStopProp(kStopScan)) {
                 RUX_LOGD("stop.");
-                save(SpaceID_DBPath, state.pendingMembers);
+                state.isStopped = true;
+                end(rule, SpaceID_DBPath, state);
                 return;
             }
-            if (scanSpaceID(path, {patterns, exceptions, rule.reach}, state) != 0)
-                RUX_LOGE("scanSpaceID fail");
+            if (scanSpaceID(path, selection, state) != 0) RUX_LOGE("scanSpaceID fail");
         }
-        save(SpaceID_DBPath, state.pendingMembers);
+        end(rule, SpaceID_DBPath, state);
     }
 }
 

@@ -38,8 +38,10 @@ int scanSpaceID(const std::string& path, const Selection& selection, ScanState& 
             return -1;
         }
         const std::string realPath = selection.exceptions.empty() ? "" : realPathOf(path);
-        calculateFileMD5(path, status, judge(path, realPath, selection),
-                         state.digests.findOrAdd(status, notComputed()), state.pendingMembers);
+        Judgement judgement = judge(path, realPath, selection);
+        if (selection.known != nullptr) judgement.known = selection.known->find(path);
+        calculateFileMD5(path, status, judgement, state.digests.findOrAdd(status, notComputed()),
+                         state.pendingMembers);
         return 0;
     }
 
@@ -48,6 +50,7 @@ int scanSpaceID(const std::string& path, const Selection& selection, ScanState& 
         const Entry::Kind kind = item->entry.kind;
         if (getStopProp(kStopScan)) {
             RUX_LOGD("stop.");
+            state.isStopped = true;
             blocks.leaveDirectory();  // the one above stops at its next entry
         } else if (kind == Entry::Kind::File) {
             takeFile(*item, state);

@@ -1,9 +1,11 @@
 /// The walk over one starting path of a scan.
 #pragma once
 
+#include <optional>
 #include <set>
 #include <string>
 
+#include "db/known_paths.h"
 #include "scan/digest_cache.h"
 #include "scan/fingerprint.h"
 #include "scan/pending_members.h"
@@ -13,8 +15,14 @@ namespace rux {
 /// What the walks of one request share.
 struct ScanState {
     DigestCache digests;
-    PendingMembers pendingMembers;
     std::set<std::string> tidied;  // directories that stale temporary names were removed from
+
+    // Of the current rule:
+    std::optional<KnownPaths> known;  // when it refreshes the space
+    PendingMembers pendingMembers;
+    bool isStopped = false;
+
+    KnownPaths* knownPaths() { return known ? &*known : nullptr; }
 };
 
 /// Hands every file with content below `path`, or `path` itself when it is one, to the

@@ -38,7 +38,7 @@ NAMES = ["a.jpg", "b.jpg", "c.JPG", "archive.tar.gz", ".profile", "README", "fil
          "é 😀.txt", "quote\"\\.t", "tab\t.t", b"bad\xff.t", ".rux-swap-0123456789abcdef0123456789abcdef",
          ".rux-swap-not-of-the-library-but-a-users-x", "d.d", "e", "f", "g"]
 PATTERNS = [".*"] * 9 + [r".*\.jpg", r".*\.(jpg|t)", ".*/[a-m][^/]*", "jpg", "(", "[", r".*é.*", ".*/d[12]?/.*"]
-MEMBERS = {"follow_links": [False, False, True, 0, "false", None], "one_file_system": [True, True, False, 1],
+MEMBERS = {"refresh": [True, True, True, True, False, 1, "true"], "follow_links": [False, False, True, 0, "false", None], "one_file_system": [True, True, False, 1],
            "min_size": [1, 1, 1, 2, 5000, 5000, 5001, 0, -1, 2**64, 1.5, "1", True],
            "max_size": [1, 1, 1, 4999, 5000, 5000, 0, 2**64 - 1, 2**64, -1, 1.0]}
 SPACES = ["s"] * 20 + ["t"] * 6 + ["é u", "", "plain", "..", "a/b", "n\0l", "x" * 300]
@@ -108,7 +108,7 @@ class Session:
     def change(self):
         pick, files = self.pick, self.files()
         for path in pick.sample(files, min(len(files), 4)):
-            what = pick.randrange(6)
+            what = pick.randrange(9)
             if what == 0:
                 os.remove(path)
             elif what < 4:
@@ -116,6 +116,13 @@ class Session:
             elif what == 4:
                 with open(path, "a", encoding="ascii") as file:
                     file.write("a")
+            elif what < 7 and path in self.nameable():  # replaced, by a copy of its own or by a link made by hand
+                new = self.service.base + "/new"
+                with contextlib.suppress(OSError):
+                    shutil.copy2(path, new) if what == 5 else os.link(pick.choice(self.nameable()), new)
+                    os.replace(new, path)
+                with contextlib.suppress(OSError):
+                    os.remove(new)  # a link of the file itself
         if (files := self.files()) and pick.random() < 0.3:  # a group forms again of files that are all new
             source = pick.choice(files)
             for number in pick.sample(range(1000), 2):
@@ -268,6 +275,10 @@ class Session:
         if operation in STOP and pick.random() < (0.9 if len(request) < 3 else 0.3):  # of no effect, from before
             self.set(STOP[operation], "true")
             self.set(PROGRESS, "x")
+        busy = None
+        if operation in ("compress", "restore") and (files := self.files()) and pick.random() < 0.2:
+            busy = open(pick.choice(files), "ab")  # pylint: disable=consider-using-with
+        model.busy = busy and os.fstat(busy.fileno()).st_ino
         # How many moments there will be, one of which may be held. The lines of a scan's readers come in any order,
         # and so does what a listing does with more files than one thread looks at.
         forecast = copy.deepcopy(model)
@@ -307,6 +318,8 @@ class Session:
         expected = getattr(model, operation)(request)
         was_held = hold is not None and model.hold is None
         answer = self.perform(operation, request, hold, was_held, inside, stop and value, other)
+        if busy:
+            busy.close()
 
         what = f"{operation} {request[:1000]} {hold} {inside} {stop and value}"
         lines = self.log()

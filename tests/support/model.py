@@ -4,6 +4,7 @@ A model is asked before the service is: it reads the same files, and says the an
 texts, the properties, and which paths are one file afterwards.
 """
 
+import copy
 import ctypes
 import hashlib
 import json
@@ -59,7 +60,7 @@ def seconds(st):
 
 def reach_of(rule):
     """What the optional members of a scan's rule say; one of another type says nothing."""
-    reach = {"follow_links": True, "one_file_system": False, "min_size": 0, "max_size": 2**64 - 1}
+    reach = {"refresh": False, "follow_links": True, "one_file_system": False, "min_size": 0, "max_size": 2**64 - 1}
     for name, default in reach.items():
         value = rule.get(name)
         if type(value) is type(default) and (isinstance(value, bool) or 0 <= value < 2**64):
@@ -196,6 +197,7 @@ class Model:
         self.tool_log = False
         self.pages = []
         self.properties = {}
+        self.busy = None  # the inode of a file that somebody writes
         self.begin()
 
     def begin(self, hold=None, held=None):
@@ -321,16 +323,22 @@ class Model:
                 self.log("E", function, "scanRules Incorrect format")
                 self.save(space, 0, 1, 3)
                 continue
+            self.reach = reach_of(rule)
+            if self.reach["refresh"]:
+                self.load(space, 2)
+            self.before = [{} if not isinstance(image, dict) else image for image in copy.deepcopy(self.images)]
+            self.met, self.taken, self.is_stopped = set(), {}, False
             patterns = self.compile(regs)
             for path in dirs:
                 if self.stops("scan"):
                     self.log("D", function, "stop.")
+                    self.remove_stale([])
                     self.save(space, 0, 1, 3)
                     return None
                 self.entered = {}
-                self.reach = reach_of(rule)
                 if self.walk(path, patterns, exceptions, []) != 0:
                     self.log("E", function, "scanSpaceID fail")
+            self.remove_stale([] if self.is_stopped else dirs)
             self.save(space, 0, 1, 3)
         return None
 
@@ -375,6 +383,7 @@ class Model:
         for name in names:
             if self.stops("scan"):
                 self.log("D", "scanSpaceID", "stop.")
+                self.is_stopped = True
                 return 0
             if name in (".", ".."):
                 continue
@@ -404,8 +413,9 @@ class Model:
             self.log("E", "tavo_f2fs_io", f"kept {directory}/{name} beside a missing file")
 
     def fingerprint(self, path, name, st, patterns, exceptions):
-        record = member(self.images[0], path, dict)
-        if number(record, "is_md5") == 1 or not self.matches(patterns, path):
+        refresh = self.reach["refresh"]
+        is_done = path in self.met if refresh else number(member(self.images[0], path, dict), "is_md5") == 1
+        if is_done or not self.matches(patterns, path):
             return
         if STALE_NAME.fullmatch(path.rsplit("/", 1)[-1]):
             if name:
@@ -416,12 +426,18 @@ class Model:
         except UnicodeEncodeError:
             self.log("D", "calculateFileMD5", f"the path {path} is not valid UTF-8, skip")
             return
-        suffix = (name or path).rpartition(".")[2] if "." in (name or path) else ""
-        if not 1 <= len(os.fsencode(suffix)) <= 10 or "/" in suffix:
-            suffix = "nosuffix"
-        record = {"V": 1, "s_time": seconds(st), "c_flag": 0, "w_flag": 0, "reg": suffix, "is_md5": 0}
-        self.object(0)[path] = record
-        if self.matches(exceptions, path) or is_behind_link(path) and self.matches(exceptions, os.path.realpath(path)):
+        is_exception = self.matches(exceptions, path) or is_behind_link(path) and self.matches(exceptions, os.path.realpath(path))
+        if refresh and self.is_known(path):
+            self.met.add(path)
+            if not is_exception and self.holds(path, st):
+                if digest := self.apart_from(path, st):
+                    self.enter(digest, path, st)
+                return
+            self.taken[path] = None
+        elif number(member(self.images[0], path, dict), "is_md5") == 1:
+            return
+        self.record(path, name, st)
+        if is_exception:
             self.log("D", "calculateFileMD5", "the file is in black list")
             return
         if os.path.realpath(path) == UNREADABLE:
@@ -429,15 +445,107 @@ class Model:
             return
         with open(path, "rb") as file:
             digest = hashlib.md5(file.read()).hexdigest()
-        record["is_md5"] = 1
+        self.images[0][path]["is_md5"] = 1
+        if path in self.taken:
+            self.taken[path] = digest
+        self.enter(digest, path, st)
+
+    def enter(self, digest, path, st):
         groups = self.object(1)
+        linked = self.take_linked(digest) if self.reach["refresh"] else []
         if not isinstance(groups.get(digest), dict):
-            groups[digest] = {"V": 1, "f_size": st.st_size, "f_list": [path]}
-            return
+            groups[digest] = {"V": 1, "f_size": st.st_size, "f_list": []}
         if not isinstance(groups[digest].get("f_list"), list):
             groups[digest]["f_list"] = []
-        if path not in groups[digest]["f_list"]:
-            groups[digest]["f_list"].append(path)
+        paths = groups[digest]["f_list"]
+        paths[:0] = [other for other in linked if other not in paths]
+        if path not in paths:
+            paths.append(path)
+
+    def record(self, path, name, st):
+        suffix = (name or path).rpartition(".")[2] if "." in (name or path) else ""
+        if not 1 <= len(os.fsencode(suffix)) <= 10 or "/" in suffix:
+            suffix = "nosuffix"
+        self.object(0)[path] = {"V": 1, "s_time": seconds(st), "c_flag": 0, "w_flag": 0, "reg": suffix, "is_md5": 0}
+
+    # Refresh: what the space knew is in `before`
+
+    def apart_from(self, path, st):
+        """The digest of DB3's group that the path should be a link of, and is not."""
+        if st.st_nlink > 1 or self.groups_with(path, 1) or number(self.before[3].get(path), "r_flag") == 1:
+            return None
+        fitting = (digest for digest, group in sorted(self.before[2].items(), key=lambda item: item[0].encode("utf-8"))
+                   if path in strings(member(group, "f_list", list)) and self.is_in(group, st))
+        digest = next(fitting, "")
+        return digest if len(digest.encode("utf-8")) < 36 and "\0" not in digest else None
+
+    def groups_with(self, path, index):
+        return [group for digest, group in sorted(self.before[index].items(), key=lambda item: item[0].encode("utf-8"))
+                if path in strings(member(group, "f_list", list))]
+
+    def is_known(self, path):
+        return path in self.before[0] or path in self.before[3] or bool(self.groups_with(path, 1) or self.groups_with(path, 2))
+
+    def holds(self, path, st):
+        record, mark = self.before[0].get(path), self.before[3].get(path)
+        if number(record, "is_md5") != 1:
+            return False
+        if isinstance(mark, dict) and "r_flag" in mark:
+            return number(mark, "r_flag") == 1 and st.st_nlink == 1
+        if groups := self.groups_with(path, 1):
+            return (st.st_size, seconds(st)) == (max(0, number(groups[-1], "f_size")), number(record, "s_time"))
+        return any(self.is_in(group, st) for group in self.groups_with(path, 2))
+
+    def is_in(self, group, st):
+        times = [number(self.before[0][path], "s_time") for path in strings(group["f_list"]) if path in self.before[0]]
+        return st.st_size == max(0, number(group, "f_size")) and seconds(st) in times
+
+    def is_linked(self, path, digest):
+        """Whether DB3 has it in the group of that digest, and it is as it was."""
+        group, st = member(self.before[2], digest, dict), status(path)
+        return path in strings(member(group, "f_list", list)) and st is not None and self.is_in(group, st)
+
+    def take_linked(self, digest):
+        paths = strings(member(member(self.before[2], digest, dict), "f_list", list))
+        paths = [path for path in paths if self.is_linked(path, digest)]
+        for path in paths:
+            if path not in self.taken:
+                self.record(path, "", status(path))
+                self.images[0][path]["is_md5"] = 1
+        return list(dict.fromkeys(paths))
+
+    def remove_stale(self, places):
+        if not self.reach["refresh"]:
+            return
+
+        def is_below(path):
+            return any(path == place or path.startswith(place + "/") for place in places if place)
+
+        def stays(path, digest):
+            if not isinstance(path, str) or not self.is_known(path):
+                return True
+            if self.taken[path] == digest if path in self.taken else path in self.met or not is_below(path):
+                return True
+            if self.is_linked(path, digest):
+                self.met.add(path)
+                return True
+            return False
+
+        known = set(self.before[0]) | set(self.before[3])
+        for digest in self.sorted_names(1):
+            group = self.images[1][digest]
+            paths = member(group, "f_list", list) or []
+            group_stays = [path for path in paths if stays(path, digest)]
+            if len(group_stays) < len(paths):
+                group["f_list"] = group_stays
+                if not group_stays:
+                    del self.images[1][digest]
+        for path in known:
+            is_gone = path not in self.met and is_below(path)
+            if is_gone and isinstance(self.images[0], dict):
+                self.images[0].pop(path, None)
+            if (is_gone or path in self.taken) and isinstance(self.images[3], dict):
+                self.images[3].pop(path, None)
 
     # Listing
 
@@ -625,6 +733,8 @@ class Model:
         before, now = status(kept), status(self.file_at(path))
         if (before.st_dev, before.st_ino) == (now.st_dev, now.st_ino):
             return True
+        if self.busy in (before.st_ino, now.st_ino):
+            return False
         same = (before.st_dev, before.st_mode, *owners_of(kept)) == \
             (now.st_dev, now.st_mode, *owners_of(self.file_at(path)))
         with open(kept, "rb") as first, open(self.file_at(path), "rb") as second:
@@ -680,7 +790,8 @@ class Model:
                 self.log("D", "restoreFile", f"restoreLinkFile path: {path}.")
                 st = status(path, follow=False)
                 self.tool("restoreLinkFile", path)
-                if st and stat.S_ISREG(st.st_mode):
+                is_busy = st and st.st_ino == self.busy and st.st_nlink > 1
+                if st and stat.S_ISREG(st.st_mode) and not is_busy:
                     self.restored.append(name_of(path))
                     self.log("D", "restoreFile", "restoreLinkFile success")
                 else:
