@@ -1,11 +1,16 @@
 #include "db/known_paths.h"
 
+#include <sys/types.h>
+
 #include <algorithm>
+#include <map>
 #include <utility>
 
+#include "control/properties.h"
 #include "db/images.h"
 #include "db/json_text.h"
 #include "db/records.h"
+#include "tavo_f2fs_io.h"
 
 namespace rux {
 namespace {
@@ -45,23 +50,20 @@ bool KnownPath::holds(const struct stat& status) const {
     if (wasRestored) return status.st_nlink <= 1;
     if (wasRetired) return false;
     if (fileBytes >= 0) return status.st_size == fileBytes && status.st_mtime == mtimeSeconds;
+    if (isAmbiguous() && status.st_nlink == 1) return false;  // it may have to be linked
     return std::any_of(linkedAs.begin(), linkedAs.end(),
-                       [&](const LinkedGroup* group) { return isLinkedAs(group->digest, status); });
+                       [&](const LinkedGroup* group) { return isMemberOf(*group, status); });
 }
 
-bool KnownPath::isLinkedAs(std::string_view digest, const struct stat& status) const {
-    return std::any_of(linkedAs.begin(), linkedAs.end(), [&](const LinkedGroup* group) {
-        return group->digest == digest && group->fileBytes == status.st_size &&
-               group->times.contains(status.st_mtime);
-    });
+bool KnownPath::isMemberOf(const LinkedGroup& group, const struct stat& status) const {
+    const bool isOfTime =
+            (hasRecord && status.st_mtime == mtimeSeconds) || group.times.contains(status.st_mtime);
+    return isOfTime && group.fileBytes == status.st_size;
 }
 
 std::string KnownPath::apartFrom(const struct stat& status) const {
-    if (fileBytes >= 0 || wasRestored || status.st_nlink > 1) return {};
-    for (const LinkedGroup* group : linkedAs) {
-        if (isLinkedAs(group->digest, status)) return std::string(group->digest);
-    }
-    return {};
+    if (fileBytes >= 0 || wasRestored || status.st_nlink > 1 || linkedAs.empty()) return {};
+    return std::string(linkedAs[0]->digest);
 }
 
 KnownPaths::KnownPaths() {
@@ -77,15 +79,19 @@ KnownPaths::KnownPaths() {
         for (const Json::Value& path : paths) mPaths[stringOf(path)].fileBytes = fileBytes;
     });
     forEachGroup(checkACompressDB, [this](auto digest, const Json::Value& group, auto& paths) {
-        LinkedGroup& linked = mLinked.emplace_back();
-        linked.digest = digest;
-        linked.fileBytes = groupFileBytes(group);
+        LinkedGroup& linked = mLinked[digest];
+        linked = {digest, groupFileBytes(group), &paths, {}};
         for (const Json::Value& path : paths) {
-            KnownPath& known = mPaths[stringOf(path)];
-            if (known.hasRecord) linked.times.insert(known.mtimeSeconds);
-            known.linkedAs.push_back(&linked);
+            std::vector<const LinkedGroup*>& groups = mPaths[stringOf(path)].linkedAs;
+            if (groups.empty() || groups.back() != &linked) groups.push_back(&linked);
         }
     });
+    for (auto& [digest, linked] : mLinked) {
+        for (const Json::Value& path : *linked.paths) {
+            const KnownPath& known = *find(stringOf(path));
+            if (known.hasRecord && !known.isAmbiguous()) linked.times.insert(known.mtimeSeconds);
+        }
+    }
     forEachMember(modifyFileInfoDB, [this](std::string_view path, const Json::Value& entry) {
         const std::optional<Mark> mark = markOf(entry);
         KnownPath& known = mPaths[path];
@@ -101,14 +107,23 @@ KnownPath* KnownPaths::find(std::string_view path) {
 
 std::vector<std::string> KnownPaths::takeLinked(const std::string& digest) {
     std::vector<std::string> linked;
-    const Json::Value* const group = memberOf(*checkACompressDB, digest);
-    const Json::Value* const paths = group != nullptr ? groupPaths(*group) : nullptr;
-    if (paths == nullptr) return linked;
-    for (const Json::Value& entry : *paths) {
+    const auto found = mLinked.find(digest);
+    if (found == mLinked.end()) return linked;
+    std::map<std::pair<dev_t, ino_t>, bool> contents;  // whether they have that digest
+    for (const Json::Value& entry : *found->second.paths) {
         std::string path = pathOf(entry);
         struct stat status = {};
         const KnownPath& known = *find(stringOf(entry));
-        if (stat(path.c_str(), &status) != 0 || !known.isLinkedAs(digest, status)) continue;
+        // In a group of DB2 it is in this one already, or has changed.
+        if (known.fileBytes >= 0 || stat(path.c_str(), &status) != 0 ||
+            !known.isMemberOf(found->second, status))
+            continue;
+        if (known.isAmbiguous()) {
+            const auto [content, isNew] =
+                    contents.try_emplace({status.st_dev, status.st_ino}, false);
+            if (isNew) content->second = computeFileMD5(path.c_str(), toolLogEnabled).md5 == digest;
+            if (!content->second) continue;
+        }
         if (known.taken == nullptr) {
             Json::Value& record = asObject(fileInfoDB.change())[path];
             makeFileRecord(record, status.st_mtime, path);
@@ -127,8 +142,12 @@ bool KnownPaths::stays(std::string_view path, std::string_view digest, const Pla
         return true;
     // The next compression replaces what DB3 has under this digest.
     struct stat status = {};
-    const bool isUndo =
-            stat(std::string(path).c_str(), &status) == 0 && known->isLinkedAs(digest, status);
+    const bool isThere = stat(std::string(path).c_str(), &status) == 0;
+    const auto isOne = [&](const LinkedGroup* group) {
+        return group->digest == digest && known->isMemberOf(*group, status);
+    };
+    const bool isUndo = isThere && status.st_nlink > 1 &&
+                        std::any_of(known->linkedAs.begin(), known->linkedAs.end(), isOne);
     known->isMet = known->isMet || isUndo;
     return isUndo;
 }

@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 
 #include <cstdint>
-#include <deque>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -15,11 +15,13 @@
 
 namespace rux {
 
-/// A group of DB3, with the modification times of its members in seconds since the epoch: linked
-/// names have the time of the file that was kept.
+/// A group of DB3, with the recorded modification times of its members in seconds since the epoch:
+/// linked names have the time of the file that was kept. A member that is in another group as well
+/// has changed since one of them was linked, and its time tells nothing.
 struct LinkedGroup {
     std::string_view digest;
     int64_t fileBytes;
+    const Json::Value* paths;
     std::set<int64_t> times;
 };
 
@@ -35,11 +37,13 @@ struct KnownPath {
     bool isMet = false;                  // and selected
     std::unique_ptr<std::string> taken;  // as new, with that digest; empty when it has none
 
+    /// Whether it is in more groups than one, so that its content is not known.
+    bool isAmbiguous() const { return linkedAs.size() + (fileBytes >= 0 ? 1 : 0) > 1; }
     /// Whether what is known holds for the file with that status, so that nothing has to be done.
     /// That is also so for a restored file which has one name: it is left alone.
     bool holds(const struct stat& status) const;
-    /// The same for what DB3 says under a digest.
-    bool isLinkedAs(std::string_view digest, const struct stat& status) const;
+    /// The same for what a group of DB3 says.
+    bool isMemberOf(const LinkedGroup& group, const struct stat& status) const;
     /// The digest under which DB3 has the file although it is no link: it could not be made one, or
     /// was replaced by a copy. Empty for other files.
     std::string apartFrom(const struct stat& status) const;
@@ -54,7 +58,7 @@ class KnownPaths {
     /// What is known of a path; null for a new one.
     KnownPath* find(std::string_view path);
 
-    /// The paths that DB3 has under a digest and that exist unchanged. Their records get the time
+    /// The paths that DB3 has under a digest, and that exist unchanged. Their records get the time
     /// that the files have now.
     std::vector<std::string> takeLinked(const std::string& digest);
 
@@ -68,7 +72,7 @@ class KnownPaths {
 
     bool stays(std::string_view path, std::string_view digest, const Places& places);
 
-    std::deque<LinkedGroup> mLinked;
+    std::map<std::string_view, LinkedGroup> mLinked;  // by digest
     std::unordered_map<std::string_view, KnownPath> mPaths;
 };
 

@@ -16,13 +16,26 @@ struct SpaceQuery {
     std::vector<std::string> places;
 };
 
+/// What a scan takes up of what lies below its places.
+struct Reach {
+    bool followsLinks = false;
+    bool staysOnFileSystem = false;
+    uint64_t minBytes = 0;
+    uint64_t maxBytes = UINT64_MAX;
+
+    bool holds(int64_t bytes) const {
+        return static_cast<uint64_t>(bytes) >= minBytes && static_cast<uint64_t>(bytes) <= maxBytes;
+    }
+};
+
 struct ScanOptions {
-    SpaceQuery query;                   ///< no patterns: all paths
+    SpaceQuery query;                   ///< no patterns: all paths; no places: all known files
     std::vector<std::string> included;  ///< globs: only such paths, beside those of the patterns
     std::vector<std::string> excluded;  ///< globs: no such paths
-    uint64_t leastBytes = 0;            ///< no smaller files
-    bool fresh = false;                 ///< finds all files anew
-    bool force = false;                 ///< even where that may lose the undo of links
+    Reach reach;
+    bool refreshes = true;  ///< reads again what has changed, and forgets what is gone
+    bool fresh = false;     ///< finds all files anew
+    bool force = false;     ///< even where that may lose the undo of links
     bool progress = true;
     bool verbose = false;  ///< names what is left out
     bool quiet = false;    ///< keeps standard output for what comes after

@@ -124,24 +124,48 @@ Outcome link(const Client& client, const CompressOptions& options, int64_t links
     });
 }
 
-/// Says what came of it, by another look at the files.
+/// Says what came of it, by another look at the files and at the databases.
 int tell(const CompressOptions& options, std::vector<Group>& groups, const Outcome& outcome) {
     const int64_t freed = checkLinks(groups);
     const int64_t linked = count(groups, Step::Link);
+    int64_t before = 0;
+    for (const Group& group : groups) before += group.linkedBefore();
+    const int64_t withoutUndo = linksWithoutUndo(groups);
     if (options.json) {
         printJson(options, groups, freed);
     } else {
         if (!outcome.stopped) printSkipped(groups);
-        std::cout << counted(linked, "file") << " linked in " << duration(outcome.seconds) << ", "
-                  << humanBytes(freed) << " given back\n";
+        if (linked > 0) {
+            std::cout << counted(linked, "file") << " linked in " << duration(outcome.seconds)
+                      << ", " << humanBytes(freed) << " given back\n";
+        } else {
+            std::cout << "Nothing " << (before > 0 ? "else " : "") << "can be linked\n";
+        }
+    }
+    std::string spaces;
+    for (const std::string& spaceId : options.spaceIds) spaces += " " + spaceId;
+    if (before > 0 && withoutUndo == 0)
+        std::cerr << counted(before, "file") << (before == 1 ? " is a link" : " are links")
+                  << " already; their undo is recorded\n";
+    if (!options.json && linked + before > withoutUndo) {
         std::string undo;
         for (const std::string& spaceId : options.spaceIds)
             undo += (undo.empty() ? "undo:" : ",") + (" ruxctl restore --space " + spaceId);
-        if (linked > 0) std::cout << undo << "\n";
+        std::cout << undo << "\n";
     }
-    if (!outcome.stopped) return kDone;
-    std::cerr << "ruxctl: stopped; what is linked stays linked, the same command goes on\n";
-    return kInterrupted;
+    const std::string lost =
+            counted(withoutUndo, "link") + (withoutUndo == 1 ? " has" : " have") + " no undo yet";
+    if (outcome.stopped) {
+        std::cerr << "ruxctl: stopped; what is linked stays linked"
+                  << (withoutUndo > 0 ? ", " + lost : "") << "; to go on: ruxctl compress" << spaces
+                  << "\n";
+        return kInterrupted;
+    }
+    if (withoutUndo == 0) return kDone;
+    throw Failure(lost +
+                  ", as the database could not be saved; the service's log says why. When "
+                  "that is mended: ruxctl compress" +
+                  spaces);
 }
 
 }  // namespace
@@ -152,13 +176,17 @@ int compress(const CompressOptions& options) {
     requireSpaces(options.spaceIds);
     std::vector<Group> groups = groupsOf(options.spaceIds, Which::ToCompress);
     const int64_t links = count(groups, Step::Link);
-    if (options.dryRun || links == 0) {
+    const bool isAsked = std::any_of(groups.begin(), groups.end(),
+                                     [](const Group& group) { return group.isOffered(); });
+    if (options.dryRun || !isAsked) {
         tellPlan(options, groups);
         return kDone;
     }
-    std::cerr << summaryOf(groups) << "\n";
-    describe(groups, options);
-    if (!agreed("Link them?", options.yes)) return nothingChanged();
+    if (links > 0) {
+        std::cerr << summaryOf(groups) << "\n";
+        describe(groups, options);
+        if (!agreed("Link them?", options.yes)) return nothingChanged();
+    }
     return tell(options, groups, link(*client, options, links));
 }
 

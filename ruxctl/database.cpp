@@ -29,7 +29,7 @@ enum : size_t { kRecords, kToCompress, kCompressed, kModified };
 // stand for members alone, and counting them needs no parser.
 constexpr std::string_view kDigestMember = "\"is_md5\":";
 constexpr std::string_view kListMember = "\"f_list\":";
-constexpr std::string_view kMarkMember = "\"r_flag\":";
+constexpr std::string_view kRestored = "\"r_flag\":1";
 
 std::string pathOf(const std::string& spaceId, const char* file = "") {
     return rux::databaseRoot() + spaceId + file;
@@ -93,6 +93,26 @@ int64_t countOf(std::string_view text, std::string_view part) {
     return count;
 }
 
+/// The directory below which all paths lie that the text has records of. They are sorted there.
+std::string commonDirectory(const std::string& text) {
+    constexpr std::string_view kEnd = "\":{";  // of a path; its quotes would be escaped
+    const size_t end = text.rfind(kEnd);
+    if (end == std::string::npos) return {};
+    const size_t before = text.rfind("},\"", end);
+    const size_t start = before == std::string::npos ? 1 : before + 2;
+    Json::Value paths;
+    Json::Reader().parse("[" + text.substr(1, text.find(kEnd)) + "," +
+                                 text.substr(start, end - start + 1) + "]",
+                         paths, false);
+    if (!paths.isArray() || paths.size() != 2 || !paths[0].isString() || !paths[1].isString())
+        return {};
+    const std::string first = paths[0].asString();
+    const std::string last = paths[1].asString();
+    const auto common = std::mismatch(first.begin(), first.end(), last.begin(), last.end()).first;
+    const std::string directory(first.begin(), common);
+    return directory.substr(0, std::max<size_t>(1, directory.rfind('/')));
+}
+
 }  // namespace
 
 std::vector<std::string> spaceIds() {
@@ -120,6 +140,7 @@ Space lookAt(const std::string& spaceId) {
     }
     const Texts texts = textsOf(spaceId, {kRecords, kToCompress, kCompressed});
     space.files = countOf(texts[kRecords], kDigestMember);
+    space.directory = commonDirectory(texts[kRecords]);
     space.toCompress = countOf(texts[kToCompress], kListMember);
     space.compressed = countOf(texts[kCompressed], kListMember);
     return space;
@@ -134,7 +155,7 @@ int64_t recordCount(const std::string& spaceId) {
 }
 
 int64_t setAsideCount(const std::string& spaceId) {
-    return countOf(textsOf(spaceId, {kModified})[kModified], kMarkMember);
+    return countOf(textsOf(spaceId, {kModified})[kModified], kRestored);
 }
 
 std::vector<std::string> recordedPaths(const std::string& spaceId) {

@@ -18,6 +18,7 @@ struct Space {
     int64_t compressed = 0;  ///< groups that have been linked
     int64_t bytes = 0;       ///< of the database files
     time_t changed = 0;      ///< when the last of them was written
+    std::string directory;   ///< below which all recorded files lie
 };
 
 /// The names of all spaces that have been scanned, sorted.
@@ -29,7 +30,7 @@ bool exists(const std::string& spaceId);
 
 /// How many files a space has records of.
 int64_t recordCount(const std::string& spaceId);
-/// How many groups that had changed and files that were restored are left alone in it.
+/// How many restored files are left alone in it.
 int64_t setAsideCount(const std::string& spaceId);
 /// The paths that a space has records of.
 std::vector<std::string> recordedPaths(const std::string& spaceId);

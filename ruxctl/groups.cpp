@@ -145,6 +145,16 @@ void addGroups(const SpaceImages& images, bool compressed, Names& names,
     }
 }
 
+/// The paths of the groups that have been linked.
+std::set<std::string> pathsOf(const Json::Value& groups) {
+    std::set<std::string> paths;
+    for (const Json::Value& group : groups) {
+        if (!group.isObject() || !group["f_list"].isArray()) continue;
+        for (const Json::Value& path : group["f_list"]) paths.insert(path.asString());
+    }
+    return paths;
+}
+
 /// The members that a restore gives data of their own: one for each name.
 std::vector<const Member*> restorable(const std::vector<Group>& groups) {
     std::set<NameId> seen;
@@ -175,6 +185,23 @@ const Member* Group::kept() const {
 int64_t Group::count(Step step) const {
     return std::count_if(members.begin(), members.end(),
                          [step](const Member& member) { return member.step == step; });
+}
+
+int64_t Group::linkedBefore() const {
+    const auto first = std::find_if(members.begin(), members.end(), [](const Member& member) {
+        return member.state != State::Gone;
+    });
+    return first == members.end()
+                   ? 0
+                   : std::count_if(first + 1, members.end(), [&](const auto& member) {
+                         return member.isPresent() && !member.isSymlink &&
+                                member.file == first->file && member.name != first->name;
+                     });
+}
+
+bool Group::isOffered() const {
+    return std::count_if(members.begin(), members.end(),
+                         [](const Member& member) { return member.state != State::Gone; }) > 1;
 }
 
 int64_t Group::present() const {
@@ -237,6 +264,38 @@ int64_t checkLinks(std::vector<Group>& groups) {
         }
     }
     return freed;
+}
+
+int64_t linksWithoutUndo(const std::vector<Group>& groups) {
+    std::map<std::string, Json::Value> compressed;
+    int64_t links = 0;
+    for (const Group& group : groups) {
+        auto found = compressed.find(group.spaceId);
+        if (found == compressed.end())
+            found = compressed.emplace(group.spaceId, imagesOf(group.spaceId, false).compressed)
+                            .first;
+        if (!found->second.isMember(group.digest))
+            links += group.linkedBefore() + group.count(Step::Link);
+    }
+    return links;
+}
+
+std::vector<std::string> pathsWithoutUndo(const std::string& spaceId) {
+    const SpaceImages images = imagesOf(spaceId, true);
+    const std::set<std::string> known = pathsOf(images.compressed);
+    std::map<FileId, std::map<NameId, std::string>> files;  // with several names
+    for (const std::string& path : images.records.getMemberNames()) {
+        struct stat st = {};
+        if (lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink > 1)
+            files[idOf(st)].emplace(nameIdOf(path), path);
+    }
+    std::vector<std::string> paths;
+    for (const auto& [file, names] : files) {
+        for (const auto& [name, path] : names) {
+            if (names.size() > 1 && !known.contains(path)) paths.push_back(path);
+        }
+    }
+    return paths;
 }
 
 std::map<std::string, int64_t> takenUpByRestore(const std::vector<Group>& groups) {

@@ -60,6 +60,10 @@ struct Group {
     /// The member that is kept; null when there is nothing to do.
     const Member* kept() const;
     int64_t count(Step step) const;
+    /// Members that are names of the file that is kept already.
+    int64_t linkedBefore() const;
+    /// Whether the service would look at it: it has several paths that exist.
+    bool isOffered() const;
     /// Members that are there or linked.
     int64_t present() const;
 };
@@ -79,6 +83,12 @@ std::vector<const Member*> membersWith(const std::vector<Group>& groups, Step st
 /// Looks again at what was to be linked, after it should have been: a Link that has not become one
 /// is a Skip now, with its reason. Returns the bytes of blocks that the others have given back.
 int64_t checkLinks(std::vector<Group>& groups);
+
+/// Links, made now or before, of which the databases by now have no undo.
+int64_t linksWithoutUndo(const std::vector<Group>& groups);
+/// The paths of a space that are one file with another of its paths, and of which its database has
+/// no undo, whoever has made them one.
+std::vector<std::string> pathsWithoutUndo(const std::string& spaceId);
 
 /// Bytes of blocks that are taken up when each path gets data of its own, on each file system by
 /// one of its paths.

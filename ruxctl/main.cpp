@@ -84,7 +84,7 @@ class CommandLine {
     static void addYes(CLI::App* command, bool& yes) {
         command->add_flag("-y,--yes", yes, "Answer the question with yes");
     }
-    void addScanOptions(CLI::App* command) {
+    CLI::Option* addScanOptions(CLI::App* command) {
         addMatch(command, mScan.query.patterns);
         const auto isText = [](const std::string& glob) {
             return glob.empty() ? std::string("is empty") : std::string();
@@ -95,9 +95,19 @@ class CommandLine {
         addEach(command, "--exclude", mScan.excluded, "GLOB",
                 "No such names, nor what is below them")
                 ->check(isText);
-        command->add_option("--min-size", mScan.leastBytes, "No smaller files: 100000, 64KiB, 2MiB")
-                ->type_name("SIZE")
-                ->transform(CLI::AsSizeValue(false));
+        const auto addSize = [command](const char* name, uint64_t& bytes, const char* text) {
+            command->add_option(name, bytes, text)
+                    ->type_name("SIZE")
+                    ->transform(CLI::AsSizeValue(false));
+        };
+        addSize("--min-size", mScan.reach.minBytes, "No smaller files: 100000, 64KiB, 2MiB");
+        addSize("--max-size", mScan.reach.maxBytes, "No larger files");
+        command->add_flag("-x,--one-file-system", mScan.reach.staysOnFileSystem,
+                          "No directories on other file systems");
+        command->add_flag("--follow", mScan.reach.followsLinks, "Follow symbolic links");
+        command->add_flag_callback(
+                "--no-refresh", [this] { mScan.refreshes = false; },
+                "Leave alone what was recorded before, though it has changed or is gone");
         command->add_flag("--fresh", mScan.fresh, "Find all files anew, and forget what was known");
         command->add_flag("--force", mScan.force,
                           "With --fresh: even if links may lose their undo");
@@ -105,7 +115,7 @@ class CommandLine {
                 "--no-progress", [this] { mScan.progress = false; },
                 "Do not count the files beside the scan");
         command->add_flag("-v,--verbose", mScan.verbose, "Name what is left out");
-        command->add_option("DIR", mScan.query.places, "Directories or files")->required();
+        return command->add_option("DIR", mScan.query.places, "Directories or files");
     }
 
     void addCompressOptions(CLI::App* command) {
@@ -119,7 +129,7 @@ class CommandLine {
                                 "  ruxctl dedupe ~/Pictures\n"
                                 "  ruxctl dedupe --dry-run --exclude node_modules ~/src",
                                 [this] { return dedupe(mScan, mCompress); });
-        addScanOptions(command);
+        addScanOptions(command)->required();
         addCompressOptions(command);
     }
 
@@ -129,7 +139,7 @@ class CommandLine {
                                 "  ruxctl scan --space music --include '*.flac' /srv/music ~/Music",
                                 [this] { return scan(mScan); });
         addSpace(command, mScan.query.spaceId);
-        addScanOptions(command);
+        addScanOptions(command)->description("Directories or files (what is recorded)");
     }
 
     void addForget() {

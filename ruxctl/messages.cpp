@@ -23,6 +23,14 @@ Json::Value arrayOf(const std::vector<std::string>& strings) {
     return array;
 }
 
+Json::Value requestOf(const SpaceQuery& query) {
+    Json::Value request(Json::arrayValue);
+    request[0]["sid"] = query.spaceId;
+    request[0]["regs"] = arrayOf(query.patterns);
+    request[0]["dirs"] = arrayOf(query.places);
+    return request;
+}
+
 }  // namespace
 
 Client service() {
@@ -78,11 +86,9 @@ void sayWhatIsSetAside(const std::vector<std::string>& spaceIds) {
     for (const std::string& spaceId : spaceIds) {
         const int64_t setAside = setAsideCount(spaceId);
         if (setAside == 0) continue;
-        std::cerr << "In " << spaceId << ": "
-                  << counted(setAside, "changed group or restored file",
-                             "changed groups or restored files")
-                  << " left alone; to have them looked at again: ruxctl scan --fresh --space "
-                  << spaceId << " DIR\n";
+        std::cerr << "In " << spaceId << ": " << counted(setAside, "restored file")
+                  << " left alone; to have them linked again: ruxctl scan --fresh --space "
+                  << spaceId << ", then compress\n";
     }
 }
 
@@ -91,10 +97,16 @@ std::string arrayText(const std::vector<std::string>& strings) {
 }
 
 std::string ruleText(const SpaceQuery& query) {
-    Json::Value request(Json::arrayValue);
-    request[0]["sid"] = query.spaceId;
-    request[0]["regs"] = arrayOf(query.patterns);
-    request[0]["dirs"] = arrayOf(query.places);
+    return Json::FastWriter().write(requestOf(query));
+}
+
+std::string scanText(const SpaceQuery& query, const Reach& reach, bool refreshes) {
+    Json::Value request = requestOf(query);
+    request[0]["refresh"] = refreshes;
+    request[0]["follow_links"] = reach.followsLinks;
+    request[0]["one_file_system"] = reach.staysOnFileSystem;
+    request[0]["min_size"] = static_cast<Json::UInt64>(reach.minBytes);
+    request[0]["max_size"] = static_cast<Json::UInt64>(reach.maxBytes);
     return Json::FastWriter().write(request);
 }
 

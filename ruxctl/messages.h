@@ -27,9 +27,10 @@ int nothingChanged();
 /// Says on standard error which spaces have files that no scan takes up again, and what to do.
 void sayWhatIsSetAside(const std::vector<std::string>& spaceIds);
 
-/// JSON of strings, and of one space rule.
+/// JSON of strings, of one space rule, and of one for a scan.
 std::string arrayText(const std::vector<std::string>& strings);
 std::string ruleText(const SpaceQuery& query);
+std::string scanText(const SpaceQuery& query, const Reach& reach, bool refreshes);
 
 /// Has the service settle what it may have left unfinished in a space, then makes it forget what it
 /// has recorded there; links stay known. Throws a Failure.

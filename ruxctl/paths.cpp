@@ -24,6 +24,28 @@ std::string absolutePath(const std::string& path) {
     return text;
 }
 
+bool isBelow(std::string_view path, const Places& places) {
+    if (places.contains("/")) return true;
+    while (!path.empty() && !places.contains(path))
+        path = path.substr(0, std::min(path.size(), path.rfind('/')));
+    return !path.empty();
+}
+
+std::vector<std::vector<std::string>> portionsOf(const std::vector<std::string>& places) {
+    constexpr size_t kMost = size_t{1} << 20;  // bytes of paths; a request holds 8 MiB
+    std::vector<std::vector<std::string>> portions(1);
+    size_t bytes = 0;
+    for (const std::string& place : places) {
+        bytes += place.size();
+        if (bytes > kMost && !portions.back().empty()) {
+            portions.emplace_back();
+            bytes = place.size();
+        }
+        portions.back().push_back(place);
+    }
+    return portions;
+}
+
 PathPatterns::PathPatterns(const std::vector<std::string>& patterns, bool tells) {
     for (const std::string& pattern : patterns) {
         try {

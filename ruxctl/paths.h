@@ -1,8 +1,11 @@
 /// Paths as the user gives them, and patterns of paths.
 #pragma once
 
+#include <functional>
 #include <regex>
+#include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace ruxctl {
@@ -11,6 +14,13 @@ namespace ruxctl {
 /// by letter, and one file is to have one name. Symbolic links stay as they are, but for a path
 /// with ".." in it, which is resolved when it exists.
 std::string absolutePath(const std::string& path);
+
+using Places = std::set<std::string, std::less<>>;
+/// Whether a path is one of the places, or lies below one.
+bool isBelow(std::string_view path, const Places& places);
+
+/// The places in portions that a request can hold.
+std::vector<std::vector<std::string>> portionsOf(const std::vector<std::string>& places);
 
 /// Regular expressions (ECMAScript) of whole paths.
 class PathPatterns {

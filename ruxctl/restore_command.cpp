@@ -63,18 +63,48 @@ Outcome giveData(const Client& client, SpaceQuery query, int64_t needed) {
     });
 }
 
+/// Has the undo of links recorded again that the service has forgotten, as it does in a restore
+/// that fails. False when that would link more, and nothing was done.
+bool recordAgain(const Client& client, const std::string& spaceId,
+                 const std::vector<std::string>& paths) {
+    for (const auto& portion : portionsOf(paths))
+        carryOut(client, kScanOperation, scanText({spaceId, kAllPaths, portion}, {}, true));
+    const std::vector<Group> groups = groupsOf({spaceId}, Which::ToCompress);
+    if (count(groups, Step::Link) + count(groups, Step::Skip) > 0) return false;
+    carryOut(client, kCompressOperation, arrayText({spaceId}));
+    return true;
+}
+
+/// Says what is one file in a space without an undo.
+void sayWhatHasNoUndo(const std::string& spaceId) {
+    const std::vector<std::string> paths = pathsWithoutUndo(spaceId);
+    if (paths.empty()) return;
+    std::cerr << counted(static_cast<int64_t>(paths.size()), "path") << " of " << spaceId
+              << " are names of one file with others and have no undo: "
+              << shown(paths[0], STDERR_FILENO) << (paths.size() > 1 ? ", ..." : "")
+              << "\nThese links were there before, or an operation has not ended well. To have an "
+                 "undo recorded:\n  ruxctl scan --space "
+              << spaceId << " && ruxctl compress " << spaceId << "\n";
+}
+
 /// Says what came of it, by another look at the files.
-int tell(const std::string& spaceId, const std::vector<Group>& groups, double seconds) {
+int tell(const Client& client, const std::string& spaceId, const std::vector<Group>& groups,
+         double seconds) {
     std::vector<std::string> left;
     const int64_t taken = checkRestored(groups, &left);
     std::cout << humanBytes(taken) << " taken up again in " << duration(seconds) << "\n";
     for (const std::string& path : left)
         std::cout << inked(Ink::Bad, "linked") << "  " << shown(path) << "\n";
-    if (left.empty()) return kDone;
-    throw Failure(counted(static_cast<int64_t>(left.size()), "file") +
-                  " could not be restored, and the service has forgotten the links; the log says "
-                  "why. To have them known again: ruxctl scan --fresh --space " +
-                  spaceId + " DIR, then compress");
+    if (left.empty()) {
+        sayWhatHasNoUndo(spaceId);
+        return kDone;
+    }
+    const std::string problem = counted(static_cast<int64_t>(left.size()), "file") +
+                                " could not be restored; the service's log says why. ";
+    if (recordAgain(client, spaceId, left))
+        throw Failure(problem + "When that is mended: ruxctl restore --space " + spaceId);
+    throw Failure(problem + "To have the undo recorded again: ruxctl compress " + spaceId +
+                  "; then restore them");
 }
 
 }  // namespace
@@ -86,6 +116,7 @@ int restore(const RestoreOptions& options) {
     const std::vector<Group> groups = selected(options.query, patterns);
     if (groups.empty()) {
         std::cerr << "No linked files match; nothing has been changed\n";
+        sayWhatHasNoUndo(options.query.spaceId);
         return kDone;
     }
     const auto neededOn = takenUpByRestore(groups);
@@ -99,7 +130,7 @@ int restore(const RestoreOptions& options) {
     if (!options.force) requireRoom(neededOn);
     if (!agreed("Restore them?", options.yes)) return nothingChanged();
     const Outcome outcome = giveData(client, options.query, needed);
-    return tell(options.query.spaceId, groups, outcome.seconds);
+    return tell(client, options.query.spaceId, groups, outcome.seconds);
 }
 
 }  // namespace ruxctl

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <iostream>
 #include <optional>
+#include <set>
 
 #include "db/files.h"
 #include "ruxctl/commands.h"
@@ -46,64 +47,36 @@ SpaceQuery queryOf(const ScanOptions& options) {
         if (access(query.places.back().c_str(), F_OK) != 0)
             throw Failure(query.places.back() + ": " + strerror(errno));
     }
+    if (!query.places.empty()) return query;
+    requireSpaces({query.spaceId});
+    query.places = recordedPaths(query.spaceId);
     return query;
 }
 
 /// Linked files that such a scan would not find again.
-int64_t linkedElsewhere(const SpaceQuery& query, uint64_t leastBytes) {
+int64_t linkedElsewhere(const SpaceQuery& query, const Reach& reach) {
     const PathPatterns patterns(query.patterns);
-    const auto isMet = [&](const std::string& path) {
-        return patterns.match(path) &&
-               std::any_of(query.places.begin(), query.places.end(), [&](const auto& place) {
-                   return path == place || path.starts_with(place == "/" ? place : place + "/");
-               });
-    };
+    const Places places(query.places.begin(), query.places.end());
     int64_t paths = 0;
     for (const Json::Value& group : imagesOf(query.spaceId, false).compressed) {
         if (!group.isObject() || !group["f_list"].isArray()) continue;
-        const bool isSmall = static_cast<uint64_t>(numberOf(group, "f_size")) < leastBytes;
-        for (const Json::Value& path : group["f_list"])
-            paths += isSmall || !isMet(path.isString() ? path.asString() : "") ? 1 : 0;
+        const bool isMet = reach.holds(numberOf(group, "f_size"));
+        for (const Json::Value& member : group["f_list"]) {
+            const std::string path = member.isString() ? member.asString() : "";
+            paths += isMet && isBelow(path, places) && patterns.match(path) ? 0 : 1;
+        }
     }
     return paths;
 }
 
 /// Makes the service forget what it knows of the space, but for links.
 void beginAfresh(const Client& client, const SpaceQuery& query, const ScanOptions& options) {
-    if (const int64_t paths = linkedElsewhere(query, options.leastBytes);
-        paths > 0 && !options.force) {
+    if (const int64_t paths = linkedElsewhere(query, options.reach); paths > 0 && !options.force) {
         throw Failure(counted(paths, "linked file") +
                       " of the space would not be met, and the next link could forget how to "
                       "restore them; scan all of its directories, or use --force");
     }
     startAfresh(client, query.spaceId);
-}
-
-/// Says how many files the space has from before that such a scan would leave out.
-void sayWhatStaysIn(const SpaceQuery& query) {
-    const PathPatterns patterns(query.patterns);
-    const auto paths = recordedPaths(query.spaceId);
-    const int64_t others = std::count_if(paths.begin(), paths.end(),
-                                         [&](const auto& path) { return !patterns.match(path); });
-    if (others == 0) return;
-    std::cerr << counted(others, "file") << " recorded before that this scan would leave out "
-              << (others == 1 ? "is" : "are") << " still in the space; --fresh leaves them out\n";
-}
-
-/// The places in portions that a request can hold.
-std::vector<std::vector<std::string>> portionsOf(const std::vector<std::string>& places) {
-    constexpr size_t kMost = size_t{1} << 20;  // bytes of paths; a request holds 8 MiB
-    std::vector<std::vector<std::string>> portions(1);
-    size_t bytes = 0;
-    for (const std::string& place : places) {
-        bytes += place.size();
-        if (bytes > kMost && !portions.back().empty()) {
-            portions.emplace_back();
-            bytes = place.size();
-        }
-        portions.back().push_back(place);
-    }
-    return portions;
 }
 
 std::string progressText(int64_t read, int64_t all, double seconds) {
@@ -112,17 +85,18 @@ std::string progressText(int64_t read, int64_t all, double seconds) {
            (read > 0 ? ", " + humanBytes(read) + " read" : "");
 }
 
-/// Has the portions scanned one after the other. There is a bar where it is known how much will be
-/// read: in a first scan whose `tree` is counted.
-Outcome scanPortions(const Client& client, SpaceQuery query,
-                     const std::vector<std::vector<std::string>>& portions, const TreeCount* tree) {
+/// Has the portions of the places scanned one after the other. There is a bar where it is known how
+/// much will be read: in a first scan whose `tree` is counted.
+Outcome scanPortions(const Client& client, SpaceQuery query, const ScanOptions& options,
+                     const TreeCount* tree) {
     StatusLine line;
     const int64_t readBefore = client.bytesMoved("rchar:");
     Outcome outcome;
     double secondsBefore = 0;
-    for (const auto& portion : portions) {
+    for (const auto& portion : portionsOf(query.places)) {
         query.places = portion;
-        outcome = carryOut(client, kScanOperation, ruleText(query), [&](double seconds) {
+        const std::string request = scanText(query, options.reach, options.refreshes);
+        outcome = carryOut(client, kScanOperation, request, [&](double seconds) {
             line.show(Interrupts::any() ? "Stopping; what has been recorded is being saved"
                                         : progressText(client.bytesMoved("rchar:") - readBefore,
                                                        tree != nullptr ? tree->bytes() : 0,
@@ -134,14 +108,26 @@ Outcome scanPortions(const Client& client, SpaceQuery query,
     return outcome;
 }
 
-void sayWhatIsLeftOut(TreeCount& tree, bool verbose) {
-    const auto& leftOut = tree.leftOut();
-    if (leftOut.empty()) return;
-    std::cerr << counted(static_cast<int64_t>(leftOut.size()), "name") << " left out"
-              << (verbose ? ":\n" : " (--verbose says which)\n");
-    if (!verbose) return;
-    for (const auto& [path, reason] : leftOut)
-        std::cerr << "  " << shown(path, STDERR_FILENO) << ": " << reason << "\n";
+void sayWhatIsLeftOut(const TreeCount& tree, bool verbose) {
+    const auto say = [verbose](size_t count, const char* noun, const char* what) {
+        if (count > 0) {
+            std::cerr << counted(static_cast<int64_t>(count), noun) << what
+                      << (verbose ? ":\n" : " (--verbose says which)\n");
+        }
+        return verbose;
+    };
+    if (say(tree.unfollowed().size(), "symbolic link", " not followed")) {
+        for (const std::string& path : tree.unfollowed())
+            std::cerr << "  " << shown(path, STDERR_FILENO) << "\n";
+    }
+    if (say(tree.leftOut().size(), "name", " left out")) {
+        for (const auto& [path, reason] : tree.leftOut())
+            std::cerr << "  " << shown(path, STDERR_FILENO) << ": " << reason << "\n";
+    }
+    if (tree.outside() > 0) {
+        std::cerr << "Warning: " << counted(tree.outside(), "file")
+                  << " outside of the directories, where symbolic links lead\n";
+    }
 }
 
 /// Throws a Failure when the service has not made the space.
@@ -151,21 +137,15 @@ void requireScanned(const std::string& spaceId) {
     throw Failure("the service could not use the space " + spaceId + "; its log says why");
 }
 
-/// The name of a space of its own for these directories and what is left out of them, so that
-/// nothing comes along from another scan.
+/// The name of a space of these directories' own.
 std::string spaceFor(const ScanOptions& options) {
-    std::vector<std::string> places;
-    for (const std::string& place : options.query.places) places.push_back(absolutePath(place));
-    std::sort(places.begin(), places.end());
+    std::set<std::string> places;
+    for (const std::string& place : options.query.places) places.insert(absolutePath(place));
     rux::TextStamp stamp;
-    for (const auto& texts : {places, options.query.patterns, options.included, options.excluded}) {
-        for (const std::string& text : texts) stamp.add(text + '\n');
-        stamp.add("\n");
-    }
-    stamp.add(std::to_string(options.leastBytes));
+    for (const std::string& place : places) stamp.add(place + '\n');
     char hash[16];
     snprintf(hash, sizeof(hash), "-%08x", static_cast<unsigned>(stamp.hash));
-    std::string name = fs::path(places.front()).filename().string().substr(0, 100);
+    std::string name = fs::path(*places.begin()).filename().string().substr(0, 100);
     for (char& c : name) {  // so that it needs no quotes
         if (isalnum(static_cast<unsigned char>(c)) == 0) c = '_';
     }
@@ -181,24 +161,23 @@ int scan(const ScanOptions& options) {
     const int64_t before = recordCount(query.spaceId);
 
     std::optional<TreeCount> tree;
-    if (options.progress || options.leastBytes > 0) tree.emplace(query.places, options.leastBytes);
-    // The service knows no sizes, but takes files one by one as well.
-    const auto portions = portionsOf(options.leastBytes > 0 ? tree->files() : query.places);
+    if (options.progress || options.reach.followsLinks) tree.emplace(query.places, options.reach);
     const Outcome outcome =
-            scanPortions(client, query, portions, before == 0 && tree ? &*tree : nullptr);
+            scanPortions(client, query, options, before == 0 && tree ? &*tree : nullptr);
     requireScanned(query.spaceId);
 
-    const int64_t after = recordCount(query.spaceId);
     (options.quiet ? std::cerr : std::cout)
-            << counted(after, "file") << " recorded, "
-            << grouped(std::max<int64_t>(after - before, 0)) << " of them new, in "
-            << duration(outcome.seconds) << "\n";
+            << counted(recordCount(query.spaceId), "file") << " recorded in "
+            << duration(outcome.seconds) << (before > 0 ? ", " + grouped(before) + " before" : "")
+            << "\n";
     if (outcome.stopped) {
         std::cerr << "ruxctl: stopped; what was recorded is kept, the same scan again goes on\n";
         return kInterrupted;
     }
-    if (tree) sayWhatIsLeftOut(*tree, options.verbose);
-    if (before > 0 && query.patterns != kAllPaths) sayWhatStaysIn(query);
+    if (tree) {
+        tree->finish();
+        sayWhatIsLeftOut(*tree, options.verbose);
+    }
     if (!options.quiet) sayWhatIsSetAside({query.spaceId});
     return kDone;
 }

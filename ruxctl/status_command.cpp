@@ -30,15 +30,16 @@ std::string activity(const Client& client, const std::vector<Space>& spaces) {
 
 void print(const std::vector<Space>& spaces) {
     std::vector<std::vector<std::string>> rows = {
-            {"SPACE", "FILES", "CONTENTS", "LINKED", "DATABASE", "CHANGED"}};
+            {"SPACE", "FILES", "CONTENTS", "LINKED", "DATABASE", "CHANGED", "BELOW"}};
     for (const Space& space : spaces) {
         rows.push_back({space.id, grouped(space.files), grouped(space.toCompress),
-                        grouped(space.compressed), humanBytes(space.bytes), ago(space.changed)});
+                        grouped(space.compressed), humanBytes(space.bytes), ago(space.changed),
+                        shown(space.directory)});
     }
     if (spaces.empty()) {
         std::cout << "no spaces; begin with `ruxctl scan --space NAME DIR`\n";
     } else {
-        printTable(rows);
+        printTable(rows, true);
     }
 }
 

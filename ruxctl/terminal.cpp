@@ -93,7 +93,7 @@ std::string shown(const std::string& path, int fd) {
     return isPlain || isatty(fd) == 0 ? path : quoted + "'";
 }
 
-void printTable(const std::vector<std::vector<std::string>>& rows) {
+void printTable(const std::vector<std::vector<std::string>>& rows, bool isText) {
     std::vector<size_t> widths(rows.front().size());
     for (const auto& row : rows) {
         for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], widthOf(row[i]));
@@ -103,7 +103,8 @@ void printTable(const std::vector<std::vector<std::string>>& rows) {
         for (size_t i = 0; i < row.size(); ++i) {
             const std::string space(widths[i] - widthOf(row[i]), ' ');
             if (i > 0) line += "  ";
-            line += i == 0 ? row[i] + space : space + row[i];
+            const bool isLeft = i == 0 || (isText && i + 1 == row.size());
+            line += isLeft ? row[i] + space : space + row[i];
         }
         while (!line.empty() && line.back() == ' ') line.pop_back();
         std::cout << (&row == rows.data() ? inked(Ink::Bold, line) : line) << "\n";

@@ -38,9 +38,9 @@ class StatusLine {
 /// is quoted as shells read it ($'a\nb'), so that it can do nothing to the terminal.
 std::string shown(const std::string& path, int fd = STDOUT_FILENO);
 
-/// Rows of cells, printed with the columns aligned: the first to the left, the others to the right.
-/// The first row is the heading.
-void printTable(const std::vector<std::vector<std::string>>& rows);
+/// Rows of cells, printed with the columns aligned: the first to the left, and so the last if that
+/// is `isText`, the others to the right. The first row is the heading.
+void printTable(const std::vector<std::vector<std::string>>& rows, bool isText = false);
 
 /// How far something is, for a line: a bar as long as the terminal allows, `done` of `all` as
 /// `amount` writes them, the rate, and the time that is left at that rate.

@@ -11,31 +11,43 @@
 #include <utility>
 #include <vector>
 
+#include "ruxctl/commands.h"
+#include "ruxctl/paths.h"
+
 namespace ruxctl {
 
 /// Walks the places as a scan does, but through each directory once, on a thread of its own.
 class TreeCount {
   public:
-    /// Takes files of at least so many bytes into account.
-    TreeCount(std::vector<std::string> places, uint64_t leastBytes);
+    TreeCount(std::vector<std::string> places, const Reach& reach);
     ~TreeCount();
     TreeCount(const TreeCount&) = delete;
     TreeCount& operator=(const TreeCount&) = delete;
 
     /// Bytes of all files; 0 as long as they are being counted.
     int64_t bytes() const { return mIsDone ? mBytes : 0; }
-    /// The paths of the files. Waits for the end.
-    const std::vector<std::string>& files();
-    /// What a scan has to leave out, each with its reason, in words. Waits for the end.
-    const std::vector<std::pair<std::string, std::string>>& leftOut();
+
+    /// Waits for the end. Then the others may be asked for.
+    void finish();
+    /// What a scan has to leave out, each with its reason, in words.
+    const std::vector<std::pair<std::string, std::string>>& leftOut() const { return mLeftOut; }
+    /// Symbolic links that are not followed.
+    const std::vector<std::string>& unfollowed() const { return mUnfollowed; }
+    /// Files that symbolic links lead to and that do not lie below the places.
+    int64_t outside() const { return mOutside; }
 
   private:
-    void add(const std::string& path);
+    void walk();
+    void add(const std::string& path, dev_t device, bool isOutside);
+    void addDirectory(const std::string& path, dev_t device, bool isOutside);
 
-    const uint64_t mLeastBytes;
+    const std::vector<std::string> mPlaces;
+    const Reach mReach;
+    Places mRealPlaces;  // without symbolic links
     int64_t mBytes = 0;
-    std::vector<std::string> mFiles;
+    int64_t mOutside = 0;
     std::vector<std::pair<std::string, std::string>> mLeftOut;
+    std::vector<std::string> mUnfollowed;
     std::set<std::pair<dev_t, ino_t>> mSeen;  // directories
     std::atomic<bool> mIsDone{false};
     std::atomic<bool> mIsStopped{false};

@@ -54,6 +54,11 @@ def owners_of(path):
                                   for name in os.listxattr(path, follow_symlinks=False)}
 
 
+def md5_of(path):
+    with open(path, "rb") as file:
+        return hashlib.md5(file.read()).hexdigest()
+
+
 def seconds(st):
     return st.st_mtime_ns // 10**9
 
@@ -443,8 +448,7 @@ class Model:
         if os.path.realpath(path) == UNREADABLE:
             self.log("D", "calculateFileMD5", "cal md5 error code != 0, continue")
             return
-        with open(path, "rb") as file:
-            digest = hashlib.md5(file.read()).hexdigest()
+        digest = md5_of(path)
         self.images[0][path]["is_md5"] = 1
         if path in self.taken:
             self.taken[path] = digest
@@ -474,9 +478,8 @@ class Model:
         """The digest of DB3's group that the path should be a link of, and is not."""
         if st.st_nlink > 1 or self.groups_with(path, 1) or number(self.before[3].get(path), "r_flag") == 1:
             return None
-        fitting = (digest for digest, group in sorted(self.before[2].items(), key=lambda item: item[0].encode("utf-8"))
-                   if path in strings(member(group, "f_list", list)) and self.is_in(group, st))
-        digest = next(fitting, "")
+        digest = min((digest for digest, group in self.before[2].items() if path in strings(member(group, "f_list", list))),
+                     key=lambda name: name.encode("utf-8"), default="")
         return digest if len(digest.encode("utf-8")) < 36 and "\0" not in digest else None
 
     def groups_with(self, path, index):
@@ -494,25 +497,34 @@ class Model:
             return number(mark, "r_flag") == 1 and st.st_nlink == 1
         if groups := self.groups_with(path, 1):
             return (st.st_size, seconds(st)) == (max(0, number(groups[-1], "f_size")), number(record, "s_time"))
-        return any(self.is_in(group, st) for group in self.groups_with(path, 2))
+        groups = self.groups_with(path, 2)
+        return not (len(groups) > 1 and st.st_nlink == 1) and any(self.is_in(group, path, st) for group in groups)
 
-    def is_in(self, group, st):
-        times = [number(self.before[0][path], "s_time") for path in strings(group["f_list"]) if path in self.before[0]]
+    def groups_of(self, path):
+        return self.groups_with(path, 1)[:1] + self.groups_with(path, 2)
+
+    def is_in(self, group, path, st):
+        paths = [other for other in strings(group["f_list"]) if other == path or len(self.groups_of(other)) == 1]
+        times = [number(self.before[0][other], "s_time") for other in paths if other in self.before[0]]
         return st.st_size == max(0, number(group, "f_size")) and seconds(st) in times
 
     def is_linked(self, path, digest):
         """Whether DB3 has it in the group of that digest, and it is as it was."""
         group, st = member(self.before[2], digest, dict), status(path)
-        return path in strings(member(group, "f_list", list)) and st is not None and self.is_in(group, st)
+        return path in strings(member(group, "f_list", list)) and st is not None and self.is_in(group, path, st)
 
     def take_linked(self, digest):
-        paths = strings(member(member(self.before[2], digest, dict), "f_list", list))
-        paths = [path for path in paths if self.is_linked(path, digest)]
-        for path in paths:
+        taken = []
+        for path in strings(member(member(self.before[2], digest, dict), "f_list", list)):
+            if self.groups_with(path, 1) or not self.is_linked(path, digest):
+                continue
+            if len(self.groups_of(path)) > 1 and md5_of(path) != digest:
+                continue
             if path not in self.taken:
                 self.record(path, "", status(path))
                 self.images[0][path]["is_md5"] = 1
-        return list(dict.fromkeys(paths))
+            taken.append(path)
+        return list(dict.fromkeys(taken))
 
     def remove_stale(self, places):
         if not self.reach["refresh"]:
@@ -526,7 +538,7 @@ class Model:
                 return True
             if self.taken[path] == digest if path in self.taken else path in self.met or not is_below(path):
                 return True
-            if self.is_linked(path, digest):
+            if self.is_linked(path, digest) and status(path).st_nlink > 1:
                 self.met.add(path)
                 return True
             return False
