@@ -1,6 +1,7 @@
 #include <json/json.h>
 
 #include <algorithm>
+#include <chrono>
 #include <iostream>
 
 #include "android-base/properties.h"
@@ -21,7 +22,7 @@ constexpr size_t kShown = 3;  // of the largest groups, and of exceptions
 void printSkipped(const std::vector<Group>& groups) {
     for (const Member* member : membersWith(groups, Step::Skip)) {
         std::cout << inked(Ink::Warning, "skip") << "  " << shown(member->path) << ": "
-                  << member->reason << "\n";
+                  << member->reason() << "\n";
     }
 }
 
@@ -69,7 +70,6 @@ void describe(const std::vector<Group>& groups, const CompressOptions& options) 
     if (const int64_t skipped = count(groups, Step::Skip); skipped > 0)
         std::cerr << counted(skipped, "file") << " will be left alone; --dry-run says why\n";
     sayWhatIsSetAside(options.spaceIds);
-    if (options.yes) return;
     std::cerr << "Linked files are one file: what is written to one in place, and a change of its "
                  "owner or mode,\nis there under all of its names.\n";
 }
@@ -92,7 +92,7 @@ void printJson(const CompressOptions& options, const std::vector<Group>& groups,
     for (const Member* member : membersWith(groups, Step::Skip)) {
         Json::Value& skipped = value["skipped"].append(Json::Value(Json::objectValue));
         skipped["path"] = member->path;
-        skipped["reason"] = member->reason;
+        skipped["reason"] = member->reason();
     }
     std::cout << Json::FastWriter().write(value);
 }
@@ -101,6 +101,21 @@ std::string summaryOf(const std::vector<Group>& groups) {
     const int64_t links = count(groups, Step::Link);
     return counted(links, "file") + " can become " + (links == 1 ? "a link" : "links") +
            ", giving back " + humanBytes(reclaimable(groups));
+}
+
+/// The groups. Where nobody looks at the plan a status of each path is enough.
+std::vector<Group> lookedAt(const CompressOptions& options) {
+    const auto start = std::chrono::steady_clock::now();
+    StatusLine line;
+    return groupsOf(options.spaceIds, Which::ToCompress,
+                    options.yes && !options.dryRun ? Look::Status : Look::Plan,
+                    [&](int64_t done, int64_t all) {
+                        const std::chrono::duration<double> passed =
+                                std::chrono::steady_clock::now() - start;
+                        line.show("Looking " +
+                                  progress(done, all, passed.count(),
+                                           [](int64_t groups) { return grouped(groups); }));
+                    });
 }
 
 /// For a dry run, and where there is nothing to do.
@@ -174,7 +189,7 @@ int compress(const CompressOptions& options) {
     std::optional<Client> client;
     if (!options.dryRun) client = service();
     requireSpaces(options.spaceIds);
-    std::vector<Group> groups = groupsOf(options.spaceIds, Which::ToCompress);
+    std::vector<Group> groups = lookedAt(options);
     const int64_t links = count(groups, Step::Link);
     const bool isAsked = std::any_of(groups.begin(), groups.end(),
                                      [](const Group& group) { return group.isOffered(); });
@@ -182,10 +197,10 @@ int compress(const CompressOptions& options) {
         tellPlan(options, groups);
         return kDone;
     }
-    if (links > 0) {
+    if (links > 0 && !options.yes) {
         std::cerr << summaryOf(groups) << "\n";
         describe(groups, options);
-        if (!agreed("Link them?", options.yes)) return nothingChanged();
+        if (!agreed("Link them?", false)) return nothingChanged();
     }
     return tell(options, groups, link(*client, options, links));
 }

@@ -8,7 +8,6 @@
 #include <array>
 #include <cerrno>
 #include <filesystem>
-#include <initializer_list>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -23,13 +22,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// The places of the files among a space's.
-enum : size_t { kRecords, kToCompress, kCompressed, kModified };
 // One of each record and of each group. Quotes inside of strings are escaped, so in the text these
 // stand for members alone, and counting them needs no parser.
 constexpr std::string_view kDigestMember = "\"is_md5\":";
 constexpr std::string_view kListMember = "\"f_list\":";
 constexpr std::string_view kRestored = "\"r_flag\":1";
+
+constexpr char kExceptionRules[] = "RUXExceptRules.json";  // beside the spaces
 
 std::string pathOf(const std::string& spaceId, const char* file = "") {
     return rux::databaseRoot() + spaceId + file;
@@ -46,7 +45,6 @@ std::string textOf(const std::string& path) {
     return text;
 }
 
-using Texts = std::array<std::string, rux::kDatabaseFiles.size()>;
 /// Sizes and times in nanoseconds of the files, which a save changes.
 using Marks = std::array<std::pair<off_t, int64_t>, rux::kDatabaseFiles.size()>;
 
@@ -60,30 +58,14 @@ Marks marksOf(const std::string& spaceId) {
     return marks;
 }
 
-/// The texts of the wanted files of a space, all of one moment. That of a missing file is empty.
-Texts textsOf(const std::string& spaceId, std::initializer_list<size_t> wanted) {
-    for (Texts texts;;) {
-        const auto before = marksOf(spaceId);
-        // What a save is changing, or has left half-written, is whole in its journal.
-        const rux::Journal journal(pathOf(spaceId));
-        for (const size_t i : wanted) {
-            texts[i] = journal.holds(i) ? journal.text(i)
-                                        : textOf(pathOf(spaceId, rux::kDatabaseFiles[i]));
-        }
-        if (journal.state() == rux::Journal::State::Whole || marksOf(spaceId) == before)
-            return texts;
-    }
-}
-
 Json::Value parsed(const std::string& text, Json::ValueType type, const std::string& path) {
     Json::Value value;
     if (text.empty()) return Json::Value(type);
-    if (!Json::Reader().parse(text, value, false) || value.type() != type)
+    const bool isJson = Json::Reader().parse(text, value, false);
+    if (isJson && value.isNull()) return Json::Value(type);  // an image that had no room once
+    if (!isJson || value.type() != type)
         throw std::runtime_error(path + " is damaged; remove the space's directory and scan again");
     return value;
-}
-Json::Value parsed(const Texts& texts, size_t file, const std::string& spaceId) {
-    return parsed(texts[file], Json::objectValue, pathOf(spaceId, rux::kDatabaseFiles[file]));
 }
 
 int64_t countOf(std::string_view text, std::string_view part) {
@@ -138,7 +120,7 @@ Space lookAt(const std::string& spaceId) {
         space.bytes += st.st_size;
         space.changed = std::max(space.changed, st.st_mtime);
     }
-    const Texts texts = textsOf(spaceId, {kRecords, kToCompress, kCompressed});
+    const SpaceTexts texts(spaceId, {kRecords, kToCompress, kCompressed});
     space.files = countOf(texts[kRecords], kDigestMember);
     space.directory = commonDirectory(texts[kRecords]);
     space.toCompress = countOf(texts[kToCompress], kListMember);
@@ -151,27 +133,66 @@ bool exists(const std::string& spaceId) {
 }
 
 int64_t recordCount(const std::string& spaceId) {
-    return countOf(textsOf(spaceId, {kRecords})[kRecords], kDigestMember);
+    return countOf(SpaceTexts(spaceId, {kRecords})[kRecords], kDigestMember);
 }
 
 int64_t setAsideCount(const std::string& spaceId) {
-    return countOf(textsOf(spaceId, {kModified})[kModified], kRestored);
+    return countOf(SpaceTexts(spaceId, {kModified})[kModified], kRestored);
 }
 
 std::vector<std::string> recordedPaths(const std::string& spaceId) {
-    return parsed(textsOf(spaceId, {kRecords}), kRecords, spaceId).getMemberNames();
+    std::vector<std::string> paths;
+    SpaceTexts(spaceId, {kRecords}).forEach(kRecords, [&](const std::string& path, const auto&) {
+        paths.push_back(path);
+    });
+    return paths;
 }
 
-int64_t numberOf(const Json::Value& object, const char* name) {
-    const Json::Value& number = object[name];
-    return number.isInt64() ? number.asInt64() : 0;
+SpaceTexts::SpaceTexts(const std::string& spaceId, const std::vector<Image>& images)
+      : mSpaceId(spaceId) {
+    while (true) {
+        const auto before = marksOf(spaceId);
+        // What a save is changing, or has left half-written, is whole in its journal.
+        const rux::Journal journal(pathOf(spaceId));
+        for (const Image image : images) {
+            mTexts[image] = journal.holds(image)
+                                    ? journal.text(image)
+                                    : textOf(pathOf(spaceId, rux::kDatabaseFiles[image]));
+        }
+        if (journal.state() == rux::Journal::State::Whole || marksOf(spaceId) == before) return;
+    }
 }
 
-SpaceImages imagesOf(const std::string& spaceId, bool all) {
-    const Texts texts = all ? textsOf(spaceId, {kRecords, kToCompress, kCompressed})
-                            : textsOf(spaceId, {kCompressed});
-    return {spaceId, parsed(texts, kRecords, spaceId), parsed(texts, kToCompress, spaceId),
-            parsed(texts, kCompressed, spaceId)};
+void SpaceTexts::forEach(Image image, const Take& take) const {
+    constexpr size_t kPiece = size_t{1} << 16;
+    const std::string& text = mTexts[image];
+    const std::string path = pathOf(mSpaceId, rux::kDatabaseFiles[image]);
+    for (size_t at = 0; at < text.size();) {
+        // Between two members of the whole, unless somebody has written members of members.
+        const size_t end = text.find("},\"", at + kPiece);
+        const std::string start = at > 0 ? "{" : "";
+        Json::Value piece;
+        const bool isCut =
+                end != std::string::npos &&
+                Json::Reader().parse(start + text.substr(at, end + 1 - at) + "}", piece, false) &&
+                piece.isObject();
+        if (!isCut) piece = parsed(start + text.substr(at), Json::objectValue, path);
+        at = isCut ? end + 2 : text.size();
+        for (auto member = piece.begin(); member != piece.end(); ++member)
+            take(member.name(), *member);
+    }
+}
+
+void SpaceTexts::forEachGroup(Image image, const TakeGroup& take) const {
+    forEach(image, [&take](const std::string& digest, const Json::Value& group) {
+        if (!group.isObject() || !group["f_list"].isArray()) return;
+        std::vector<std::string> paths;
+        for (const Json::Value& path : group["f_list"]) {
+            if (path.isString()) paths.push_back(path.asString());
+        }
+        const Json::Value& bytes = group["f_size"];
+        take(digest, bytes.isInt64() ? bytes.asInt64() : 0, std::move(paths));
+    });
 }
 
 bool forgetRecords(const std::string& spaceId, bool links) {
@@ -189,12 +210,16 @@ bool forgetRecords(const std::string& spaceId, bool links) {
 
 std::vector<std::string> exceptionRules() {
     std::vector<std::string> rules;
-    const std::string path = rux::databaseRoot() + "RUXExceptRules.json";
+    const std::string path = pathOf(kExceptionRules);
     const Json::Value value = parsed(textOf(path), Json::arrayValue, path);
     for (const Json::Value& rule : value) {
         if (rule.isString()) rules.push_back(rule.asString());
     }
     return rules;
+}
+
+bool removeExceptionRules() {
+    return unlink(pathOf(kExceptionRules).c_str()) == 0 || errno == ENOENT;
 }
 
 }  // namespace ruxctl

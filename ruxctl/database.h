@@ -3,8 +3,11 @@
 
 #include <json/json.h>
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -35,26 +38,39 @@ int64_t setAsideCount(const std::string& spaceId);
 /// The paths that a space has records of.
 std::vector<std::string> recordedPaths(const std::string& spaceId);
 
-/// The number `name` of an object; 0 when there is none.
-int64_t numberOf(const Json::Value& object, const char* name);
+/// The files of a space: records by path, groups by digest, those that have been linked, and marks
+/// by path.
+enum Image : size_t { kRecords, kToCompress, kCompressed, kModified };
 
-/// What a space knows of its files, each an object. Throws std::runtime_error for a database that
-/// cannot be read.
-struct SpaceImages {
-    std::string spaceId;
-    Json::Value records;     ///< by path
-    Json::Value toCompress;  ///< groups by digest
-    Json::Value compressed;  ///< likewise, those that have been linked
+/// What some files of a space say, all of one moment. They are read here, and taken apart bit by
+/// bit, so that a large one needs little more memory than its text.
+class SpaceTexts {
+  public:
+    SpaceTexts(const std::string& spaceId, const std::vector<Image>& images);
+
+    const std::string& operator[](Image image) const { return mTexts[image]; }
+
+    /// Throws std::runtime_error for a file that is damaged.
+    using Take = std::function<void(const std::string& name, const Json::Value& value)>;
+    void forEach(Image image, const Take& take) const;
+    /// The same for groups with their paths.
+    using TakeGroup = std::function<void(const std::string& digest, int64_t fileBytes,
+                                         std::vector<std::string> paths)>;
+    void forEachGroup(Image image, const TakeGroup& take) const;
+
+  private:
+    std::string mSpaceId;
+    std::array<std::string, kModified + 1> mTexts;
 };
-/// Those of one moment; the groups that have been linked alone unless `all`.
-SpaceImages imagesOf(const std::string& spaceId, bool all);
 
 /// Makes the next scan of the space find everything anew. What links there are stays known, unless
 /// `links` are to be forgotten too. No operation may be running. False with errno set when a file
 /// cannot be removed.
 bool forgetRecords(const std::string& spaceId, bool links);
 
-/// The exception patterns of the device.
+/// The exception patterns of the device. The second removes them all: false with errno set when it
+/// cannot.
 std::vector<std::string> exceptionRules();
+bool removeExceptionRules();
 
 }  // namespace ruxctl

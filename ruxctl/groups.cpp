@@ -1,13 +1,15 @@
 #include "ruxctl/groups.h"
 
-#include <json/json.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
-#include <map>
+#include <future>
 #include <set>
+#include <thread>
 
 #include "f2fs_io/hard_link.h"
 #include "ruxctl/database.h"
@@ -19,30 +21,35 @@ FileId idOf(const struct stat& st) {
     return {st.st_dev, st.st_ino};
 }
 
-/// The name that a path leads to by way of its directory.
-NameId nameIdOf(const std::string& path) {
-    const size_t slash = path.rfind('/') + 1;
-    struct stat st = {};
-    stat(slash == 0 ? "." : path.substr(0, slash).c_str(), &st);
-    return {idOf(st), path.substr(slash)};
-}
+/// Finds the directories of paths, each once.
+class Directories {
+  public:
+    FileId of(std::string_view path) {
+        const std::string_view directory = path.substr(0, path.rfind('/') + 1);
+        const auto found = mKnown.find(directory);
+        if (found != mKnown.end()) return found->second;
+        struct stat st = {};
+        const std::string name(directory.empty() ? "." : directory);
+        stat(name.c_str(), &st);
+        return mKnown.emplace(directory, idOf(st)).first->second;
+    }
 
-Member lookedUp(const std::string& path, int64_t fileBytes, const Json::Value& record) {
-    Member member;
-    member.path = path;
+  private:
+    std::map<std::string, FileId, std::less<>> mKnown;
+};
+
+void lookAt(Member& member, int64_t fileBytes, Directories& directories) {
     struct stat st = {};
-    if (lstat(path.c_str(), &st) != 0) return member;
+    if (lstat(member.path.c_str(), &st) != 0) return;
     member.isSymlink = S_ISLNK(st.st_mode);
-    if (member.isSymlink && stat(path.c_str(), &st) != 0) return member;
-    const bool isNewer = record.isObject() && record["s_time"].isInt64() &&
-                         record["s_time"].asInt64() != st.st_mtime;
+    if (member.isSymlink && stat(member.path.c_str(), &st) != 0) return;
+    const bool isNewer = member.time && *member.time != st.st_mtime;
     const bool isSame = S_ISREG(st.st_mode) && st.st_size == fileBytes && !isNewer;
     member.state = isSame ? State::There : State::Changed;
     member.file = idOf(st);
-    member.name = nameIdOf(path);
+    member.directory = directories.of(member.path);
     member.links = static_cast<int64_t>(st.st_nlink);
     member.allocated = int64_t{st.st_blocks} * 512;
-    return member;
 }
 
 /// Tells files of one's own from links, and what the links of a group that has been linked have
@@ -55,7 +62,7 @@ void takeStock(Group& group) {
         ++paths[member.file];
         if (!group.compressed || member.isSymlink) continue;
         std::set<NameId>& known = names[member.file];
-        if (known.insert(member.name).second && known.size() > 1) group.given += member.allocated;
+        if (known.insert(member.name()).second && known.size() > 1) group.given += member.allocated;
     }
     for (Member& member : group.members) {
         if (member.isPresent() && paths[member.file] > 1) member.state = State::Linked;
@@ -63,18 +70,22 @@ void takeStock(Group& group) {
     group.files = static_cast<int64_t>(paths.size());
 }
 
-std::string reasonFor(int error) {
-    static const std::map<int, const char*> kReasons =
-            {{EBUSY, "open for writing"},
-             {EBADE, "of another owner, group, mode or attribute"},
-             {EACCES, "one of them lies in a directory that others cannot enter"},
-             {EXDEV, "on another file system"},
-             {EILSEQ, "of another content by now"},
-             {ELOOP, "behind a symbolic link of somebody else's"},
-             {EINVAL, "no regular file"},
-             {EOPNOTSUPP, "in an overlay, or on a file system that cannot exchange files"}};
-    const auto found = kReasons.find(error);
-    return found == kReasons.end() ? strerror(error) : found->second;
+/// The first member that exists: its file is the one that is kept.
+Member* firstOf(Group& group) {
+    const auto first = std::find_if(group.members.begin(), group.members.end(),
+                                    [](const auto& it) { return it.state != State::Gone; });
+    return first != group.members.end() ? &*first : nullptr;
+}
+
+/// Asks what stands in the way of linking each member.
+void findErrors(Group& group) {
+    const Member* const first = firstOf(group);
+    if (first == nullptr) return;
+    for (Member& member : group.members) {
+        if (member.state == State::Gone || member.isSymlink || member.file == first->file) continue;
+        const bool hasChanged = std::max(first->state, member.state) == State::Changed;
+        member.error = checkHardLink(first->path.c_str(), member.path.c_str(), hasChanged);
+    }
 }
 
 /// How many names each file has while they are moved from file to file.
@@ -82,7 +93,7 @@ class Names {
   public:
     /// The file that a member's path leads to.
     FileId fileOf(const Member& member) const {
-        const auto moved = mMoved.find(member.name);
+        const auto moved = mMoved.find(member.name());
         return moved == mMoved.end() ? member.file : moved->second;
     }
     /// Makes one member's name lead to another one's file. Returns the bytes that this frees.
@@ -92,7 +103,7 @@ class Names {
         if (from == to) return 0;
         mCount.try_emplace(member.file, member.links);
         mCount.try_emplace(kept.file, kept.links);
-        mMoved[member.name] = to;
+        mMoved[member.name()] = to;
         ++mCount[to];
         return --mCount[from] == 0 ? member.allocated : 0;
     }
@@ -104,55 +115,75 @@ class Names {
 
 /// Says what linking would do to each member, as the service goes about it.
 void plan(Group& group, Names& names) {
-    Member* kept = nullptr;
+    Member* const kept = firstOf(group);
     for (Member& member : group.members) {
-        if (member.state == State::Gone) continue;
-        if (kept == nullptr) {
-            kept = &member;
-        } else if (!member.isSymlink && names.fileOf(member) != names.fileOf(*kept)) {
-            const int error = checkHardLink(kept->path.c_str(), member.path.c_str(),
-                                            std::max(kept->state, member.state) == State::Changed);
-            member.step = error == 0 ? Step::Link : Step::Skip;
-            if (error != 0) member.reason = reasonFor(error);
-            if (error == 0) group.reclaimable += names.move(member, *kept);
-        }
-    }
-    if (kept != nullptr && group.count(Step::None) < static_cast<int64_t>(group.members.size()))
+        if (member.state == State::Gone || &member == kept || member.isSymlink ||
+            names.fileOf(member) == names.fileOf(*kept))
+            continue;
+        member.step = member.error == 0 ? Step::Link : Step::Skip;
+        if (member.error == 0) group.reclaimable += names.move(member, *kept);
         kept->step = Step::Keep;
+    }
 }
 
-void addGroups(const SpaceImages& images, bool compressed, Names& names,
+/// Adds the groups of several paths, as the text has them.
+void addGroups(const std::string& spaceId, const SpaceTexts& texts, bool compressed,
                std::vector<Group>& groups) {
-    const Json::Value& all = compressed ? images.compressed : images.toCompress;
-    for (auto entry = all.begin(); entry != all.end(); ++entry) {
-        const Json::Value& paths = entry->isObject() ? (*entry)["f_list"] : *entry;
-        if (!entry->isObject() || !paths.isArray() || paths.size() < 2) continue;
-        Group group;
-        group.spaceId = images.spaceId;
-        group.digest = entry.name();
-        group.fileBytes = numberOf(*entry, "f_size");
-        group.compressed = compressed;
-        for (const Json::Value& path : paths) {
-            if (!path.isString()) continue;
-            // A link has the time of the file that was kept, not the recorded one of its own.
-            const Json::Value& record =
-                    compressed ? Json::Value::nullSingleton() : images.records[path.asString()];
-            group.members.push_back(lookedUp(path.asString(), group.fileBytes, record));
-        }
-        takeStock(group);
-        if (!compressed) plan(group, names);
-        groups.push_back(std::move(group));
-    }
+    texts.forEachGroup(compressed ? kCompressed : kToCompress,
+                       [&](const std::string& digest, int64_t fileBytes, auto paths) {
+                           if (paths.size() < 2) return;
+                           Group& group = groups.emplace_back();
+                           group.spaceId = spaceId;
+                           group.digest = digest;
+                           group.fileBytes = fileBytes;
+                           group.compressed = compressed;
+                           group.members.resize(paths.size());
+                           for (size_t i = 0; i < paths.size(); ++i)
+                               group.members[i].path = std::move(paths[i]);
+                       });
 }
 
-/// The paths of the groups that have been linked.
-std::set<std::string> pathsOf(const Json::Value& groups) {
-    std::set<std::string> paths;
-    for (const Json::Value& group : groups) {
-        if (!group.isObject() || !group["f_list"].isArray()) continue;
-        for (const Json::Value& path : group["f_list"]) paths.insert(path.asString());
+/// Gives the members their recorded times. A link has the time of the file that was kept instead.
+void addTimes(const SpaceTexts& texts, std::vector<Group>& groups, size_t first) {
+    std::vector<Member*> members;
+    for (size_t i = first; i < groups.size(); ++i) {
+        if (groups[i].compressed) continue;
+        for (Member& member : groups[i].members) members.push_back(&member);
     }
-    return paths;
+    std::sort(members.begin(), members.end(),
+              [](const Member* a, const Member* b) { return a->path < b->path; });
+    texts.forEach(kRecords, [&](const std::string& path, const Json::Value& record) {
+        const auto precedes = [](const Member* a, const std::string& b) { return a->path < b; };
+        auto member = std::lower_bound(members.begin(), members.end(), path, precedes);
+        for (; member != members.end() && (*member)->path == path; ++member) {
+            if (record.isObject() && record["s_time"].isInt64())
+                (*member)->time = record["s_time"].asInt64();
+        }
+    });
+}
+
+/// Looks at all members, with all processors.
+void lookAtAll(std::vector<Group>& groups, Look look,
+               const std::function<void(int64_t, int64_t)>& tick) {
+    std::atomic<size_t> next{0};
+    const auto work = [&] {
+        Directories directories;
+        for (size_t i = next++; i < groups.size(); i = next++) {
+            Group& group = groups[i];
+            for (Member& member : group.members) lookAt(member, group.fileBytes, directories);
+            takeStock(group);
+            if (look == Look::Plan && !group.compressed) findErrors(group);
+        }
+    };
+    std::vector<std::future<void>> workers;
+    for (unsigned i = 0; i < std::max(1U, std::thread::hardware_concurrency()); ++i)
+        workers.push_back(std::async(std::launch::async, work));
+    for (std::future<void>& worker : workers) {
+        while (worker.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready)
+            tick(static_cast<int64_t>(std::min<size_t>(next, groups.size())),
+                 static_cast<int64_t>(groups.size()));
+        worker.get();
+    }
 }
 
 /// The members that a restore gives data of their own: one for each name.
@@ -161,7 +192,8 @@ std::vector<const Member*> restorable(const std::vector<Group>& groups) {
     std::vector<const Member*> members;
     for (const Group& group : groups) {
         for (const Member& member : group.members) {
-            if (member.state != State::Gone && !member.isSymlink && seen.insert(member.name).second)
+            if (member.state != State::Gone && !member.isSymlink &&
+                seen.insert(member.name()).second)
                 members.push_back(&member);
         }
     }
@@ -173,6 +205,21 @@ std::vector<const Member*> restorable(const std::vector<Group>& groups) {
 const char* nameOf(State state) {
     constexpr const char* kNames[] = {"there", "linked", "changed", "gone"};
     return kNames[static_cast<size_t>(state)];
+}
+
+std::string Member::reason() const {
+    static const std::map<int, const char*> kReasons =
+            {{EBUSY, "open for writing"},
+             {EBADE, "of another owner, group, mode or attribute"},
+             {EACCES, "one of them lies in a directory that others cannot enter"},
+             {EXDEV, "on another file system"},
+             {EILSEQ, "of another content by now"},
+             {ELOOP, "behind a symbolic link of somebody else's"},
+             {EINVAL, "no regular file"},
+             {EOPNOTSUPP, "in an overlay, or on a file system that cannot exchange files"},
+             {kRefused, "refused by the service, whose log says why"}};
+    const auto found = kReasons.find(error);
+    return found == kReasons.end() ? strerror(error) : found->second;
 }
 
 const Member* Group::kept() const {
@@ -188,15 +235,15 @@ int64_t Group::count(Step step) const {
 }
 
 int64_t Group::linkedBefore() const {
-    const auto first = std::find_if(members.begin(), members.end(), [](const Member& member) {
-        return member.state != State::Gone;
-    });
-    return first == members.end()
-                   ? 0
-                   : std::count_if(first + 1, members.end(), [&](const auto& member) {
-                         return member.isPresent() && !member.isSymlink &&
-                                member.file == first->file && member.name != first->name;
-                     });
+    const Member* first = nullptr;
+    int64_t links = 0;
+    for (const Member& member : members) {
+        if (first == nullptr && member.state != State::Gone) first = &member;
+        const bool isLink = member.isPresent() && !member.isSymlink && member.file == first->file &&
+                            member.name() != first->name();
+        links += isLink ? 1 : 0;
+    }
+    return links;
 }
 
 bool Group::isOffered() const {
@@ -209,13 +256,25 @@ int64_t Group::present() const {
                          [](const Member& member) { return member.isPresent(); });
 }
 
-std::vector<Group> groupsOf(const std::vector<std::string>& spaceIds, Which which) {
+std::vector<Group> groupsOf(const std::vector<std::string>& spaceIds, Which which, Look look,
+                            const std::function<void(int64_t, int64_t)>& tick) {
     std::vector<Group> groups;
-    Names names;
     for (const std::string& spaceId : spaceIds) {
-        const SpaceImages images = imagesOf(spaceId, which != Which::Compressed);
-        if (which != Which::Compressed) addGroups(images, false, names, groups);
-        if (which != Which::ToCompress) addGroups(images, true, names, groups);
+        std::vector<Image> images;
+        if (which != Which::Compressed) images.push_back(kToCompress);
+        if (which != Which::ToCompress) images.push_back(kCompressed);
+        const bool needsTimes = which != Which::Compressed && look == Look::Plan;
+        if (needsTimes) images.push_back(kRecords);
+        const SpaceTexts texts(spaceId, images);
+        const size_t first = groups.size();
+        if (which != Which::Compressed) addGroups(spaceId, texts, false, groups);
+        if (which != Which::ToCompress) addGroups(spaceId, texts, true, groups);
+        if (needsTimes) addTimes(texts, groups, first);
+    }
+    lookAtAll(groups, look, tick);
+    Names names;
+    for (Group& group : groups) {
+        if (!group.compressed) plan(group, names);
     }
     return groups;
 }
@@ -259,43 +318,52 @@ int64_t checkLinks(std::vector<Group>& groups) {
             }
             const int error = checkHardLink(kept->path.c_str(), member.path.c_str(), true);
             member.step = Step::Skip;
-            member.reason =
-                    error == 0 ? "refused by the service, whose log says why" : reasonFor(error);
+            member.error = error == 0 ? kRefused : error;
         }
     }
     return freed;
 }
 
 int64_t linksWithoutUndo(const std::vector<Group>& groups) {
-    std::map<std::string, Json::Value> compressed;
+    std::map<std::string, std::set<std::string>> digests;  // by space
     int64_t links = 0;
     for (const Group& group : groups) {
-        auto found = compressed.find(group.spaceId);
-        if (found == compressed.end())
-            found = compressed.emplace(group.spaceId, imagesOf(group.spaceId, false).compressed)
-                            .first;
-        if (!found->second.isMember(group.digest))
+        const auto [found, isNew] = digests.try_emplace(group.spaceId);
+        if (isNew) {
+            SpaceTexts(group.spaceId, {kCompressed})
+                    .forEach(kCompressed, [&known = found->second](const auto& digest, auto&) {
+                        known.insert(digest);
+                    });
+        }
+        if (!found->second.contains(group.digest))
             links += group.linkedBefore() + group.count(Step::Link);
     }
     return links;
 }
 
 std::vector<std::string> pathsWithoutUndo(const std::string& spaceId) {
-    const SpaceImages images = imagesOf(spaceId, true);
-    const std::set<std::string> known = pathsOf(images.compressed);
-    std::map<FileId, std::map<NameId, std::string>> files;  // with several names
-    for (const std::string& path : images.records.getMemberNames()) {
-        struct stat st = {};
-        if (lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink > 1)
-            files[idOf(st)].emplace(nameIdOf(path), path);
-    }
-    std::vector<std::string> paths;
-    for (const auto& [file, names] : files) {
-        for (const auto& [name, path] : names) {
-            if (names.size() > 1 && !known.contains(path)) paths.push_back(path);
+    const SpaceTexts texts(spaceId, {kRecords, kCompressed});
+    std::map<FileId, std::vector<Member>> files;  // with several names
+    Directories directories;
+    texts.forEach(kRecords, [&](const std::string& path, const Json::Value&) {
+        Member member;
+        member.path = path;
+        lookAt(member, 0, directories);
+        if (member.links > 1 && !member.isSymlink) files[member.file].push_back(std::move(member));
+    });
+    std::set<std::string> known;
+    texts.forEachGroup(kCompressed, [&known](const std::string&, int64_t, const auto& paths) {
+        known.insert(paths.begin(), paths.end());
+    });
+    std::vector<std::string> without;
+    for (const auto& [file, members] : files) {
+        std::set<NameId> names;
+        for (const Member& member : members) names.insert(member.name());
+        for (const Member& member : members) {
+            if (names.size() > 1 && !known.contains(member.path)) without.push_back(member.path);
         }
     }
-    return paths;
+    return without;
 }
 
 std::map<std::string, int64_t> takenUpByRestore(const std::vector<Group>& groups) {
@@ -306,7 +374,7 @@ std::map<std::string, int64_t> takenUpByRestore(const std::vector<Group>& groups
         const std::string& path = paths.try_emplace(member->file.first, member->path).first->second;
         // The last of its names keeps the file, unless it has others elsewhere.
         std::set<NameId>& known = names[member->file];
-        known.insert(member->name);
+        known.insert(member->name());
         if (static_cast<int64_t>(known.size()) < member->links) bytes[path] += member->allocated;
     }
     return bytes;

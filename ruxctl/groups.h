@@ -4,15 +4,18 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 namespace ruxctl {
 
 /// What a path of a group leads to.
-enum class State {
+enum class State : uint8_t {
     There,    ///< a file of its own, as it was scanned
     Linked,   ///< the same file as another path of the group
     Changed,  ///< of another size or time, or no file
@@ -21,7 +24,7 @@ enum class State {
 const char* nameOf(State state);
 
 /// What linking the group would do to a path.
-enum class Step {
+enum class Step : uint8_t {
     None,  ///< nothing: it is gone, a symbolic link, or leads to the kept file already
     Keep,  ///< its file is the one that stays
     Link,  ///< it would become a name of the kept file
@@ -31,20 +34,27 @@ enum class Step {
 /// A file, whatever its names: its device and inode.
 using FileId = std::pair<dev_t, ino_t>;
 /// A name, whatever paths lead to it: its directory and the last part.
-using NameId = std::pair<FileId, std::string>;
+using NameId = std::pair<FileId, std::string_view>;
 
 struct Member {
     std::string path;
     State state = State::Gone;
-    FileId file;            ///< unless it is gone
-    NameId name;            ///< unless it is gone
-    int64_t links = 0;      ///< names that the file has
-    int64_t allocated = 0;  ///< bytes of its blocks (stat(2), st_blocks)
-    bool isSymlink = false;
     Step step = Step::None;
-    std::string reason;  ///< of a Skip, in words
+    bool isSymlink = false;
+    int error = 0;               ///< why it would be left alone: an errno, or kRefused
+    std::optional<time_t> time;  ///< recorded, of the last modification
+    FileId file;                 ///< unless it is gone
+    FileId directory;            ///< likewise
+    int64_t links = 0;           ///< names that the file has
+    int64_t allocated = 0;       ///< bytes of its blocks (stat(2), st_blocks)
+
     bool isPresent() const { return state == State::There || state == State::Linked; }
+    /// As long as the member lives.
+    NameId name() const { return {directory, std::string_view(path).substr(path.rfind('/') + 1)}; }
+    /// Why it is left alone, in words.
+    std::string reason() const;
 };
+constexpr int kRefused = -1;  ///< by the service, and nobody can see why
 
 /// Files of identical content.
 struct Group {
@@ -69,10 +79,16 @@ struct Group {
 };
 
 enum class Which { ToCompress, Compressed, All };
+/// How closely to look. `Plan` asks for each path what stands in the way of a link; `Status` takes
+/// each for one that can be made.
+enum class Look { Status, Plan };
 /// The groups with more than one path of the spaces, in the order in which the service would link
-/// them, with each step as it would be when those before it are done. Throws std::runtime_error for
-/// a database that cannot be read.
-std::vector<Group> groupsOf(const std::vector<std::string>& spaceIds, Which which);
+/// them, with each step as it would be when those before it are done. `tick` is called ten times a
+/// second with how many groups of how many have been looked at. Throws std::runtime_error for a
+/// database that cannot be read.
+std::vector<Group> groupsOf(
+        const std::vector<std::string>& spaceIds, Which which, Look look = Look::Plan,
+        const std::function<void(int64_t done, int64_t all)>& tick = [](int64_t, int64_t) {});
 
 /// Sums over groups.
 int64_t reclaimable(const std::vector<Group>& groups);

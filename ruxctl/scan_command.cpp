@@ -57,16 +57,14 @@ SpaceQuery queryOf(const ScanOptions& options) {
 int64_t linkedElsewhere(const SpaceQuery& query, const Reach& reach) {
     const PathPatterns patterns(query.patterns);
     const Places places(query.places.begin(), query.places.end());
-    int64_t paths = 0;
-    for (const Json::Value& group : imagesOf(query.spaceId, false).compressed) {
-        if (!group.isObject() || !group["f_list"].isArray()) continue;
-        const bool isMet = reach.holds(numberOf(group, "f_size"));
-        for (const Json::Value& member : group["f_list"]) {
-            const std::string path = member.isString() ? member.asString() : "";
-            paths += isMet && isBelow(path, places) && patterns.match(path) ? 0 : 1;
-        }
-    }
-    return paths;
+    int64_t others = 0;
+    SpaceTexts(query.spaceId, {kCompressed})
+            .forEachGroup(kCompressed, [&](const std::string&, int64_t bytes, const auto& paths) {
+                others += std::count_if(paths.begin(), paths.end(), [&](const std::string& path) {
+                    return !reach.holds(bytes) || !isBelow(path, places) || !patterns.match(path);
+                });
+            });
+    return others;
 }
 
 /// Makes the service forget what it knows of the space, but for links.
