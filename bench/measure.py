@@ -72,11 +72,17 @@ class Service:
                 return int(line.split()[1]) / 1024
         raise RuntimeError(f"no {which}")
 
-    def call(self, code, request):
-        """One whole client call, with what the service spends on it."""
+    def client(self, *arguments):
+        """One whole run of the client, with what the service spends on it."""
         before = self.processor_seconds()
-        run = timed([str(self.build / "ruxctl"), "call", str(code), json.dumps(request)], env=self.environment)
+        run = timed([str(self.build / "ruxctl"), *arguments], env=self.environment)
         return Run(run.wall, run.cpu + self.processor_seconds() - before, self.memory_mib())
+
+    def call(self, code, request):
+        return self.client("call", str(code), json.dumps(request))
+
+    def dedupe(self, directory):
+        return self.client("dedupe", "--yes", str(directory))
 
     def scan(self, directory, space="s"):
         return self.call(1, [{"sid": space, "regs": [".*"], "dirs": [str(directory)]}])
@@ -88,7 +94,9 @@ class Service:
         return self.call(3, ["s"])
 
     def restore(self):
-        return self.call(4, [{"sid": "s", "regs": [".*"]}])
+        """What is linked in all spaces."""
+        spaces = os.listdir(Path(self.root) / "data/local/zel")
+        return self.call(4, [{"sid": space, "regs": [".*"]} for space in spaces])
 
 
 def median_of(runs):

@@ -32,6 +32,7 @@ install(FILES ${units} packaging/rux-dedupe@.timer DESTINATION lib/systemd/syste
 install(FILES packaging/rux.sysusers RENAME rux.conf DESTINATION lib/sysusers.d)
 install(FILES README.md LICENSE packaging/containers.rules docs/safety.md docs/decisions.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 if(RUX_DEFAULT_ROOT)
+    install(FILES packaging/sample.conf DESTINATION /etc/rux)
     # The directory that the service never makes itself, and the way to the sockets in /run.
     install(CODE "
         file(MAKE_DIRECTORY \"\$ENV{DESTDIR}${RUX_DEFAULT_ROOT}/data/local/zel\")
@@ -55,6 +56,7 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "systemd | systemd-standalone-sysusers | systemd-sysusers")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+    ${CMAKE_CURRENT_SOURCE_DIR}/packaging/conffiles
     ${CMAKE_CURRENT_SOURCE_DIR}/packaging/postinst
     ${CMAKE_CURRENT_SOURCE_DIR}/packaging/prerm
     ${CMAKE_CURRENT_SOURCE_DIR}/packaging/postrm)

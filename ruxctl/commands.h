@@ -33,9 +33,11 @@ struct ScanOptions {
     std::vector<std::string> included;  ///< globs: only such paths, beside those of the patterns
     std::vector<std::string> excluded;  ///< globs: no such paths
     Reach reach;
-    bool refreshes = true;  ///< reads again what has changed, and forgets what is gone
-    bool fresh = false;     ///< finds all files anew
-    bool force = false;     ///< even where that may lose the undo of links
+    std::string listFile;       ///< more places, one a line; "-" is standard input
+    bool listHasZeros = false;  ///< they end with a zero byte each
+    bool refreshes = true;      ///< reads again what has changed, and forgets what is gone
+    bool fresh = false;         ///< finds all files anew
+    bool force = false;         ///< even where that may lose the undo of links
     bool progress = true;
     bool verbose = false;  ///< names what is left out
     bool quiet = false;    ///< keeps standard output for what comes after
@@ -71,9 +73,13 @@ int compress(const CompressOptions& options);
 int dedupe(ScanOptions options, CompressOptions then);
 
 struct RestoreOptions {
-    SpaceQuery query;
+    SpaceQuery query;                ///< no id: all spaces; the places are texts in paths
+    std::vector<std::string> below;  ///< only groups with a path below one of these
     bool yes = false;
     bool force = false;  ///< even without enough room
+    bool dryRun = false;
+    bool json = false;
+    bool verbose = false;  ///< names what is restored
 };
 int restore(const RestoreOptions& options);
 
@@ -93,7 +99,7 @@ int removeExceptRules(const std::vector<std::string>& patterns);
 /// Says which of the paths a pattern matches; of all recorded ones when none are given.
 int checkExceptRule(const std::string& pattern, const std::vector<std::string>& paths);
 
-int status();
+int status(bool json);
 
 /// Writes a page about the spaces (all when none are given); "-" is standard output.
 int report(const std::string& htmlFile, const std::vector<std::string>& spaceIds);

@@ -46,7 +46,7 @@ void describeLargest(std::vector<Group> groups) {
         const Group& group = groups[i];
         std::cerr << "  " << humanBytes(group.reclaimable) << " from "
                   << counted(group.count(Step::Link), "copy", "copies") << " of "
-                  << shown(group.kept()->path, STDERR_FILENO) << "\n";
+                  << shown(group.kept()->path) << "\n";
     }
 }
 
@@ -57,10 +57,20 @@ void describeExceptions(const std::vector<Group>& groups) {
     std::erase_if(excepted, [&](const Member* member) { return !rules.match(member->path); });
     if (excepted.empty()) return;
     for (size_t i = 0; i < std::min(excepted.size(), kShown); ++i)
-        std::cerr << "  " << shown(excepted[i]->path, STDERR_FILENO) << " matches an exception\n";
+        std::cerr << "  " << shown(excepted[i]->path) << " matches an exception\n";
     std::cerr << counted(static_cast<int64_t>(excepted.size()), "file")
-              << " in all, recorded before the exception was set; a scan with --fresh leaves "
-                 "such files out\n";
+              << " in all, recorded before the exception was set; the next scan leaves them out\n";
+}
+
+/// Says what more could be linked, though not by one space: one file is kept for each group.
+void sayWhatStaysApart(const std::vector<Group>& groups) {
+    int64_t bytes = 0;
+    for (const Group& group : groups) bytes += group.apart;
+    if (bytes == 0) return;
+    std::cerr
+            << humanBytes(bytes)
+            << " more could be given back among files of other owners, modes or file systems that "
+               "are equal among themselves: with a dedupe for each of their directories\n";
 }
 
 /// Says what the question is about.
@@ -69,9 +79,11 @@ void describe(const std::vector<Group>& groups, const CompressOptions& options) 
     describeExceptions(groups);
     if (const int64_t skipped = count(groups, Step::Skip); skipped > 0)
         std::cerr << counted(skipped, "file") << " will be left alone; --dry-run says why\n";
+    sayWhatStaysApart(groups);
     sayWhatIsSetAside(options.spaceIds);
     std::cerr << "Linked files are one file: what is written to one in place, and a change of its "
-                 "owner or mode,\nis there under all of its names.\n";
+                 "owner or mode,\nis there under all of its names. All names get the kept file's "
+                 "times.\n";
 }
 
 /// How far a compression of `expected` links is.
@@ -128,6 +140,7 @@ void tellPlan(const CompressOptions& options, const std::vector<Group>& groups) 
         printSkipped(groups);
         std::cout << "Nothing can be linked\n";
     }
+    sayWhatStaysApart(groups);
     sayWhatIsSetAside(options.spaceIds);
 }
 
@@ -159,6 +172,7 @@ int tell(const CompressOptions& options, std::vector<Group>& groups, const Outco
     }
     std::string spaces;
     for (const std::string& spaceId : options.spaceIds) spaces += " " + spaceId;
+    if (options.yes) sayWhatStaysApart(groups);
     if (before > 0 && withoutUndo == 0)
         std::cerr << counted(before, "file") << (before == 1 ? " is a link" : " are links")
                   << " already; their undo is recorded\n";

@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <iostream>
 
 #include "ruxctl/commands.h"
@@ -21,9 +23,8 @@ int setPatterns(const std::vector<std::string>& patterns) {
     return kDone;
 }
 
-/// Exceptions keep files out of scans, not out of what scans have recorded: says what that is, and
-/// offers to have it forgotten.
-void offerToForget(const PathPatterns& patterns) {
+/// Exceptions keep files out of scans, not out of what scans have recorded: says what that is.
+void sayWhatIsRecorded(const PathPatterns& patterns) {
     for (const std::string& spaceId : spaceIds()) {
         const auto paths = recordedPaths(spaceId);
         const int64_t matching = std::count_if(paths.begin(), paths.end(), [&](const auto& path) {
@@ -32,16 +33,15 @@ void offerToForget(const PathPatterns& patterns) {
         if (matching == 0) continue;
         std::cerr << counted(matching, "file") << " recorded in " << spaceId << " "
                   << (matching == 1 ? "matches" : "match")
-                  << " and would still be linked, until a scan with --fresh\n";
-        if (!confirmed("Forget the records of " + spaceId + "?").value_or(false)) continue;
-        startAfresh(service(), spaceId);
-        std::cerr << "Forgotten; links stay known. Now scan it again\n";
+                  << " and would still be linked, until the next scan: ruxctl scan --space "
+                  << spaceId << "\n";
     }
 }
 
 }  // namespace
 
 int showExceptRules() {
+    requireRoot();
     const std::vector<std::string> rules = exceptionRules();
     for (const std::string& rule : rules) std::cout << rule << "\n";
     if (rules.empty())
@@ -59,7 +59,7 @@ int setExceptRules(std::vector<std::string> patterns, bool add) {
         patterns = std::move(all);
     }
     setPatterns(patterns);
-    offerToForget(given);
+    sayWhatIsRecorded(given);
     return kDone;
 }
 
@@ -68,12 +68,12 @@ int removeExceptRules(const std::vector<std::string>& patterns) {
     for (const std::string& pattern : patterns) {
         if (std::erase(all, pattern) == 0) throw Failure(pattern + " is not set");
     }
-    if (all.empty()) {
-        throw Failure(
-                "the service takes no empty list; `ruxctl except set '(?!)'` sets a pattern "
-                "that matches nothing");
-    }
-    return setPatterns(all);
+    if (!all.empty()) return setPatterns(all);
+    // The service takes no empty list.
+    if (!removeExceptionRules())
+        throw Failure(std::string("the exceptions cannot be removed: ") + strerror(errno));
+    std::cerr << "No exceptions are set any more\n";
+    return kDone;
 }
 
 int checkExceptRule(const std::string& pattern, const std::vector<std::string>& paths) {

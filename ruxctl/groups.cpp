@@ -48,6 +48,9 @@ void lookAt(Member& member, int64_t fileBytes, Directories& directories) {
     member.state = isSame ? State::There : State::Changed;
     member.file = idOf(st);
     member.directory = directories.of(member.path);
+    const uint64_t rights[] = {st.st_uid, st.st_gid, st.st_mode, st.st_dev};
+    member.rights =
+            std::hash<std::string_view>()({reinterpret_cast<const char*>(rights), sizeof(rights)});
     member.links = static_cast<int64_t>(st.st_nlink);
     member.allocated = int64_t{st.st_blocks} * 512;
 }
@@ -85,6 +88,18 @@ void findErrors(Group& group) {
         if (member.state == State::Gone || member.isSymlink || member.file == first->file) continue;
         const bool hasChanged = std::max(first->state, member.state) == State::Changed;
         member.error = checkHardLink(first->path.c_str(), member.path.c_str(), hasChanged);
+        if (member.error == EILSEQ && member.state != State::Changed) member.error = kKeptChanged;
+    }
+}
+
+/// Counts what the skipped members would give back among themselves: those of one owner, mode and
+/// file system are equal, but one file alone is kept for a group.
+void countApart(Group& group) {
+    std::map<uint64_t, std::set<FileId>> files;
+    for (const Member& member : group.members) {
+        if (member.step != Step::Skip || (member.error != EBADE && member.error != EXDEV)) continue;
+        std::set<FileId>& known = files[member.rights];
+        if (known.insert(member.file).second && known.size() > 1) group.apart += member.allocated;
     }
 }
 
@@ -96,20 +111,27 @@ class Names {
         const auto moved = mMoved.find(member.name());
         return moved == mMoved.end() ? member.file : moved->second;
     }
+    /// The space in which it has become that; empty where it was that before.
+    std::string movedIn(const Member& member) const {
+        const auto moved = mSpaces.find(member.name());
+        return moved == mSpaces.end() ? "" : *moved->second;
+    }
     /// Makes one member's name lead to another one's file. Returns the bytes that this frees.
-    int64_t move(const Member& member, const Member& kept) {
+    int64_t move(const Member& member, const Member& kept, const std::string& spaceId) {
         const FileId from = fileOf(member);
         const FileId to = fileOf(kept);
         if (from == to) return 0;
         mCount.try_emplace(member.file, member.links);
         mCount.try_emplace(kept.file, kept.links);
         mMoved[member.name()] = to;
+        mSpaces[member.name()] = &spaceId;
         ++mCount[to];
         return --mCount[from] == 0 ? member.allocated : 0;
     }
 
   private:
     std::map<NameId, FileId> mMoved;
+    std::map<NameId, const std::string*> mSpaces;
     std::map<FileId, int64_t> mCount;
 };
 
@@ -117,13 +139,18 @@ class Names {
 void plan(Group& group, Names& names) {
     Member* const kept = firstOf(group);
     for (Member& member : group.members) {
-        if (member.state == State::Gone || &member == kept || member.isSymlink ||
-            names.fileOf(member) == names.fileOf(*kept))
+        if (member.state == State::Gone || &member == kept || member.isSymlink) continue;
+        if (names.fileOf(member) == names.fileOf(*kept)) {
+            for (const std::string& moved : {names.movedIn(member), names.movedIn(*kept)}) {
+                if (moved != group.spaceId && !moved.empty()) group.countedIn = moved;
+            }
             continue;
+        }
         member.step = member.error == 0 ? Step::Link : Step::Skip;
-        if (member.error == 0) group.reclaimable += names.move(member, *kept);
+        if (member.error == 0) group.reclaimable += names.move(member, *kept, group.spaceId);
         kept->step = Step::Keep;
     }
+    countApart(group);
 }
 
 /// Adds the groups of several paths, as the text has them.
@@ -217,6 +244,7 @@ std::string Member::reason() const {
              {ELOOP, "behind a symbolic link of somebody else's"},
              {EINVAL, "no regular file"},
              {EOPNOTSUPP, "in an overlay, or on a file system that cannot exchange files"},
+             {kKeptChanged, "the file that would be kept has another content by now"},
              {kRefused, "refused by the service, whose log says why"}};
     const auto found = kReasons.find(error);
     return found == kReasons.end() ? strerror(error) : found->second;
@@ -313,13 +341,14 @@ int64_t checkLinks(std::vector<Group>& groups) {
             struct stat st = {};
             if (member.step != Step::Link) continue;
             if (stat(member.path.c_str(), &st) == 0 && idOf(st) == idOf(keptStatus)) {
-                freed += names.move(member, *kept);
+                freed += names.move(member, *kept, group.spaceId);
                 continue;
             }
             const int error = checkHardLink(kept->path.c_str(), member.path.c_str(), true);
             member.step = Step::Skip;
             member.error = error == 0 ? kRefused : error;
         }
+        countApart(group);
     }
     return freed;
 }

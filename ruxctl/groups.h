@@ -45,6 +45,7 @@ struct Member {
     std::optional<time_t> time;  ///< recorded, of the last modification
     FileId file;                 ///< unless it is gone
     FileId directory;            ///< likewise
+    uint64_t rights = 0;         ///< of two files with the same, one can be kept for the other
     int64_t links = 0;           ///< names that the file has
     int64_t allocated = 0;       ///< bytes of its blocks (stat(2), st_blocks)
 
@@ -54,7 +55,8 @@ struct Member {
     /// Why it is left alone, in words.
     std::string reason() const;
 };
-constexpr int kRefused = -1;  ///< by the service, and nobody can see why
+constexpr int kRefused = -1;      ///< by the service, and nobody can see why
+constexpr int kKeptChanged = -2;  ///< the file that would be kept has another content by now
 
 /// Files of identical content.
 struct Group {
@@ -66,6 +68,8 @@ struct Group {
     int64_t files = 0;        ///< different files among those that are present
     int64_t reclaimable = 0;  ///< bytes of blocks that linking would give back
     int64_t given = 0;        ///< bytes of blocks that links have given back
+    int64_t apart = 0;        ///< bytes of blocks that links among the skipped would give back
+    std::string countedIn;    ///< the space before, if any, that counts some of its links
 
     /// The member that is kept; null when there is nothing to do.
     const Member* kept() const;

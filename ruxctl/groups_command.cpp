@@ -51,9 +51,11 @@ std::string quoted(const std::string& text) {
 }
 
 void printJson(const std::vector<Group>& all) {
-    Json::Value value(Json::arrayValue);
-    for (const Group& group : all) value.append(valueOf(group));
-    std::cout << Json::FastWriter().write(value);
+    Json::FastWriter writer;
+    writer.omitEndingLineFeed();
+    for (const Group& group : all)
+        std::cout << (&group == all.data() ? "[" : ",\n") << writer.write(valueOf(group));
+    std::cout << (all.empty() ? "[]\n" : "]\n");
 }
 
 void printPaths(const std::vector<Group>& all) {

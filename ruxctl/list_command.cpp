@@ -20,11 +20,13 @@ struct Sums {
     int64_t groups = 0;
     int64_t links = 0;
     int64_t bytes = 0;
+    std::string countedIn = "";  // the space before that counts some of its links
 
     void add(const Sums& other) {
         groups += other.groups;
         links += other.links;
         bytes += other.bytes;
+        if (!other.countedIn.empty()) countedIn = other.countedIn;
     }
     Json::Value value() const {
         Json::Value value(Json::objectValue);
@@ -46,8 +48,8 @@ SumsBySpace sumsOf(const std::vector<std::string>& spaceIds, const PathPatterns&
     for (const std::string& spaceId : spaceIds) bySpace[spaceId];
     for (const Group& group : groupsOf(spaceIds, Which::ToCompress)) {
         const int64_t links = group.count(Step::Link);
-        if (links > 0 && std::any_of(group.members.begin(), group.members.end(), matches))
-            bySpace[group.spaceId].add({1, links, group.reclaimable});
+        if (std::any_of(group.members.begin(), group.members.end(), matches))
+            bySpace[group.spaceId].add({links > 0, links, group.reclaimable, group.countedIn});
     }
     return bySpace;
 }
@@ -81,6 +83,11 @@ void printText(const SumsBySpace& bySpace, bool exact) {
     for (const auto& [spaceId, sums] : bySpace) add(spaceId, sums);
     if (bySpace.size() > 1) add("total", totalOf(bySpace));
     printTable(rows);
+    for (const auto& [spaceId, sums] : bySpace) {
+        if (!sums.countedIn.empty())
+            std::cerr << "Files of " << spaceId << " that are also in " << sums.countedIn
+                      << " are counted there\n";
+    }
 }
 
 }  // namespace
@@ -96,6 +103,7 @@ int list(const ListOptions& options) {
         return nothingScanned();
     } else {
         printText(bySpace, options.bytes);
+        if (totalOf(bySpace).groups == 0) sayWhatPatternsAre(options.patterns);
         sayWhatIsSetAside(chosen);
     }
     return kDone;

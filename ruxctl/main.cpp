@@ -7,6 +7,8 @@
 #include "ruxctl/client.h"
 #include "ruxctl/commands.h"
 #include "ruxctl/generated.h"
+#include "ruxctl/operation.h"
+#include "ruxctl/units.h"
 
 namespace ruxctl {
 namespace {
@@ -27,8 +29,7 @@ class CommandLine {
         addRestore();
         addForget();
         addExcept();
-        add("status", "Say whether the service is up, what runs, and which spaces there are", "",
-            status);
+        addStatus();
         addReport();
         addStop();
         addProperties();
@@ -61,8 +62,8 @@ class CommandLine {
     void does(CLI::App* command, std::function<int()> action) {
         command->callback([this, action = std::move(action)] { mAction = action; });
     }
-    static void addSpace(CLI::App* command, std::string& spaceId) {
-        command->add_option("--space", spaceId, "The space: the name of a database")
+    static CLI::Option* addSpace(CLI::App* command, std::string& spaceId) {
+        return command->add_option("--space", spaceId, "The space: the name of a database")
                 ->type_name("NAME")
                 ->required();
     }
@@ -84,6 +85,9 @@ class CommandLine {
     static void addYes(CLI::App* command, bool& yes) {
         command->add_flag("-y,--yes", yes, "Answer the question with yes");
     }
+    static void addWait(CLI::App* command) {
+        command->add_flag_callback("--wait", waitWhenBusy, "Wait while the service is busy");
+    }
     CLI::Option* addScanOptions(CLI::App* command) {
         addMatch(command, mScan.query.patterns);
         const auto isText = [](const std::string& glob) {
@@ -98,7 +102,15 @@ class CommandLine {
         const auto addSize = [command](const char* name, uint64_t& bytes, const char* text) {
             command->add_option(name, bytes, text)
                     ->type_name("SIZE")
-                    ->transform(CLI::AsSizeValue(false));
+                    ->transform(CLI::Validator(
+                            [](std::string& size) {
+                                const auto number = bytesOf(size);
+                                if (!number)
+                                    return size + " is no size, as 100000, 64KiB or 1.5GiB";
+                                size = std::to_string(*number);
+                                return std::string();
+                            },
+                            ""));
         };
         addSize("--min-size", mScan.reach.minBytes, "No smaller files: 100000, 64KiB, 2MiB");
         addSize("--max-size", mScan.reach.maxBytes, "No larger files");
@@ -115,6 +127,12 @@ class CommandLine {
                 "--no-progress", [this] { mScan.progress = false; },
                 "Do not count the files beside the scan");
         command->add_flag("-v,--verbose", mScan.verbose, "Name what is left out");
+        command->add_option("--files-from", mScan.listFile,
+                            "Also the paths that this file lists, one a line; - is standard input")
+                ->type_name("FILE");
+        command->add_flag("-0,--null", mScan.listHasZeros,
+                          "They end with a zero byte, as find -print0 writes");
+        addWait(command);
         return command->add_option("DIR", mScan.query.places, "Directories or files");
     }
 
@@ -129,7 +147,7 @@ class CommandLine {
                                 "  ruxctl dedupe ~/Pictures\n"
                                 "  ruxctl dedupe --dry-run --exclude node_modules ~/src",
                                 [this] { return dedupe(mScan, mCompress); });
-        addScanOptions(command)->required();
+        addScanOptions(command);
         addCompressOptions(command);
     }
 
@@ -197,18 +215,24 @@ class CommandLine {
                     [this] { return compress(mCompress); });
         command->add_option("NAME", mCompress.spaceIds, "Spaces")->required();
         addCompressOptions(command);
+        addWait(command);
     }
 
     void addRestore() {
         CLI::App* command = add("restore", "Give linked files data of their own again",
-                                "  ruxctl restore --space photos\n"
+                                "  ruxctl restore ~/Pictures/2024\n"
                                 "  ruxctl restore --space photos --match '.*\\.raw' --under /2024/",
                                 [this] { return restore(mRestore); });
-        addSpace(command, mRestore.query.spaceId);
+        addSpace(command, mRestore.query.spaceId)->required(false);
+        command->add_option("DIR", mRestore.below, "Only groups with a path below one of these");
         addMatch(command, mRestore.query.patterns)->allow_extra_args(true);
         addEach(command, "--under", mRestore.query.places, "TEXT",
                 "Only groups with a path that contains this text; may be repeated");
         addYes(command, mRestore.yes);
+        command->add_flag("-n,--dry-run", mRestore.dryRun, "Print what would be restored");
+        command->add_flag("--json", mRestore.json, "Print JSON");
+        command->add_flag("-v,--verbose", mRestore.verbose, "Name what is restored");
+        addWait(command);
         command->add_flag("--force", mRestore.force, "Go on without enough room");
     }
 
@@ -237,6 +261,14 @@ class CommandLine {
         check->add_option("REGEX", mName)->required();
         check->add_option("PATH", mPaths, "What to try it on (all recorded files)");
         does(check, [this] { return checkExceptRule(mName, mPaths); });
+    }
+
+    void addStatus() {
+        CLI::App* command =
+                add("status",
+                    "Say whether the service is up, what runs, and which spaces there are",
+                    "  ruxctl status --json", [this] { return status(mCompress.json); });
+        command->add_flag("--json", mCompress.json, "Print JSON");
     }
 
     void addReport() {

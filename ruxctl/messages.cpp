@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <iostream>
 
@@ -11,6 +10,7 @@
 #include "root/run_dir.h"
 #include "ruxctl/database.h"
 #include "ruxctl/operation.h"
+#include "ruxctl/paths.h"
 #include "ruxctl/terminal.h"
 #include "ruxctl/units.h"
 
@@ -36,28 +36,33 @@ Json::Value requestOf(const SpaceQuery& query) {
 Client service() {
     if (auto client = Client::connect()) return *client;
     requireRoot();
-    const char* root = getenv("RUX_ROOT");
-    const std::string where = root != nullptr && *root != '\0'
-                                      ? std::string(" for RUX_ROOT=") + root
-                                      : " (RUX_ROOT is not set)";
-    throw Failure("no service answers" + where +
+    throw Failure("no service answers for RUX_ROOT=" + android::host::rootPrefix() +
                           "; start it with `rux &`, or `systemctl start rux` where it is installed",
                   kNoService);
 }
 
 void requireRoot() {
+    if (android::host::rootPrefix().empty())
+        throw Failure(
+                "RUX_ROOT is not set; it names the root whose service is meant, which "
+                "`RUX_ROOT=DIR rux &` starts",
+                kNoService);
     for (const std::string& directory : {rux::databaseRoot(), android::host::runDirectory()}) {
         if (access(directory.c_str(), R_OK | X_OK) == 0) continue;
-        const std::string problem = directory + ": " + strerror(errno);
         if (errno == EACCES)
-            throw Failure(problem + "; this takes the service's rights", kNoService);
-        if (directory == rux::databaseRoot()) throw Failure(problem + "; make it", kNoService);
+            throw Failure(directory + ": only root and the service's user are served; use sudo",
+                          kNoService);
+        if (directory == rux::databaseRoot())
+            throw Failure(directory + ": " + strerror(errno) + "; to make it: mkdir -p " +
+                                  directory,
+                          kNoService);
     }
 }
 
 void requireSpaces(const std::vector<std::string>& spaceIds) {
     for (const std::string& spaceId : spaceIds) {
         if (exists(spaceId)) continue;
+        requireRoot();
         throw Failure("no space " + spaceId +
                       " has been scanned; scan one with `ruxctl scan --space " + spaceId +
                       " DIR`, see them all with `ruxctl status`");
@@ -75,6 +80,11 @@ bool agreed(const std::string& question, bool yes) {
     if (!answer)
         throw Failure("there is no terminal to ask on; --yes answers the question", kUsage);
     return *answer;
+}
+
+void sayWhatPatternsAre(const std::vector<std::string>& patterns) {
+    if (patterns.empty() || patterns == kAllPaths) return;
+    std::cerr << "Patterns match whole paths: '.*/NAME' for a file of that name anywhere\n";
 }
 
 int nothingChanged() {
@@ -111,6 +121,7 @@ std::string scanText(const SpaceQuery& query, const Reach& reach, bool refreshes
 }
 
 std::vector<std::string> chosenSpaces(const std::vector<std::string>& chosen) {
+    requireRoot();
     return chosen.empty() ? spaceIds() : chosen;
 }
 

@@ -21,6 +21,8 @@ int nothingScanned();
 /// Whether the user answers the question with yes, or has done so by an option. Throws a Failure
 /// when there is nobody to ask.
 bool agreed(const std::string& question, bool yes);
+/// Says how patterns match, where some of a user's have matched nothing.
+void sayWhatPatternsAre(const std::vector<std::string>& patterns);
 /// For a question that was answered with no.
 int nothingChanged();
 

@@ -9,6 +9,8 @@
 #include <ctime>
 #include <future>
 #include <sstream>
+#include <thread>
+#include <utility>
 
 #include "android-base/properties.h"
 #include "ruxctl/terminal.h"
@@ -87,11 +89,36 @@ class Announcement {
     std::string mText;
 };
 
-}  // namespace
+bool waits = false;
 
-Outcome carryOut(const Client& client, const Operation& operation, const std::string& request,
-                 const std::function<void(double seconds)>& tick) {
-    const Interrupts interrupts;
+/// What would end a running operation.
+std::string adviceFor(const std::string& running) {
+    for (const auto& [name, word] : {std::pair("a scan", "scan"), std::pair("a listing", "list"),
+                                     std::pair("a compression", "compress")}) {
+        if (running.starts_with(name)) return std::string("or end it: ruxctl stop ") + word;
+    }
+    return running.starts_with("a restore") ? "a restore cannot be stopped"
+                                            : "or end it: ruxctl stop scan, list or compress";
+}
+
+/// Waits for an answer. Throws a Failure when there is none.
+void await(std::future<void>& answer, const std::function<void()>& tick) {
+    while (answer.wait_for(kTick) == std::future_status::timeout) tick();
+    try {
+        answer.get();
+    } catch (const Failure&) {
+        if (Client::connect()) throw;
+        throw Failure(
+                "the service died while it worked; no content is lost: start it, and run the "
+                "same command again",
+                kNoService);
+    }
+}
+
+/// Carries out an operation. Nothing when it was refused.
+std::optional<Outcome> attempt(const Client& client, const Operation& operation,
+                               const std::string& request,
+                               const std::function<void(double seconds)>& tick) {
     const Announcement announcement(operation.name);
     Admission admission(operation);
     Outcome outcome;
@@ -104,21 +131,37 @@ Outcome carryOut(const Client& client, const Operation& operation, const std::st
                            answersText(operation.code) ? &outcome.text : nullptr,
                            answersNumber(operation.code) ? &outcome.number : nullptr);
     });
-    while (answer.wait_for(kTick) == std::future_status::timeout) {
+    await(answer, [&] {
         tick(seconds());
         if (Interrupts::any()) admission.stop(client);
-    }
-    answer.get();
+    });
     outcome.stopped = admission.isStopped();
     outcome.seconds = seconds();
     if (admission.wasRefused() ||
-        (operation.code == kRestore && outcome.number == 0 && isBusy(client))) {
-        throw Failure("the service is busy with " +
-                              runningOperation().value_or("another operation") +
-                              "; wait for its end, or end it: ruxctl stop scan, list or compress",
-                      kBusy);
-    }
+        (operation.code == kRestore && outcome.number == 0 && isBusy(client)))
+        return std::nullopt;
     return outcome;
+}
+
+}  // namespace
+
+Outcome carryOut(const Client& client, const Operation& operation, const std::string& request,
+                 const std::function<void(double seconds)>& tick) {
+    const Interrupts interrupts;
+    while (true) {
+        if (const auto outcome = attempt(client, operation, request, tick)) return *outcome;
+        const std::string running = runningOperation().value_or("another operation");
+        if (!waits || Interrupts::any()) {
+            throw Failure("the service is busy with " + running + "; wait for its end (--wait), " +
+                                  adviceFor(running),
+                          kBusy);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    }
+}
+
+void waitWhenBusy() {
+    waits = true;
 }
 
 bool isBusy(const Client& client) {

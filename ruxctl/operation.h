@@ -41,6 +41,9 @@ Outcome carryOut(
         const Client& client, const Operation& operation, const std::string& request,
         const std::function<void(double seconds)>& tick = [](double) {});
 
+/// From now on an operation that is refused waits for its turn.
+void waitWhenBusy();
+
 /// Whether a long operation is running. Asks with a scan of nothing, which for some microseconds is
 /// an operation itself: one that begins just then is refused.
 bool isBusy(const Client& client);

@@ -52,8 +52,11 @@ PathPatterns::PathPatterns(const std::vector<std::string>& patterns, bool tells)
             mPatterns.emplace_back(pattern);
         } catch (const std::regex_error& error) {
             if (!tells) continue;
-            throw Failure("\"" + pattern +
-                                  "\" is no regular expression (ECMAScript): " + error.what(),
+            const bool isGlob = pattern.starts_with('*') || pattern.starts_with('?');
+            throw Failure("\"" + pattern + "\" is no regular expression (ECMAScript): " +
+                                  (isGlob ? "that is a glob; as a pattern: .*" +
+                                                    escaped(pattern.substr(1))
+                                          : error.what()),
                           kUsage);
         }
     }
@@ -64,7 +67,18 @@ bool PathPatterns::match(const std::string& path) const {
                        [&path](const std::regex& it) { return std::regex_match(path, it); });
 }
 
-std::string patternOfGlob(const std::string& glob) {
+std::string escaped(const std::string& text) {
+    std::string pattern;
+    for (const char c : text) {
+        if (std::string_view("\\^$.|+()[]{}*?").find(c) != std::string_view::npos) pattern += '\\';
+        pattern += c;
+    }
+    return pattern;
+}
+
+std::string patternOfGlob(std::string glob) {
+    if (glob.starts_with("./") || glob.starts_with("../")) glob = absolutePath(glob);
+    while (glob.size() > 1 && glob.back() == '/') glob.pop_back();
     std::string pattern = glob.front() == '/' ? "" : "[\\s\\S]*/";
     for (size_t i = 0; i < glob.size(); ++i) {
         if (glob.compare(i, 2, "**") == 0) {
@@ -75,9 +89,7 @@ std::string patternOfGlob(const std::string& glob) {
         } else if (glob[i] == '?') {
             pattern += "[^/]";
         } else {
-            if (std::string_view("\\^$.|+()[]{}").find(glob[i]) != std::string_view::npos)
-                pattern += '\\';
-            pattern += glob[i];
+            pattern += escaped({glob[i]});
         }
     }
     return pattern + "(?:/[\\s\\S]*)?";

@@ -40,7 +40,9 @@ class PathPatterns {
 inline const std::vector<std::string> kAllPaths = {".*", "[\\s\\S]*"};
 
 /// The pattern of the paths that a shell pattern (glob(7), without ranges) describes: of whole
-/// paths when it begins with "/", else of the last part and all that is below.
-std::string patternOfGlob(const std::string& glob);
+/// paths when it begins with "/", "./" or "../", else of the last part; and of all that is below.
+std::string patternOfGlob(std::string glob);
+/// The pattern of just that text.
+std::string escaped(const std::string& text);
 
 }  // namespace ruxctl

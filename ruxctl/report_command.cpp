@@ -48,10 +48,12 @@ struct DirectoryShare : Share {
 
 struct SpaceShare : Share {
     Space space;
+    std::string countedIn;  // the space before that counts some of its files
 };
 
 struct Report {
     std::map<std::string, SpaceShare> spaces;
+    int64_t files = 0;          // recorded in any of them
     std::vector<Group> groups;  // the largest first
     DirectoryShare root;        // of the smallest tree that holds all
 };
@@ -96,13 +98,28 @@ DirectoryShare shareOf(const Directory& directory, const std::string& path, int6
     return share;
 }
 
+int64_t differentPaths(const std::vector<std::string>& spaceIds) {
+    std::vector<std::string> paths;
+    for (const std::string& spaceId : spaceIds) {
+        std::vector<std::string> own = recordedPaths(spaceId);
+        std::move(own.begin(), own.end(), std::back_inserter(paths));
+    }
+    std::sort(paths.begin(), paths.end());
+    return std::unique(paths.begin(), paths.end()) - paths.begin();
+}
+
 Report reportOn(const std::vector<std::string>& chosen) {
     Report report;
     Directory root;
-    for (const std::string& spaceId : chosen) report.spaces[spaceId].space = lookAt(spaceId);
+    for (const std::string& spaceId : chosen) {
+        report.spaces[spaceId].space = lookAt(spaceId);
+        report.files = report.spaces[spaceId].space.files;
+    }
+    if (chosen.size() > 1) report.files = differentPaths(chosen);
     for (Group& group : groupsOf(chosen, Which::All)) {
         report.spaces[group.spaceId].reclaimable += group.reclaimable;
         report.spaces[group.spaceId].given += group.given;
+        if (!group.countedIn.empty()) report.spaces[group.spaceId].countedIn = group.countedIn;
         // All paths of a group have an equal part in it.
         const int64_t present = group.present();
         for (const Member& member : group.members) {
@@ -134,15 +151,13 @@ void figure(std::ostream& out, const char* kind, const std::string& number, cons
 }
 
 void writeFigures(std::ostream& out, const Report& report) {
-    int64_t files = 0;
-    for (const auto& [spaceId, share] : report.spaces) files += share.space.files;
     const auto open = std::count_if(report.groups.begin(), report.groups.end(),
                                     [](const Group& group) { return group.reclaimable > 0; });
     out << "<div class=\"figures\">\n";
     figure(out, "free", humanBytes(report.root.reclaimable), "can be given back");
     figure(out, "given", humanBytes(report.root.given), "given back by links");
     figure(out, "", grouped(open), "groups of duplicates");
-    figure(out, "", grouped(files), "files recorded");
+    figure(out, "", grouped(report.files), "files recorded");
     out << "</div>\n";
 }
 
@@ -254,7 +269,8 @@ void writeGroups(std::ostream& out, const std::vector<Group>& groups) {
 void writeSpaces(std::ostream& out, const std::map<std::string, SpaceShare>& spaces) {
     beginTable(out, "Spaces", {"space", "files", "to give back", "given back", "linked groups"});
     for (const auto& [spaceId, share] : spaces) {
-        writeRow(out, spaceId,
+        const std::string& other = share.countedIn;
+        writeRow(out, other.empty() ? spaceId : spaceId + " (some are counted in " + other + ")",
                  {plain(share.space.files), amount(share.reclaimable), amount(share.given),
                   plain(share.space.compressed)});
     }

@@ -1,10 +1,13 @@
+#include <json/json.h>
 #include <sys/statvfs.h>
 
 #include <algorithm>
 #include <iostream>
 #include <map>
+#include <set>
 
 #include "ruxctl/commands.h"
+#include "ruxctl/database.h"
 #include "ruxctl/groups.h"
 #include "ruxctl/messages.h"
 #include "ruxctl/operation.h"
@@ -15,25 +18,62 @@
 namespace ruxctl {
 namespace {
 
-/// The groups that the service will restore: those with a path that matches one of the patterns,
-/// and with a path that contains one of the texts.
-std::vector<Group> selected(const SpaceQuery& query, const PathPatterns& patterns) {
-    std::vector<Group> groups = groupsOf({query.spaceId}, Which::Compressed);
-    std::erase_if(groups, [&](const Group& group) {
-        const auto anyPath = [&group](const auto& test) {
-            return std::any_of(group.members.begin(), group.members.end(),
-                               [&test](const Member& member) { return test(member.path); });
-        };
-        const auto isUnder = [&](const std::string& path) {
-            return std::any_of(query.places.begin(), query.places.end(), [&](const auto& text) {
-                return path.find(text) != std::string::npos;
-            });
-        };
-        const auto isMatch = [&](const std::string& path) { return patterns.match(path); };
-        return !(query.patterns.empty() || anyPath(isMatch)) ||
-               !(query.places.empty() || anyPath(isUnder));
+/// A restore, and what came of it.
+struct Restore {
+    std::vector<Group> groups;              // of all spaces
+    std::map<std::string, int64_t> needed;  // bytes, by a path on each file system
+    int64_t files = 0;                      // that will get data of their own
+    int64_t others = 0;                     // of those, that are not asked for by themselves
+    int64_t taken = 0;                      // bytes
+    std::vector<std::string> left;          // paths that are still linked
+    double seconds = 0;
+
+    int64_t allNeeded() const {
+        int64_t bytes = 0;
+        for (const auto& [path, share] : needed) bytes += share;
+        return bytes;
+    }
+};
+
+/// The patterns of what is asked for: each of them, below each of the directories.
+std::vector<std::string> patternsOf(const RestoreOptions& options) {
+    const auto& given = options.query.patterns;
+    const std::vector<std::string>& patterns = given.empty() ? kAllPaths : given;
+    std::vector<std::string> all;
+    for (const std::string& place : options.below) {
+        const std::string path = absolutePath(place);
+        for (const std::string& pattern : patterns)
+            all.push_back("(?=" + escaped(path == "/" ? "" : path) + "(?:/|$))(?:" + pattern + ")");
+    }
+    return all.empty() ? patterns : all;
+}
+
+/// Looks at the groups that the service will restore: those with a path that matches one of the
+/// patterns, and with a path that contains one of the texts.
+Restore lookAt(const std::vector<std::string>& spaceIds, const std::vector<std::string>& patterns,
+               const std::vector<std::string>& texts) {
+    const PathPatterns matching(patterns);
+    const auto isMatch = [&](const Member& member) {
+        return patterns == kAllPaths || matching.match(member.path);
+    };
+    const auto hasText = [&](const Member& member) {
+        return texts.empty() || std::any_of(texts.begin(), texts.end(), [&](const auto& text) {
+                   return member.path.find(text) != std::string::npos;
+               });
+    };
+    Restore restore;
+    restore.groups = groupsOf(spaceIds, Which::Compressed);
+    std::erase_if(restore.groups, [&](const Group& group) {
+        return std::none_of(group.members.begin(), group.members.end(), isMatch) ||
+               std::none_of(group.members.begin(), group.members.end(), hasText);
     });
-    return groups;
+    for (const Group& group : restore.groups) {
+        restore.files += static_cast<int64_t>(group.members.size());
+        for (const Member& member : group.members)
+            restore.others += isMatch(member) && hasText(member) ? 0 : 1;
+    }
+    restore.needed = takenUpByRestore(restore.groups);
+    return restore;
 }
 
 /// Throws a Failure where a file system has not enough room for its share.
@@ -43,24 +83,66 @@ void requireRoom(const std::map<std::string, int64_t>& needed) {
         if (statvfs(path.c_str(), &fs) != 0) continue;
         const auto room = static_cast<int64_t>(fs.f_bavail * fs.f_frsize);
         if (bytes <= room) continue;
-        throw Failure(
-                "the file system of " + path + " has " + humanBytes(room) + " left, and " +
-                humanBytes(bytes) +
-                " are needed; restore less with --match or --under, or make room (--force goes "
-                "on as far as there is some)");
+        throw Failure("the file system of " + path + " has " + humanBytes(room) + " left, and " +
+                      humanBytes(bytes) +
+                      " are needed; restore less, or make room (--force goes on as far as there is "
+                      "some)");
     }
 }
 
-Outcome giveData(const Client& client, SpaceQuery query, int64_t needed) {
-    if (query.patterns.empty()) query.patterns = kAllPaths;
+void describe(const Restore& restore) {
+    std::cerr << counted(restore.files, "file") << " of "
+              << counted(static_cast<int64_t>(restore.groups.size()), "group")
+              << " will get data of their own, taking up " << humanBytes(restore.allNeeded())
+              << "\n";
+    if (restore.others > 0) {
+        std::cerr << "A group is restored as a whole: "
+                  << counted(restore.others, "of them", "of them")
+                  << " do not match by themselves; --dry-run shows them\n";
+    }
+}
+
+/// Has all groups restored, space by space.
+void giveData(const Client& client, const std::vector<std::string>& patterns,
+              const std::vector<std::string>& texts, Restore& restore) {
+    std::set<std::string> spaceIds;
+    for (const Group& group : restore.groups) spaceIds.insert(group.spaceId);
     StatusLine line;
+    const int64_t needed = restore.allNeeded();
     const int64_t writtenBefore = client.bytesMoved("wchar:");
-    return carryOut(client, kRestoreOperation, ruleText(query), [&](double seconds) {
-        const int64_t written = client.bytesMoved("wchar:") - writtenBefore;
-        line.show(Interrupts::any()
-                          ? "A restore cannot be stopped; Ctrl-C again leaves it to itself"
-                          : progress(std::min(written, needed), needed, seconds, humanBytes));
-    });
+    for (const std::string& spaceId : spaceIds) {
+        const double before = restore.seconds;
+        const std::string request = ruleText({spaceId, patterns, texts});
+        const Outcome outcome = carryOut(client, kRestoreOperation, request, [&](double seconds) {
+            const int64_t written = client.bytesMoved("wchar:") - writtenBefore;
+            line.show(Interrupts::any()
+                              ? "A restore cannot be stopped; Ctrl-C again leaves it to itself"
+                              : progress(std::min(written, needed), needed, before + seconds,
+                                         humanBytes));
+        });
+        restore.seconds += outcome.seconds;
+    }
+    restore.taken = checkRestored(restore.groups, &restore.left);
+}
+
+void printJson(const Restore& restore, bool isDone) {
+    Json::Value value(Json::objectValue);
+    value["files"] = static_cast<Json::Int64>(restore.files);
+    value["bytes"] = static_cast<Json::Int64>(isDone ? restore.taken : restore.allNeeded());
+    value["dry_run"] = !isDone;
+    value["left"] = Json::Value(Json::arrayValue);
+    for (const std::string& path : restore.left) value["left"].append(path);
+    std::cout << Json::FastWriter().write(value);
+}
+
+void printPaths(const Restore& restore) {
+    const std::set<std::string> left(restore.left.begin(), restore.left.end());
+    for (const Group& group : restore.groups) {
+        for (const Member& member : group.members) {
+            if (member.state != State::Gone && !left.contains(member.path))
+                std::cout << inked(Ink::Good, "own") << "  " << shown(member.path) << "\n";
+        }
+    }
 }
 
 /// Has the undo of links recorded again that the service has forgotten, as it does in a restore
@@ -80,57 +162,78 @@ void sayWhatHasNoUndo(const std::string& spaceId) {
     const std::vector<std::string> paths = pathsWithoutUndo(spaceId);
     if (paths.empty()) return;
     std::cerr << counted(static_cast<int64_t>(paths.size()), "path") << " of " << spaceId
-              << " are names of one file with others and have no undo: "
-              << shown(paths[0], STDERR_FILENO) << (paths.size() > 1 ? ", ..." : "")
+              << " are names of one file with others and have no undo: " << shown(paths[0])
+              << (paths.size() > 1 ? ", ..." : "")
               << "\nThese links were there before, or an operation has not ended well. To have an "
                  "undo recorded:\n  ruxctl scan --space "
               << spaceId << " && ruxctl compress " << spaceId << "\n";
 }
 
-/// Says what came of it, by another look at the files.
-int tell(const Client& client, const std::string& spaceId, const std::vector<Group>& groups,
-         double seconds) {
-    std::vector<std::string> left;
-    const int64_t taken = checkRestored(groups, &left);
-    std::cout << humanBytes(taken) << " taken up again in " << duration(seconds) << "\n";
-    for (const std::string& path : left)
-        std::cout << inked(Ink::Bad, "linked") << "  " << shown(path) << "\n";
-    if (left.empty()) {
-        sayWhatHasNoUndo(spaceId);
-        return kDone;
+/// Ends a restore that has left some files linked. Throws a Failure that says what to do.
+[[noreturn]] void fail(const Client& client, const Restore& restore) {
+    const std::set<std::string> left(restore.left.begin(), restore.left.end());
+    std::map<std::string, std::vector<std::string>> paths;  // by space
+    for (const Group& group : restore.groups) {
+        for (const Member& member : group.members) {
+            if (left.contains(member.path)) paths[group.spaceId].push_back(member.path);
+        }
     }
-    const std::string problem = counted(static_cast<int64_t>(left.size()), "file") +
-                                " could not be restored; the service's log says why. ";
-    if (recordAgain(client, spaceId, left))
-        throw Failure(problem + "When that is mended: ruxctl restore --space " + spaceId);
-    throw Failure(problem + "To have the undo recorded again: ruxctl compress " + spaceId +
-                  "; then restore them");
+    std::string advice;
+    for (const auto& [spaceId, own] : paths) {
+        const bool isRecorded = recordAgain(client, spaceId, own);
+        advice += isRecorded ? " When that is mended: ruxctl restore --space " + spaceId
+                             : " To have the undo recorded again: ruxctl compress " + spaceId;
+    }
+    throw Failure(counted(static_cast<int64_t>(left.size()), "file") +
+                  " could not be restored; the service's log says why." + advice);
+}
+
+/// Says what came of it.
+int tell(const Client& client, const RestoreOptions& options, const Restore& restore) {
+    if (options.json) {
+        printJson(restore, true);
+    } else {
+        if (options.verbose) printPaths(restore);
+        std::cout << humanBytes(restore.taken) << " taken up again in " << duration(restore.seconds)
+                  << "\n";
+        for (const std::string& path : restore.left)
+            std::cout << inked(Ink::Bad, "linked") << "  " << shown(path) << "\n";
+    }
+    if (!restore.left.empty()) fail(client, restore);
+    if (!options.query.spaceId.empty()) sayWhatHasNoUndo(options.query.spaceId);
+    return kDone;
 }
 
 }  // namespace
 
 int restore(const RestoreOptions& options) {
-    const PathPatterns patterns(options.query.patterns);
+    const SpaceQuery& query = options.query;
+    if (query.spaceId.empty() && options.below.empty())
+        throw Failure("say what to restore: directories, or --space NAME", kUsage);
+    const std::vector<std::string> patterns = patternsOf(options);
+    const PathPatterns areRight(query.patterns);
     const Client client = service();
-    requireSpaces({options.query.spaceId});
-    const std::vector<Group> groups = selected(options.query, patterns);
-    if (groups.empty()) {
+    const std::vector<std::string> spaceIds =
+            query.spaceId.empty() ? chosenSpaces({}) : std::vector{query.spaceId};
+    requireSpaces(spaceIds);
+    Restore restore = lookAt(spaceIds, patterns, query.places);
+    if (restore.groups.empty()) {
         std::cerr << "No linked files match; nothing has been changed\n";
-        sayWhatHasNoUndo(options.query.spaceId);
+        sayWhatPatternsAre(query.patterns);
+        if (!query.spaceId.empty()) sayWhatHasNoUndo(query.spaceId);
         return kDone;
     }
-    const auto neededOn = takenUpByRestore(groups);
-    int64_t needed = 0;
-    for (const auto& [path, bytes] : neededOn) needed += bytes;
-    int64_t files = 0;
-    for (const Group& group : groups) files += static_cast<int64_t>(group.members.size());
-    std::cerr << counted(files, "file") << " of "
-              << counted(static_cast<int64_t>(groups.size()), "group")
-              << " will get data of their own, taking up " << humanBytes(needed) << "\n";
-    if (!options.force) requireRoom(neededOn);
+    if (options.dryRun && options.json) {
+        printJson(restore, false);
+        return kDone;
+    }
+    if (options.dryRun) printPaths(restore);
+    describe(restore);
+    if (options.dryRun) return nothingChanged();
+    if (!options.force) requireRoom(restore.needed);
     if (!agreed("Restore them?", options.yes)) return nothingChanged();
-    const Outcome outcome = giveData(client, options.query, needed);
-    return tell(client, options.query.spaceId, groups, outcome.seconds);
+    giveData(client, patterns, query.places, restore);
+    return tell(client, options, restore);
 }
 
 }  // namespace ruxctl

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <optional>
 #include <set>
@@ -38,6 +39,24 @@ std::vector<std::string> patternsOf(const ScanOptions& options) {
     return patterns;
 }
 
+/// Adds the paths that a file lists, or standard input. Those that are gone are passed over.
+void addListed(const ScanOptions& options, std::vector<std::string>& places) {
+    std::ifstream file;
+    if (options.listFile != "-") file.open(options.listFile);
+    if (!file) throw Failure(options.listFile + ": " + strerror(errno));
+    std::istream& lines = options.listFile == "-" ? std::cin : file;
+    int64_t gone = 0;
+    for (std::string line; std::getline(lines, line, options.listHasZeros ? '\0' : '\n');) {
+        if (line.empty()) continue;
+        const std::string path = absolutePath(line);
+        const bool isThere = access(path.c_str(), F_OK) == 0;
+        if (isThere) places.push_back(path);
+        gone += isThere ? 0 : 1;
+    }
+    if (gone > 0) std::cerr << counted(gone, "listed path") << " not there\n";
+    if (places.empty()) throw Failure("no path of the list is there");
+}
+
 /// What the service is asked for. Throws a Failure for a pattern or a place that cannot be meant.
 SpaceQuery queryOf(const ScanOptions& options) {
     const PathPatterns areRight(options.query.patterns);
@@ -47,6 +66,7 @@ SpaceQuery queryOf(const ScanOptions& options) {
         if (access(query.places.back().c_str(), F_OK) != 0)
             throw Failure(query.places.back() + ": " + strerror(errno));
     }
+    if (!options.listFile.empty()) addListed(options, query.places);
     if (!query.places.empty()) return query;
     requireSpaces({query.spaceId});
     query.places = recordedPaths(query.spaceId);
@@ -115,13 +135,14 @@ void sayWhatIsLeftOut(const TreeCount& tree, bool verbose) {
         return verbose;
     };
     if (say(tree.unfollowed().size(), "symbolic link", " not followed")) {
-        for (const std::string& path : tree.unfollowed())
-            std::cerr << "  " << shown(path, STDERR_FILENO) << "\n";
+        for (const std::string& path : tree.unfollowed()) std::cerr << "  " << shown(path) << "\n";
     }
     if (say(tree.leftOut().size(), "name", " left out")) {
         for (const auto& [path, reason] : tree.leftOut())
-            std::cerr << "  " << shown(path, STDERR_FILENO) << ": " << reason << "\n";
+            std::cerr << "  " << shown(path) << ": " << reason << "\n";
     }
+    for (const std::string& glob : tree.unmatched())
+        std::cerr << "Warning: no file matches " << glob << "\n";
     if (tree.outside() > 0) {
         std::cerr << "Warning: " << counted(tree.outside(), "file")
                   << " outside of the directories, where symbolic links lead\n";
@@ -159,15 +180,19 @@ int scan(const ScanOptions& options) {
     const int64_t before = recordCount(query.spaceId);
 
     std::optional<TreeCount> tree;
-    if (options.progress || options.reach.followsLinks) tree.emplace(query.places, options.reach);
+    if (options.progress || options.reach.followsLinks) {
+        std::vector<std::string> globs = options.included;
+        globs.insert(globs.end(), options.excluded.begin(), options.excluded.end());
+        tree.emplace(query.places, options.reach, globs, before == 0 && isatty(STDERR_FILENO) != 0);
+    }
     const Outcome outcome =
             scanPortions(client, query, options, before == 0 && tree ? &*tree : nullptr);
     requireScanned(query.spaceId);
 
+    const int64_t after = recordCount(query.spaceId);
     (options.quiet ? std::cerr : std::cout)
-            << counted(recordCount(query.spaceId), "file") << " recorded in "
-            << duration(outcome.seconds) << (before > 0 ? ", " + grouped(before) + " before" : "")
-            << "\n";
+            << counted(after, "file") << " recorded in " << duration(outcome.seconds)
+            << (before > 0 ? ", " + grouped(before) + " before" : "") << "\n";
     if (outcome.stopped) {
         std::cerr << "ruxctl: stopped; what was recorded is kept, the same scan again goes on\n";
         return kInterrupted;
@@ -176,11 +201,15 @@ int scan(const ScanOptions& options) {
         tree->finish();
         sayWhatIsLeftOut(*tree, options.verbose);
     }
+    if (after == 0) sayWhatPatternsAre(options.query.patterns);
     if (!options.quiet) sayWhatIsSetAside({query.spaceId});
     return kDone;
 }
 
 int dedupe(ScanOptions options, CompressOptions then) {
+    if (!options.listFile.empty()) addListed(options, options.query.places);
+    options.listFile.clear();
+    if (options.query.places.empty()) throw Failure("DIR or --files-from is required", kUsage);
     options.query.spaceId = spaceFor(options);
     options.quiet = true;
     if (const int exit = scan(options); exit != kDone) return exit;

@@ -1,3 +1,5 @@
+#include <json/json.h>
+
 #include <algorithm>
 #include <ctime>
 #include <iostream>
@@ -43,12 +45,36 @@ void print(const std::vector<Space>& spaces) {
     }
 }
 
+void printJson(const std::vector<Space>& spaces, const std::optional<Client>& client) {
+    Json::Value value(Json::objectValue);
+    value["running"] = client.has_value();
+    value["busy_with"] = client && isBusy(*client) ? runningOperation().value_or("something") : "";
+    value["memory_bytes"] = static_cast<Json::Int64>(client ? client->memory() : 0);
+    value["spaces"] = Json::Value(Json::arrayValue);
+    for (const Space& space : spaces) {
+        Json::Value& entry = value["spaces"].append(Json::Value(Json::objectValue));
+        entry["space"] = space.id;
+        entry["files"] = static_cast<Json::Int64>(space.files);
+        entry["contents"] = static_cast<Json::Int64>(space.toCompress);
+        entry["linked_groups"] = static_cast<Json::Int64>(space.compressed);
+        entry["database_bytes"] = static_cast<Json::Int64>(space.bytes);
+        entry["changed"] = static_cast<Json::Int64>(space.changed);
+        entry["directory"] = space.directory;
+    }
+    std::cout << Json::FastWriter().write(value);
+}
+
 }  // namespace
 
-int status() {
+int status(bool json) {
     const auto client = Client::connect();
+    if (!client) requireRoot();
     std::vector<Space> spaces;
     for (const std::string& spaceId : spaceIds()) spaces.push_back(lookAt(spaceId));
+    if (json) {
+        printJson(spaces, client);
+        return client ? kDone : kNoService;
+    }
     std::cout << "service: "
               << (client ? inked(Ink::Good, "running") + ", " + activity(*client, spaces) +
                                    ", holds " + humanBytes(client->memory())

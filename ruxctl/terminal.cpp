@@ -79,7 +79,7 @@ void StatusLine::clear() {
     mShown = false;
 }
 
-std::string shown(const std::string& path, int fd) {
+std::string shown(const std::string& path) {
     std::string quoted = "$'";
     bool isPlain = true;
     for (size_t i = 0; i < path.size(); ++i) {
@@ -90,7 +90,7 @@ std::string shown(const std::string& path, int fd) {
         if (path[i] == '\'' || path[i] == '\\') quoted += '\\';
         quoted += isEscaped ? octal : path.substr(i, 1);
     }
-    return isPlain || isatty(fd) == 0 ? path : quoted + "'";
+    return isPlain ? path : quoted + "'";
 }
 
 void printTable(const std::vector<std::vector<std::string>>& rows, bool isText) {

@@ -34,9 +34,9 @@ class StatusLine {
     bool mShown = false;
 };
 
-/// A path as it is written to the file `fd`: when that is a terminal, one with control characters
-/// is quoted as shells read it ($'a\nb'), so that it can do nothing to the terminal.
-std::string shown(const std::string& path, int fd = STDOUT_FILENO);
+/// A path as it is written for people: one with control characters is quoted as shells read it
+/// ($'a\nb'), so that it stays on its line and can do nothing to a terminal.
+std::string shown(const std::string& path);
 
 /// Rows of cells, printed with the columns aligned: the first to the left, and so the last if that
 /// is `isText`, the others to the right. The first row is the heading.

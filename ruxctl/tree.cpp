@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -21,10 +22,36 @@ std::string realPath(const std::string& path) {
     return std::filesystem::canonical(path, error);
 }
 
+/// Whether a request and a database can hold the path: they are JSON, which is Unicode alone.
+bool isText(const std::string& path) {
+    const auto isAscii = [](char c) { return static_cast<signed char>(c) >= 0; };
+    return std::all_of(path.begin(), path.end(), isAscii) ||
+           android::Parcel().writeUtf8AsUtf16(path) == android::OK;
+}
+
+std::vector<std::pair<std::string, PathPatterns>> patternsOf(
+        const std::vector<std::string>& globs) {
+    std::vector<std::pair<std::string, PathPatterns>> patterns;
+    for (const std::string& glob : globs)
+        patterns.emplace_back(glob, PathPatterns({patternOfGlob(glob)}));
+    return patterns;
+}
+
 }  // namespace
 
-TreeCount::TreeCount(std::vector<std::string> places, const Reach& reach)
-      : mPlaces(std::move(places)), mReach(reach), mThread([this] { walk(); }) {}
+TreeCount::TreeCount(std::vector<std::string> places, const Reach& reach,
+                     const std::vector<std::string>& globs, bool countsBytes)
+      : mPlaces(std::move(places)),
+        mReach(reach),
+        mCountsBytes(countsBytes || reach.minBytes > 0 || reach.maxBytes < UINT64_MAX),
+        mUnmatched(patternsOf(globs)),
+        mThread([this] { walk(); }) {}
+
+std::vector<std::string> TreeCount::unmatched() const {
+    std::vector<std::string> globs;
+    for (const auto& [glob, pattern] : mUnmatched) globs.push_back(glob);
+    return globs;
+}
 
 TreeCount::~TreeCount() {
     mIsStopped = true;
@@ -40,41 +67,51 @@ void TreeCount::walk() {
     for (const std::string& place : mPlaces) {
         struct stat st = {};
         if (stat(place.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-            addDirectory(place, st.st_dev, false);
+            addDirectory(place, st, st.st_dev, false);
         } else {
-            add(place, kNoDevice, false);
+            add(place, DT_UNKNOWN, kNoDevice, false);
         }
     }
     mIsDone = true;
 }
 
-void TreeCount::add(const std::string& path, dev_t device, bool isOutside) {
+void TreeCount::add(const std::string& path, unsigned char type, dev_t device, bool isOutside) {
     struct stat st = {};
     if (mIsStopped) return;
-    const bool isLink = lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
+    if (type == DT_REG && !mCountsBytes) return addFile(path, isOutside);
     const bool isPlace = device == kNoDevice;
+    int error = lstat(path.c_str(), &st) == 0 ? 0 : errno;
+    const bool isLink = error == 0 && S_ISLNK(st.st_mode);
     if (isLink && !mReach.followsLinks && !isPlace) {
         mUnfollowed.push_back(path);
-    } else if (stat(path.c_str(), &st) != 0) {
+        return;
+    }
+    if (isLink) {
+        isOutside = isOutside || !isBelow(realPath(path), mRealPlaces);
+        error = stat(path.c_str(), &st) == 0 ? 0 : errno;
+    }
+    if (error != 0) {
         // A link to nothing, or to itself, is nobody's file.
-        if (errno != ENOENT && errno != ELOOP) mLeftOut.emplace_back(path, strerror(errno));
+        if (error != ENOENT && error != ELOOP) mLeftOut.emplace_back(path, strerror(error));
     } else if (S_ISDIR(st.st_mode) && mReach.staysOnFileSystem && st.st_dev != device) {
         mLeftOut.emplace_back(path, "on another file system");
     } else if (S_ISDIR(st.st_mode)) {
-        addDirectory(path, device, isOutside || (isLink && !isBelow(realPath(path), mRealPlaces)));
-    } else if (android::Parcel().writeUtf8AsUtf16(path) != android::OK) {
-        // Requests and databases are JSON, which holds Unicode alone.
-        mLeftOut.emplace_back(path, "its name is not valid UTF-8");
-    } else if (S_ISREG(st.st_mode) && mReach.holds(st.st_size)) {
-        mBytes += st.st_size;
-        isOutside = isOutside || (isLink && !isBelow(realPath(path), mRealPlaces));
-        mOutside += isOutside ? 1 : 0;
+        addDirectory(path, st, device, isOutside);
+    } else if (!S_ISREG(st.st_mode) || mReach.holds(st.st_size)) {
+        mBytes += S_ISREG(st.st_mode) ? st.st_size : 0;
+        addFile(path, isOutside);
     }
 }
 
-void TreeCount::addDirectory(const std::string& path, dev_t device, bool isOutside) {
-    struct stat st = {};
-    if (stat(path.c_str(), &st) != 0 || !mSeen.insert({st.st_dev, st.st_ino}).second) return;
+void TreeCount::addFile(const std::string& path, bool isOutside) {
+    if (!isText(path)) mLeftOut.emplace_back(path, "its name is not valid UTF-8");
+    std::erase_if(mUnmatched, [&path](const auto& glob) { return glob.second.match(path); });
+    mOutside += isOutside ? 1 : 0;
+}
+
+void TreeCount::addDirectory(const std::string& path, const struct stat& st, dev_t device,
+                             bool isOutside) {
+    if (!mSeen.insert({st.st_dev, st.st_ino}).second) return;
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(path.c_str()), closedir);
     if (directory == nullptr) {
         mLeftOut.emplace_back(path, strerror(errno));
@@ -82,7 +119,7 @@ void TreeCount::addDirectory(const std::string& path, dev_t device, bool isOutsi
     }
     while (const dirent* entry = readdir(directory.get())) {
         const std::string name = entry->d_name;
-        if (name != "." && name != "..") add(path + "/" + name, device, isOutside);
+        if (name != "." && name != "..") add(path + "/" + name, entry->d_type, device, isOutside);
     }
 }
 

@@ -1,6 +1,7 @@
 /// What a scan will meet, counted beside it.
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -19,7 +20,10 @@ namespace ruxctl {
 /// Walks the places as a scan does, but through each directory once, on a thread of its own.
 class TreeCount {
   public:
-    TreeCount(std::vector<std::string> places, const Reach& reach);
+    /// Watches for files that match each of the globs. Without `countsBytes` it looks at the sizes
+    /// of files only where they decide.
+    TreeCount(std::vector<std::string> places, const Reach& reach,
+              const std::vector<std::string>& globs, bool countsBytes);
     ~TreeCount();
     TreeCount(const TreeCount&) = delete;
     TreeCount& operator=(const TreeCount&) = delete;
@@ -35,20 +39,25 @@ class TreeCount {
     const std::vector<std::string>& unfollowed() const { return mUnfollowed; }
     /// Files that symbolic links lead to and that do not lie below the places.
     int64_t outside() const { return mOutside; }
+    /// Globs that no file has matched.
+    std::vector<std::string> unmatched() const;
 
   private:
     void walk();
-    void add(const std::string& path, dev_t device, bool isOutside);
-    void addDirectory(const std::string& path, dev_t device, bool isOutside);
+    void add(const std::string& path, unsigned char type, dev_t device, bool isOutside);
+    void addFile(const std::string& path, bool isOutside);
+    void addDirectory(const std::string& path, const struct stat& st, dev_t device, bool isOutside);
 
     const std::vector<std::string> mPlaces;
     const Reach mReach;
+    const bool mCountsBytes;
     Places mRealPlaces;  // without symbolic links
     int64_t mBytes = 0;
     int64_t mOutside = 0;
     std::vector<std::pair<std::string, std::string>> mLeftOut;
     std::vector<std::string> mUnfollowed;
-    std::set<std::pair<dev_t, ino_t>> mSeen;  // directories
+    std::vector<std::pair<std::string, PathPatterns>> mUnmatched;  // globs
+    std::set<std::pair<dev_t, ino_t>> mSeen;                       // directories
     std::atomic<bool> mIsDone{false};
     std::atomic<bool> mIsStopped{false};
     std::thread mThread;

@@ -1,7 +1,11 @@
 #include "ruxctl/units.h"
 
+#include <cctype>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <string_view>
+#include <system_error>
 
 namespace ruxctl {
 namespace {
@@ -25,6 +29,24 @@ std::string humanBytes(int64_t bytes) {
     }
     const bool whole = unit == 0 || std::fabs(number) >= 99.95;
     return formatted(whole ? "%.0f %s" : "%.1f %s", number, kUnits[unit]);
+}
+
+std::optional<uint64_t> bytesOf(const std::string& text) {
+    double number = 0;
+    const char* const end = text.data() + text.size();
+    const auto [unit, error] = std::from_chars(text.data(), end, number, std::chars_format::fixed);
+    std::string name(unit, end);
+    name.erase(0, name.find_first_not_of(' '));
+    for (char& c : name) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    size_t power = 0;
+    if (!name.empty() && name != "b") {
+        const std::string rest = name.substr(1);
+        power = std::string_view("kmgtpe").find(name[0]) + 1;  // 0 for none of them
+        if (power == 0 || !(rest.empty() || rest == "b" || rest == "ib")) return std::nullopt;
+    }
+    number = std::ldexp(number, static_cast<int>(10 * power));
+    const bool isSize = error == std::errc() && number >= 0 && number < 9.2e18;
+    return isSize ? std::optional(static_cast<uint64_t>(number)) : std::nullopt;
 }
 
 std::string grouped(int64_t number) {

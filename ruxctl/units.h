@@ -3,12 +3,17 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 
 namespace ruxctl {
 
 /// "1.4 GiB", "812 KiB", "17 B": three digits that matter, at most.
 std::string humanBytes(int64_t bytes);
+
+/// The bytes of a size as people write it: "100000", "64KiB", "1.5 MB"; 1,024 to the next unit.
+/// Nothing for what is no size, or none that 63 bits hold.
+std::optional<uint64_t> bytesOf(const std::string& text);
 
 /// "57,296".
 std::string grouped(int64_t number);

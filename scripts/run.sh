@@ -22,7 +22,13 @@ cd "$(dirname "$0")/.."
 install_packages "${build_packages[@]}"
 echo "Building"
 cmake --preset release -DBUILD_TESTING=OFF -B build/run >/dev/null
-cmake --build build/run >/dev/null
+# One line that says how far it is, where somebody looks.
+cmake --build build/run | if [ -t 1 ]; then
+    sed -nu 's/^\(\[[0-9]*\/[0-9]*\]\).*/\1/p' | tr '\n' '\r'
+    echo
+else
+    cat >/dev/null
+fi
 
 base=$(mktemp -d)
 export RUX_ROOT=$base/root

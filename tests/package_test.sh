@@ -55,6 +55,7 @@ is_enabled() { [ -L "$root/etc/systemd/system/multi-user.target.wants/rux.servic
 [ "$(install_package)" = "start rux.service" ] || fail "it is not started"
 is_enabled || fail "it is not enabled"
 diff <(in_root dpkg -L rux | while read -r path; do [ -d "$root$path" ] || echo "$path"; done | sort) - <<'END'
+/etc/rux/sample.conf
 /usr/bin/rux
 /usr/bin/ruxctl
 /usr/lib/systemd/system/rux-dedupe@.service

@@ -107,10 +107,13 @@ def check_tables_and_formats(service):
     table = list(csv.DictReader(io.StringIO(client("groups", "--space", "s", "--csv"), newline="")))
     assert {row["path"] for row in table} == {*a, *odd} and {row["state"] for row in table} == {"there"}
     assert set(client("groups", "--space", "s", "--null").split("\0")) == {*a, *odd, ""}
-    assert "there    " + a[0] in client("groups") and "there    " + odd[1] in client("groups")
-    # A name does nothing to a terminal.
-    shown = client.on_terminal("groups", NO_COLOR="1")[0]
-    assert f"$'{service.tree}/b \u00fc\\012\\033[K'" in shown, shown
+    assert "there    " + a[0] in client("groups")
+    # A name stays on its line, and does nothing to a terminal.
+    assert f"$'{service.tree}/b \u00fc\\012\\033[K'\n" in client("groups")
+    assert "Files of t that are also in s are counted there" in (client("list") and client.said), client.said
+    state = json.loads(client("status", "--json"))
+    assert state["running"] and [(space["space"], space["files"], space["directory"]) for space in state["spaces"]] == \
+        [("s", 6, service.tree), ("t", 2, service.tree)], state
 
 
 def check_compression_and_restore(service):
@@ -162,6 +165,55 @@ def check_compression_and_restore(service):
     client("restore", "--space", "s", "--yes")
     assert inodes(a[0], a[1]) == 2 and "no undo" not in client.said, client.said
     assert "ruxctl scan --space nowhere" in (client("restore", "--space", "nowhere", status=1) or client.said)
+
+
+def check_restores_of_directories(service):
+    client = Client(service)
+    for name in ("one/a", "one/b", "two/a", "two/c", "two/d"):
+        service.write(name, "c" * 5000 if name < "two/c" else "d" * 5000)
+    client("dedupe", "--yes", service.tree)
+    one, two = service.tree + "/one", service.tree + "/two"
+    plan = client("restore", "--dry-run", one)
+    assert f"own  {two}/a\n" in plan and "/c\n" not in plan and "1 of them do not match by themselves" in client.said, (plan, client.said)
+    assert json.loads(client("restore", "--dry-run", "--json", one)) == {"bytes": 16384, "dry_run": True, "files": 3, "left": []}
+    assert inodes(one + "/a", one + "/b", two + "/a") == 1
+    assert f"own  {one}/b\n" in client("restore", "--yes", "--verbose", one)
+    assert inodes(one + "/a", one + "/b", two + "/a") == 3 and inodes(two + "/c", two + "/d") == 1
+    assert json.loads(client("restore", "--yes", "--json", service.tree))["bytes"] == 8192
+    client("restore", "--yes", status=2)
+    client("restore", "--yes", one, "--match", "a")
+    assert "Patterns match whole paths" in client.said, client.said
+
+
+def check_what_is_chosen(service):
+    """The order of the directories, lists of files, globs, sizes, and what one kept file cannot serve."""
+    client = Client(service)
+    old, new = service.write("new/x", "same" * 2000), service.write("old/x", "same" * 2000)
+    os.utime(new, (1, 1))
+    others = [service.write("new/" + name, "same" * 2000) for name in ("y", "z")]
+    for path in others:
+        os.chmod(path, 0o600)
+    client("dedupe", "--yes", service.tree + "/old", service.tree + "/new")
+    assert os.stat(old).st_mtime == 1 and "8.0 KiB more could be given back" in client.said, client.said
+    listed = client("scan", "--space", "s", "--files-from", "/dev/null", status=1)
+    paths = "\0".join([*others, service.tree + "/gone", ""])
+    listed = subprocess.run([client.binary, "scan", "--space", "s", "-0", "--files-from", "-"], input=paths, text=True,
+                            env=client.environment, capture_output=True, check=True)
+    assert listed.stdout.startswith("2 files recorded") and "1 listed path not there" in listed.stderr, listed
+    for number, globs in enumerate((["--exclude", "new/"], ["--exclude", "./new"], ["--include", "../tree/old"])):
+        run = subprocess.run([client.binary, "scan", "--space", f"g{number}", *globs, "."], cwd=service.tree,
+                             env=client.environment, capture_output=True, text=True, check=True)
+        assert run.stdout.startswith("1 file recorded") and "matches" not in run.stderr, run
+    client("scan", "--space", "s", "--exclude", "nothing", service.tree)
+    assert "Warning: no file matches nothing" in client.said, client.said
+    for size in ("-3", "99999999999999999999", "x", "1.5X", ""):
+        client("scan", "--space", "s", f"--min-size={size}", service.tree, status=2)
+    assert client("scan", "--space", "m", "--min-size", "7.5KiB", "--max-size", "8 kB", service.tree).startswith("4 files")
+    assert client("scan", "--space", "n", "--min-size", "7.9K", service.tree).startswith("0 files")
+    client("scan", "--space", "s", "--match", "*.jpg", service.tree, status=2)
+    assert r"as a pattern: .*\.jpg" in client.said, client.said
+    client("list", "--match", "LICENSE")
+    assert "Patterns match whole paths" in client.said, client.said
 
 
 def disk_use(*trees):
@@ -311,15 +363,14 @@ def check_exceptions(service):
     assert client("except", "check", ".*/alone") == f"{service.tree}/alone\n"
     client("except", "set", "never")
     assert client("except", "show") == "never\n"
-    client("except", "remove", "never", status=1)
-    assert "takes no empty list" in client.said
-    client("except", "add", ".*/a1")
     client("except", "remove", "never")
-    # What has been recorded before is told of, and forgotten when that is wanted.
-    shown, _ = client.on_terminal("except", "add", ".*/alone", answer=b"y")
-    assert "1 file recorded in s matches and would still be linked" in shown, shown
-    assert client("scan", "--space", "s", service.tree).startswith("6 files recorded in")
-    assert client("except", "check", ".*/alone") == f"{service.tree}/alone\n"
+    assert client("except", "show") == "" and "No exceptions are set" in client.said
+    # What has been recorded before is told of, and left out by what is advised.
+    client("except", "add", ".*/a[01]")
+    assert "2 files recorded in s match and would still be linked" in client.said, client.said
+    (advice,) = re.findall("ruxctl (scan --space s)$", client.said, re.M)
+    client(*advice.split())
+    assert "/a0" not in client("groups", "--space", "s", "--all")
 
 
 def check_refusals_and_interrupts(service):
@@ -346,7 +397,8 @@ def check_refusals_and_interrupts(service):
 
     def expect_busy(*arguments, what="another operation"):
         client(*arguments, status=4)
-        assert f"busy with {what}" in client.said and "ruxctl stop" in client.said, client.said
+        advice = "ruxctl stop scan, list or compress" if what == "another operation" else "end it: ruxctl stop scan\n"
+        assert f"busy with {what}" in client.said and advice in client.said, client.said
 
     pipe = held("u")
     long_scan = client.start("scan", "--space", "u", service.tree)
@@ -356,12 +408,14 @@ def check_refusals_and_interrupts(service):
                     ("scan", "--fresh", "--space", "t", service.tree)):
         expect_busy(*command, what=r"a scan (process ")
     assert client("getprop", "sys.ruxservice.stop_scan") == "false\n"
+    waiting = client.start("compress", "--wait", "--yes", "t")
     long_scan.send_signal(signal.SIGINT)
     while client("getprop", "sys.ruxservice.stop_scan") != "true\n":
         assert long_scan.poll() is None
     let_go(pipe, writer)
     out, err = long_scan.communicate(timeout=30)
     assert long_scan.returncode == 130 and "stopped; what was recorded is kept" in err, (out, err)
+    assert "1 file linked" in waiting.communicate(timeout=30)[0] and waiting.returncode == 0
     memory = float(re.search(r"running, idle, last change just now, holds ([\d.]+) MiB", client("status")).group(1))
     assert abs(memory * 1024 - service.resident_kib()) < 4096
 
@@ -370,7 +424,7 @@ def check_refusals_and_interrupts(service):
     raw = subprocess.Popen([client.binary, "call", str(SCAN), service.rule(space="v")], env=client.environment)
     writer = reached(pipe, raw)
     assert "busy" in client("status")
-    expect_busy("compress", "--yes", "t")
+    expect_busy("restore", "--yes", "--space", "t")
     expect_busy("scan", "--space", "s", service.tree)
     client("stop", "scan")
     let_go(pipe, writer)
@@ -389,7 +443,7 @@ def check_messages(service):
     assert "s " in client("status", status=3), "the spaces are shown all the same"
     os.rename(f"{service.root}/data/local/zel", f"{service.root}/data/local/lez")
     client("status", status=3)
-    assert "data/local/zel/: No such file or directory; make it" in client.said
+    assert "data/local/zel/: No such file or directory; to make it: mkdir -p /" in client.said
     os.rename(f"{service.root}/data/local/lez", f"{service.root}/data/local/zel")
     for option in ("--help", "--version"):
         run = subprocess.run([service.binary, option], env=client.environment, capture_output=True, text=True, timeout=30)
@@ -401,8 +455,13 @@ def check_messages(service):
     if os.geteuid() == 0 and as_nobody("--version").returncode == 0:
         os.chmod(service.base, 0o711)
         os.chmod(f"{service.root}/data/local/zel", 0o700)
-        run = as_nobody("status")
-        assert run.returncode == 3 and "this takes the service's rights" in run.stderr, run
+        for command in (["status"], ["except", "show"], ["groups"], ["list"], ["scan", "--space", "s", "/"]):
+            run = as_nobody(*command)
+            assert run.returncode == 3 and "only root and the service's user are served; use sudo" in run.stderr, run
+    del client.environment["RUX_ROOT"]
+    client("status", status=3)
+    assert client.said.startswith("ruxctl: RUX_ROOT is not set"), client.said
+    client.environment["RUX_ROOT"] = service.root
     assert re.fullmatch(r"ruxctl \d+\.\d+\.\d+\n", client("--version"))
     for command in ("dedupe", "scan", "list", "groups", "compress", "restore", "forget", "except", "stop", "call"):
         assert "Examples:\n  ruxctl " + command in client(command, "--help"), command

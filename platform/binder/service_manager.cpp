@@ -4,8 +4,10 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
+#include "android/log.h"
 #include "binder/IServiceManager.h"
 #include "binder/remote_binder.h"
 #include "binder/service_directory.h"
@@ -65,7 +67,12 @@ class ServiceManager : public IServiceManager {
         const std::string fileName = fileNameOf(name);
         if (fileName.empty() || service == nullptr) return BAD_VALUE;
         const int run = openPrivateDirectory(runDirectory(), true);
-        if (run < 0) return run;
+        if (run < 0) {
+            __android_log_print(ANDROID_LOG_ERROR, "servicemanager",
+                                "%s cannot be made or used: %s", runDirectory().c_str(),
+                                strerror(-run));
+            return run;
+        }
         const base::unique_fd directory(run);
 
         base::unique_fd lock = claim(directory, fileName);
