@@ -174,8 +174,9 @@ int tell(const CompressOptions& options, std::vector<Group>& groups, const Outco
     for (const std::string& spaceId : options.spaceIds) spaces += " " + spaceId;
     if (options.yes) sayWhatStaysApart(groups);
     if (before > 0 && withoutUndo == 0)
-        std::cerr << counted(before, "file") << (before == 1 ? " is a link" : " are links")
-                  << " already; their undo is recorded\n";
+        std::cerr << counted(before, "file")
+                  << (before == 1 ? " is a link already; its" : " are links already; their")
+                  << " undo is recorded\n";
     if (!options.json && linked + before > withoutUndo) {
         std::string undo;
         for (const std::string& spaceId : options.spaceIds)

@@ -133,7 +133,8 @@ class CommandLine {
         command->add_flag("-0,--null", mScan.listHasZeros,
                           "They end with a zero byte, as find -print0 writes");
         addWait(command);
-        return command->add_option("DIR", mScan.query.places, "Directories or files");
+        return command->add_option("DIR", mScan.query.places,
+                                   "Directories or files; of equal files the first is kept");
     }
 
     void addCompressOptions(CLI::App* command) {
