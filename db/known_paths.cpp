@@ -1,10 +1,6 @@
 #include "db/known_paths.h"
 
-#include <sys/types.h>
-
 #include <algorithm>
-#include <map>
-#include <utility>
 
 #include "control/properties.h"
 #include "db/images.h"
@@ -105,25 +101,27 @@ KnownPath* KnownPaths::find(std::string_view path) {
     return found != mPaths.end() ? &found->second : nullptr;
 }
 
+/// Whether the file at a path still has the content of the group.
+bool KnownPaths::hasContent(const KnownPath& known, const std::string& path,
+                            const LinkedGroup& group, const struct stat& status) {
+    // In a group of DB2 it is in this one already, or has changed.
+    if (known.fileBytes >= 0 || !known.isMemberOf(group, status)) return false;
+    if (!known.isAmbiguous()) return true;
+    std::string& digest = mDigests[{status.st_dev, status.st_ino}];
+    if (digest.empty()) digest = computeFileMD5(path.c_str(), toolLogEnabled).md5;
+    return digest == group.digest;
+}
+
 std::vector<std::string> KnownPaths::takeLinked(const std::string& digest) {
     std::vector<std::string> linked;
     const auto found = mLinked.find(digest);
     if (found == mLinked.end()) return linked;
-    std::map<std::pair<dev_t, ino_t>, bool> contents;  // whether they have that digest
     for (const Json::Value& entry : *found->second.paths) {
         std::string path = pathOf(entry);
         struct stat status = {};
         const KnownPath& known = *find(stringOf(entry));
-        // In a group of DB2 it is in this one already, or has changed.
-        if (known.fileBytes >= 0 || stat(path.c_str(), &status) != 0 ||
-            !known.isMemberOf(found->second, status))
+        if (stat(path.c_str(), &status) != 0 || !hasContent(known, path, found->second, status))
             continue;
-        if (known.isAmbiguous()) {
-            const auto [content, isNew] =
-                    contents.try_emplace({status.st_dev, status.st_ino}, false);
-            if (isNew) content->second = computeFileMD5(path.c_str(), toolLogEnabled).md5 == digest;
-            if (!content->second) continue;
-        }
         if (known.taken == nullptr) {
             Json::Value& record = asObject(fileInfoDB.change())[path];
             makeFileRecord(record, status.st_mtime, path);
@@ -152,13 +150,9 @@ bool KnownPaths::stays(std::string_view path, std::string_view digest, const Pla
     return isUndo;
 }
 
-void KnownPaths::removeStale(const std::vector<std::string>& walked) {
-    const Places places(walked.begin(), walked.end());
-    const auto isStale = [&places](const auto& path) {
-        return path.second.taken != nullptr || (!path.second.isMet && isBelow(path.first, places));
-    };
-    if (std::none_of(mPaths.begin(), mPaths.end(), isStale)) return;
-    std::vector<std::pair<std::string, Json::Value>> groups;  // that lose members
+/// The groups of DB2 that lose members, with the paths that stay.
+std::vector<std::pair<std::string, Json::Value>> KnownPaths::groupsLosing(const Places& places) {
+    std::vector<std::pair<std::string, Json::Value>> groups;
     forEachGroup(checkNoCompressDB, [&](auto digest, auto&, const Json::Value& paths) {
         const auto leaves = [&](const Json::Value& path) {
             return path.isString() && !stays(stringOf(path), digest, places);
@@ -170,6 +164,16 @@ void KnownPaths::removeStale(const std::vector<std::string>& walked) {
         }
         groups.emplace_back(digest, std::move(staying));
     });
+    return groups;
+}
+
+void KnownPaths::removeStale(const std::vector<std::string>& walked) {
+    const Places places(walked.begin(), walked.end());
+    const auto isStale = [&places](const auto& path) {
+        return path.second.taken != nullptr || (!path.second.isMet && isBelow(path.first, places));
+    };
+    if (std::none_of(mPaths.begin(), mPaths.end(), isStale)) return;
+    auto groups = groupsLosing(places);
     std::vector<std::string> gone;
     std::vector<std::string> unmarked;
     for (const auto& [path, known] : mPaths) {

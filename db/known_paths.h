@@ -3,6 +3,7 @@
 
 #include <json/json.h>
 #include <sys/stat.h>
+#include <sys/types.h>
 
 #include <cstdint>
 #include <map>
@@ -11,6 +12,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace rux {
@@ -70,10 +72,14 @@ class KnownPaths {
   private:
     using Places = std::set<std::string_view>;
 
+    bool hasContent(const KnownPath& known, const std::string& path, const LinkedGroup& group,
+                    const struct stat& status);
     bool stays(std::string_view path, std::string_view digest, const Places& places);
+    std::vector<std::pair<std::string, Json::Value>> groupsLosing(const Places& places);
 
     std::map<std::string_view, LinkedGroup> mLinked;  // by digest
     std::unordered_map<std::string_view, KnownPath> mPaths;
+    std::map<std::pair<dev_t, ino_t>, std::string> mDigests;  // of ambiguous files
 };
 
 }  // namespace rux

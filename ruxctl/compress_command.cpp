@@ -152,50 +152,62 @@ Outcome link(const Client& client, const CompressOptions& options, int64_t links
     });
 }
 
-/// Says what came of it, by another look at the files and at the databases.
-int tell(const CompressOptions& options, std::vector<Group>& groups, const Outcome& outcome) {
-    const int64_t freed = checkLinks(groups);
-    const int64_t linked = count(groups, Step::Link);
-    int64_t before = 0;
-    for (const Group& group : groups) before += group.linkedBefore();
-    const int64_t withoutUndo = linksWithoutUndo(groups);
-    if (options.json) {
-        printJson(options, groups, freed);
+void printText(const std::vector<Group>& groups, const Outcome& outcome, int64_t freed,
+               int64_t before) {
+    if (!outcome.stopped) printSkipped(groups);
+    if (const int64_t linked = count(groups, Step::Link); linked > 0) {
+        std::cout << counted(linked, "file") << " linked in " << duration(outcome.seconds) << ", "
+                  << humanBytes(freed) << " given back\n";
     } else {
-        if (!outcome.stopped) printSkipped(groups);
-        if (linked > 0) {
-            std::cout << counted(linked, "file") << " linked in " << duration(outcome.seconds)
-                      << ", " << humanBytes(freed) << " given back\n";
-        } else {
-            std::cout << "Nothing " << (before > 0 ? "else " : "") << "can be linked\n";
-        }
+        std::cout << "Nothing " << (before > 0 ? "else " : "") << "can be linked\n";
     }
-    std::string spaces;
-    for (const std::string& spaceId : options.spaceIds) spaces += " " + spaceId;
-    if (options.yes) sayWhatStaysApart(groups);
-    if (before > 0 && withoutUndo == 0)
-        std::cerr << counted(before, "file")
-                  << (before == 1 ? " is a link already; its" : " are links already; their")
-                  << " undo is recorded\n";
-    if (!options.json && linked + before > withoutUndo) {
-        std::string undo;
-        for (const std::string& spaceId : options.spaceIds)
-            undo += (undo.empty() ? "undo:" : ",") + (" ruxctl restore --space " + spaceId);
-        std::cout << undo << "\n";
-    }
+}
+
+void printUndo(const std::vector<std::string>& spaceIds) {
+    std::string undo;
+    for (const std::string& spaceId : spaceIds)
+        undo += (undo.empty() ? "undo:" : ",") + (" ruxctl restore --space " + spaceId);
+    std::cout << undo << "\n";
+}
+
+/// Says how it ended. Throws a Failure for links that have no undo, though nobody has stopped it.
+int tellEnd(const CompressOptions& options, bool stopped, int64_t withoutUndo) {
+    std::string again = "ruxctl compress";
+    for (const std::string& spaceId : options.spaceIds) again += " " + spaceId;
     const std::string lost =
             counted(withoutUndo, "link") + (withoutUndo == 1 ? " has" : " have") + " no undo yet";
-    if (outcome.stopped) {
+    if (stopped) {
         std::cerr << "ruxctl: stopped; what is linked stays linked"
-                  << (withoutUndo > 0 ? ", " + lost : "") << "; to go on: ruxctl compress" << spaces
-                  << "\n";
+                  << (withoutUndo > 0 ? ", " + lost : "") << "; to go on: " << again << "\n";
         return kInterrupted;
     }
     if (withoutUndo == 0) return kDone;
     throw Failure(lost +
                   ", as the database could not be saved; the service's log says why. When "
-                  "that is mended: ruxctl compress" +
-                  spaces);
+                  "that is mended: " +
+                  again);
+}
+
+/// Says what came of it, by another look at the files and at the databases.
+int tell(const CompressOptions& options, std::vector<Group>& groups, const Outcome& outcome) {
+    const int64_t freed = checkLinks(groups);
+    const int64_t withoutUndo = linksWithoutUndo(groups);
+    int64_t before = 0;
+    for (const Group& group : groups) before += group.linkedBefore();
+    if (options.json) {
+        printJson(options, groups, freed);
+    } else {
+        printText(groups, outcome, freed, before);
+    }
+    if (options.yes) sayWhatStaysApart(groups);
+    if (before > 0 && withoutUndo == 0) {
+        std::cerr << counted(before, "file")
+                  << (before == 1 ? " is a link already; its" : " are links already; their")
+                  << " undo is recorded\n";
+    }
+    if (!options.json && count(groups, Step::Link) + before > withoutUndo)
+        printUndo(options.spaceIds);
+    return tellEnd(options, outcome.stopped, withoutUndo);
 }
 
 }  // namespace

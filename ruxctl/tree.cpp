@@ -79,21 +79,22 @@ void TreeCount::add(const std::string& path, unsigned char type, dev_t device, b
     struct stat st = {};
     if (mIsStopped) return;
     if (type == DT_REG && !mCountsBytes) return addFile(path, isOutside);
-    const bool isPlace = device == kNoDevice;
-    int error = lstat(path.c_str(), &st) == 0 ? 0 : errno;
-    const bool isLink = error == 0 && S_ISLNK(st.st_mode);
-    if (isLink && !mReach.followsLinks && !isPlace) {
-        mUnfollowed.push_back(path);
-        return;
-    }
-    if (isLink) {
+    bool isThere = lstat(path.c_str(), &st) == 0;
+    if (isThere && S_ISLNK(st.st_mode)) {
+        if (!mReach.followsLinks && device != kNoDevice) return mUnfollowed.push_back(path);
         isOutside = isOutside || !isBelow(realPath(path), mRealPlaces);
-        error = stat(path.c_str(), &st) == 0 ? 0 : errno;
+        isThere = stat(path.c_str(), &st) == 0;
     }
-    if (error != 0) {
-        // A link to nothing, or to itself, is nobody's file.
-        if (error != ENOENT && error != ELOOP) mLeftOut.emplace_back(path, strerror(error));
-    } else if (S_ISDIR(st.st_mode) && mReach.staysOnFileSystem && st.st_dev != device) {
+    if (isThere) {
+        addThere(path, st, device, isOutside);
+    } else if (errno != ENOENT && errno != ELOOP) {  // of a link to nothing, or to itself
+        mLeftOut.emplace_back(path, strerror(errno));
+    }
+}
+
+void TreeCount::addThere(const std::string& path, const struct stat& st, dev_t device,
+                         bool isOutside) {
+    if (S_ISDIR(st.st_mode) && mReach.staysOnFileSystem && st.st_dev != device) {
         mLeftOut.emplace_back(path, "on another file system");
     } else if (S_ISDIR(st.st_mode)) {
         addDirectory(path, st, device, isOutside);

@@ -45,6 +45,7 @@ class TreeCount {
   private:
     void walk();
     void add(const std::string& path, unsigned char type, dev_t device, bool isOutside);
+    void addThere(const std::string& path, const struct stat& st, dev_t device, bool isOutside);
     void addFile(const std::string& path, bool isOutside);
     void addDirectory(const std::string& path, const struct stat& st, dev_t device, bool isOutside);
 

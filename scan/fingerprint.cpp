@@ -35,6 +35,25 @@ Judgement judge(const std::string& path, const std::string& realPath, const Sele
     return judgement;
 }
 
+namespace {
+
+/// Whether what is known of a file holds. Otherwise it is taken up as new.
+bool isUnchanged(const std::string& path, const struct stat& st, const Judgement& judgement,
+                 PendingMembers& pendingMembers) {
+    KnownPath& known = *judgement.known;
+    known.isMet = true;
+    if (judgement.need == Need::Digest && known.holds(st)) {
+        // Its content is known, so it needs no reading to be linked again.
+        const SharedDigest digest = digestOf(known.apartFrom(st));
+        if (digest != nullptr) pendingMembers.add(digest, st.st_size, path);
+        return true;
+    }
+    known.taken = std::make_unique<std::string>();
+    return false;
+}
+
+}  // namespace
+
 void calculateFileMD5(const std::string& path, const struct stat& st, const Judgement& judgement,
                       SharedDigest digest, PendingMembers& pendingMembers) {
     KnownPath* const known = judgement.known;
@@ -44,16 +63,7 @@ void calculateFileMD5(const std::string& path, const struct stat& st, const Judg
     if (judgement.need == Need::NotStorable)
         RUX_LOGD("the path %s is not valid UTF-8, skip", path.c_str());
     if (judgement.need != Need::Record && judgement.need != Need::Digest) return;
-    if (known != nullptr) {
-        known->isMet = true;
-        if (judgement.need == Need::Digest && known->holds(st)) {
-            // Its content is known, so it needs no reading to be linked again.
-            digest = digestOf(known->apartFrom(st));
-            if (digest != nullptr) pendingMembers.add(digest, st.st_size, path);
-            return;
-        }
-        known->taken = std::make_unique<std::string>();
-    }
+    if (known != nullptr && isUnchanged(path, st, judgement, pendingMembers)) return;
     Json::Value& record = asObject(fileInfoDB.change())[path];
     if (known == nullptr && hasDigest(record)) return;  // the same path has been met twice
     makeFileRecord(record, st.st_mtime, path);
