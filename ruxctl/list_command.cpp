@@ -20,7 +20,7 @@ struct Sums {
     int64_t groups = 0;
     int64_t links = 0;
     int64_t bytes = 0;
-    std::string countedIn = "";  // the space before that counts some of its links
+    std::string countedIn = {};  // the space before that counts some of its links
 
     void add(const Sums& other) {
         groups += other.groups;
