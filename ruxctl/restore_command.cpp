@@ -95,11 +95,10 @@ void describe(const Restore& restore) {
               << counted(static_cast<int64_t>(restore.groups.size()), "group")
               << " will get data of their own, taking up " << humanBytes(restore.allNeeded())
               << "\n";
-    if (restore.others > 0) {
-        std::cerr << "A group is restored as a whole: "
-                  << counted(restore.others, "of them", "of them")
-                  << " do not match by themselves; --dry-run shows them\n";
-    }
+    if (restore.others == 0) return;
+    std::cerr << "A group is restored as a whole: " << grouped(restore.others) << " of them "
+              << (restore.others == 1 ? "does not match by itself" : "do not match by themselves")
+              << "; --dry-run shows them\n";
 }
 
 /// Has all groups restored, space by space.

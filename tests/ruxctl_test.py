@@ -174,7 +174,7 @@ def check_restores_of_directories(service):
     client("dedupe", "--yes", service.tree)
     one, two = service.tree + "/one", service.tree + "/two"
     plan = client("restore", "--dry-run", one)
-    assert f"own  {two}/a\n" in plan and "/c\n" not in plan and "1 of them do not match by themselves" in client.said, (plan, client.said)
+    assert f"own  {two}/a\n" in plan and "/c\n" not in plan and "1 of them does not match by itself" in client.said, (plan, client.said)
     assert json.loads(client("restore", "--dry-run", "--json", one)) == {"bytes": 16384, "dry_run": True, "files": 3, "left": []}
     assert inodes(one + "/a", one + "/b", two + "/a") == 1
     assert f"own  {one}/b\n" in client("restore", "--yes", "--verbose", one)
