@@ -210,7 +210,7 @@ class Session:
             rule["dirs"] = [tree]
         if operation == "scan":
             for name, values in MEMBERS.items():
-                if pick.random() < 0.3:
+                if pick.random() < (0.7 if name == "refresh" else 0.3):
                     rule[name] = pick.choice(values)
         if pick.random() < 0.3:
             name = pick.choice(["sid", "regs", "dirs"])

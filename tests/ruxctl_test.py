@@ -183,6 +183,15 @@ def check_restores_of_directories(service):
     client("restore", "--yes", status=2)
     client("restore", "--yes", one, "--match", "a")
     assert "Patterns match whole paths" in client.said, client.said
+    # What a later request leaves out does not lose its undo to a new copy.
+    linked = [service.write("more/" + name, "e" * 5000) for name in ("a1", "a2", "b")]
+    client("dedupe", "--yes", service.tree + "/more")
+    linked.append(service.write("more/c", "e" * 5000))
+    client("dedupe", "--dry-run", service.tree + "/more")
+    client("dedupe", "--yes", "--exclude", "a?", service.tree + "/more")
+    assert inodes(*linked) == 1
+    client("restore", "--yes", service.tree + "/more")
+    assert inodes(*linked) == 4
 
 
 def check_what_is_chosen(service):
