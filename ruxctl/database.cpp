@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <filesystem>
+#include <ratio>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -53,7 +54,7 @@ Marks marksOf(const std::string& spaceId) {
     for (size_t i = 0; i < marks.size(); ++i) {
         struct stat st = {};
         stat(pathOf(spaceId, rux::kDatabaseFiles[i]).c_str(), &st);
-        marks[i] = {st.st_size, int64_t{st.st_mtim.tv_sec} * 1'000'000'000 + st.st_mtim.tv_nsec};
+        marks[i] = {st.st_size, int64_t{st.st_mtim.tv_sec} * std::nano::den + st.st_mtim.tv_nsec};
     }
     return marks;
 }

@@ -37,6 +37,11 @@ Judgement judge(const std::string& path, const std::string& realPath, const Sele
 
 namespace {
 
+void computeMissing(SharedDigest& digest, const std::string& path) {
+    if (digest == nullptr) digest = notComputed();
+    if (digest->code == ECANCELED) *digest = computeFileMD5(path.c_str(), toolLogEnabled);
+}
+
 /// Whether what is known of a file holds. Otherwise it is taken up as new.
 bool isUnchanged(const std::string& path, const struct stat& st, const Judgement& judgement,
                  PendingMembers& pendingMembers) {
@@ -71,8 +76,7 @@ void calculateFileMD5(const std::string& path, const struct stat& st, const Judg
         RUX_LOGD("the file is in black list");
         return;
     }
-    if (digest == nullptr) digest = notComputed();
-    if (digest->code == ECANCELED) *digest = computeFileMD5(path.c_str(), toolLogEnabled);
+    computeMissing(digest, path);
     if (digest->code != 0) {
         RUX_LOGD("cal md5 error code != 0, continue");
         return;
