@@ -76,6 +76,28 @@ int64_t countOf(std::string_view text, std::string_view part) {
     return count;
 }
 
+/// The text without its groups of one path, which are most, and need no parser: only between two
+/// paths stand these three characters. A text that the service has not written stays whole.
+std::string severalOf(const std::string& text) {
+    constexpr std::string_view kBetween = "\",\"";
+    std::string several = "{";
+    if (!text.ends_with("}}\n")) return text;
+    for (size_t at = 1; at < text.size() - 2;) {
+        const size_t end = std::min(text.find("},\"", at), text.size() - 3) + 1;
+        const std::string_view group = std::string_view(text).substr(at, end - at);
+        const size_t object = group.find(":{");
+        if (object == std::string_view::npos ||
+            group.find(":{", object + 1) != std::string_view::npos)
+            return text;
+        if (group.find(kBetween) != std::string_view::npos) {
+            if (several.size() > 1) several += ',';
+            several += group;
+        }
+        at = end + 1;
+    }
+    return several + "}";
+}
+
 /// The directory below which all paths lie that the text has records of. They are sorted there.
 std::string commonDirectory(const std::string& text) {
     constexpr std::string_view kEnd = "\":{";  // of a path; its quotes would be escaped
@@ -165,8 +187,11 @@ SpaceTexts::SpaceTexts(const std::string& spaceId, const std::vector<Image>& ima
 }
 
 void SpaceTexts::forEach(Image image, const Take& take) const {
+    forEachIn(mTexts[image], image, take);
+}
+
+void SpaceTexts::forEachIn(const std::string& text, Image image, const Take& take) const {
     constexpr size_t kPiece = size_t{1} << 16;
-    const std::string& text = mTexts[image];
     const std::string path = pathOf(mSpaceId, rux::kDatabaseFiles[image]);
     for (size_t at = 0; at < text.size();) {
         // Between two members of the whole, unless somebody has written members of members.
@@ -185,12 +210,13 @@ void SpaceTexts::forEach(Image image, const Take& take) const {
 }
 
 void SpaceTexts::forEachGroup(Image image, const TakeGroup& take) const {
-    forEach(image, [&take](const std::string& digest, const Json::Value& group) {
+    forEachIn(severalOf(mTexts[image]), image, [&take](const auto& digest, const auto& group) {
         if (!group.isObject() || !group["f_list"].isArray()) return;
         std::vector<std::string> paths;
         for (const Json::Value& path : group["f_list"]) {
             if (path.isString()) paths.push_back(path.asString());
         }
+        if (paths.size() < 2) return;
         const Json::Value& bytes = group["f_size"];
         take(digest, bytes.isInt64() ? bytes.asInt64() : 0, std::move(paths));
     });

@@ -53,12 +53,14 @@ class SpaceTexts {
     /// Throws std::runtime_error for a file that is damaged.
     using Take = std::function<void(const std::string& name, const Json::Value& value)>;
     void forEach(Image image, const Take& take) const;
-    /// The same for groups with their paths.
+    /// The same for the groups of several paths.
     using TakeGroup = std::function<void(const std::string& digest, int64_t fileBytes,
                                          std::vector<std::string> paths)>;
     void forEachGroup(Image image, const TakeGroup& take) const;
 
   private:
+    void forEachIn(const std::string& text, Image image, const Take& take) const;
+
     std::string mSpaceId;
     std::array<std::string, kModified + 1> mTexts;
 };

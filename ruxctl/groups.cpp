@@ -158,7 +158,6 @@ void addGroups(const std::string& spaceId, const SpaceTexts& texts, bool compres
                std::vector<Group>& groups) {
     texts.forEachGroup(compressed ? kCompressed : kToCompress,
                        [&](const std::string& digest, int64_t fileBytes, auto paths) {
-                           if (paths.size() < 2) return;
                            Group& group = groups.emplace_back();
                            group.spaceId = spaceId;
                            group.digest = digest;
