@@ -32,6 +32,7 @@ bool isText(const std::string& path) {
 std::vector<std::pair<std::string, PathPatterns>> patternsOf(
         const std::vector<std::string>& globs) {
     std::vector<std::pair<std::string, PathPatterns>> patterns;
+    patterns.reserve(globs.size());
     for (const std::string& glob : globs)
         patterns.emplace_back(glob, PathPatterns({patternOfGlob(glob)}));
     return patterns;
