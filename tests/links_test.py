@@ -231,6 +231,24 @@ def check_large_groups(service):
     assert {(os.stat(path).st_nlink, os.stat(path).st_size) for path in members} == {(1, 1000)}
 
 
+def check_a_stop_counts_what_is_finished(service):
+    """The group at hand stays where it is, and counts only where no other is finished."""
+    for i in range(400):
+        for name in "abc":
+            service.write(f"{name}{i}", f"{i:0200}")
+    service.scan()
+    answers = []
+    caller = threading.Thread(target=lambda: answers.append(service.compress()))
+    caller.start()
+    wait_for(lambda: int(service.property("sys.ruxservice.compress.prog") or 0) > 0)
+    service.set_property("sys.ruxservice.stop_compress", "true")
+    caller.join()
+    groups, linked_bytes = map(int, answers[0].split(","))
+    finished = len(service.database(LINKED))
+    files = {os.stat(f"{service.tree}/{name}").st_ino for name in names(service)}
+    assert (groups, linked_bytes) == (max(1, finished), 200 * (1200 - len(files))), (answers, finished, len(files))
+
+
 @for_root
 def check_the_reserve_of_root(service):
     image, disk = service.base + "/image", service.tree + "/disk"
