@@ -180,7 +180,7 @@ int scan(const ScanOptions& options) {
     const int64_t before = recordCount(query.spaceId);
 
     std::optional<TreeCount> tree;
-    if (options.progress || options.reach.followsLinks) {
+    if (options.progress || options.verbose || options.reach.followsLinks) {
         std::vector<std::string> globs = options.included;
         globs.insert(globs.end(), options.excluded.begin(), options.excluded.end());
         tree.emplace(query.places, options.reach, globs, before == 0 && isatty(STDERR_FILENO) != 0);
