@@ -440,6 +440,15 @@ def check_refusals_and_interrupts(service):
     assert raw.wait(30) == 0
     assert json.loads(service.call(LIST, service.rule())) is not None
 
+    pipe = held("w")
+    last = client.start("scan", "--space", "w", service.tree)
+    writer = reached(pipe, last)
+    service.kill()
+    os.close(writer)
+    err = last.communicate(timeout=30)[1]
+    assert last.returncode == 3 and "no content is lost: start it, and run the same command again" in err, err
+    service.start()
+
 
 def check_messages(service):
     client = Client(service)
