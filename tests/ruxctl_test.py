@@ -28,7 +28,7 @@ PACKAGING = os.path.dirname(os.path.abspath(__file__)) + "/../packaging/"
 
 class Client:
     def __init__(self, service):
-        self.binary = service.ruxctl
+        self.binary = os.path.abspath(service.ruxctl)
         self.environment = {**os.environ, "RUX_ROOT": service.root, "TERM": "xterm"}
         self.environment.pop("NO_COLOR", None)
 
