@@ -169,17 +169,19 @@ std::vector<std::pair<std::string, Json::Value>> KnownPaths::groupsLosing(const 
 
 void KnownPaths::removeStale(const std::vector<std::string>& walked) {
     const Places places(walked.begin(), walked.end());
-    const auto isStale = [&places](const auto& path) {
-        return path.second.taken != nullptr || (!path.second.isMet && isBelow(path.first, places));
+    const auto isGone = [&places](const auto& path) {
+        return !path.second.isMet && isBelow(path.first, places);
+    };
+    const auto isStale = [&isGone](const auto& path) {
+        return path.second.taken != nullptr || isGone(path);
     };
     if (std::none_of(mPaths.begin(), mPaths.end(), isStale)) return;
     auto groups = groupsLosing(places);
     std::vector<std::string> gone;
     std::vector<std::string> unmarked;
-    for (const auto& [path, known] : mPaths) {
-        const bool isGone = !known.isMet && isBelow(path, places);
-        if (isGone) gone.emplace_back(path);
-        if (isGone || known.taken != nullptr) unmarked.emplace_back(path);
+    for (const auto& path : mPaths) {
+        if (isGone(path)) gone.emplace_back(path.first);
+        if (isStale(path)) unmarked.emplace_back(path.first);
     }
     mPaths.clear();  // before what its names refer to goes
     for (auto& [digest, paths] : groups) {

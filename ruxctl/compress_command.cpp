@@ -73,14 +73,19 @@ void sayWhatStaysApart(const std::vector<Group>& groups) {
                "are equal among themselves: with a dedupe for each of their directories\n";
 }
 
+/// Says what else there is to know, whether somebody is asked or not.
+void describeRest(const std::vector<Group>& groups, const CompressOptions& options) {
+    describeExceptions(groups);
+    sayWhatStaysApart(groups);
+    sayWhatIsSetAside(options.spaceIds);
+}
+
 /// Says what the question is about.
 void describe(const std::vector<Group>& groups, const CompressOptions& options) {
     describeLargest(groups);
-    describeExceptions(groups);
     if (const int64_t skipped = count(groups, Step::Skip); skipped > 0)
         std::cerr << counted(skipped, "file") << " will be left alone; --dry-run says why\n";
-    sayWhatStaysApart(groups);
-    sayWhatIsSetAside(options.spaceIds);
+    describeRest(groups, options);
     std::cerr << "Linked files are one file: what is written to one in place, and a change of its "
                  "owner or mode,\nis there under all of its names. All names get the kept file's "
                  "times.\n";
@@ -199,7 +204,7 @@ int tell(const CompressOptions& options, std::vector<Group>& groups, const Outco
     } else {
         printText(groups, outcome, freed, before);
     }
-    if (options.yes) sayWhatStaysApart(groups);
+    if (options.yes) describeRest(groups, options);
     if (before > 0 && withoutUndo == 0) {
         std::cerr << counted(before, "file")
                   << (before == 1 ? " is a link already; its" : " are links already; their")

@@ -73,16 +73,18 @@ void takeStock(Group& group) {
     group.files = static_cast<int64_t>(paths.size());
 }
 
-/// The first member that exists: its file is the one that is kept.
-Member* firstOf(Group& group) {
-    const auto first = std::find_if(group.members.begin(), group.members.end(),
-                                    [](const auto& it) { return it.state != State::Gone; });
-    return first != group.members.end() ? &*first : nullptr;
+/// The first member that exists, whose file is the one that is kept; null when none does.
+template <typename Members>
+auto firstOf(Members& members) -> decltype(members.data()) {
+    const auto first = std::find_if(members.begin(), members.end(), [](const Member& member) {
+        return member.state != State::Gone;
+    });
+    return first != members.end() ? &*first : nullptr;
 }
 
 /// Asks what stands in the way of linking each member.
 void findErrors(Group& group) {
-    const Member* const first = firstOf(group);
+    const Member* const first = firstOf(group.members);
     if (first == nullptr) return;
     for (Member& member : group.members) {
         if (member.state == State::Gone || member.isSymlink || member.file == first->file) continue;
@@ -137,7 +139,7 @@ class Names {
 
 /// Says what linking would do to each member, as the service goes about it.
 void plan(Group& group, Names& names) {
-    Member* const kept = firstOf(group);
+    Member* const kept = firstOf(group.members);
     for (Member& member : group.members) {
         if (member.state == State::Gone || &member == kept || member.isSymlink) continue;
         if (names.fileOf(member) == names.fileOf(*kept)) {
@@ -262,15 +264,11 @@ int64_t Group::count(Step step) const {
 }
 
 int64_t Group::linkedBefore() const {
-    const Member* first = nullptr;
-    int64_t links = 0;
-    for (const Member& member : members) {
-        if (first == nullptr && member.state != State::Gone) first = &member;
-        const bool isLink = member.isPresent() && !member.isSymlink && member.file == first->file &&
-                            member.name() != first->name();
-        links += isLink ? 1 : 0;
-    }
-    return links;
+    const Member* const first = firstOf(members);
+    return std::count_if(members.begin(), members.end(), [first](const Member& member) {
+        return member.isPresent() && !member.isSymlink && member.file == first->file &&
+               member.name() != first->name();
+    });
 }
 
 bool Group::isOffered() const {

@@ -53,8 +53,9 @@ std::vector<std::string> patternsOf(const RestoreOptions& options) {
 Restore lookAt(const std::vector<std::string>& spaceIds, const std::vector<std::string>& patterns,
                const std::vector<std::string>& texts) {
     const PathPatterns matching(patterns);
+    const bool isForAll = patterns == kAllPaths;
     const auto isMatch = [&](const Member& member) {
-        return patterns == kAllPaths || matching.match(member.path);
+        return isForAll || matching.match(member.path);
     };
     const auto hasText = [&](const Member& member) {
         return texts.empty() || std::any_of(texts.begin(), texts.end(), [&](const auto& text) {

@@ -64,7 +64,9 @@ void TreeCount::finish() {
 }
 
 void TreeCount::walk() {
-    for (const std::string& place : mPlaces) mRealPlaces.insert(realPath(place));
+    for (const std::string& place : mPlaces) {
+        if (mReach.followsLinks) mRealPlaces.insert(realPath(place));
+    }
     for (const std::string& place : mPlaces) {
         struct stat st = {};
         if (stat(place.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
@@ -83,7 +85,7 @@ void TreeCount::add(const std::string& path, unsigned char type, dev_t device, b
     bool isThere = lstat(path.c_str(), &st) == 0;
     if (isThere && S_ISLNK(st.st_mode)) {
         if (!mReach.followsLinks && device != kNoDevice) return mUnfollowed.push_back(path);
-        isOutside = isOutside || !isBelow(realPath(path), mRealPlaces);
+        isOutside = isOutside || (mReach.followsLinks && !isBelow(realPath(path), mRealPlaces));
         isThere = stat(path.c_str(), &st) == 0;
     }
     if (isThere) {

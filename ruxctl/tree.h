@@ -52,7 +52,7 @@ class TreeCount {
     const std::vector<std::string> mPlaces;
     const Reach mReach;
     const bool mCountsBytes;
-    Places mRealPlaces;  // without symbolic links
+    Places mRealPlaces;  // without symbolic links, where these are followed
     int64_t mBytes = 0;
     int64_t mOutside = 0;
     std::vector<std::pair<std::string, std::string>> mLeftOut;

@@ -46,7 +46,7 @@ Judgement judge(const std::string& path, const std::string& realPath, const Sele
 
 /// Takes up one file that the walk has met: writes its record into DB1 and, when it needs a digest,
 /// has it enter the group of that digest in DB2, among the `pendingMembers`. `digest` is what there
-/// is of it: with the code ECANCELED it is computed now, and put there.
+/// is of it: without one, or with the code ECANCELED, it is computed now.
 ///
 /// A file that has got a digest since it was judged, or of which what is known holds, is left
 /// alone. `st` is the file's status from before its digest was begun.

@@ -192,6 +192,10 @@ def check_restores_of_directories(service):
     assert inodes(*linked) == 1
     client("restore", "--yes", service.tree + "/more")
     assert inodes(*linked) == 4
+    for name in "xy":
+        service.write("more/" + name, "f" * 5000)
+    client("dedupe", "--yes", service.tree + "/more")  # what is told before a question is told without one
+    assert "4 restored files left alone" in client.said, client.said
 
 
 def check_what_is_chosen(service):
