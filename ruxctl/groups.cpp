@@ -265,6 +265,7 @@ int64_t Group::count(Step step) const {
 
 int64_t Group::linkedBefore() const {
     const Member* const first = firstOf(members);
+    if (first == nullptr) return 0;
     return std::count_if(members.begin(), members.end(), [first](const Member& member) {
         return member.isPresent() && !member.isSymlink && member.file == first->file &&
                member.name() != first->name();
