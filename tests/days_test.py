@@ -20,7 +20,7 @@ import subprocess
 import sys
 import time
 
-from support.service import GROUPS, LINKED, MODIFIED, RECORDS, Service, md5sums, mounted
+from support.service import GROUPS, LINKED, MODIFIED, RECORDS, Service, md5sums, mounted, numbers_of
 
 DAYS = 14
 CONTENTS = [letter * size for letter in "abc" for size in (1, 4096, 100000)]
@@ -98,7 +98,8 @@ class Days:
         return self.client("dedupe", "--yes", *options, self.service.tree)
 
     def space(self):
-        return self.service.client("status").stdout.splitlines()[-1].split()[0]
+        (space,) = os.listdir(self.disk)
+        return space
 
     def database(self, name):
         with open(f"{self.disk}/{self.space()}/{name}", encoding="utf-8") as file:
@@ -198,16 +199,14 @@ class Days:
 
 def main():
     rux, ruxctl = sys.argv[1:3]
-    for argument in sys.argv[3:] or ["1-2"]:
-        first, _, last = argument.partition("-")
-        for seed in range(int(first), int(last or first) + 1):
-            with Service(rux, ruxctl) as service, mounted(os.path.dirname(service.space), "-t", "tmpfs", "-o", "size=8m", "none",
-                                                          unmount=("umount", "-l")):
-                try:
-                    Days(service, seed).live()
-                except BaseException:
-                    print("seed", seed)
-                    raise
+    for seed in numbers_of(sys.argv[3:] or ["1-2"]):
+        with Service(rux, ruxctl) as service, mounted(os.path.dirname(service.space), "-t", "tmpfs", "-o", "size=8m", "none",
+                                                      unmount=("umount", "-l")):
+            try:
+                Days(service, seed).live()
+            except BaseException:
+                print("seed", seed)
+                raise
     print("ok")
 
 

@@ -21,7 +21,7 @@ import threading
 import time
 
 from support.model import PROGRESS, STOP, TOOL_LOG, UNREADABLE, Model, owners_of, text_on_disk
-from support.service import COMPRESS, EXCEPT, IMAGES, LIST, RESTORE, SCAN, STOP_COMPRESS, STOP_SCAN, Service
+from support.service import COMPRESS, EXCEPT, IMAGES, LIST, RESTORE, SCAN, STOP_COMPRESS, STOP_SCAN, Service, numbers_of
 
 CALLS = 25  # of one seed
 CODES = {"scan": SCAN, "list": LIST, "compress": COMPRESS, "restore": RESTORE, "rules": EXCEPT}
@@ -444,10 +444,7 @@ def other_file_system():
 
 def main():
     rux, ruxctl, library = sys.argv[1:4]
-    seeds = []
-    for argument in sys.argv[4:] or ["1-5"]:
-        first, _, last = argument.partition("-")
-        seeds += map(str, range(int(first), int(last or first) + 1))
+    seeds = [str(number) for number in numbers_of(sys.argv[4:] or ["1-5"])]
     for seed in seeds:
         service = Service(rux, ruxctl)
         service.environment = {"LD_PRELOAD": library, "RUX_HOLD": service.base + "/hold",

@@ -66,6 +66,12 @@ def taken_option(name, default):
     return value
 
 
+def numbers_of(arguments):
+    """What arguments like "1-5" and "7" name."""
+    bounds = [argument.partition("-") for argument in arguments]
+    return [number for first, _, last in bounds for number in range(int(first), int(last or first) + 1)]
+
+
 class Service:
     """Use as a context: the process is killed and everything removed at its end."""
 
