@@ -37,14 +37,11 @@ class Lane {
     }
 
     const struct stat& status() const { return mSource.status(); }
-    void drop() { *this = Lane(std::move(mBuffer), mCapacity); }
+    void drop() { *this = Lane(std::move(mBuffer)); }
 
     /// Reads what can be had without waiting.
     void begin() {
-        if (mCapacity < wantedBytes()) {
-            mCapacity = wantedBytes();
-            mBuffer.reset(new unsigned char[mCapacity + kBesidePiece]);
-        }
+        if (mBuffer == nullptr) mBuffer.reset(new unsigned char[kPiece + kBesidePiece]);
         const size_t wanted = wantedBytes();
         const ssize_t got = mSource.readAtOnce(mBuffer.get(), wanted);
         if (got > 0) take(static_cast<size_t>(got), wanted);
@@ -83,8 +80,7 @@ class Lane {
     void* file() const { return mFile; }
 
   private:
-    Lane(std::unique_ptr<unsigned char[]> buffer, size_t capacity)
-          : mBuffer(std::move(buffer)), mCapacity(capacity) {}
+    explicit Lane(std::unique_ptr<unsigned char[]> buffer) : mBuffer(std::move(buffer)) {}
 
     /// One byte more than there should be: a read that brings less has met the end, and no further
     /// one is needed to see it.
@@ -116,7 +112,6 @@ class Lane {
 
     DigestSource mSource;
     std::unique_ptr<unsigned char[]> mBuffer;  // the lane's, for one file after the other
-    size_t mCapacity = 0;                      // of a piece in it
     const char* mPath = nullptr;
     void* mFile = nullptr;
     std::array<uint32_t, 4> mState = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476};
