@@ -22,17 +22,17 @@ class Run:
     peak_mib: float
 
 
-def timed(command, **options):
-    """Runs `command` to its end, with its output thrown away. The exit status says nothing: some of the
-    programs return how many duplicates they have found."""
+def timed(command, check=False, **options):
+    """Runs `command` to its end, with its output thrown away. With `check` it has to succeed; some programs return how
+    many duplicates they have found."""
     start = time.monotonic()
     process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                stderr=subprocess.DEVNULL, **options)
     _, status, usage = os.wait4(process.pid, 0)
     wall = time.monotonic() - start
     process.returncode = os.waitstatus_to_exitcode(status)
-    if process.returncode < 0:
-        raise RuntimeError(f"{command[0]} was ended by signal {-process.returncode}")
+    if process.returncode < 0 or check and process.returncode != 0:
+        raise RuntimeError(f"{command} ended with {process.returncode}")
     return Run(wall, usage.ru_utime + usage.ru_stime, usage.ru_maxrss / 1024)
 
 
@@ -75,7 +75,7 @@ class Service:
     def client(self, *arguments):
         """One whole run of the client, with what the service spends on it."""
         before = self.processor_seconds()
-        run = timed([str(self.build / "ruxctl"), *arguments], env=self.environment)
+        run = timed([str(self.build / "ruxctl"), *arguments], check=True, env=self.environment)
         return Run(run.wall, run.cpu + self.processor_seconds() - before, self.memory_mib())
 
     def call(self, code, request):
