@@ -69,9 +69,11 @@ Restore lookAt(const std::vector<std::string>& spaceIds, const std::vector<std::
                std::none_of(group.members.begin(), group.members.end(), hasText);
     });
     for (const Group& group : restore.groups) {
-        restore.files += static_cast<int64_t>(group.members.size());
-        for (const Member& member : group.members)
+        for (const Member& member : group.members) {
+            if (member.state == State::Gone) continue;
+            restore.files += 1;
             restore.others += isMatch(member) && hasText(member) ? 0 : 1;
+        }
     }
     restore.needed = takenUpByRestore(restore.groups);
     return restore;
@@ -223,6 +225,8 @@ int restore(const RestoreOptions& options) {
         if (!query.spaceId.empty()) sayWhatHasNoUndo(query.spaceId);
         return kDone;
     }
+    if (restore.files == 0)
+        throw Failure("none of the linked files is there; is their disk mounted?");
     if (options.dryRun && options.json) {
         printJson(restore, false);
         return kDone;

@@ -87,6 +87,29 @@ int64_t linkedElsewhere(const SpaceQuery& query, const Reach& reach) {
     return others;
 }
 
+/// Throws a Failure where a directory has become empty or all files are gone: as a rule a disk is
+/// not mounted, and what is known of its files would be forgotten.
+void requireFiles(const SpaceQuery& query) {
+    const auto isBare = [](const std::string& place) {
+        std::error_code error;
+        return fs::is_directory(place, error) && fs::is_empty(place, error);
+    };
+    const auto isThere = [](const std::string& place) { return access(place.c_str(), F_OK) == 0; };
+    Places bare;
+    for (const std::string& place : query.places) {
+        if (isBare(place)) bare.insert(place);
+    }
+    if (std::none_of(query.places.begin(), query.places.end(), isThere))
+        bare.insert(query.places.begin(), query.places.end());
+    if (bare.empty()) return;
+    const std::vector<std::string> recorded = recordedPaths(query.spaceId);
+    const auto lost = std::count_if(recorded.begin(), recorded.end(),
+                                    [&](const std::string& path) { return isBelow(path, bare); });
+    if (lost == 0) return;
+    throw Failure("nothing is left of " + counted(lost, "file") + " recorded in " + query.spaceId +
+                  "; is their disk mounted? To have them forgotten, use --fresh");
+}
+
 /// Makes the service forget what it knows of the space, but for links.
 void beginAfresh(const Client& client, const SpaceQuery& query, const ScanOptions& options) {
     if (const int64_t paths = linkedElsewhere(query, options.reach); paths > 0 && !options.force) {
@@ -178,6 +201,7 @@ int scan(const ScanOptions& options) {
     const Client client = service();
     if (options.fresh && exists(query.spaceId)) beginAfresh(client, query, options);
     const int64_t before = recordCount(query.spaceId);
+    if (before > 0 && options.refreshes) requireFiles(query);
 
     std::optional<TreeCount> tree;
     if (options.progress || options.verbose || options.reach.followsLinks) {
