@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# Builds everything for 64-bit Arm and runs the tests, on another machine under an emulator. Left out there:
-# soak, which measures the memory of the process, and so that of the emulator.
+# Builds everything for 64-bit Arm and runs the tests, on another machine under an emulator.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 [ "$(uname -m)" = aarch64 ] && exec scripts/test.sh
