@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <optional>
+#include <memory>
 #include <set>
 
 #include "db/files.h"
@@ -120,6 +120,16 @@ void beginAfresh(const Client& client, const SpaceQuery& query, const ScanOption
     startAfresh(client, query.spaceId);
 }
 
+/// Counts what the scan will meet, beside it; null where nobody asks for that.
+std::unique_ptr<TreeCount> beginCount(const SpaceQuery& query, const ScanOptions& options,
+                                      bool isFirst) {
+    if (!options.progress && !options.verbose && !options.reach.followsLinks) return nullptr;
+    std::vector<std::string> globs = options.included;
+    globs.insert(globs.end(), options.excluded.begin(), options.excluded.end());
+    return std::make_unique<TreeCount>(query.places, options.reach, globs,
+                                       isFirst && isatty(STDERR_FILENO) != 0);
+}
+
 std::string progressText(int64_t read, int64_t all, double seconds) {
     if (all > 0) return progress(std::min(read, all), all, seconds, humanBytes);
     return "Scanning for " + duration(seconds) +
@@ -203,14 +213,9 @@ int scan(const ScanOptions& options) {
     const int64_t before = recordCount(query.spaceId);
     if (before > 0 && options.refreshes) requireFiles(query);
 
-    std::optional<TreeCount> tree;
-    if (options.progress || options.verbose || options.reach.followsLinks) {
-        std::vector<std::string> globs = options.included;
-        globs.insert(globs.end(), options.excluded.begin(), options.excluded.end());
-        tree.emplace(query.places, options.reach, globs, before == 0 && isatty(STDERR_FILENO) != 0);
-    }
+    const std::unique_ptr<TreeCount> tree = beginCount(query, options, before == 0);
     const Outcome outcome =
-            scanPortions(client, query, options, before == 0 && tree ? &*tree : nullptr);
+            scanPortions(client, query, options, before == 0 ? tree.get() : nullptr);
     requireScanned(query.spaceId);
 
     const int64_t after = recordCount(query.spaceId);
