@@ -153,8 +153,7 @@ def check_what_is_used(memory, descriptors, service, seconds):
     if seconds >= 300:
         time.sleep(15)
         print(f"{service.resident_kib()} KiB when idle")
-        # More than it uses: the kernel makes huge pages of what was given back in part (khugepaged).
-        assert SLOW or service.resident_kib() < 32 << 10
+        assert SLOW or service.resident_kib() < 24 << 10
 
 
 def main():

@@ -5,6 +5,7 @@
 // a first scan's processor time, most of all in virtual machines.
 
 #include <jemalloc/jemalloc.h>
+#include <sys/prctl.h>
 
 #include "tavo_f2fs_io_extensions.h"
 
@@ -20,12 +21,14 @@ const char* malloc_conf =
 }
 
 /// While freed memory is kept, the allocator's own thread rests: it would be woken for nothing, a
-/// thousand times in a scan.
+/// thousand times in a scan. Otherwise the kernel makes no large pages (prctl(2)): of what has been
+/// given back in part it would make whole ones again.
 void keepFreedMemory(bool keep) {
     ssize_t decay = keep ? -1 : 1000;  // milliseconds; never
     bool thread = !keep;
     mallctl("arena.0.dirty_decay_ms", nullptr, nullptr, &decay, sizeof(decay));
     mallctl("background_thread", nullptr, nullptr, &thread, sizeof(thread));
+    prctl(PR_SET_THP_DISABLE, keep ? 0 : 1, 0, 0, 0);
     if (keep) return;
     mallctl("thread.tcache.flush", nullptr, nullptr, nullptr, 0);
     mallctl("arena.0.purge", nullptr, nullptr, nullptr, 0);
