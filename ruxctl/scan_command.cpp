@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <memory>
 #include <set>
 
@@ -87,20 +88,19 @@ int64_t linkedElsewhere(const SpaceQuery& query, const Reach& reach) {
     return others;
 }
 
-/// Throws a Failure where a directory has become empty or all files are gone: as a rule a disk is
-/// not mounted, and what is known of its files would be forgotten.
-void requireFiles(const SpaceQuery& query) {
+/// Throws a Failure where a directory has become empty, or all of the recorded files are gone: as a
+/// rule a disk is not mounted, and what is known of its files would be forgotten.
+void requireFiles(const SpaceQuery& query, bool areRecorded) {
     const auto isBare = [](const std::string& place) {
         std::error_code error;
-        return fs::is_directory(place, error) && fs::is_empty(place, error);
+        return !fs::exists(place, error) ||
+               (fs::is_directory(place, error) && fs::is_empty(place, error));
     };
-    const auto isThere = [](const std::string& place) { return access(place.c_str(), F_OK) == 0; };
+    const auto first = query.places.begin();
+    const auto end = query.places.end();
+    if (areRecorded && !std::all_of(first, end, isBare)) return;
     Places bare;
-    for (const std::string& place : query.places) {
-        if (isBare(place)) bare.insert(place);
-    }
-    if (std::none_of(query.places.begin(), query.places.end(), isThere))
-        bare.insert(query.places.begin(), query.places.end());
+    std::copy_if(first, end, std::inserter(bare, bare.end()), isBare);
     if (bare.empty()) return;
     const std::vector<std::string> recorded = recordedPaths(query.spaceId);
     const auto lost = std::count_if(recorded.begin(), recorded.end(),
@@ -211,7 +211,8 @@ int scan(const ScanOptions& options) {
     const Client client = service();
     if (options.fresh && exists(query.spaceId)) beginAfresh(client, query, options);
     const int64_t before = recordCount(query.spaceId);
-    if (before > 0 && options.refreshes) requireFiles(query);
+    const bool areRecorded = options.query.places.empty() && options.listFile.empty();
+    if (before > 0 && options.refreshes) requireFiles(query, areRecorded);
 
     const std::unique_ptr<TreeCount> tree = beginCount(query, options, before == 0);
     const Outcome outcome =
