@@ -14,10 +14,9 @@ import struct
 import subprocess
 import time
 
-from support.service import COMPRESS, EXCEPT, LIST, REPLY_MAGIC, REQUEST_MAGIC, RESTORE, SCAN, STOP_COMPRESS, \
+from support.service import COMPRESS, EXCEPT, LIST, REPLY_MAGIC, REQUEST_MAGIC, RESTORE, SCAN, SLOW, STOP_COMPRESS, \
     STOP_SCAN, TOKEN, checks, string16, wait_for
 
-SLOW = os.environ.get("RUX_SLOW_AND_LARGE") == "1"  # under a sanitizer or an emulator, which also keep more memory
 WITH_TEXT, WITHOUT_TEXT = (SCAN, LIST, COMPRESS, RESTORE, EXCEPT), (STOP_SCAN, STOP_COMPRESS)
 BAD_TYPE, UNKNOWN = -2147483647, -74
 

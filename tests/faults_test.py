@@ -17,7 +17,7 @@ import subprocess
 import threading
 import time
 
-from support.service import GROUPS, LINKED, RECORDS, RESTORE, checks, for_root, md5sums, mounted, swap_name, wait_for
+from support.service import GROUPS, LINKED, RECORDS, RESTORE, SLOW, checks, for_root, md5sums, mounted, read, swap_name, wait_for
 
 
 @contextlib.contextmanager
@@ -207,8 +207,7 @@ def check_a_link_that_is_undone_does_not_count(service):
     assert result == "1,5" and service.logged(f"undone {replaced}: 16 ") == service.logged("createHardLink fail, error code 16") == 1, result
     assert len(service.database(LINKED)) == 2
     for path, expected in ((kept, content), (replaced, content + "late\n")):
-        with open(path, encoding="ascii") as file:
-            assert file.read() == expected
+        assert read(path) == expected
 
 
 @for_root
@@ -244,12 +243,11 @@ def check_what_a_kill_left_is_tidied_up_wherever_it_works_next(service):
         service.start()
     service.edit(GROUPS, {"0": {"V": 1, "f_size": 4, "f_list": [a, b]}})
     assert service.compress() == "1,4" and os.stat(d).st_nlink == 1 and not os.path.exists(mark)
-    with open(alone, encoding="ascii") as file:
-        assert file.read() == "the only name"
+    assert read(alone) == "the only name"
 
 
 def check_what_an_operation_throws_ends_in_the_log(service):
-    if os.environ.get("RUX_SLOW_AND_LARGE") == "1":
+    if SLOW:
         return print("skipped: a sanitizer ends the process instead")
     service.scan()
     limit(service, resource.RLIMIT_AS, 1 << 40)

@@ -21,7 +21,8 @@ import tempfile
 import threading
 import time
 
-from support.service import GROUPS, LINKED, Service, checks, for_root, is_awaited, is_leased, mounted, swap_name, wait_for
+from support.service import GROUPS, LINKED, Service, checks, for_root, is_awaited, is_leased, mounted, read, swap_name, \
+    wait_for
 
 CONTENT = "k" * 300000
 CALLS = ("linkat", "renameat2", "syncfs", "unlinkat")  # that link and restore
@@ -64,11 +65,6 @@ def expect_refusal(service, kept, duplicate, error):
 def shell(*commands):
     """Whether they succeed."""
     return subprocess.run(["sh", "-c", " && ".join(commands)], check=False, capture_output=True).returncode == 0
-
-
-def read(path):
-    with open(path, encoding="utf-8") as file:
-        return file.read()
 
 
 def check_what_is_not_the_same(service):

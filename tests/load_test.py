@@ -23,11 +23,10 @@ import sys
 import threading
 import time
 
-from support.service import busy_loops, taken_option, EXCEPT, STOP_COMPRESS, STOP_SCAN, Service, md5sums, wait_for
+from support.service import EXCEPT, SLOW, STOP_COMPRESS, STOP_SCAN, Service, busy_loops, md5sums, read, taken_option, wait_for
 
 CLIENTS, WRITERS, FILES = 8, 4, 60
 CONTENTS = [bytes([97 + i]) * size for i, size in enumerate((10, 4096, 20000, 150000))]
-SLOW = os.environ.get("RUX_SLOW_AND_LARGE") == "1"  # memory is then that of a sanitizer or an emulator
 
 
 class Writer:
@@ -88,10 +87,11 @@ class Writer:
             self.counts["written"] += 1
 
     def run(self, seconds, results):
-        end, steps = time.monotonic() + seconds, [self.replace, self.make_anew, self.write_in_place]
+        steps = [self.replace, self.make_anew, self.write_in_place, self.write_in_place] * 20 + [self.move_away_and_back]
+        end = time.monotonic() + seconds
         try:
             while time.monotonic() < end:
-                step = self.pick.choice(steps * 20 + [self.write_in_place] * 20 + [self.move_away_and_back])
+                step = self.pick.choice(steps)
                 step(f"{self.folder}/{self.pick.randrange(FILES)}")
                 self.counts[step.__name__] += 1
                 time.sleep(self.pick.random() * 0.002)
@@ -188,8 +188,7 @@ def main():
         assert totals["rounds"] > 1 and totals["groups linked"] > 0 and totals["written"] > 0
         for truth, _, _ in outcomes:
             for path, content in truth.items():
-                with open(path, "rb") as file:
-                    assert file.read() == content, f"{path} does not hold what was written to it last"
+                assert read(path).encode() == content, f"{path} does not hold what was written to it last"
         check_what_is_used(memory, descriptors, service, seconds)
         # What the service says of the tree at the end is what md5sum says.
         service.restore()
@@ -197,7 +196,8 @@ def main():
         shutil.rmtree(service.space, ignore_errors=True)
         service.scan()  # where one gave way to the other, it left a name for that
         groups = [copies for copies in collections.Counter(md5sums(service.tree).values()).values() if copies > 1]
-        assert (listing(service)["gCount"], listing(service)["fileCount"]) == (len(groups), sum(groups))
+        found = listing(service)
+        assert (found["gCount"], found["fileCount"]) == (len(groups), sum(groups)), found
         assert not service.stale_names(), service.stale_names()
     print("ok")
 

@@ -12,7 +12,7 @@ import sys
 import threading
 import time
 
-from support.service import COMPRESS, GROUPS, LINKED, LIST, MODIFIED, RECORDS, RESTORE, SCAN, checks, wait_for
+from support.service import COMPRESS, GROUPS, LINKED, LIST, MODIFIED, RECORDS, RESTORE, SCAN, checks, read, wait_for
 
 PROGRESS = "sys.ruxservice.compress.prog"
 
@@ -105,9 +105,7 @@ def check_longest_paths(service):
     service.scan()
     assert listed(service) == counts(1, 2, 5) and service.compress() == "1,5" and os.path.samefile(first, second)
     assert service.call(RESTORE, service.rule(regs=[".*/2+"], dirs=[])) == 5 and not os.path.samefile(first, second)
-    for path in (first, second):
-        with open(path, encoding="ascii") as file:
-            assert file.read() == "equal"
+    assert read(first) == read(second) == "equal"
 
 
 def check_groups_of_any_size_in_their_order(service):

@@ -559,6 +559,16 @@ class Model:
             if (is_gone or path in self.taken) and isinstance(self.images[3], dict):
                 self.images[3].pop(path, None)
 
+    def spaces_of(self, rules, function, complaint):
+        """The rules of a listing or a restore that name a space, with its directory."""
+        for rule in rules if isinstance(rules, list) else []:
+            if member(rule, "sid", str) is None:
+                self.log("E", function, complaint)
+            elif (space := self.directory(rule["sid"])) is None or status(space) is None:
+                self.log("E", function, "the space id DB path is not access")
+            else:
+                yield rule, space
+
     # Listing
 
     def list(self, request):
@@ -572,14 +582,7 @@ class Model:
             self.log("E", function, "getDuplicateFilesRules analysis fail")
             return ""
         page = {}
-        for rule in rules if isinstance(rules, list) else []:
-            if member(rule, "sid", str) is None:
-                self.log("E", function, "getDupFileRules Incorrect format")
-                continue
-            space = self.directory(rule["sid"])
-            if space is None or status(space) is None:
-                self.log("E", function, "the space id DB path is not access")
-                continue
+        for rule, space in self.spaces_of(rules, function, "getDupFileRules Incorrect format"):
             self.load(space, 0, 1, 3)
             regs, dirs = strings(member(rule, "regs", list)), member(rule, "dirs", list)
             if not regs:
@@ -765,14 +768,7 @@ class Model:
             return 0
         self.switch_log()
         restored = 0
-        for rule in rules if isinstance(rules, list) else []:
-            if member(rule, "sid", str) is None:
-                self.log("E", function, "comDupFileRules Incorrect format")
-                continue
-            space = self.directory(rule["sid"])
-            if space is None or status(space) is None:
-                self.log("E", function, "the space id DB path is not access")
-                continue
+        for rule, space in self.spaces_of(rules, function, "comDupFileRules Incorrect format"):
             self.load(space, 2, 3)
             patterns = self.compile(strings(member(rule, "regs", list)))
             dirs = rule.get("dirs")

@@ -18,6 +18,7 @@ SCAN, LIST, COMPRESS, RESTORE, STOP_SCAN, EXCEPT, STOP_COMPRESS = range(1, 8)
 IMAGES = RECORDS, GROUPS, LINKED, MODIFIED = (
     "RUXFileInfo.json", "RUXCheckNoCompress.json", "RUXCheckACompress.json", "RUXModifyFileInfo.json")
 REQUEST_MAGIC, REPLY_MAGIC = 0x51585552, 0x41585552
+SLOW = os.environ.get("RUX_SLOW_AND_LARGE") == "1"  # under a sanitizer or an emulator, which also keep more memory
 
 
 def string16(text):
@@ -247,6 +248,11 @@ class Service:
     def stale_names(self):
         """Temporary names below the tree."""
         return [name for _, _, names in os.walk(self.tree) for name in names if name.startswith(".rux-")]
+
+
+def read(path):
+    with open(path, encoding="utf-8") as file:
+        return file.read()
 
 
 def wait_for(condition):
