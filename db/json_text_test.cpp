@@ -23,6 +23,7 @@ TEST(JsonTextTest, NestingStopsShortOfTheLibrarysOwnLimit) {
     EXPECT_FALSE(parseJson("[\"\"," + nested(999, "1") + "]", value));
     EXPECT_FALSE(parseJson("/**//**/" + nested(1000, "1"), value));
     EXPECT_FALSE(parseJson("//\n" + nested(1000, "1"), value));
+    EXPECT_FALSE(parseJson("[/]", value)) << "a slash by itself begins nothing";
 }
 
 TEST(SpaceTest, StorablePathsAreValidUtf8) {

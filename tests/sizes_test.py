@@ -171,6 +171,9 @@ def check_entries_that_stand_there_already(service):
     assert service.database(LINKED) == {digest: {"V": 1, "f_size": 4, "f_list": [jpg, txt]}}
     # One path of a group may match the pattern and another the fragment.
     assert service.call(RESTORE, service.rule(regs=[".*jpg"], dirs=["/sub/"])) == 4 and os.stat(jpg).st_nlink == 1
+    for size in (-3, "4", 1e300):  # counts nothing
+        service.edit(GROUPS, {digest: {"V": 1, "f_size": size, "f_list": [jpg, txt]}})
+        assert service.compress() == "1,0", size
     # A note gets the values that are new, and keeps the others.
     service.edit(GROUPS, {digest: {"V": 1, "f_size": 4, "f_list": [jpg, txt]}})
     service.edit(MODIFIED, {jpg: {"V": 0, "r_flag": 1, "x": 1}})
