@@ -55,14 +55,16 @@ void note() {
             open(unfinishedNote().c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
 }
 
-/// Closes the outgoing files. With its last descriptor a file gives its blocks back, which takes
-/// longer than all that comes before: so two threads share it.
+/// Closes the outgoing files. With its last descriptor a file gives its blocks back, which can take
+/// longer than all that comes before: so two threads share it. A single one, and what would be the
+/// share of a thread that the system does not grant, is left to the destructors.
 void closeOutgoing(std::vector<Pending>& concluded) {
+    if (concluded.size() < 2) return;
     const auto close = [](Pending& one) { one.replacement.outgoing.file.reset(); };
     const auto half = concluded.begin() + static_cast<ptrdiff_t>(concluded.size() / 2);
     const auto other = std::async([&] { std::for_each(half, concluded.end(), close); });
     std::for_each(concluded.begin(), half, close);
-}  // without a second thread its half is closed by the destructors
+}
 
 /// Concludes all, or those that need no waiting. With `concluding` held.
 void concludeOldest(bool waits) {
