@@ -48,8 +48,10 @@ struct Lanes {
     static inline Vector addMix(Vector sum, Vector b, Vector c, Vector d) {
         if constexpr (kRound == 0) return sum + (d ^ (b & (c ^ d)));
         // The halves have no bit in common, so that each can be added alone, and only one of them
-        // waits for `b`. Vector units rather choose in a single instruction.
-        if constexpr (kRound == 1 && kWidth == 1) return (sum + (c & ~d)) + (b & d);
+        // waits for `b`. Vector units rather choose in a single instruction, which AVX2 does not
+        // have.
+        if constexpr (kRound == 1 && (kWidth == 1 || kWidth == 8))
+            return (sum + (c & ~d)) + (b & d);
         if constexpr (kRound == 1) return sum + ((b & d) | (c & ~d));
         if constexpr (kRound == 2) return sum + (b ^ (c ^ d));
         return sum + (c ^ (b | ~d));
