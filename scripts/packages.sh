@@ -32,5 +32,5 @@ as_root() {
 }
 
 build_packages=(g++ cmake ninja-build libjsoncpp-dev libssl-dev libjemalloc-dev libcli11-dev)
-test_packages=(libgtest-dev python3 findutils coreutils libcap2-bin e2fsprogs strace aidl checkpolicy m4
-               man-db android-libbase-dev android-liblog-dev android-libutils-dev)
+test_packages=(libgtest-dev python3 findutils coreutils libcap2-bin e2fsprogs xfsprogs strace aidl checkpolicy
+               m4 man-db android-libbase-dev android-liblog-dev android-libutils-dev)

@@ -195,11 +195,23 @@ def acl(user):
 
 
 def check_what_a_restore_keeps(service):
+    restore_keeps(service, "")
+
+
+@for_root
+def check_what_a_restore_keeps_on_xfs(service):
+    """There an access-control list is listed by two names."""
+    with file_system(service, "mkfs.xfs -q", "300M") as disk:
+        if disk:
+            restore_keeps(service, "disk/")
+
+
+def restore_keeps(service, directory):
     # One file has no rights for single users, another has others than new files get in their directory.
-    paths = service.write("sparse", "start"), service.write("other", "start")
+    paths = [service.write(directory + name, "start") for name in ("sparse", "other")]
     with contextlib.suppress(OSError):  # not every file system has them
         os.setxattr(paths[1], "system.posix_acl_access", acl(12346))
-        os.setxattr(service.tree, "system.posix_acl_default", acl(12345))
+        os.setxattr(f"{service.tree}/{directory}", "system.posix_acl_default", acl(12345))
     for path in paths:
         os.truncate(path, 50 << 20)
         with open(path, "r+b") as file:
@@ -245,13 +257,21 @@ def check_a_stop_counts_what_is_finished(service):
     assert (groups, linked_bytes) == (max(1, finished), 200 * (1200 - len(files))), (answers, finished, len(files))
 
 
-@for_root
-def check_the_reserve_of_root(service):
+@contextlib.contextmanager
+def file_system(service, make, size):
+    """A new one of `size`, below the tree. None where that cannot be had."""
     image, disk = service.base + "/image", service.tree + "/disk"
-    is_made = shell(f"truncate -s 32M {image}", f"mkfs.ext4 -q -m 30 {image}")
+    is_made = shell(f"truncate -s {size} {image}", f"{make} {image}")
     with mounted(disk, "-o", "loop", image) as is_mounted:
         if not is_made or not is_mounted:
-            print("skipped, needs mkfs.ext4 and loop devices")
+            print("skipped, needs loop devices and", make)
+        yield disk if is_made and is_mounted else None
+
+
+@for_root
+def check_the_reserve_of_root(service):
+    with file_system(service, "mkfs.ext4 -q -m 30", "32M") as disk:
+        if not disk:
             return
         a, b = (service.write(f"disk/{name}", "x" * (4 << 20)) for name in "ab")
         assert link(service, a, b) == 0
