@@ -8,6 +8,7 @@ usage: links_test.py RUX RUXCTL [CHECK ...]
 import contextlib
 import ctypes
 import errno
+import fcntl
 import itertools
 import os
 import random
@@ -204,6 +205,30 @@ def check_what_a_restore_keeps_on_xfs(service):
     with file_system(service, "mkfs.xfs -q", "300M") as disk:
         if disk:
             restore_keeps(service, "disk/")
+
+
+@for_root
+def check_the_project_that_a_quota_counts_a_file_for(service):
+    with file_system(service, "mkfs.xfs -q", "300M") as disk:
+        if not disk:
+            return
+        a, b, other = (service.write("disk/" + name, CONTENT) for name in ("a", "b", "other"))
+        for path, number in ((a, 7), (b, 7), (other, 8)):
+            set_project(path, number)
+        expect_refusal(service, a, other, errno.EBADE)
+        assert link(service, a, b) == 0 and restore(service, b) == 0
+        assert [project(path) for path in (a, b, other)] == [7, 7, 8]
+
+
+def project(path):
+    """The file's attributes that ioctl_xfs_fsgetxattr(2) gives, of which the fourth number is its project."""
+    with open(path, "rb") as file:
+        return struct.unpack("4I12x", fcntl.ioctl(file, 0x801c581f, bytes(28)))[3]
+
+
+def set_project(path, number):
+    with open(path, "rb") as file:
+        fcntl.ioctl(file, 0x401c5820, struct.pack("4I12x", 0, 0, 0, number))
 
 
 def restore_keeps(service, directory):

@@ -158,10 +158,16 @@ int flagsOf(int file) {
     return ioctl(file, FS_IOC_GETFLAGS, &flags) == 0 ? flags & FS_FL_USER_MODIFIABLE : 0;
 }
 
+uint32_t projectOf(int file) {
+    fsxattr attributes = {};
+    return ioctl(file, FS_IOC_FSGETXATTR, &attributes) == 0 ? attributes.fsx_projid : 0;
+}
+
 int readAttributes(int file, const struct stat& st, Attributes* attributes) {
     attributes->uid = st.st_uid;
     attributes->gid = st.st_gid;
     attributes->mode = st.st_mode;
+    attributes->project = projectOf(file);
     return readXattrs(file, &attributes->xattrs);
 }
 

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <string>
@@ -33,12 +34,13 @@ int readXattrs(int file, Xattrs* attributes);
 /// Gives `file` exactly `wanted`, touching only what differs. 0 or an errno.
 int writeXattrs(int file, const Xattrs& wanted);
 
-/// Who may do what with a file.
+/// Who may do what with a file, and whose it is.
 struct Attributes {
     uid_t uid = 0;
     gid_t gid = 0;
     mode_t mode = 0;
-    Xattrs xattrs;  // among them the access-control list and the security label
+    uint32_t project = 0;  // that a quota counts it for
+    Xattrs xattrs;         // among them the access-control list and the security label
     bool operator==(const Attributes&) const = default;
 
     /// Whether this process has the rights to give a copy the same.
@@ -53,6 +55,10 @@ struct Attributes {
 /// What the file system has been told to do with an open file: the flags of ioctl_iflags(2) that
 /// somebody may have set. None on a file system without.
 int flagsOf(int file);
+
+/// The project that a quota counts an open file for (FS_IOC_FSGETXATTR in ioctl_xfs_fsgetxattr(2)).
+/// 0 on a file system without.
+uint32_t projectOf(int file);
 
 /// Those of an open file whose status is `st`. 0 or an errno.
 int readAttributes(int file, const struct stat& st, Attributes* attributes);

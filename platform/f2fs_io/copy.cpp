@@ -77,6 +77,12 @@ int copyMetadata(int from, int to, const struct stat& source) {
         flags = (flags & ~FS_FL_USER_MODIFIABLE) | wanted;
         if (ioctl(to, FS_IOC_SETFLAGS, &flags) != 0) return errno;
     }
+    if (const uint32_t wanted = projectOf(from); projectOf(to) != wanted) {
+        fsxattr quota = {};
+        if (ioctl(to, FS_IOC_FSGETXATTR, &quota) != 0) return errno;
+        quota.fsx_projid = wanted;
+        if (ioctl(to, FS_IOC_FSSETXATTR, &quota) != 0) return errno;
+    }
     if (fchmod(to, source.st_mode & 07777) != 0) return errno;
     const timespec times[] = {source.st_atim, source.st_mtim};
     return futimens(to, times) == 0 ? 0 : errno;
