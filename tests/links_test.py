@@ -220,6 +220,42 @@ def check_the_project_that_a_quota_counts_a_file_for(service):
         assert [project(path) for path in (a, b, other)] == [7, 7, 8]
 
 
+@for_root
+def check_files_under_other_keys(service):
+    """What takes a key away must take nobody's file with it who had another, or none."""
+    with file_system(service, "mkfs.ext4 -q -O encrypt", "32M") as disk:
+        if not disk:
+            return
+        try:
+            for number in (1, 2):
+                encrypt(f"{disk}/{number}", bytes([number]) * 64)
+        except OSError as error:
+            print("skipped, the kernel does not encrypt:", error)
+            return
+        a, b, other, plain = (service.write(path, CONTENT) for path in ("disk/1/a", "disk/1/b", "disk/2/c", "disk/d"))
+        for pair_of in ((a, plain), (plain, a), (a, other)):
+            expect_refusal(service, *pair_of, errno.EBADE)
+        assert link(service, a, b) == 0 and restore(service, b) == 0
+
+
+def check_files_that_are_sealed(service):
+    """The copies of a restore would not be: see FS_IOC_ENABLE_VERITY."""
+    kept, duplicate = pair(service)
+    for sealed, error in (([duplicate], errno.EBADE), ([kept, duplicate], errno.EPERM)):
+        with service.traced("-etrace=ioctl", *("-P" + path for path in sealed), "-einject=ioctl:poke_exit=@arg3=00001000"):
+            expect_refusal(service, kept, duplicate, error)
+
+
+def encrypt(directory, key):
+    """Makes it, and gives it a key (FS_IOC_ADD_ENCRYPTION_KEY and FS_IOC_SET_ENCRYPTION_POLICY)."""
+    os.makedirs(directory)
+    file = os.open(directory, os.O_RDONLY)
+    argument = bytearray(struct.pack("II32xII32x", 2, 0, len(key), 0) + key)
+    fcntl.ioctl(file, 0xc0506617, argument)
+    fcntl.ioctl(file, 0x800c6613, struct.pack("8B", 2, 1, 4, 3, 0, 0, 0, 0) + argument[8:24])
+    os.close(file)
+
+
 def project(path):
     """The file's attributes that ioctl_xfs_fsgetxattr(2) gives, of which the fourth number is its project."""
     with open(path, "rb") as file:

@@ -2,6 +2,7 @@
 
 #include <linux/capability.h>
 #include <linux/fs.h>
+#include <linux/fscrypt.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -155,7 +156,15 @@ bool Attributes::canBeGiven() const {
 
 int flagsOf(int file) {
     int flags = 0;
-    return ioctl(file, FS_IOC_GETFLAGS, &flags) == 0 ? flags & FS_FL_USER_MODIFIABLE : 0;
+    const bool isKnown = ioctl(file, FS_IOC_GETFLAGS, &flags) == 0;
+    return isKnown ? flags & (FS_FL_USER_MODIFIABLE | FS_VERITY_FL) : 0;
+}
+
+std::string encryptionOf(int file) {
+    fscrypt_get_policy_ex_arg answer = {};
+    answer.policy_size = sizeof(answer.policy);
+    if (ioctl(file, FS_IOC_GET_ENCRYPTION_POLICY_EX, &answer) != 0) return {};
+    return {reinterpret_cast<const char*>(&answer.policy), answer.policy_size};
 }
 
 uint32_t projectOf(int file) {

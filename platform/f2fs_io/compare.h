@@ -53,8 +53,12 @@ struct Attributes {
 };
 
 /// What the file system has been told to do with an open file: the flags of ioctl_iflags(2) that
-/// somebody may have set. None on a file system without.
+/// somebody may have set, and whether fs-verity has sealed it. None on a file system without.
 int flagsOf(int file);
+
+/// Under which key and how the file system encrypts an open file or directory (fscrypt: the policy
+/// that FS_IOC_GET_ENCRYPTION_POLICY_EX gives). Empty where it does not.
+std::string encryptionOf(int file);
 
 /// The project that a quota counts an open file for (FS_IOC_FSGETXATTR in ioctl_xfs_fsgetxattr(2)).
 /// 0 on a file system without.

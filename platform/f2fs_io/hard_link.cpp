@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -67,7 +68,9 @@ int prepare(const char* keptPath, Replacement* replacement, LeasedFile* kept) {
     if (const int error = old.takeLease(); error != 0) return error;
     if (!(kept->attributes == old.attributes)) return EBADE;
     if (flagsOf(kept->file.get()) != flagsOf(old.file.get())) return EBADE;
-    if (!old.attributes.canBeGiven()) return EPERM;  // as a restore would have to
+    if (encryptionOf(kept->file.get()) != encryptionOf(old.file.get())) return EBADE;
+    // As a restore would have to.
+    if (!old.attributes.canBeGiven() || (flagsOf(old.file.get()) & FS_VERITY_FL) != 0) return EPERM;
     return old.attributes.areOwnersAlone() ? 0 : compareWays(&keptEntry, *kept, entry);
 }
 

@@ -31,8 +31,8 @@ FileMD5Result computeFileMD5(const char* path, bool enableLog);
 ///   EXDEV       they lie on different file systems
 ///   EILSEQ      their sizes or their bytes differ
 ///   EBADE       owner, group, mode or an extended attribute (access-control list, security label)
-///               differs: a link would change who may read or write the data; or flags or the
-///               quota's project do
+///               differs: a link would change who may read or write the data; or the flags, the
+///               encryption or the quota's project do
 ///   EACCES      one of them lies below a directory that others cannot search, the other does not
 ///               lie below the same, and others have rights: they would reach it
 ///   EMLINK      the kept file has as many links as the file system allows
