@@ -236,6 +236,8 @@ def check_files_under_other_keys(service):
         for pair_of in ((a, plain), (plain, a), (a, other)):
             expect_refusal(service, *pair_of, errno.EBADE)
         assert link(service, a, b) == 0 and restore(service, b) == 0
+        os.link(other, disk + "/moved")
+        assert restore(service, disk + "/moved") == errno.EPERM, "a copy there would not be encrypted"
 
 
 def check_files_that_are_sealed(service):

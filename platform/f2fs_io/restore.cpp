@@ -47,6 +47,7 @@ int makeCopy(Replacement& replacement) {
             openat(replacement.entry.directory.get(), ".", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600));
     if (!copy.ok()) return errno;
     const int from = shared.file.get();
+    if (encryptionOf(from) != encryptionOf(copy.get())) return EPERM;  // as its directory's files
     const auto interrupted = [&shared] { return shared.isInUse(); };
     if (const int error = copyContent(from, copy.get(), shared.status, interrupted); error != 0)
         return error;

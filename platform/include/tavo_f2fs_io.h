@@ -49,6 +49,6 @@ int32_t createHardLink(const char* keptPath, const char* duplicatePath, bool ena
 /// and access-control list, on disk before it takes the name.
 ///
 /// 0 also when the file has only this one link. Otherwise nothing has changed; the codes are those
-/// of `createHardLink` where they apply (ELOOP, EINVAL, EBUSY, ESTALE, EOPNOTSUPP, EEXIST), or an
-/// error of the system (ENOSPC, EDQUOT, ENOENT, ...).
+/// of `createHardLink` where they apply (ELOOP, EINVAL, EBUSY, ESTALE, EOPNOTSUPP, EEXIST), EPERM
+/// where the copy would not be encrypted alike, or an error of the system (ENOSPC, EDQUOT, ...).
 int32_t restoreLinkFile(const char* path, bool enableLog);
