@@ -243,9 +243,17 @@ def check_files_under_other_keys(service):
 def check_files_that_are_sealed(service):
     """The copies of a restore would not be: see FS_IOC_ENABLE_VERITY."""
     kept, duplicate = pair(service)
-    for sealed, error in (([duplicate], errno.EBADE), ([kept, duplicate], errno.EPERM)):
-        with service.traced("-etrace=ioctl", *("-P" + path for path in sealed), "-einject=ioctl:poke_exit=@arg3=00001000"):
+
+    def sealed(*paths):
+        return service.traced("-etrace=ioctl", *("-P" + path for path in paths), "-einject=ioctl:poke_exit=@arg3=00001000")
+
+    for paths, error in (([duplicate], errno.EBADE), ([kept, duplicate], errno.EPERM)):
+        with sealed(*paths):
             expect_refusal(service, kept, duplicate, error)
+    assert link(service, kept, duplicate) == 0
+    with sealed(duplicate):
+        assert restore(service, duplicate) == errno.EPERM
+    assert restore(service, duplicate) == 0
 
 
 def encrypt(directory, key):

@@ -157,7 +157,7 @@ bool Attributes::canBeGiven() const {
 int flagsOf(int file) {
     int flags = 0;
     const bool isKnown = ioctl(file, FS_IOC_GETFLAGS, &flags) == 0;
-    return isKnown ? flags & (FS_FL_USER_MODIFIABLE | FS_VERITY_FL) : 0;
+    return isKnown ? flags & (FS_FL_USER_MODIFIABLE | FS_ENCRYPT_FL | FS_VERITY_FL) : 0;
 }
 
 std::string encryptionOf(int file) {
@@ -176,7 +176,6 @@ int readAttributes(int file, const struct stat& st, Attributes* attributes) {
     attributes->uid = st.st_uid;
     attributes->gid = st.st_gid;
     attributes->mode = st.st_mode;
-    attributes->project = projectOf(file);
     return readXattrs(file, &attributes->xattrs);
 }
 

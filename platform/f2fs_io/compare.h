@@ -34,13 +34,12 @@ int readXattrs(int file, Xattrs* attributes);
 /// Gives `file` exactly `wanted`, touching only what differs. 0 or an errno.
 int writeXattrs(int file, const Xattrs& wanted);
 
-/// Who may do what with a file, and whose it is.
+/// Who may do what with a file.
 struct Attributes {
     uid_t uid = 0;
     gid_t gid = 0;
     mode_t mode = 0;
-    uint32_t project = 0;  // that a quota counts it for
-    Xattrs xattrs;         // among them the access-control list and the security label
+    Xattrs xattrs;  // among them the access-control list and the security label
     bool operator==(const Attributes&) const = default;
 
     /// Whether this process has the rights to give a copy the same.
@@ -53,7 +52,8 @@ struct Attributes {
 };
 
 /// What the file system has been told to do with an open file: the flags of ioctl_iflags(2) that
-/// somebody may have set, and whether fs-verity has sealed it. None on a file system without.
+/// somebody may have set, and whether it is encrypted or sealed by fs-verity. None on a file system
+/// without.
 int flagsOf(int file);
 
 /// Under which key and how the file system encrypts an open file or directory (fscrypt: the policy

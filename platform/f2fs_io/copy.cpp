@@ -71,10 +71,11 @@ int copyMetadata(int from, int to, const struct stat& source) {
     const bool sameOwner = copy.st_uid == source.st_uid && copy.st_gid == source.st_gid;
     if (!sameOwner && fchown(to, source.st_uid, source.st_gid) != 0) return errno;
     if (const int error = writeXattrs(to, attributes); error != 0) return error;
-    if (const int wanted = flagsOf(from) & FS_FL_USER_MODIFIABLE; flagsOf(to) != wanted) {
+    const int wantedFlags = flagsOf(from) & FS_FL_USER_MODIFIABLE;
+    if ((flagsOf(to) & FS_FL_USER_MODIFIABLE) != wantedFlags) {
         int flags = 0;  // with those that tell how the blocks are kept
         if (ioctl(to, FS_IOC_GETFLAGS, &flags) != 0) return errno;
-        flags = (flags & ~FS_FL_USER_MODIFIABLE) | wanted;
+        flags = (flags & ~FS_FL_USER_MODIFIABLE) | wantedFlags;
         if (ioctl(to, FS_IOC_SETFLAGS, &flags) != 0) return errno;
     }
     if (const uint32_t wanted = projectOf(from); projectOf(to) != wanted) {

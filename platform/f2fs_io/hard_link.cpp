@@ -67,10 +67,13 @@ int prepare(const char* keptPath, Replacement* replacement, LeasedFile* kept) {
     if (const int error = kept->takeLease(); error != 0) return error;
     if (const int error = old.takeLease(); error != 0) return error;
     if (!(kept->attributes == old.attributes)) return EBADE;
-    if (flagsOf(kept->file.get()) != flagsOf(old.file.get())) return EBADE;
-    if (encryptionOf(kept->file.get()) != encryptionOf(old.file.get())) return EBADE;
+    const int flags = flagsOf(old.file.get());
+    if (flagsOf(kept->file.get()) != flags) return EBADE;
+    if (projectOf(kept->file.get()) != projectOf(old.file.get())) return EBADE;
+    const bool isEncrypted = (flags & FS_ENCRYPT_FL) != 0;
+    if (isEncrypted && encryptionOf(kept->file.get()) != encryptionOf(old.file.get())) return EBADE;
     // As a restore would have to.
-    if (!old.attributes.canBeGiven() || (flagsOf(old.file.get()) & FS_VERITY_FL) != 0) return EPERM;
+    if (!old.attributes.canBeGiven() || (flags & FS_VERITY_FL) != 0) return EPERM;
     return old.attributes.areOwnersAlone() ? 0 : compareWays(&keptEntry, *kept, entry);
 }
 

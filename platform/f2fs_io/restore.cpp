@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -47,7 +48,8 @@ int makeCopy(Replacement& replacement) {
             openat(replacement.entry.directory.get(), ".", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600));
     if (!copy.ok()) return errno;
     const int from = shared.file.get();
-    if (encryptionOf(from) != encryptionOf(copy.get())) return EPERM;  // as its directory's files
+    // A copy is encrypted as its directory is, and it is never sealed.
+    if (((flagsOf(from) ^ flagsOf(copy.get())) & ~FS_FL_USER_MODIFIABLE) != 0) return EPERM;
     const auto interrupted = [&shared] { return shared.isInUse(); };
     if (const int error = copyContent(from, copy.get(), shared.status, interrupted); error != 0)
         return error;

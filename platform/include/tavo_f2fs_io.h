@@ -50,5 +50,5 @@ int32_t createHardLink(const char* keptPath, const char* duplicatePath, bool ena
 ///
 /// 0 also when the file has only this one link. Otherwise nothing has changed; the codes are those
 /// of `createHardLink` where they apply (ELOOP, EINVAL, EBUSY, ESTALE, EOPNOTSUPP, EEXIST), EPERM
-/// where the copy would not be encrypted alike, or an error of the system (ENOSPC, EDQUOT, ...).
+/// where a copy would not be encrypted or sealed alike, or an error of the system (ENOSPC, ...).
 int32_t restoreLinkFile(const char* path, bool enableLog);
