@@ -111,6 +111,14 @@ def check_a_difference_wherever_it_is(service):
         with open(duplicate, "wb") as file:
             file.write(content[:at] + bytes([content[at] ^ 1]) + content[at + 1:])
         expect_refusal(service, kept, duplicate, errno.EILSEQ)
+    for at in (0, 1 << 17, 1 << 18, 1 << 28, (1 << 30) - 1):  # the rest are holes
+        for path in (kept, duplicate):
+            with open(path, "wb") as file:
+                os.pwrite(file.fileno(), b"\0", (1 << 30) - 1)
+        with open(duplicate, "r+b") as file:
+            os.pwrite(file.fileno(), b"x", at)
+        expect_refusal(service, kept, duplicate, errno.EILSEQ)
+        expect_refusal(service, duplicate, kept, errno.EILSEQ)
     shutil.copy(kept, duplicate)
     assert link(service, kept, duplicate) == 0
 

@@ -51,19 +51,28 @@ struct Comparison {
     int error = 0;  // of the first share that has one
 };
 
-/// Whether both files have a hole from `begin` to `end`. What lies in it is not looked at.
-bool isHole(const Comparison& comparison, off_t begin, off_t end) {
-    return std::all_of(std::begin(comparison.files), std::end(comparison.files), [=](int file) {
+/// Where from `begin` on one of the files has data: before it both have a hole, which nobody looks
+/// at. The end when none of them has.
+off_t nextData(const Comparison& comparison, off_t begin) {
+    off_t next = comparison.size;
+    for (const int file : comparison.files) {
         const off_t data = lseek(file, begin, SEEK_DATA);
-        return data >= end || (data < 0 && errno == ENXIO);
-    });
+        if (data < 0 && errno != ENXIO) return begin;
+        if (data >= 0) next = std::min(next, data);
+    }
+    return next;
 }
 
 /// 0 or an errno.
-int compareShare(const Comparison& comparison, off_t begin) {
+int compareShare(Comparison& comparison, off_t begin) {
     char pieces[2][kPiece];
     const off_t end = std::min(begin + kShare, comparison.size);
-    if (comparison.size > kWorthTwo && isHole(comparison, begin, end)) return 0;
+    if (comparison.size > kWorthTwo) {
+        const off_t data = nextData(comparison, begin);
+        off_t next = comparison.next;
+        while (next < data && !comparison.next.compare_exchange_weak(next, data)) continue;
+        if (data >= end) return 0;
+    }
     for (off_t at = begin; at < end; at += kPiece) {
         if (at > 0 && comparison.interrupted && comparison.interrupted()) return EBUSY;
         const auto size = static_cast<size_t>(std::min(end - at, kPiece));
