@@ -56,8 +56,8 @@ struct Attributes {
 /// without.
 int flagsOf(int file);
 
-/// Under which key and how the file system encrypts an open file or directory (fscrypt: the policy
-/// that FS_IOC_GET_ENCRYPTION_POLICY_EX gives). Empty where it does not.
+/// Under which key and how the file system encrypts an open file: the policy of fscrypt that
+/// FS_IOC_GET_ENCRYPTION_POLICY_EX gives. Empty where it does not.
 std::string encryptionOf(int file);
 
 /// The project that a quota counts an open file for (FS_IOC_FSGETXATTR in ioctl_xfs_fsgetxattr(2)).

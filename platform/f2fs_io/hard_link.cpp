@@ -72,7 +72,7 @@ int prepare(const char* keptPath, Replacement* replacement, LeasedFile* kept) {
     if (projectOf(kept->file.get()) != projectOf(old.file.get())) return EBADE;
     const bool isEncrypted = (flags & FS_ENCRYPT_FL) != 0;
     if (isEncrypted && encryptionOf(kept->file.get()) != encryptionOf(old.file.get())) return EBADE;
-    // As a restore would have to.
+    // A restore could not give a copy the same.
     if (!old.attributes.canBeGiven() || (flags & FS_VERITY_FL) != 0) return EPERM;
     return old.attributes.areOwnersAlone() ? 0 : compareWays(&keptEntry, *kept, entry);
 }
