@@ -71,11 +71,10 @@ int copyMetadata(int from, int to, const struct stat& source) {
     const bool sameOwner = copy.st_uid == source.st_uid && copy.st_gid == source.st_gid;
     if (!sameOwner && fchown(to, source.st_uid, source.st_gid) != 0) return errno;
     if (const int error = writeXattrs(to, attributes); error != 0) return error;
-    const int wantedFlags = flagsOf(from) & FS_FL_USER_MODIFIABLE;
-    if ((flagsOf(to) & FS_FL_USER_MODIFIABLE) != wantedFlags) {
+    if (const int wanted = flagsOf(from); flagsOf(to) != wanted) {
         int flags = 0;  // with those that tell how the blocks are kept
         if (ioctl(to, FS_IOC_GETFLAGS, &flags) != 0) return errno;
-        flags = (flags & ~FS_FL_USER_MODIFIABLE) | wantedFlags;
+        flags = (flags & ~FS_FL_USER_MODIFIABLE) | (wanted & FS_FL_USER_MODIFIABLE);
         if (ioctl(to, FS_IOC_SETFLAGS, &flags) != 0) return errno;
     }
     if (const uint32_t wanted = projectOf(from); projectOf(to) != wanted) {
