@@ -239,12 +239,13 @@ std::string Member::reason() const {
     static const std::map<int, const char*> kReasons =
             {{EBUSY, "open for writing"},
              {EBADE, "of another owner, group, mode or attribute"},
+             {EPERM, "no copy could be made like it"},
              {EACCES, "one of them lies in a directory that others cannot enter"},
              {EXDEV, "on another file system"},
              {EILSEQ, "of another content by now"},
              {ELOOP, "behind a symbolic link of somebody else's"},
              {EINVAL, "no regular file"},
-             {EOPNOTSUPP, "in an overlay, or on a file system that cannot exchange files"},
+             {EOPNOTSUPP, "on an overlay, in user space, or where names cannot be exchanged"},
              {kKeptChanged, "the file that would be kept has another content by now"},
              {kRefused, "refused by the service, whose log says why"}};
     const auto found = kReasons.find(error);

@@ -254,20 +254,32 @@ def check_files_under_other_keys(service):
         assert restore(service, disk + "/moved") == errno.EPERM, "a copy there would not be encrypted"
 
 
-def check_files_that_are_sealed(service):
-    """The copies of a restore would not be: see FS_IOC_ENABLE_VERITY."""
+def check_files_with_flags_that_a_copy_cannot_be_given(service):
+    """Those of FS_IOC_ENABLE_VERITY and of chattr's letters C, j, i and a: see ioctl_iflags(2)."""
     kept, duplicate = pair(service)
 
-    def sealed(*paths):
-        return service.traced("-etrace=ioctl", *("-P" + path for path in paths), "-einject=ioctl:poke_exit=@arg3=00001000")
+    def flagged(flag, *paths):
+        poke = "-einject=ioctl:poke_exit=@arg3=" + flag.to_bytes(4, "little").hex()
+        return service.traced("-etrace=ioctl", *("-P" + path for path in paths), poke)
 
-    for paths, error in (([duplicate], errno.EBADE), ([kept, duplicate], errno.EPERM)):
-        with sealed(*paths):
-            expect_refusal(service, kept, duplicate, error)
+    for flag in (0x100000, 0x800000, 0x4000, 0x10, 0x20):
+        for paths, error in (([duplicate], errno.EBADE), ([kept, duplicate], errno.EPERM)):
+            with flagged(flag, *paths):
+                expect_refusal(service, kept, duplicate, error)
     assert link(service, kept, duplicate) == 0
-    with sealed(duplicate):
+    with flagged(0x100000, duplicate):
         assert restore(service, duplicate) == errno.EPERM
     assert restore(service, duplicate) == 0
+
+
+def check_file_systems_in_user_space(service):
+    """A lease does not tell who writes to their files another way (FUSE_SUPER_MAGIC: see statfs(2))."""
+    kept, duplicate = pair(service)
+    with service.traced("-etrace=fstatfs", "-P" + service.tree, "-einject=fstatfs:poke_exit=@arg2=46557365"):
+        expect_refusal(service, kept, duplicate, errno.EOPNOTSUPP)
+        os.link(kept, kept + " too")
+        assert restore(service, kept) == errno.EOPNOTSUPP
+    assert restore(service, kept) == 0
 
 
 def encrypt(directory, key):

@@ -166,7 +166,7 @@ bool Attributes::canBeGiven() const {
 int flagsOf(int file) {
     int flags = 0;
     const bool isKnown = ioctl(file, FS_IOC_GETFLAGS, &flags) == 0;
-    return isKnown ? flags & (FS_FL_USER_MODIFIABLE | FS_ENCRYPT_FL | FS_VERITY_FL) : 0;
+    return isKnown ? flags & (FS_FL_USER_MODIFIABLE | kNotGivenFlags | FS_ENCRYPT_FL) : 0;
 }
 
 std::string encryptionOf(int file) {

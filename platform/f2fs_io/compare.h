@@ -1,6 +1,7 @@
 /// What makes two files the same for a reader, and for those who may read.
 #pragma once
 
+#include <linux/fs.h>
 #include <sys/stat.h>
 
 #include <chrono>
@@ -55,6 +56,12 @@ struct Attributes {
 /// somebody may have set, and whether it is encrypted or sealed by fs-verity. None on a file system
 /// without.
 int flagsOf(int file);
+
+/// Those of them that a copy with a name cannot be given: the seal; that blocks are written over in
+/// place, which must be said before there are any; that the journal takes the content as well,
+/// which needs CAP_SYS_RESOURCE; and that nobody may change or shorten it, which forbids the name.
+constexpr int kNotGivenFlags =
+        FS_VERITY_FL | FS_NOCOW_FL | FS_JOURNAL_DATA_FL | FS_IMMUTABLE_FL | FS_APPEND_FL;
 
 /// Under which key and how the file system encrypts an open file: the policy of fscrypt that
 /// FS_IOC_GET_ENCRYPTION_POLICY_EX gives. Empty where it does not.

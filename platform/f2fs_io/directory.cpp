@@ -74,11 +74,12 @@ bool isBelowUpper(int directory) {
 
 }  // namespace
 
-int refuseOverlay(const base::unique_fd& directory) {
+int refuseFileSystem(const base::unique_fd& directory) {
     // Asked every time: a device number may be another file system's by now.
     struct statfs fs = {};
     if (fstatfs(directory.get(), &fs) != 0) return errno;
-    const bool isRefused = fs.f_type == OVERLAYFS_SUPER_MAGIC || isBelowUpper(directory.get());
+    const bool isRefused = fs.f_type == OVERLAYFS_SUPER_MAGIC || fs.f_type == FUSE_SUPER_MAGIC ||
+                           isBelowUpper(directory.get());
     return isRefused ? EOPNOTSUPP : 0;
 }
 

@@ -6,12 +6,14 @@
 
 namespace android::host {
 
-/// 0, or EOPNOTSUPP for a directory of an overlay, and for one in the upper directory of an overlay
-/// that is mounted in this process's view.
+/// 0, or EOPNOTSUPP for a directory of an overlay or of a file system in user space, and for one in
+/// the upper directory of an overlay that is mounted in this process's view.
 ///
 /// On an overlay a lease does not see a mapping whose descriptor is closed; and an overlay keeps to
-/// the file that it has found in its upper directory, whatever takes that file's name there.
-int refuseOverlay(const base::unique_fd& directory);
+/// the file that it has found in its upper directory, whatever takes that file's name there. On a
+/// file system in user space a lease does not see who writes to its files behind it, where it keeps
+/// them or on another machine.
+int refuseFileSystem(const base::unique_fd& directory);
 
 /// Finds the nearest directory on the way to the files of `entry.directory`, that one included,
 /// which others cannot search: without execute permission for others (path_resolution(7)), or with

@@ -58,7 +58,7 @@ int prepare(const char* keptPath, Replacement* replacement, LeasedFile* kept) {
     Entry keptEntry;
     LeasedFile& old = replacement->outgoing;
     if (const int error = entry.openFile(&old.file, &old.status); error != 0) return error;
-    if (const int error = refuseOverlay(entry.directory); error != 0) return error;
+    if (const int error = refuseFileSystem(entry.directory); error != 0) return error;
     if (const int error = openKept(keptPath, &keptEntry, kept); error != 0) return error;
     if (kept->id() == old.id()) return EALREADY;
     if (kept->status.st_dev != old.status.st_dev) return EXDEV;
@@ -73,7 +73,7 @@ int prepare(const char* keptPath, Replacement* replacement, LeasedFile* kept) {
     const bool isEncrypted = (flags & FS_ENCRYPT_FL) != 0;
     if (isEncrypted && encryptionOf(kept->file.get()) != encryptionOf(old.file.get())) return EBADE;
     // A restore could not give a copy the same.
-    if (!old.attributes.canBeGiven() || (flags & FS_VERITY_FL) != 0) return EPERM;
+    if (!old.attributes.canBeGiven() || (flags & kNotGivenFlags) != 0) return EPERM;
     return old.attributes.areOwnersAlone() ? 0 : compareWays(&keptEntry, *kept, entry);
 }
 

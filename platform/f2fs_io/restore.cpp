@@ -48,7 +48,7 @@ int makeCopy(Replacement& replacement) {
             openat(replacement.entry.directory.get(), ".", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600));
     if (!copy.ok()) return errno;
     const int from = shared.file.get();
-    // A copy is encrypted as its directory is, and it is never sealed.
+    // The directory decides whether a copy is encrypted, and about what it cannot be given.
     if (((flagsOf(from) ^ flagsOf(copy.get())) & ~FS_FL_USER_MODIFIABLE) != 0) return EPERM;
     const auto interrupted = [&shared] { return shared.isInUse(); };
     if (const int error = copyContent(from, copy.get(), shared.status, interrupted); error != 0)
@@ -72,7 +72,7 @@ int addCopy(const char* path, Batch& batch, std::map<FileId, nlink_t>& namesLeft
     if (entry.status(entry.name, &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink == 1) return 0;
     if (kept != 0) return kept;
     if (const int error = entry.openFile(&shared.file, &shared.status); error != 0) return error;
-    if (const int error = refuseOverlay(entry.directory); error != 0) return error;
+    if (const int error = refuseFileSystem(entry.directory); error != 0) return error;
     nlink_t& left = namesLeft.try_emplace(shared.id(), shared.status.st_nlink).first->second;
     if (left <= 1) return 0;
 

@@ -38,7 +38,8 @@ FileMD5Result computeFileMD5(const char* path, bool enableLog);
 ///   EMLINK      the kept file has as many links as the file system allows
 ///   EBUSY       one of them is open for writing, or was opened for writing meanwhile
 ///   ESTALE      one of them changed or was replaced meanwhile
-///   EOPNOTSUPP  the file system cannot exchange two names atomically, or belongs to an overlay
+///   EOPNOTSUPP  the file system cannot exchange two names atomically, is in user space, or belongs
+///               to an overlay
 ///   EEXIST      an interrupted call left the only copy of some other content behind; it is kept
 /// or an error of the system (ENOENT, EACCES, ENOSPC, ...).
 ///
@@ -50,5 +51,5 @@ int32_t createHardLink(const char* keptPath, const char* duplicatePath, bool ena
 ///
 /// 0 also when the file has only this one link. Otherwise nothing has changed; the codes are those
 /// of `createHardLink` where they apply (ELOOP, EINVAL, EBUSY, ESTALE, EOPNOTSUPP, EEXIST), EPERM
-/// where a copy would not be encrypted or sealed alike, or an error of the system (ENOSPC, ...).
+/// where a copy would lack the encryption, the seal or a flag, or an error of the system (ENOSPC, ...).
 int32_t restoreLinkFile(const char* path, bool enableLog);
