@@ -241,7 +241,7 @@ std::string Member::reason() const {
              {EBADE, "of another owner, group, mode or attribute"},
              {EPERM, "no copy could be made like it"},
              {EACCES, "one of them lies in a directory that others cannot enter"},
-             {EXDEV, "on another file system"},
+             {EXDEV, "on another file system or mount"},
              {EILSEQ, "of another content by now"},
              {ELOOP, "behind a symbolic link of somebody else's"},
              {EINVAL, "no regular file"},

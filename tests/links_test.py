@@ -142,6 +142,8 @@ def check_what_is_no_file_of_its_own(service):
     elsewhere = service.tree + "/elsewhere"
     with mounted(elsewhere, "--bind", service.tree) as is_mounted:  # the same device, and still another mount
         assert not is_mounted or link(service, kept, elsewhere + "/duplicate") == errno.EXDEV
+        service.edit(GROUPS, {"0": {"V": 1, "f_size": len(CONTENT), "f_list": [kept, elsewhere + "/duplicate"]}})
+        assert not is_mounted or "duplicate: on another" in service.client("compress", "--dry-run", "s").stdout
     with contextlib.suppress(OSError):
         for number in range(70000):
             os.link(kept, f"{elsewhere}/{number}")

@@ -1,8 +1,10 @@
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <utility>
 
 #include "f2fs_io/compare.h"
@@ -51,6 +53,13 @@ int compareWays(Entry* entry, const LeasedFile& kept, const Entry& other) {
     return first == second ? 0 : EACCES;
 }
 
+/// The mount on which an open file was found. A file gets names on that one alone.
+uint64_t mountOf(const base::unique_fd& file) {
+    struct statx status = {};
+    statx(file.get(), "", AT_EMPTY_PATH, STATX_MNT_ID, &status);
+    return status.stx_mnt_id;
+}
+
 /// Opens both files, keeps writers out of them, and asks all that can be asked without their bytes.
 /// 0, EALREADY for one file, or why the two cannot be one.
 int prepare(const char* keptPath, Replacement* replacement, LeasedFile* kept) {
@@ -61,7 +70,8 @@ int prepare(const char* keptPath, Replacement* replacement, LeasedFile* kept) {
     if (const int error = refuseFileSystem(entry.directory); error != 0) return error;
     if (const int error = openKept(keptPath, &keptEntry, kept); error != 0) return error;
     if (kept->id() == old.id()) return EALREADY;
-    if (kept->status.st_dev != old.status.st_dev) return EXDEV;
+    if (kept->status.st_dev != old.status.st_dev || mountOf(kept->file) != mountOf(old.file))
+        return EXDEV;
     if (kept->status.st_size != old.status.st_size) return EILSEQ;
 
     if (const int error = kept->takeLease(); error != 0) return error;

@@ -28,7 +28,7 @@ FileMD5Result computeFileMD5(const char* path, bool enableLog);
 ///   ELOOP       the duplicate is a symbolic link, or a symbolic link on the way to one of the two
 ///               was made neither by the file's owner, nor by root or this process's user
 ///   EINVAL      one of them is not a regular file
-///   EXDEV       they lie on different file systems
+///   EXDEV       they lie on different file systems or mounts
 ///   EILSEQ      their sizes or their bytes differ
 ///   EBADE       owner, group, mode or an extended attribute (access-control list, security label)
 ///               differs: a link would change who may read or write the data; or the flags, the
