@@ -39,6 +39,14 @@ bool hasCapability(unsigned capability) {
            (sets[CAP_TO_INDEX(capability)].effective & CAP_TO_MASK(capability)) != 0;
 }
 
+/// Whether this process may give a file of its own an extended attribute of that name. SELinux has
+/// its own rules for labels, where it is in use.
+bool mayBeWritten(const std::string& name) {
+    static const bool hasLabels = access("/sys/fs/selinux/enforce", F_OK) == 0;
+    if (!name.starts_with("security.") || (hasLabels && name == "security.selinux")) return true;
+    return hasCapability(name == "security.capability" ? CAP_SETFCAP : CAP_SYS_ADMIN);
+}
+
 /// Two files of which two threads compare one share after another.
 struct Comparison {
     const int files[2];
@@ -160,7 +168,8 @@ int compareBytes(int first, int second, off_t size, const std::function<bool()>&
 bool Attributes::canBeGiven() const {
     const bool isOwn = uid == geteuid() && (gid == getegid() || group_member(gid) != 0);
     return (isOwn || hasCapability(CAP_CHOWN)) &&
-           (xattrs.count("security.capability") == 0 || hasCapability(CAP_SETFCAP));
+           std::all_of(xattrs.begin(), xattrs.end(),
+                       [](const auto& one) { return mayBeWritten(one.first); });
 }
 
 int flagsOf(int file) {
