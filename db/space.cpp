@@ -1,8 +1,12 @@
 #include "db/space.h"
 
+#include <sys/stat.h>
+
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
+#include <system_error>
 
 #include "db/database_root.h"
 
@@ -17,6 +21,19 @@ std::string spaceDirectory(const std::string& spaceId) {
 
 std::string exceptRulesPath() {
     return databaseRoot() + "RUXExceptRules.json";
+}
+
+std::set<std::pair<dev_t, ino_t>> databaseFiles() {
+    namespace fs = std::filesystem;
+    std::set<std::pair<dev_t, ino_t>> files;
+    std::error_code none;
+    for (const fs::directory_entry& space : fs::directory_iterator(databaseRoot(), none)) {
+        for (const fs::directory_entry& file : fs::directory_iterator(space.path(), none)) {
+            struct stat st = {};
+            if (stat(file.path().c_str(), &st) == 0) files.emplace(st.st_dev, st.st_ino);
+        }
+    }
+    return files;
 }
 
 bool isStorablePath(const std::string& path) {

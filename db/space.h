@@ -1,7 +1,11 @@
 /// Spaces and their directories.
 #pragma once
 
+#include <sys/types.h>
+
+#include <set>
 #include <string>
+#include <utility>
 
 namespace rux {
 
@@ -14,6 +18,10 @@ std::string spaceDirectory(const std::string& spaceId);
 /// The file of the exception rules: one for the whole device, an array of patterns of files that
 /// are never fingerprinted.
 std::string exceptRulesPath();
+
+/// The files in the spaces' directories, by device and inode. They are written in place, so none
+/// may become one with another file.
+std::set<std::pair<dev_t, ino_t>> databaseFiles();
 
 /// Whether a database file can hold `path` and give back the same: whether it is valid UTF-8.
 bool isStorablePath(const std::string& path);

@@ -25,7 +25,8 @@ void save(const std::string& SpaceID_DBPath) {
 }
 
 /// Begins with a rule whose space is loaded.
-void begin(const SpaceRule& rule, const std::string& SpaceID_DBPath, ScanState& state) {
+void begin(SpaceRule& rule, const std::string& SpaceID_DBPath, ScanState& state) {
+    rule.reach.excluded = databaseFiles();
     state.known.reset();
     if (rule.refreshes) {
         DBReaderInit(SpaceID_DBPath, false, false, true, false);
@@ -79,7 +80,7 @@ void Rux_scanDuplicateFilesImp(const std::string& scanRules) {
     ScanState state;
 
     std::string SpaceID_DBPath;  // of the space whose images are loaded; empty before there is one
-    for (const SpaceRule& rule : rules) {
+    for (SpaceRule& rule : rules) {
         if (rule.id == SpaceRule::Id::Given) {
             SpaceID_DBPath = spaceDirectory(rule.spaceId);
             if (!pathExists(SpaceID_DBPath) && mkdir(SpaceID_DBPath.c_str(), 0755) != 0) {

@@ -8,6 +8,7 @@ usage: faults_test.py RUX RUXCTL
 import contextlib
 import ctypes
 import hashlib
+import json
 import os
 import resource
 import shutil
@@ -17,7 +18,8 @@ import subprocess
 import threading
 import time
 
-from support.service import GROUPS, LINKED, RECORDS, RESTORE, SLOW, checks, for_root, md5sums, mounted, read, swap_name, wait_for
+from support.service import COMPRESS, GROUPS, LINKED, MODIFIED, RECORDS, RESTORE, SCAN, SLOW, checks, for_root, md5sums, mounted, \
+    read, swap_name, wait_for
 
 
 @contextlib.contextmanager
@@ -244,6 +246,19 @@ def check_what_a_kill_left_is_tidied_up_wherever_it_works_next(service):
     service.edit(GROUPS, {"0": {"V": 1, "f_size": 4, "f_list": [a, b]}})
     assert service.compress() == "1,4" and os.stat(d).st_nlink == 1 and not os.path.exists(mark)
     assert read(alone) == "the only name"
+
+
+def check_the_database_is_no_part_of_a_tree(service):
+    """Its files are written in place: of two with the same content none may become a name of the other."""
+    spaces, path = service.root + "/data", service.write("a", "alone")
+    service.scan()
+    os.symlink(spaces, service.tree + "/spaces")
+    for _ in range(2):
+        service.call(SCAN, service.rule("t", dirs=[service.tree, spaces, f"{service.space}/{MODIFIED}"]))
+        service.call(COMPRESS, '["t"]')
+    with open(f"{service.space}/../t/{RECORDS}", encoding="ascii") as records:
+        assert list(json.load(records)) == [path]
+    assert service.database(MODIFIED) == {} and os.stat(f"{service.space}/{MODIFIED}").st_nlink == 1
 
 
 def check_what_an_operation_throws_ends_in_the_log(service):
