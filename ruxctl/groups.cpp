@@ -239,7 +239,7 @@ std::string Member::reason() const {
     static const std::map<int, const char*> kReasons =
             {{EBUSY, "open for writing"},
              {EBADE, "of another owner, group, mode or attribute"},
-             {EPERM, "no copy could be made like it"},
+             {EPERM, "a restore could make no copy like it"},
              {EACCES, "one of them lies in a directory that others cannot enter"},
              {EXDEV, "on another file system or mount"},
              {EILSEQ, "of another content by now"},
