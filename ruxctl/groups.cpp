@@ -245,7 +245,7 @@ std::string Member::reason() const {
              {EILSEQ, "of another content by now"},
              {ELOOP, "behind a symbolic link of somebody else's"},
              {EINVAL, "no regular file"},
-             {EOPNOTSUPP, "on an overlay, in user space, or where names cannot be exchanged"},
+             {EOPNOTSUPP, "on a file system that cannot link safely"},
              {kKeptChanged, "the file that would be kept has another content by now"},
              {kRefused, "refused by the service, whose log says why"}};
     const auto found = kReasons.find(error);

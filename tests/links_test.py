@@ -274,9 +274,11 @@ def check_files_with_flags_that_a_copy_cannot_be_given(service):
     assert restore(service, duplicate) == 0
 
 
-def check_file_systems_in_user_space(service):
-    """A lease does not tell who writes to their files another way (FUSE_SUPER_MAGIC: see statfs(2))."""
+def check_file_systems_without_leases_and_in_user_space(service):
+    """A lease does not tell who writes to the files of these another way (FUSE_SUPER_MAGIC: see statfs(2))."""
     kept, duplicate = pair(service)
+    with service.traced("-etrace=fcntl", "-P" + kept, "-einject=fcntl:error=EINVAL:when=2"):
+        expect_refusal(service, kept, duplicate, errno.EOPNOTSUPP)
     with service.traced("-etrace=fstatfs", "-P" + service.tree, "-einject=fstatfs:poke_exit=@arg2=46557365"):
         expect_refusal(service, kept, duplicate, errno.EOPNOTSUPP)
         os.link(kept, kept + " too")

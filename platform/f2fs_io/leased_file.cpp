@@ -21,7 +21,9 @@ constexpr std::chrono::nanoseconds kTurn = 8ms;
 constexpr std::chrono::nanoseconds kLeastTurns = 50ms;
 
 int setLease(int file) {
-    return fcntl(file, F_SETLEASE, F_RDLCK) == 0 ? 0 : errno == EAGAIN ? EBUSY : errno;
+    if (fcntl(file, F_SETLEASE, F_RDLCK) == 0) return 0;
+    if (errno == EINVAL) return EOPNOTSUPP;  // the file system has none, or the machine
+    return errno == EAGAIN ? EBUSY : errno;
 }
 
 }  // namespace

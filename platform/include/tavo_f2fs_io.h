@@ -38,8 +38,8 @@ FileMD5Result computeFileMD5(const char* path, bool enableLog);
 ///   EMLINK      the kept file has as many links as the file system allows
 ///   EBUSY       one of them is open for writing, or was opened for writing meanwhile
 ///   ESTALE      one of them changed or was replaced meanwhile
-///   EOPNOTSUPP  the file system cannot exchange two names atomically, is in user space, or belongs
-///               to an overlay
+///   EOPNOTSUPP  the file system cannot exchange two names atomically, has no leases, is in user
+///               space, or belongs to an overlay
 ///   EEXIST      an interrupted call left the only copy of some other content behind; it is kept
 /// or an error of the system (ENOENT, EACCES, ENOSPC, ...).
 ///
