@@ -23,16 +23,19 @@ std::string exceptRulesPath() {
     return databaseRoot() + "RUXExceptRules.json";
 }
 
-std::set<std::pair<dev_t, ino_t>> databaseFiles() {
-    namespace fs = std::filesystem;
-    std::set<std::pair<dev_t, ino_t>> files;
+void addFiles(const std::string& directory, FileIds& files) {
     std::error_code none;
-    for (const fs::directory_entry& space : fs::directory_iterator(databaseRoot(), none)) {
-        for (const fs::directory_entry& file : fs::directory_iterator(space.path(), none)) {
-            struct stat st = {};
-            if (stat(file.path().c_str(), &st) == 0) files.emplace(st.st_dev, st.st_ino);
-        }
+    for (const auto& file : std::filesystem::directory_iterator(directory, none)) {
+        struct stat st = {};
+        if (stat(file.path().c_str(), &st) == 0) files.emplace(st.st_dev, st.st_ino);
     }
+}
+
+FileIds databaseFiles() {
+    FileIds files;
+    std::error_code none;
+    for (const auto& space : std::filesystem::directory_iterator(databaseRoot(), none))
+        addFiles(space.path(), files);
     return files;
 }
 

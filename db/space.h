@@ -19,9 +19,15 @@ std::string spaceDirectory(const std::string& spaceId);
 /// are never fingerprinted.
 std::string exceptRulesPath();
 
-/// The files in the spaces' directories, by device and inode. They are written in place, so none
-/// may become one with another file.
-std::set<std::pair<dev_t, ino_t>> databaseFiles();
+/// Files by device and inode, whatever their names.
+using FileIds = std::set<std::pair<dev_t, ino_t>>;
+
+/// Adds the files in a directory.
+void addFiles(const std::string& directory, FileIds& files);
+
+/// The files in all spaces' directories. They are written in place, so none may become one with
+/// another file.
+FileIds databaseFiles();
 
 /// Whether a database file can hold `path` and give back the same: whether it is valid UTF-8.
 bool isStorablePath(const std::string& path);

@@ -4,14 +4,12 @@
 /// that are no strings are left out.
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstdint>
 #include <optional>
-#include <set>
 #include <string>
-#include <utility>
 #include <vector>
+
+#include "db/space.h"
 
 namespace rux {
 
@@ -27,9 +25,9 @@ struct Reach {
     /// "min_size", "max_size", in bytes. Smaller and larger files are neither read nor recorded.
     uint64_t minBytes = 0;
     uint64_t maxBytes = UINT64_MAX;
-    /// Files that are left out whatever leads to them, by device and inode. No request has them:
-    /// the scan puts in the files of the database.
-    std::set<std::pair<dev_t, ino_t>> excluded;
+    /// Files that are left out whatever leads to them, if given. No request names them: the scan
+    /// gives those of the database.
+    const FileIds* excluded = nullptr;
 };
 
 /// What a request says about one space: an element of a scan's, a listing's or a restore's request.

@@ -39,8 +39,9 @@ std::string realPathOf(const std::string& path) {
 Entry::Kind kindOf(const struct stat& status, const Reach& reach) {
     if (S_ISDIR(status.st_mode)) return Entry::Kind::ClosedDirectory;
     const auto bytes = static_cast<uint64_t>(status.st_size);
-    const bool isInReach = bytes >= reach.minBytes && bytes <= reach.maxBytes &&
-                           !reach.excluded.contains({status.st_dev, status.st_ino});
+    const bool isExcluded =
+            reach.excluded != nullptr && reach.excluded->contains({status.st_dev, status.st_ino});
+    const bool isInReach = bytes >= reach.minBytes && bytes <= reach.maxBytes && !isExcluded;
     if (bytes != 0) return isInReach ? Entry::Kind::File : Entry::Kind::Skipped;
     return S_ISREG(status.st_mode) ? Entry::Kind::Empty : Entry::Kind::Device;
 }

@@ -26,7 +26,9 @@ void save(const std::string& SpaceID_DBPath) {
 
 /// Begins with a rule whose space is loaded.
 void begin(SpaceRule& rule, const std::string& SpaceID_DBPath, ScanState& state) {
-    rule.reach.excluded = databaseFiles();
+    if (state.databaseFiles.empty()) state.databaseFiles = databaseFiles();
+    addFiles(SpaceID_DBPath, state.databaseFiles);
+    rule.reach.excluded = &state.databaseFiles;
     state.known.reset();
     if (rule.refreshes) {
         DBReaderInit(SpaceID_DBPath, false, false, true, false);

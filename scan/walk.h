@@ -6,6 +6,7 @@
 #include <string>
 
 #include "db/known_paths.h"
+#include "db/space.h"
 #include "scan/digest_cache.h"
 #include "scan/fingerprint.h"
 #include "scan/pending_members.h"
@@ -16,6 +17,7 @@ namespace rux {
 struct ScanState {
     DigestCache digests;
     std::set<std::string> tidied;  // directories that stale temporary names were removed from
+    FileIds databaseFiles;
 
     // Of the current rule:
     std::optional<KnownPaths> known;  // when it refreshes the space
