@@ -354,7 +354,8 @@ class CommandLine {
 int main(int argc, char** argv) {
     int exit = ruxctl::kFailed;
     try {
-        return ruxctl::CommandLine().run(argc, argv);
+        exit = ruxctl::CommandLine().run(argc, argv);
+        if (!std::cout.flush()) throw ruxctl::Failure("standard output cannot be written");
     } catch (const ruxctl::Failure& failure) {
         exit = failure.exit;
         std::cout << std::flush;

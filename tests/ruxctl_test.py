@@ -504,6 +504,9 @@ def check_usage(service):
                       ("call", "1", "\udcff"), ("stop", "restore"), ("groups", "--top", "0"),
                       ("groups", "--json", "--csv")):
         client(*arguments, status=2)
+    with open("/dev/full", "w", encoding="ascii") as full:
+        run = subprocess.run([client.binary, "status"], env=client.environment, stdout=full, stderr=subprocess.PIPE, check=False)
+        assert run.returncode == 1 and b"standard output cannot be written" in run.stderr, run
     client("call", "1", status=1)
     assert "exception -4" in client.said, client.said
     client("call", "99", status=1)
