@@ -507,6 +507,11 @@ def check_usage(service):
     with open("/dev/full", "w", encoding="ascii") as full:
         run = subprocess.run([client.binary, "status"], env=client.environment, stdout=full, stderr=subprocess.PIPE, check=False)
         assert run.returncode == 1 and b"standard output cannot be written" in run.stderr, run
+    # No other file gets what is printed where there is no standard output.
+    client("setprop", "y", "before")
+    run = subprocess.run(["sh", "-c", 'exec "$0" getprop y <&- >&-', client.binary], env=client.environment, check=False)
+    client("setprop", "z", "after")
+    assert run.returncode == 1 and client("getprop", "z") == "after\n"
     client("call", "1", status=1)
     assert "exception -4" in client.said, client.said
     client("call", "99", status=1)

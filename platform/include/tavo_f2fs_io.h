@@ -51,5 +51,6 @@ int32_t createHardLink(const char* keptPath, const char* duplicatePath, bool ena
 ///
 /// 0 also when the file has only this one link. Otherwise nothing has changed; the codes are those
 /// of `createHardLink` where they apply (ELOOP, EINVAL, EBUSY, ESTALE, EOPNOTSUPP, EEXIST), EPERM
-/// where a copy would lack the encryption, the seal or a flag, or an error of the system (ENOSPC, ...).
+/// where a copy would lack the encryption, the seal or a flag, or an error of the system (ENOSPC,
+/// ...).
 int32_t restoreLinkFile(const char* path, bool enableLog);

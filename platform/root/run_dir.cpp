@@ -8,6 +8,17 @@
 #include <cstdlib>
 
 namespace android::host {
+namespace {
+
+/// Takes the standard descriptors that the program was started without. Else the next file that it
+/// opens, the properties' for one, would get what is printed or logged. Writing to these fails.
+[[gnu::constructor]] void takeStandardDescriptors() {
+    int file = 0;
+    while (file >= 0 && file <= STDERR_FILENO) file = open("/dev/null", O_RDONLY);
+    if (file > STDERR_FILENO) close(file);
+}
+
+}  // namespace
 
 std::string rootPrefix() {
     const char* value = getenv("RUX_ROOT");
