@@ -248,6 +248,19 @@ def check_what_a_kill_left_is_tidied_up_wherever_it_works_next(service):
     assert read(alone) == "the only name"
 
 
+def check_a_log_that_nobody_reads(service):
+    pipe = service.base + "/pipe"
+    os.mkfifo(pipe)
+    reader = os.open(pipe, os.O_RDONLY | os.O_NONBLOCK)
+    service.kill()
+    service.start("sh", "-c", 'exec "$1" 2>"$0"', pipe)
+    os.close(reader)
+    service.write("empty", "")  # has a line
+    path = service.write("a", "alone")
+    service.scan()
+    assert list(service.database(RECORDS)) == [path]
+
+
 def check_the_database_is_no_part_of_a_tree(service):
     """Its files are written in place: of two with the same content none may become a name of the other."""
     spaces, path = service.root + "/data", service.write("a", "alone")
@@ -307,7 +320,9 @@ def check_the_user_of_a_device(service):
     hidden = service.write("shared/hidden", "shared")
     os.chmod(hidden, 0)
     start_with("chown", "fowner", "fsetid", "lease")
+    service.set_property("made by", "root")
     service.scan()
+    assert service.property("sys.ruxservice.stop_scan") == "false"
     assert service.logged("[RUX-NATIVE:opendir] The directory cannot be opened.") == 1, "private"
     assert service.logged("cal md5 error code != 0, continue") == 1, "hidden"
     assert service.compress() == "1,6"
@@ -316,6 +331,9 @@ def check_the_user_of_a_device(service):
     assert service.call(RESTORE, service.rule(regs=[".*shared.*"], dirs=[])) == 6 and links("shared/1") == 1
     assert stat.S_ISREG(os.stat(f"{service.tree}/shared/2").st_mode) and os.stat(f"{service.tree}/shared/2").st_uid == 10023
     service.kill()
+    without_threads = subprocess.run([*user, "prlimit", "--nproc=1", service.binary], env={**os.environ, "RUX_ROOT": service.root},
+                                     capture_output=True, text=True, check=False)
+    assert SLOW or without_threads.returncode == 255 and "Couldn't register" in without_threads.stderr, without_threads
 
     os.remove(hidden)
     start_with("chown", "dac_override", "dac_read_search", "fowner", "fsetid", "lease")

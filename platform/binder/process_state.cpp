@@ -3,6 +3,7 @@
 #include <malloc.h>
 
 #include <csignal>
+#include <system_error>
 #include <thread>
 
 #include "binder/IPCThreadState.h"
@@ -28,8 +29,11 @@ void ProcessState::startThreadPool() {
     // each thread, memory that is free in one would be of no use to the others.
     mallopt(M_ARENA_MAX, 1);
     signal(SIGXFSZ, SIG_IGN);  // a limit on file size fails the write, not the process
-    for (size_t i = 0; i < mMaxThreads; ++i) {
-        std::thread([] { IPCThreadState::self()->joinThreadPool(false); }).detach();
+    signal(SIGPIPE, SIG_IGN);  // nor does a log that nobody reads any more
+    try {
+        for (size_t i = 0; i < mMaxThreads; ++i)
+            std::thread([] { IPCThreadState::self()->joinThreadPool(false); }).detach();
+    } catch (const std::system_error&) {  // the threads that there are serve, the main one at least
     }
 }
 

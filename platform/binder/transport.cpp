@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <system_error>
 #include <thread>
 
 namespace android::host {
@@ -78,10 +79,12 @@ status_t Transport::listen(base::unique_fd listener, const sp<IBinder>& target) 
     event.data.u64 = kListenerBit | mListeners.size();
     if (epoll_ctl(mEpoll.get(), EPOLL_CTL_ADD, listener.get(), &event) != 0) return -errno;
     mListeners.push_back(std::make_unique<Listener>(Listener{std::move(listener), target}));
-    if (!mRunning) {
-        mRunning = true;
-        std::thread(&Transport::run, this).detach();
+    try {
+        if (!mRunning) std::thread(&Transport::run, this).detach();
+    } catch (const std::system_error& none) {
+        return -none.code().value();
     }
+    mRunning = true;
     return OK;
 }
 

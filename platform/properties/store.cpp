@@ -94,6 +94,8 @@ PropertyStore::Area* PropertyStore::area(bool create) {
     const int directory = openPrivateDirectory(mDirectory, create);
     if (directory < 0) return nullptr;
     const int flags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | (create ? O_CREAT : 0);
+    struct stat owner = {};
+    fstat(directory, &owner);
     const int file = openat(directory, "properties", flags, 0600);
     close(directory);
     if (file < 0) return nullptr;
@@ -102,8 +104,10 @@ PropertyStore::Area* PropertyStore::area(bool create) {
     {
         const FileLock fileLock(file);
         // With its blocks: to touch a mapped page that the disk has no room for ends the process.
+        // The service's user must have it, even where root's client is the first to need it.
         if (fstat(file, &st) == 0 && st.st_size == 0 && create &&
-            posix_fallocate(file, 0, sizeof(Area)) == 0) {
+            posix_fallocate(file, 0, sizeof(Area)) == 0 &&
+            (geteuid() != 0 || fchown(file, owner.st_uid, owner.st_gid) == 0)) {
             fstat(file, &st);
         }
     }
