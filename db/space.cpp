@@ -34,6 +34,7 @@ void addFiles(const std::string& directory, FileIds& files) {
 FileIds databaseFiles() {
     FileIds files;
     std::error_code none;
+    addFiles(databaseRoot(), files);
     for (const auto& space : std::filesystem::directory_iterator(databaseRoot(), none))
         addFiles(space.path(), files);
     return files;

@@ -22,11 +22,10 @@ std::string exceptRulesPath();
 /// Files by device and inode, whatever their names.
 using FileIds = std::set<std::pair<dev_t, ino_t>>;
 
-/// Adds the files in a directory.
+/// Adds what is in a directory.
 void addFiles(const std::string& directory, FileIds& files);
 
-/// The files in all spaces' directories. They are written in place, so none may become one with
-/// another file.
+/// The files of the database. They are written in place, so none may become one with another file.
 FileIds databaseFiles();
 
 /// Whether a database file can hold `path` and give back the same: whether it is valid UTF-8.
