@@ -13,6 +13,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <iterator>
 #include <memory>
@@ -39,11 +40,20 @@ bool hasCapability(unsigned capability) {
            (sets[CAP_TO_INDEX(capability)].effective & CAP_TO_MASK(capability)) != 0;
 }
 
-/// Whether this process may give a file of its own an extended attribute of that name. SELinux has
-/// its own rules for labels, where it is in use.
+/// Whether SELinux is in use, which has its own rules for labels: a process has one, "a:b:c" at
+/// least, then (see proc_pid_attr(5)).
+bool hasLabels() {
+    static const bool has = [] {
+        std::string label;
+        std::ifstream("/proc/self/attr/current") >> label;
+        return std::count(label.begin(), label.end(), ':') >= 2;
+    }();
+    return has;
+}
+
+/// Whether this process may give a file of its own an extended attribute of that name.
 bool mayBeWritten(const std::string& name) {
-    static const bool hasLabels = access("/sys/fs/selinux/enforce", F_OK) == 0;
-    if (!name.starts_with("security.") || (hasLabels && name == "security.selinux")) return true;
+    if (!name.starts_with("security.") || (name == "security.selinux" && hasLabels())) return true;
     return hasCapability(name == "security.capability" ? CAP_SETFCAP : CAP_SYS_ADMIN);
 }
 
