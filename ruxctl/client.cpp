@@ -36,6 +36,13 @@ std::optional<Client> Client::connect() {
     return Client(service);
 }
 
+std::string Client::asSeen(const std::string& path) const {
+    pid_t process = 0;
+    return mService->getDebugPid(&process) == OK && process > 0
+                   ? "/proc/" + std::to_string(process) + "/root" + path
+                   : path;
+}
+
 int64_t Client::counter(const char* file, const std::string& word) const {
     pid_t process = 0;
     if (mService->getDebugPid(&process) != OK) return 0;

@@ -39,6 +39,7 @@ struct ScanOptions {
     bool fresh = false;         ///< finds all files anew
     bool force = false;         ///< even where that may lose the undo of links
     bool progress = true;
+    bool links = false;    ///< what is found is to be linked at once
     bool verbose = false;  ///< names what is left out
     bool quiet = false;    ///< keeps standard output for what comes after
 };

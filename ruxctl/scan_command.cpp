@@ -1,3 +1,4 @@
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -72,6 +73,23 @@ SpaceQuery queryOf(const ScanOptions& options) {
     requireSpaces({query.spaceId});
     query.places = recordedPaths(query.spaceId);
     return query;
+}
+
+/// Throws a Failure where the service sees something else than this program, or may change nothing
+/// where this program could.
+void requireSight(const Client& client, const std::string& place, bool writes) {
+    struct stat own = {};
+    struct stat seen = {};
+    const std::string there = client.asSeen(place);
+    const int error = stat(there.c_str(), &seen) == 0 ? 0 : errno;
+    if (stat(place.c_str(), &own) != 0 || (error != 0 && error != ENOENT)) return;
+    if (error != 0 || own.st_dev != seen.st_dev || own.st_ino != seen.st_ino)
+        throw Failure("the service does not see " + place +
+                      ": `systemctl cat rux` has what it sees");
+    if (writes && access(place.c_str(), W_OK) == 0 && access(there.c_str(), W_OK) != 0 &&
+        errno == EROFS)
+        throw Failure("the service may change nothing in " + place +
+                      "; to let it: `systemctl edit rux`, [Service] ReadWritePaths=" + place);
 }
 
 /// Linked files that such a scan would not find again.
@@ -209,6 +227,8 @@ std::string spaceFor(const ScanOptions& options) {
 int scan(const ScanOptions& options) {
     const SpaceQuery query = queryOf(options);
     const Client client = service();
+    for (const std::string& place : options.query.places)
+        requireSight(client, absolutePath(place), options.links);
     if (options.fresh && exists(query.spaceId)) beginAfresh(client, query, options);
     const int64_t before = recordCount(query.spaceId);
     const bool areRecorded = options.query.places.empty() && options.listFile.empty();
@@ -242,6 +262,7 @@ int dedupe(ScanOptions options, CompressOptions then) {
     if (options.query.places.empty()) throw Failure("DIR or --files-from is required", kUsage);
     options.query.spaceId = spaceFor(options);
     options.quiet = true;
+    options.links = !then.dryRun;
     if (const int exit = scan(options); exit != kDone) return exit;
     then.spaceIds = {options.query.spaceId};
     return compress(then);

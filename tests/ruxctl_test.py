@@ -19,7 +19,7 @@ import subprocess
 import sys
 import time
 
-from support.service import LIST, SCAN, TOKEN, checks, string16
+from support.service import LIST, SCAN, TOKEN, checks, for_root, string16
 
 COLOUR = re.compile(r"\x1b\[\d+m")
 
@@ -496,6 +496,22 @@ def check_messages(service):
     assert re.fullmatch(r"ruxctl \d+\.\d+\.\d+\n", client("--version"))
     for command in ("dedupe", "scan", "list", "groups", "compress", "restore", "forget", "except", "stop", "call"):
         assert "Examples:\n  ruxctl " + command in client(command, "--help"), command
+
+
+@for_root
+def check_what_the_unit_of_the_service_hides(service):
+    client = Client(service)
+    for name in ("hidden/a", "fixed/a", "fixed/b"):
+        service.write(name, "same")
+    hidden, fixed = service.tree + "/hidden", service.tree + "/fixed"
+    service.kill()
+    service.start("unshare", "-m", "sh", "-c", f"mount -t tmpfs none {hidden} && mount --bind {fixed} {fixed} &&"
+                  f"mount -o remount,bind,ro {fixed} && exec $0")
+    client("scan", "--space", "s", hidden, status=1)
+    assert "does not see " + hidden in client.said, client.said
+    assert "1 file can become a link" in client("dedupe", "--dry-run", fixed)
+    client("dedupe", "--yes", fixed, status=1)
+    assert "ReadWritePaths=" + fixed in client.said, client.said
 
 
 def check_usage(service):
