@@ -1,4 +1,3 @@
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -78,12 +77,9 @@ SpaceQuery queryOf(const ScanOptions& options) {
 /// Throws a Failure where the service sees something else than this program, or may change nothing
 /// where this program could.
 void requireSight(const Client& client, const std::string& place, bool writes) {
-    struct stat own = {};
-    struct stat seen = {};
     const std::string there = client.asSeen(place);
-    const int error = stat(there.c_str(), &seen) == 0 ? 0 : errno;
-    if (stat(place.c_str(), &own) != 0 || (error != 0 && error != ENOENT)) return;
-    if (error != 0 || own.st_dev != seen.st_dev || own.st_ino != seen.st_ino)
+    std::error_code unknown;
+    if (!fs::equivalent(place, there, unknown) && !unknown)
         throw Failure("the service does not see " + place +
                       ": `systemctl cat rux` has what it sees");
     if (writes && access(place.c_str(), W_OK) == 0 && access(there.c_str(), W_OK) != 0 &&
