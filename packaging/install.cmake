@@ -30,7 +30,8 @@ install(FILES packaging/ruxctl.bash RENAME ruxctl
 install(FILES packaging/_ruxctl DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
 install(FILES ${units} packaging/rux-dedupe@.timer DESTINATION lib/systemd/system)
 install(FILES packaging/rux.sysusers RENAME rux.conf DESTINATION lib/sysusers.d)
-install(FILES README.md LICENSE packaging/containers.rules docs/safety.md docs/decisions.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES README.md LICENSE docs/safety.md docs/decisions.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES packaging/exceptions.rules DESTINATION ${CMAKE_INSTALL_DATADIR}/rux)
 if(RUX_DEFAULT_ROOT)
     install(FILES packaging/sample.conf DESTINATION /etc/rux)
     # The directory that the service never makes itself, and the way to the sockets in /run.

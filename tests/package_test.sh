@@ -65,13 +65,17 @@ diff <(in_root dpkg -L rux | while read -r path; do [ -d "$root$path" ] || echo 
 /usr/share/bash-completion/completions/ruxctl
 /usr/share/doc/rux/LICENSE
 /usr/share/doc/rux/README.md
-/usr/share/doc/rux/containers.rules
 /usr/share/doc/rux/decisions.md
 /usr/share/doc/rux/safety.md
 /usr/share/man/man1/ruxctl.1
 /usr/share/man/man8/rux.8
+/usr/share/rux/exceptions.rules
 /usr/share/zsh/vendor-completions/_ruxctl
 END
+rules=$root/var/lib/rux/data/local/zel/RUXExceptRules.json
+python3 -c 'import json, sys; print(*json.load(sys.stdin), sep="\n")' <"$rules" |
+    diff - <(grep -v '^#' "$root/usr/share/rux/exceptions.rules") || fail "the exceptions are not set"
+echo '["a rule of one'"'"'s own"]' >"$rules"
 [ "$(stat -c %a "$root/var/lib/rux")" = 700 ] || fail "the databases are open to others"
 [ "$(readlink "$root/var/lib/rux/run")" = /run ] || fail "the sockets are not in /run"
 in_root id -u rux >/dev/null || fail "there is no user for it"
@@ -103,6 +107,7 @@ DIRECTORIES=$base/tree OPTIONS=--yes sh -c "$root$(sed -n 's/^ExecStart=//p' "$u
 grep -qa /var/lib/rux "$root/usr/bin/ruxctl" || fail "the default root is not built in"
 
 [ "$(install_package)" = "try-restart rux.service" ] || fail "an upgrade does not replace the program that runs"
+grep -q own "$rules" || fail "an upgrade sets the exceptions again"
 in_root systemctl.real --root=/ disable rux.service 2>/dev/null
 [ "$(install_package)" = "try-restart rux.service" ] || fail "an upgrade starts what is disabled"
 ! is_enabled || fail "an upgrade enables what is disabled"
