@@ -267,11 +267,12 @@ def check_the_database_is_no_part_of_a_tree(service):
     service.call(EXCEPT, '["never"]')
     service.scan()
     os.symlink(spaces, service.tree + "/spaces")
+    rules = [json.loads(service.rule(space, dirs=[service.tree, spaces, f"{service.space}/{MODIFIED}"]))[0] for space in "tu"]
     for _ in range(2):
-        service.call(SCAN, service.rule("t", dirs=[service.tree, spaces, f"{service.space}/{MODIFIED}"]))
-        service.call(COMPRESS, '["t"]')
-    with open(f"{service.space}/../t/{RECORDS}", encoding="ascii") as records:
-        assert list(json.load(records)) == [path]
+        service.call(SCAN, json.dumps(rules))
+        service.call(COMPRESS, '["t", "u"]')
+    for space in "tu":
+        assert list(json.loads(read(f"{service.space}/../{space}/{RECORDS}"))) == [path]
     assert service.database(MODIFIED) == {} and os.stat(f"{service.space}/{MODIFIED}").st_nlink == 1
 
 
