@@ -36,11 +36,10 @@ std::optional<Client> Client::connect() {
     return Client(service);
 }
 
-std::string Client::asSeen(const std::string& path) const {
+std::string Client::root() const {
     pid_t process = 0;
-    return mService->getDebugPid(&process) == OK && process > 0
-                   ? "/proc/" + std::to_string(process) + "/root" + path
-                   : path;
+    const bool isKnown = mService->getDebugPid(&process) == OK && process > 0;
+    return isKnown ? "/proc/" + std::to_string(process) + "/root" : "";
 }
 
 int64_t Client::counter(const char* file, const std::string& word) const {

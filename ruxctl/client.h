@@ -58,9 +58,9 @@ class Client {
     /// io); 0 when the system does not say.
     int64_t bytesMoved(const char* way) const { return counter("io", way); }
 
-    /// Where this program finds what the service sees at an absolute path: its unit may hide some
-    /// and show some read-only (proc(5), root).
-    std::string asSeen(const std::string& path) const;
+    /// Where this program finds the root that the service sees: its unit may hide some of it, and
+    /// show some read-only (proc(5), root). Empty, the own one, when the system does not say.
+    std::string root() const;
 
     /// Sends `parcel` as it is, and waits for the answer.
     void send(uint32_t code, const android::Parcel& parcel, Answer* answer) const;

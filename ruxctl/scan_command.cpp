@@ -74,10 +74,10 @@ SpaceQuery queryOf(const ScanOptions& options) {
     return query;
 }
 
-/// Throws a Failure where the service sees something else than this program, or may change nothing
-/// where this program could.
-void requireSight(const Client& client, const std::string& place, bool writes) {
-    const std::string there = client.asSeen(place);
+/// Throws a Failure where the service, with the root `root`, sees something else than this program,
+/// or may change nothing where this program could.
+void requireSight(const std::string& root, const std::string& place, bool writes) {
+    const std::string there = root + place;
     std::error_code unknown;
     if (!fs::equivalent(place, there, unknown) && !unknown)
         throw Failure("the service does not see " + place +
@@ -223,8 +223,9 @@ std::string spaceFor(const ScanOptions& options) {
 int scan(const ScanOptions& options) {
     const SpaceQuery query = queryOf(options);
     const Client client = service();
+    const std::string root = client.root();
     for (const std::string& place : options.query.places)
-        requireSight(client, absolutePath(place), options.links);
+        requireSight(root, absolutePath(place), options.links);
     if (options.fresh && exists(query.spaceId)) beginAfresh(client, query, options);
     const int64_t before = recordCount(query.spaceId);
     const bool areRecorded = options.query.places.empty() && options.listFile.empty();
