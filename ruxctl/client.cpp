@@ -36,16 +36,14 @@ std::optional<Client> Client::connect() {
     return Client(service);
 }
 
-std::string Client::root() const {
+std::string Client::processFile(const char* name) const {
     pid_t process = 0;
     const bool isKnown = mService->getDebugPid(&process) == OK && process > 0;
-    return isKnown ? "/proc/" + std::to_string(process) + "/root" : "";
+    return isKnown ? "/proc/" + std::to_string(process) + "/" + name : "";
 }
 
 int64_t Client::counter(const char* file, const std::string& word) const {
-    pid_t process = 0;
-    if (mService->getDebugPid(&process) != OK) return 0;
-    std::ifstream lines("/proc/" + std::to_string(process) + "/" + file);
+    std::ifstream lines(processFile(file));
     int64_t number = 0;
     for (std::string found; lines >> found;) {
         if (found == word && lines >> number) return number;

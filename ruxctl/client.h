@@ -60,7 +60,7 @@ class Client {
 
     /// Where this program finds the root that the service sees: its unit may hide some of it, and
     /// show some read-only (proc(5), root). Empty, the own one, when the system does not say.
-    std::string root() const;
+    std::string root() const { return processFile("root"); }
 
     /// Sends `parcel` as it is, and waits for the answer.
     void send(uint32_t code, const android::Parcel& parcel, Answer* answer) const;
@@ -73,7 +73,10 @@ class Client {
   private:
     explicit Client(android::sp<android::IBinder> service) : mService(std::move(service)) {}
 
-    /// What a file in the service's directory below /proc has behind a word.
+    /// The path of a file in the service's directory below /proc; empty when the system does not
+    /// say which that is.
+    std::string processFile(const char* name) const;
+    /// What such a file has behind a word.
     int64_t counter(const char* file, const std::string& word) const;
 
     android::sp<android::IBinder> mService;
