@@ -26,6 +26,7 @@ namespace fs = std::filesystem;
 // One of each record and of each group. Quotes inside of strings are escaped, so in the text these
 // stand for members alone, and counting them needs no parser.
 constexpr std::string_view kDigestMember = "\"is_md5\":";
+constexpr std::string_view kUnread = "\"is_md5\":0";
 constexpr std::string_view kListMember = "\"f_list\":";
 constexpr std::string_view kRestored = "\"r_flag\":1";
 
@@ -161,6 +162,10 @@ int64_t recordCount(const std::string& spaceId) {
 
 int64_t setAsideCount(const std::string& spaceId) {
     return countOf(SpaceTexts(spaceId, {kModified})[kModified], kRestored);
+}
+
+int64_t unreadCount(const SpaceTexts& texts) {
+    return countOf(texts[kRecords], kUnread);
 }
 
 std::vector<std::string> recordedPaths(const std::string& spaceId) {

@@ -65,6 +65,9 @@ class SpaceTexts {
     std::array<std::string, kModified + 1> mTexts;
 };
 
+/// How many of the records are of files that were not read, so that no digest of them is known.
+int64_t unreadCount(const SpaceTexts& texts);
+
 /// Makes the next scan of the space find everything anew. What links there are stays known, unless
 /// `links` are to be forgotten too. No operation may be running. False with errno set when a file
 /// cannot be removed.

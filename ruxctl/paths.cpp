@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <regex>
 #include <string_view>
 #include <system_error>
 
@@ -47,9 +48,11 @@ std::vector<std::vector<std::string>> portionsOf(const std::vector<std::string>&
 }
 
 PathPatterns::PathPatterns(const std::vector<std::string>& patterns, bool tells) {
+    std::vector<std::string> valid;
     for (const std::string& pattern : patterns) {
         try {
-            mPatterns.emplace_back(pattern);
+            const rux::Expression isValid(pattern);
+            valid.push_back(pattern);
         } catch (const std::regex_error& error) {
             if (!tells) continue;
             const bool isGlob = pattern.starts_with('*') || pattern.starts_with('?');
@@ -60,11 +63,12 @@ PathPatterns::PathPatterns(const std::vector<std::string>& patterns, bool tells)
                           kUsage);
         }
     }
+    mPatterns = rux::PatternList(valid);
 }
 
 bool PathPatterns::match(const std::string& path) const {
-    return std::any_of(mPatterns.begin(), mPatterns.end(),
-                       [&path](const std::regex& it) { return std::regex_match(path, it); });
+    std::vector<const std::string*> tooLong;
+    return mPatterns.matches(path, tooLong);
 }
 
 std::string escaped(const std::string& text) {

@@ -2,11 +2,12 @@
 #pragma once
 
 #include <functional>
-#include <regex>
 #include <set>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "request/patterns.h"
 
 namespace ruxctl {
 
@@ -22,7 +23,7 @@ bool isBelow(std::string_view path, const Places& places);
 /// The places in portions that a request can hold.
 std::vector<std::vector<std::string>> portionsOf(const std::vector<std::string>& places);
 
-/// Regular expressions (ECMAScript) of whole paths.
+/// Regular expressions (ECMAScript) of whole paths, matched as the service does it.
 class PathPatterns {
   public:
     /// Throws a Failure for the first that is no regular expression; where nobody can be told, such
@@ -33,7 +34,7 @@ class PathPatterns {
     bool empty() const { return mPatterns.empty(); }
 
   private:
-    std::vector<std::regex> mPatterns;
+    rux::PatternList mPatterns;
 };
 
 /// The patterns that match all: ".*" is quick to decide, but leaves out names with line breaks.

@@ -173,18 +173,20 @@ Outcome scanPortions(const Client& client, SpaceQuery query, const ScanOptions& 
     return outcome;
 }
 
+/// Says how many there are. True when each is to be named.
+bool begin(size_t count, const char* noun, const char* what, bool verbose) {
+    if (count > 0) {
+        std::cerr << counted(static_cast<int64_t>(count), noun) << what
+                  << (verbose ? ":\n" : " (--verbose says which)\n");
+    }
+    return verbose;
+}
+
 void sayWhatIsLeftOut(const TreeCount& tree, bool verbose) {
-    const auto say = [verbose](size_t count, const char* noun, const char* what) {
-        if (count > 0) {
-            std::cerr << counted(static_cast<int64_t>(count), noun) << what
-                      << (verbose ? ":\n" : " (--verbose says which)\n");
-        }
-        return verbose;
-    };
-    if (say(tree.unfollowed().size(), "symbolic link", " not followed")) {
+    if (begin(tree.unfollowed().size(), "symbolic link", " not followed", verbose)) {
         for (const std::string& path : tree.unfollowed()) std::cerr << "  " << shown(path) << "\n";
     }
-    if (say(tree.leftOut().size(), "name", " left out")) {
+    if (begin(tree.leftOut().size(), "name", " left out", verbose)) {
         for (const auto& [path, reason] : tree.leftOut())
             std::cerr << "  " << shown(path) << ": " << reason << "\n";
     }
@@ -194,6 +196,21 @@ void sayWhatIsLeftOut(const TreeCount& tree, bool verbose) {
         std::cerr << "Warning: " << counted(tree.outside(), "file")
                   << " outside of the directories, where symbolic links lead\n";
     }
+}
+
+/// Says which of the recorded files the scan has not read.
+void sayWhatIsUnread(const std::string& spaceId, bool verbose) {
+    const SpaceTexts texts(spaceId, {kRecords});
+    const PathPatterns rules(exceptionRules(), false);
+    if (!begin(unreadCount(texts), "file",
+               rules.empty() ? " could not be read" : " left out by exceptions, or unreadable",
+               verbose))
+        return;
+    texts.forEach(kRecords, [&rules](const std::string& path, const Json::Value& record) {
+        if (record["is_md5"] != 0) return;
+        std::cerr << "  " << shown(path) << ": "
+                  << (rules.match(path) ? "matches an exception" : "could not be read") << "\n";
+    });
 }
 
 /// Throws a Failure when the service has not made the space.
@@ -248,6 +265,7 @@ int scan(const ScanOptions& options) {
         tree->finish();
         sayWhatIsLeftOut(*tree, options.verbose);
     }
+    sayWhatIsUnread(query.spaceId, options.verbose);
     if (after == 0) sayWhatPatternsAre(options.query.patterns);
     if (!options.quiet) sayWhatIsSetAside({query.spaceId});
     return kDone;

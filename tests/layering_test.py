@@ -2,8 +2,8 @@
 """Who may include what.
 
 The service knows the platform by its public headers alone, operations know nothing of each other, the client knows
-of the service how its database files lie on disk and of the platform what linking asks beforehand and where its
-sockets are, and the platform knows nothing of it but where.
+of the service how patterns match and how its database files lie on disk, and of the platform what linking asks
+beforehand and where its sockets are, and the platform knows nothing of it but where.
 
 usage: layering_test.py SOURCE_DIR
 """
@@ -19,7 +19,7 @@ MAY_INCLUDE = {  # what the quoted includes of a folder's sources start with, be
     "control": (EXTENSIONS,), "db": ("control/", EXTENSIONS), "request": ("db/", "control/"),
     "scan": SHARED, "dup": SHARED, "compress": SHARED,
     "service": ("scan/", "dup/", "compress/", *SHARED), "platform": PLATFORM,
-    "ruxctl": ("db/database_root.h", "db/files.h", "db/journal.h", "f2fs_io/hard_link.h", "root/run_dir.h")}
+    "ruxctl": ("request/patterns.h", "db/database_root.h", "db/files.h", "db/journal.h", "f2fs_io/hard_link.h", "root/run_dir.h")}
 
 
 def main():

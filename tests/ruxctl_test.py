@@ -392,7 +392,10 @@ def check_exceptions(service):
     assert "2 files recorded in s match and would still be linked" in client.said, client.said
     (advice,) = re.findall("ruxctl (scan --space s)$", client.said, re.M)
     client(*advice.split())
+    assert "2 files left out by exceptions, or unreadable (--verbose says which)" in client.said, client.said
     assert "/a0" not in client("groups", "--space", "s", "--all")
+    client("dedupe", "--dry-run", "--verbose", service.tree)
+    assert f"  {service.tree}/a1: matches an exception\n" in client.said and "/alone: " not in client.said, client.said
 
 
 def check_refusals_and_interrupts(service):
