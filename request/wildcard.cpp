@@ -77,10 +77,9 @@ std::optional<Wildcard> Wildcard::of(std::string_view pattern) {
 }
 
 bool Wildcard::matches(std::string_view text) const {
-    // The dot matches no line terminator, and no literal is one.
-    if (text.find_first_of("\r\n") != std::string_view::npos) return false;
     for (const Pieces& pieces : mAlternatives) {
-        if (matches(pieces, text)) return true;
+        // The dot matches no line terminator, and no literal is one.
+        if (matches(pieces, text)) return text.find_first_of("\r\n") == std::string_view::npos;
     }
     return false;
 }

@@ -86,9 +86,9 @@ void describe(const std::vector<Group>& groups, const CompressOptions& options) 
     if (const int64_t skipped = count(groups, Step::Skip); skipped > 0)
         std::cerr << counted(skipped, "file") << " will be left alone; --dry-run says why\n";
     describeRest(groups, options);
-    std::cerr << "Linked files are one file: what is written to one in place, and a change of its "
-                 "owner or mode,\nis there under all of its names. All names get the kept file's "
-                 "times.\n";
+    std::cerr << "Linked files are one file: what is written to one in place, as many editors do, "
+                 "and a change of its\nowner or mode, is there under all of its names. All names "
+                 "get the kept file's times.\n";
 }
 
 /// How far a compression of `expected` links is.
