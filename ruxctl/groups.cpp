@@ -1,6 +1,12 @@
 #include "ruxctl/groups.h"
 
+#include <fcntl.h>
+#include <linux/fiemap.h>
+#include <linux/fs.h>
+#include <linux/magic.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 
 #include <algorithm>
 #include <atomic>
@@ -11,6 +17,7 @@
 #include <set>
 #include <thread>
 
+#include "android-base/unique_fd.h"
 #include "f2fs_io/hard_link.h"
 #include "ruxctl/database.h"
 
@@ -19,6 +26,33 @@ namespace {
 
 FileId idOf(const struct stat& st) {
     return {st.st_dev, st.st_ino};
+}
+
+/// The bytes of blocks that the file has alone. File systems that copy on write may have given some
+/// to other files and to snapshots too (Documentation/filesystems/fiemap.rst of the kernel).
+int64_t ownBytes(const std::string& path, const struct stat& st) {
+    constexpr uint32_t kExtents = 100;
+    const int64_t bytes = int64_t{st.st_blocks} * 512;
+    struct statfs disk = {};
+    if (!S_ISREG(st.st_mode) || statfs(path.c_str(), &disk) != 0 ||
+        (disk.f_type != BTRFS_SUPER_MAGIC && disk.f_type != XFS_SUPER_MAGIC))
+        return bytes;
+    const android::base::unique_fd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    int64_t shared = 0;
+    alignas(fiemap) char room[sizeof(fiemap) + kExtents * sizeof(fiemap_extent)];
+    auto* const map = new (room) fiemap{};
+    do {
+        map->fm_length = FIEMAP_MAX_OFFSET - map->fm_start;
+        map->fm_extent_count = kExtents;
+        if (ioctl(file.get(), FS_IOC_FIEMAP, map) != 0) break;
+        for (uint32_t i = 0; i < map->fm_mapped_extents; ++i) {
+            const fiemap_extent& extent = map->fm_extents[i];
+            if ((extent.fe_flags & FIEMAP_EXTENT_SHARED) != 0)
+                shared += static_cast<int64_t>(extent.fe_length);
+            map->fm_start = extent.fe_logical + extent.fe_length;
+        }
+    } while (map->fm_mapped_extents == kExtents);
+    return std::max<int64_t>(0, bytes - shared);
 }
 
 /// Finds the directories of paths, each once.
@@ -52,7 +86,7 @@ void lookAt(Member& member, int64_t fileBytes, Directories& directories) {
     member.rights =
             std::hash<std::string_view>()({reinterpret_cast<const char*>(rights), sizeof(rights)});
     member.links = static_cast<int64_t>(st.st_nlink);
-    member.allocated = int64_t{st.st_blocks} * 512;
+    member.allocated = ownBytes(member.path, st);
 }
 
 /// Tells files of one's own from links, and what the links of a group that has been linked have
@@ -414,7 +448,7 @@ int64_t checkRestored(const std::vector<Group>& groups, std::vector<std::string>
         struct stat st = {};
         if (lstat(member->path.c_str(), &st) != 0) continue;
         if (idOf(st) != member->file) {
-            bytes += int64_t{st.st_blocks} * 512;
+            bytes += ownBytes(member->path, st);
         } else if (st.st_nlink > 1) {
             left->push_back(member->path);
         }

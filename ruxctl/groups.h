@@ -47,7 +47,7 @@ struct Member {
     FileId directory;            ///< likewise
     uint64_t rights = 0;         ///< of two files with the same, one can be kept for the other
     int64_t links = 0;           ///< names that the file has
-    int64_t allocated = 0;       ///< bytes of its blocks (stat(2), st_blocks)
+    int64_t allocated = 0;       ///< bytes of the blocks that no other file has too
 
     bool isPresent() const { return state == State::There || state == State::Linked; }
     /// As long as the member lives.

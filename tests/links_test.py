@@ -10,6 +10,7 @@ import ctypes
 import errno
 import fcntl
 import itertools
+import json
 import os
 import random
 import re
@@ -236,6 +237,27 @@ def check_the_project_that_a_quota_counts_a_file_for(service):
         expect_refusal(service, a, other, errno.EBADE)
         assert link(service, a, b) == 0 and restore(service, b) == 0
         assert [project(path) for path in (a, b, other)] == [7, 7, 8]
+
+
+@for_root
+def check_what_copies_without_data_of_their_own_give_back(service):
+    """The client's figures are what the disk says."""
+    with file_system(service, "mkfs.xfs -q", "300M") as disk:
+        if not disk:
+            return
+
+        def figure(command, key):
+            free = os.statvfs(disk).f_bfree
+            run = subprocess.run([service.ruxctl, command, "--yes", "--json", disk], env={**os.environ, "RUX_ROOT": service.root},
+                                 capture_output=True, check=True)
+            bytes_ = json.loads(run.stdout)[key]
+            wait_for(lambda: (os.statvfs(disk).f_bfree - free) * os.statvfs(disk).f_bsize == bytes_)  # the disk frees them later
+            return bytes_
+
+        service.write("disk/a", ("x" * 8192 + "\0" * 8192) * 300)  # in more pieces than are asked for at once
+        assert shell(f"cp --reflink=always {disk}/a {disk}/b", f"cp --reflink=never --sparse=always {disk}/a {disk}/c", "sync")
+        assert figure("dedupe", "freed_bytes") in range(300 * 8192, 310 * 8192)
+        assert figure("restore", "bytes") == 0
 
 
 @natively
