@@ -207,7 +207,7 @@ void sayWhatIsUnread(const std::string& spaceId, bool verbose) {
                verbose))
         return;
     texts.forEach(kRecords, [&rules](const std::string& path, const Json::Value& record) {
-        if (record["is_md5"] != 0) return;
+        if (!record.isObject() || record["is_md5"] != 0) return;
         std::cerr << "  " << shown(path) << ": "
                   << (rules.match(path) ? "matches an exception" : "could not be read") << "\n";
     });
