@@ -5,6 +5,7 @@
 #include <future>
 #include <map>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "control/busy.h"
@@ -72,13 +73,16 @@ Block beginBlock(const std::vector<std::string>& digests, size_t first) {
     Block block;
     if (restoreLinkFiles == nullptr) return {digests.size(), {}};
     std::vector<std::vector<std::string>> parts(std::min(processors(), kMostThreads));
+    std::unordered_set<std::string> taken;  // no two threads restore the same file
     size_t count = 0;
     for (block.end = first; block.end < digests.size() && count < kBlock; ++block.end) {
         const Json::Value* paths = groupPaths((*checkACompressDB)[digests[block.end]]);
         if (digests[block.end].empty() || paths == nullptr) continue;
         count += paths->size();
-        for (const Json::Value& path : *paths)
-            parts[block.end % parts.size()].push_back(pathOf(path));
+        for (const Json::Value& entry : *paths) {
+            const std::string path = pathOf(entry);
+            if (taken.insert(path).second) parts[block.end % parts.size()].push_back(path);
+        }
     }
     block.work = std::async([parts = std::move(parts)] {
         inParallel(parts.size(), [&parts](size_t part) { restoreLinkFiles(parts[part]); });

@@ -248,9 +248,7 @@ def check_what_copies_without_data_of_their_own_give_back(service):
 
         def figure(command, key):
             free = os.statvfs(disk).f_bfree
-            run = subprocess.run([service.ruxctl, command, "--yes", "--json", disk], env={**os.environ, "RUX_ROOT": service.root},
-                                 capture_output=True, check=True)
-            bytes_ = json.loads(run.stdout)[key]
+            bytes_ = json.loads(service.client(command, "--yes", "--json", disk).stdout)[key]
             wait_for(lambda: (os.statvfs(disk).f_bfree - free) * os.statvfs(disk).f_bsize == bytes_)  # the disk frees them later
             return bytes_
 
@@ -672,6 +670,31 @@ def hold_a_call_for_longer_than_a_lease(service):
         assert link(service, kept, duplicate) in (errno.EBUSY, errno.ESTALE)
     writer.join()
     assert read(duplicate) == CONTENT and read(kept) == "new" + CONTENT[3:] and not service.stale_names()
+
+
+def check_threads_that_meet(service):
+    """A restore has several. None takes the temporary name of another one's file for a stale one."""
+    def expect_restored(groups, *options):
+        paths = {path for group in groups for path in group}
+        service.edit(LINKED, {str(number): {"V": 1, "f_size": 1, "f_list": group} for number, group in enumerate(groups)})
+        with service.traced("-etrace=linkat,getdents64", *options):
+            service.restore()
+        assert {os.stat(path).st_nlink for path in paths} == {1} and " E " not in service.log(), service.log()
+
+    def linked(name, count):
+        paths = [service.write(name, CONTENT), *(f"{service.tree}/{name}{number}" for number in range(1, count))]
+        for path in paths[1:]:
+            os.link(paths[0], path)
+        return paths
+
+    os.makedirs(service.space)
+    shared, long = linked("shared", 8), linked("long", 3)
+    os.truncate(long[0], 64 << 20)  # fills a batch, so that its thread comes later to the shared ones
+    expect_restored([shared, long + shared], "-einject=linkat:delay_exit=50000")
+    service.kill()
+    service.write("../root/run/rux/unsettled", "")  # as the first one in a directory then looks for stale names
+    service.start()
+    expect_restored([linked("a", 2), linked("b", 2)], "-einject=getdents64:delay_enter=100000", "-einject=linkat:delay_exit=200000")
 
 
 def restored(service, groups, start):

@@ -74,11 +74,9 @@ void tidyOnce(const Entry& entry) {
     if (!wasLeftUnfinished()) return;
     static std::mutex mutex;
     static auto& known = *new std::set<FileId>;
-    {
-        const std::lock_guard lock(mutex);
-        if (!known.insert(idOf(entry.directoryStatus)).second) return;
-    }
-    tidy(entry.parent);
+    // Other threads wait, as it would take their temporary names for stale ones.
+    const std::lock_guard lock(mutex);
+    if (known.insert(idOf(entry.directoryStatus)).second) tidy(entry.parent);
 }
 
 int removeStaleName(Entry& entry) {

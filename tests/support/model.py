@@ -19,7 +19,7 @@ STOP = {"scan": "sys.ruxservice.stop_scan", "list": "sys.ruxservice.stop_get_dup
         "compress": "sys.ruxservice.stop_compress"}
 PROGRESS, TOOL_LOG = "sys.ruxservice.compress.prog", "sys.ruxservice.enablelog.ctrl"
 UNREADABLE = "/sys/kernel/uevent_seqnum"  # by its status a file with content
-PAGE, MOST = 600 * 1024, 2**63 - 1
+MOST = 2**63 - 1
 STALE_NAME = re.compile(r"\.rux-swap-[0-9a-f]{32}")
 
 sys.setrecursionlimit(10000)  # texts nest up to 999 levels
@@ -200,7 +200,6 @@ class Model:
         self.zel = root + "/data/local/zel/"
         self.images = [None] * 4
         self.tool_log = False
-        self.pages = []
         self.properties = {}
         self.busy = None  # the inode of a file that somebody writes
         self.begin()
@@ -574,9 +573,6 @@ class Model:
     def list(self, request):
         function, self.made = "Rux_getDuplicateFilesImp", set()
         self.properties[STOP["list"]] = "false"
-        if self.pages:
-            self.log("D", function, "Rux_getDuplicateFilesImp is transfer")
-            return self.pages.pop(0)
         rules, whole = parse(request)
         if not whole:
             self.log("E", function, "getDuplicateFilesRules analysis fail")
@@ -604,15 +600,10 @@ class Model:
             self.log("D", function, "getDupFileRules sameMD5GroupCount %d, canCompressSize %d, dupFileCount %d."
                      % tuple(counts))
             page[rule["sid"]] = {"fileCount": counts[2], "gCount": counts[0], "size": counts[1]}
-            if len(text_of(page)) > PAGE:
-                self.log("D", function, "the size is larger")
-                self.pages.append(text_of({**page, "isEnd": 0}))
-                page = {}
             if self.stops("list"):
                 self.log("D", function, "get dup stop.")
                 break
-        self.pages.append(text_of({**page, "isEnd": 1}))
-        return self.pages.pop(0)
+        return text_of({**page, "isEnd": 1})
 
     def group(self, patterns, counts, counted):
         try:
