@@ -201,15 +201,22 @@ void sayWhatIsLeftOut(const TreeCount& tree, bool verbose) {
 /// Says which of the recorded files the scan has not read.
 void sayWhatIsUnread(const std::string& spaceId, bool verbose) {
     const SpaceTexts texts(spaceId, {kRecords});
-    const PathPatterns rules(exceptionRules(), false);
+    std::vector<std::pair<std::string, PathPatterns>> rules;
+    for (const std::string& rule : exceptionRules())
+        rules.emplace_back(rule, PathPatterns({rule}, false));
     if (!begin(unreadCount(texts), "file",
                rules.empty() ? " could not be read" : " left out by exceptions, or unreadable",
                verbose))
         return;
     texts.forEach(kRecords, [&rules](const std::string& path, const Json::Value& record) {
         if (!record.isObject() || record["is_md5"] != 0) return;
+        const auto found = std::find_if(rules.begin(), rules.end(), [&path](const auto& rule) {
+            return rule.second.match(path);
+        });
         std::cerr << "  " << shown(path) << ": "
-                  << (rules.match(path) ? "matches an exception" : "could not be read") << "\n";
+                  << (found != rules.end() ? "matches the exception " + found->first
+                                           : "could not be read")
+                  << "\n";
     });
 }
 
