@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstring>
 #include <future>
+#include <new>
 #include <set>
 #include <thread>
 
