@@ -398,6 +398,19 @@ def check_exceptions(service):
     assert f"  {service.tree}/a1: matches the exception .*/a[01]\n" in client.said and "/alone: " not in client.said, client.said
 
 
+def check_the_exceptions_of_the_package(service):
+    """What some programs write in place stays apart, what nobody does is linked."""
+    client = Client(service)
+    with open(PACKAGING + "exceptions.rules", encoding="ascii") as file:
+        client("except", "set", *(line.rstrip("\n") for line in file if not line.startswith("#")))
+    apart = [service.write(path, "same") for path in (
+        ".config/chromium/Default/Session Storage/MANIFEST-000001", "leveldb/MANIFEST-000001", "main/base/5/1259", "mysql/ibdata1",
+        ".Sent/dovecot.index.log", "disk.qcow2", "a.git/logs/HEAD", ".git/modules/a/logs/HEAD", "docker/volumes/a/_data/a", "a.sqlite")]
+    linked = [service.write(path, "same") for path in ("a.jpg", ".git/objects/pack/a.pack", "base/a/a", "a.config/a", "changelog")]
+    client("dedupe", "--yes", service.tree)
+    assert inodes(*linked) == 1 and inodes(*apart, linked[0]) == len(apart) + 1
+
+
 def check_refusals_and_interrupts(service):
     client = Client(service)
     scanned(client, service)
