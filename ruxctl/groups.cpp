@@ -1,94 +1,20 @@
 #include "ruxctl/groups.h"
 
-#include <fcntl.h>
-#include <linux/fiemap.h>
-#include <linux/fs.h>
-#include <linux/magic.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <sys/statfs.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <future>
-#include <new>
 #include <set>
 #include <thread>
 
-#include "android-base/unique_fd.h"
 #include "f2fs_io/hard_link.h"
 #include "ruxctl/database.h"
 
 namespace ruxctl {
 namespace {
-
-FileId idOf(const struct stat& st) {
-    return {st.st_dev, st.st_ino};
-}
-
-/// The bytes of blocks that the file has alone. File systems that copy on write may have given some
-/// to other files and to snapshots too (Documentation/filesystems/fiemap.rst of the kernel).
-int64_t ownBytes(const std::string& path, const struct stat& st) {
-    constexpr uint32_t kExtents = 100;
-    const int64_t bytes = int64_t{st.st_blocks} * 512;
-    struct statfs disk = {};
-    if (!S_ISREG(st.st_mode) || statfs(path.c_str(), &disk) != 0 ||
-        (disk.f_type != BTRFS_SUPER_MAGIC && disk.f_type != XFS_SUPER_MAGIC))
-        return bytes;
-    const android::base::unique_fd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    int64_t shared = 0;
-    alignas(fiemap) char room[sizeof(fiemap) + kExtents * sizeof(fiemap_extent)];
-    auto* const map = new (room) fiemap{};
-    do {
-        map->fm_length = FIEMAP_MAX_OFFSET - map->fm_start;
-        map->fm_extent_count = kExtents;
-        if (ioctl(file.get(), FS_IOC_FIEMAP, map) != 0) break;
-        for (uint32_t i = 0; i < map->fm_mapped_extents; ++i) {
-            const fiemap_extent& extent = map->fm_extents[i];
-            if ((extent.fe_flags & FIEMAP_EXTENT_SHARED) != 0)
-                shared += static_cast<int64_t>(extent.fe_length);
-            map->fm_start = extent.fe_logical + extent.fe_length;
-        }
-    } while (map->fm_mapped_extents == kExtents);
-    return std::max<int64_t>(0, bytes - shared);
-}
-
-/// Finds the directories of paths, each once.
-class Directories {
-  public:
-    FileId of(std::string_view path) {
-        const std::string_view directory = path.substr(0, path.rfind('/') + 1);
-        const auto found = mKnown.find(directory);
-        if (found != mKnown.end()) return found->second;
-        struct stat st = {};
-        const std::string name(directory.empty() ? "." : directory);
-        stat(name.c_str(), &st);
-        return mKnown.emplace(directory, idOf(st)).first->second;
-    }
-
-  private:
-    std::map<std::string, FileId, std::less<>> mKnown;
-};
-
-void lookAt(Member& member, int64_t fileBytes, Directories& directories) {
-    struct stat st = {};
-    if (lstat(member.path.c_str(), &st) != 0) return;
-    member.isSymlink = S_ISLNK(st.st_mode);
-    if (member.isSymlink && stat(member.path.c_str(), &st) != 0) return;
-    const bool isNewer = member.time && *member.time != st.st_mtime;
-    const bool isSame = S_ISREG(st.st_mode) && st.st_size == fileBytes && !isNewer;
-    member.state = isSame ? State::There : State::Changed;
-    member.file = idOf(st);
-    member.directory = directories.of(member.path);
-    const uint64_t rights[] = {st.st_uid, st.st_gid, st.st_mode, st.st_dev};
-    member.rights =
-            std::hash<std::string_view>()({reinterpret_cast<const char*>(rights), sizeof(rights)});
-    member.links = static_cast<int64_t>(st.st_nlink);
-    member.allocated = ownBytes(member.path, st);
-}
 
 /// Tells files of one's own from links, and what the links of a group that has been linked have
 /// given back: the names beyond the first of each file.
@@ -233,7 +159,9 @@ void lookAtAll(std::vector<Group>& groups, Look look,
         Directories directories;
         for (size_t i = next++; i < groups.size(); i = next++) {
             Group& group = groups[i];
-            for (Member& member : group.members) lookAt(member, group.fileBytes, directories);
+            for (Member& member : group.members)
+                member.allocated =
+                        ownBytes(member.path, lookAt(member, group.fileBytes, directories));
             takeStock(group);
             if (look == Look::Plan && !group.compressed) findErrors(group);
         }
@@ -264,28 +192,6 @@ std::vector<const Member*> restorable(const std::vector<Group>& groups) {
 }
 
 }  // namespace
-
-const char* nameOf(State state) {
-    constexpr const char* kNames[] = {"there", "linked", "changed", "gone"};
-    return kNames[static_cast<size_t>(state)];
-}
-
-std::string Member::reason() const {
-    static const std::map<int, const char*> kReasons =
-            {{EBUSY, "open for writing"},
-             {EBADE, "of another owner, group, mode or attribute"},
-             {EPERM, "a restore could make no copy like it"},
-             {EACCES, "one of them lies in a directory that others cannot enter"},
-             {EXDEV, "on another file system or mount"},
-             {EILSEQ, "of another content by now"},
-             {ELOOP, "behind a symbolic link of somebody else's"},
-             {EINVAL, "no regular file"},
-             {EOPNOTSUPP, "on a file system that cannot link safely"},
-             {kKeptChanged, "the file that would be kept has another content by now"},
-             {kRefused, "refused by the service, whose log says why"}};
-    const auto found = kReasons.find(error);
-    return found == kReasons.end() ? strerror(error) : found->second;
-}
 
 const Member* Group::kept() const {
     for (const Member& member : members) {
