@@ -145,7 +145,7 @@ Space lookAt(const std::string& spaceId) {
         space.changed = std::max(space.changed, st.st_mtime);
     }
     const SpaceTexts texts(spaceId, {kRecords, kToCompress, kCompressed});
-    space.files = countOf(texts[kRecords], kDigestMember);
+    space.files = recordCount(texts);
     space.directory = commonDirectory(texts[kRecords]);
     space.toCompress = countOf(texts[kToCompress], kListMember);
     space.compressed = countOf(texts[kCompressed], kListMember);
@@ -156,8 +156,8 @@ bool exists(const std::string& spaceId) {
     return fs::is_directory(rux::databaseRoot() + spaceId);
 }
 
-int64_t recordCount(const std::string& spaceId) {
-    return countOf(SpaceTexts(spaceId, {kRecords})[kRecords], kDigestMember);
+int64_t recordCount(const SpaceTexts& texts) {
+    return countOf(texts[kRecords], kDigestMember);
 }
 
 int64_t setAsideCount(const std::string& spaceId) {

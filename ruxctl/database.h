@@ -31,8 +31,6 @@ Space lookAt(const std::string& spaceId);
 /// Whether the space has a directory.
 bool exists(const std::string& spaceId);
 
-/// How many files a space has records of.
-int64_t recordCount(const std::string& spaceId);
 /// How many restored files are left alone in it.
 int64_t setAsideCount(const std::string& spaceId);
 /// The paths that a space has records of.
@@ -65,7 +63,9 @@ class SpaceTexts {
     std::array<std::string, kModified + 1> mTexts;
 };
 
-/// How many of the records are of files that were not read, so that no digest of them is known.
+/// How many files there are records of.
+int64_t recordCount(const SpaceTexts& texts);
+/// How many of them were not read, so that no digest of them is known.
 int64_t unreadCount(const SpaceTexts& texts);
 
 /// Makes the next scan of the space find everything anew. What links there are stays known, unless

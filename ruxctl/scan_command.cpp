@@ -175,10 +175,9 @@ Outcome scanPortions(const Client& client, SpaceQuery query, const ScanOptions& 
 
 /// Says how many there are. True when each is to be named.
 bool begin(size_t count, const char* noun, const char* what, bool verbose) {
-    if (count > 0) {
-        std::cerr << counted(static_cast<int64_t>(count), noun) << what
-                  << (verbose ? ":\n" : " (--verbose says which)\n");
-    }
+    if (count == 0) return false;
+    std::cerr << counted(static_cast<int64_t>(count), noun) << what
+              << (verbose ? ":\n" : " (--verbose says which)\n");
     return verbose;
 }
 
@@ -199,15 +198,16 @@ void sayWhatIsLeftOut(const TreeCount& tree, bool verbose) {
 }
 
 /// Says which of the recorded files the scan has not read.
-void sayWhatIsUnread(const std::string& spaceId, bool verbose) {
-    const SpaceTexts texts(spaceId, {kRecords});
-    std::vector<std::pair<std::string, PathPatterns>> rules;
-    for (const std::string& rule : exceptionRules())
-        rules.emplace_back(rule, PathPatterns({rule}, false));
+void sayWhatIsUnread(const SpaceTexts& texts, bool verbose) {
+    const std::vector<std::string> exceptions = exceptionRules();
     if (!begin(unreadCount(texts), "file",
-               rules.empty() ? " could not be read" : " left out by exceptions, or unreadable",
+               exceptions.empty() ? " could not be read" : " left out by exceptions, or unreadable",
                verbose))
         return;
+    std::vector<std::pair<std::string, PathPatterns>> rules;
+    rules.reserve(exceptions.size());
+    for (const std::string& rule : exceptions)
+        rules.emplace_back(rule, PathPatterns({rule}, false));
     texts.forEach(kRecords, [&rules](const std::string& path, const Json::Value& record) {
         if (!record.isObject() || record["is_md5"] != 0) return;
         const auto found = std::find_if(rules.begin(), rules.end(), [&path](const auto& rule) {
@@ -251,7 +251,7 @@ int scan(const ScanOptions& options) {
     for (const std::string& place : options.query.places)
         requireSight(root, absolutePath(place), options.links);
     if (options.fresh && exists(query.spaceId)) beginAfresh(client, query, options);
-    const int64_t before = recordCount(query.spaceId);
+    const int64_t before = recordCount({query.spaceId, {kRecords}});
     const bool areRecorded = options.query.places.empty() && options.listFile.empty();
     if (before > 0 && options.refreshes) requireFiles(query, areRecorded);
 
@@ -260,7 +260,8 @@ int scan(const ScanOptions& options) {
             scanPortions(client, query, options, before == 0 ? tree.get() : nullptr);
     requireScanned(query.spaceId);
 
-    const int64_t after = recordCount(query.spaceId);
+    const SpaceTexts texts(query.spaceId, {kRecords});
+    const int64_t after = recordCount(texts);
     (options.quiet ? std::cerr : std::cout)
             << counted(after, "file") << " recorded in " << duration(outcome.seconds)
             << (before > 0 ? ", " + grouped(before) + " before" : "") << "\n";
@@ -272,7 +273,7 @@ int scan(const ScanOptions& options) {
         tree->finish();
         sayWhatIsLeftOut(*tree, options.verbose);
     }
-    sayWhatIsUnread(query.spaceId, options.verbose);
+    sayWhatIsUnread(texts, options.verbose);
     if (after == 0) sayWhatPatternsAre(options.query.patterns);
     if (!options.quiet) sayWhatIsSetAside({query.spaceId});
     return kDone;
