@@ -56,6 +56,19 @@ def pair(service):
     return service.write("kept", CONTENT), service.write("duplicate", CONTENT)
 
 
+def linked(service, *paths):
+    """A file with these names below the tree."""
+    paths = [service.write(path, CONTENT) for path in paths]
+    for path in paths[1:]:
+        os.remove(path)
+        os.link(paths[0], path)
+    return paths
+
+
+def record_links(service, groups):
+    service.edit(LINKED, {str(number): {"V": 1, "f_size": 1, "f_list": paths} for number, paths in enumerate(groups)})
+
+
 def names(service):
     return sorted(os.listdir(service.tree))
 
@@ -530,11 +543,7 @@ def injected(service, fault, call, count, by=signal.SIGTERM):
 def prepared(service, act, *files):
     """A tree of equal files and nothing else: links of the first for a restore."""
     shutil.rmtree(service.tree)
-    paths = [service.write(name, CONTENT) for name in files]
-    for path in paths[1:] if act is restore else []:
-        os.remove(path)
-        os.link(paths[0], path)
-    return paths
+    return linked(service, *files) if act is restore else [service.write(name, CONTENT) for name in files]
 
 
 def check_no_fault_takes_a_name_from_a_writer(service):
@@ -675,26 +684,19 @@ def hold_a_call_for_longer_than_a_lease(service):
 def check_threads_that_meet(service):
     """A restore has several. None takes the temporary name of another one's file for a stale one."""
     def expect_restored(groups, *options):
-        paths = {path for group in groups for path in group}
-        service.edit(LINKED, {str(number): {"V": 1, "f_size": 1, "f_list": group} for number, group in enumerate(groups)})
+        record_links(service, groups)
         with service.traced("-etrace=linkat,getdents64", *options):
             service.restore()
-        assert {os.stat(path).st_nlink for path in paths} == {1} and " E " not in service.log(), service.log()
-
-    def linked(name, count):
-        paths = [service.write(name, CONTENT), *(f"{service.tree}/{name}{number}" for number in range(1, count))]
-        for path in paths[1:]:
-            os.link(paths[0], path)
-        return paths
+        assert {os.stat(path).st_nlink for group in groups for path in group} == {1} and " E " not in service.log(), service.log()
 
     os.makedirs(service.space)
-    shared, long = linked("shared", 8), linked("long", 3)
+    shared, long = linked(service, *"abcdefgh"), linked(service, "long0", "long1", "long2")
     os.truncate(long[0], 64 << 20)  # fills a batch, so that its thread comes later to the shared ones
     expect_restored([shared, long + shared], "-einject=linkat:delay_exit=50000")
     service.kill()
     service.write("../root/run/rux/unsettled", "")  # as the first one in a directory then looks for stale names
     service.start()
-    expect_restored([linked("a", 2), linked("b", 2)], "-einject=getdents64:delay_enter=100000", "-einject=linkat:delay_exit=200000")
+    expect_restored([linked(service, "i", "j"), linked(service, "k", "l")], "-einject=getdents64:delay_enter=100000", "-einject=linkat:delay_exit=200000")
 
 
 def restored(service, groups, start):
@@ -704,21 +706,16 @@ def restored(service, groups, start):
     assert [path for path, _ in told] == [path for paths in groups for path in paths]
     for paths in groups:
         outcomes = {path: outcome for path, outcome in told if path in paths}
-        linked = [path for path in paths if os.stat(path).st_nlink > 1]
-        assert all(outcomes[path] == "fail" for path in linked), (outcomes, linked)
-        assert len(linked) < len(paths) or set(outcomes.values()) == {"fail"}, outcomes
+        shared = [path for path in paths if os.stat(path).st_nlink > 1]
+        assert all(outcomes[path] == "fail" for path in shared), (outcomes, shared)
+        assert len(shared) < len(paths) or set(outcomes.values()) == {"fail"}, outcomes
         assert all(read(path) == CONTENT for path in paths)
 
 
 def restore_groups(service, sizes):
     shutil.rmtree(service.tree)
-    groups = []
-    for number, size in enumerate(sizes):
-        groups.append([f"{service.tree}/{number}{letter}" for letter in "abcdef"[:size]])
-        service.write(os.path.basename(groups[-1][0]), CONTENT)
-        for path in groups[-1][1:]:
-            os.link(groups[-1][0], path)
-    service.edit(LINKED, {str(number): {"V": 1, "f_size": 1, "f_list": paths} for number, paths in enumerate(groups)})
+    groups = [linked(service, *(f"{number}{letter}" for letter in "abcdef"[:size])) for number, size in enumerate(sizes)]
+    record_links(service, groups)
     start = os.path.getsize(service.base + "/log")
     return groups, start
 
