@@ -31,13 +31,18 @@ CONTENT = "k" * 300000
 CALLS = ("linkat", "renameat2", "syncfs", "unlinkat")  # that link and restore
 ON_FILES = ("newfstatat", "openat", "fcntl", "pread64", "flistxattr", "ioctl")
 SWAP = swap_name("duplicate")
+EXT4_IOC_SHUTDOWN, EXT4_GOING_FLAGS_NOLOGFLUSH = 0x8004587d, 2  # nothing more of the disk's file system gets to the disk
 IS_EMULATED = "/emulated/" in sys.argv[1]  # which does not know all calls of the kernel's
+
+
+def record(service, image, groups):
+    os.makedirs(service.space, exist_ok=True)
+    service.edit(image, {str(number): {"V": 1, "f_size": 1, "f_list": paths} for number, paths in enumerate(groups)})
 
 
 def outcome(service, act, image, *paths):
     """Has the service link or restore the paths: 0, or the last errno that its log gives."""
-    os.makedirs(service.space, exist_ok=True)
-    service.edit(image, {"0": {"V": 1, "f_size": 1, "f_list": paths}})
+    record(service, image, [paths])
     start = os.path.getsize(service.base + "/log")
     act()
     errors = re.findall(r"fail, error code (\d+)", service.log(start))
@@ -63,10 +68,6 @@ def linked(service, *paths):
         os.remove(path)
         os.link(paths[0], path)
     return paths
-
-
-def record_links(service, groups):
-    service.edit(LINKED, {str(number): {"V": 1, "f_size": 1, "f_list": paths} for number, paths in enumerate(groups)})
 
 
 def names(service):
@@ -404,6 +405,44 @@ def file_system(service, make, size):
         yield disk if is_made and is_mounted else None
 
 
+@natively
+def check_what_is_on_disk_when_the_power_goes(service):
+    """What was there before is there still: no file takes another's place before it is on disk itself."""
+    with file_system(service, "mkfs.ext4 -q", "32M") as disk:
+        if not disk:
+            return
+        groups = [[service.write(f"disk/{number}/{name}", CONTENT + number) for name in "abc"] for number in "12"]
+        kept = [paths[0] for paths in groups]
+
+        def write_anew(path):
+            os.remove(path)
+            service.write(os.path.relpath(path, service.tree), read(path[:-1] + "b"))
+
+        def write_when_all_was_synced():
+            wait_for(lambda: swap_name("b") in os.listdir(disk + "/1"))
+            write_anew(kept[1])
+
+        assert shell(f"sync -f {disk}")
+        write_anew(kept[0])
+        with service.traced("-etrace=fsync,syncfs", "-einject=fsync,syncfs:error=EIO", "-P" + kept[0]):
+            expect_refusal(service, *groups[0][:2], errno.EIO)
+        writer = threading.Thread(target=write_when_all_was_synced)
+        writer.start()
+        with service.traced("-y", "-etrace=linkat,fsync,syncfs", "-einject=linkat:delay_exit=20000"):
+            record(service, GROUPS, groups)
+            assert service.compress() == "2,4"
+        writer.join()
+        assert shell(f"sync {service.write('disk/other', '')}")  # with which the links are on disk
+        directory = os.open(disk, os.O_RDONLY)
+        fcntl.ioctl(directory, EXT4_IOC_SHUTDOWN, struct.pack("I", EXT4_GOING_FLAGS_NOLOGFLUSH))
+        os.close(directory)
+        assert shell(f"umount {disk}", f"mount -o loop {service.base}/image {disk}")
+        for number, paths in enumerate(groups, 1):
+            assert [read(path) == CONTENT + str(number) for path in paths[1:]] == [True, True], paths
+        waits = re.findall(r"(f\w+|syncfs)\(\d+<(.*)>\)", read(service.base + "/calls"))
+        assert [wait for wait in waits if disk in wait[1]] == [("syncfs", kept[0]), ("fsync", kept[1])], "few waits for many files"
+
+
 @for_root
 def check_the_reserve_of_root(service):
     with file_system(service, "mkfs.ext4 -q -m 30", "32M") as disk:
@@ -684,7 +723,7 @@ def hold_a_call_for_longer_than_a_lease(service):
 def check_threads_that_meet(service):
     """A restore has several. None takes the temporary name of another one's file for a stale one."""
     def expect_restored(groups, *options):
-        record_links(service, groups)
+        record(service, LINKED, groups)
         with service.traced("-etrace=linkat,getdents64", *options):
             service.restore()
         assert {os.stat(path).st_nlink for group in groups for path in group} == {1} and " E " not in service.log(), service.log()
@@ -715,7 +754,7 @@ def restored(service, groups, start):
 def restore_groups(service, sizes):
     shutil.rmtree(service.tree)
     groups = [linked(service, *(f"{number}{letter}" for letter in "abcdef"[:size])) for number, size in enumerate(sizes)]
-    record_links(service, groups)
+    record(service, LINKED, groups)
     start = os.path.getsize(service.base + "/log")
     return groups, start
 

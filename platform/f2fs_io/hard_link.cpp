@@ -9,6 +9,7 @@
 
 #include "f2fs_io/compare.h"
 #include "f2fs_io/directory.h"
+#include "f2fs_io/durable.h"
 #include "f2fs_io/entry.h"
 #include "f2fs_io/hard_link.h"
 #include "f2fs_io/leased_file.h"
@@ -60,20 +61,23 @@ uint64_t mountOf(const base::unique_fd& file) {
     return status.stx_mnt_id;
 }
 
-/// Opens both files, keeps writers out of them, and asks all that can be asked without their bytes.
-/// 0, EALREADY for one file, or why the two cannot be one.
-int prepare(const char* keptPath, Replacement* replacement, LeasedFile* kept) {
+/// Opens both files. 0, EALREADY for one file, or why the two cannot be one.
+int openBoth(const char* keptPath, Replacement* replacement, Entry* keptEntry, LeasedFile* kept) {
     const Entry& entry = replacement->entry;
-    Entry keptEntry;
     LeasedFile& old = replacement->outgoing;
     if (const int error = entry.openFile(&old.file, &old.status); error != 0) return error;
     if (const int error = refuseFileSystem(entry.directory); error != 0) return error;
-    if (const int error = openKept(keptPath, &keptEntry, kept); error != 0) return error;
+    if (const int error = openKept(keptPath, keptEntry, kept); error != 0) return error;
     if (kept->id() == old.id()) return EALREADY;
     if (kept->status.st_dev != old.status.st_dev || mountOf(kept->file) != mountOf(old.file))
         return EXDEV;
-    if (kept->status.st_size != old.status.st_size) return EILSEQ;
+    return kept->status.st_size == old.status.st_size ? 0 : EILSEQ;
+}
 
+/// Keeps writers out of both files, and asks all that can be asked without their bytes. 0, or why
+/// the two cannot be one.
+int takeLeases(Replacement* replacement, Entry* keptEntry, LeasedFile* kept) {
+    LeasedFile& old = replacement->outgoing;
     if (const int error = kept->takeLease(); error != 0) return error;
     if (const int error = old.takeLease(); error != 0) return error;
     if (!(kept->attributes == old.attributes)) return EBADE;
@@ -84,7 +88,7 @@ int prepare(const char* keptPath, Replacement* replacement, LeasedFile* kept) {
     if (isEncrypted && encryptionOf(kept->file.get()) != encryptionOf(old.file.get())) return EBADE;
     // A restore could not give a copy the same.
     if (!old.attributes.canBeGiven() || (flags & kNotGivenFlags) != 0) return EPERM;
-    return old.attributes.areOwnersAlone() ? 0 : compareWays(&keptEntry, *kept, entry);
+    return old.attributes.areOwnersAlone() ? 0 : compareWays(keptEntry, *kept, replacement->entry);
 }
 
 int compare(const LeasedFile& kept, const LeasedFile& old) {
@@ -95,10 +99,11 @@ int compare(const LeasedFile& kept, const LeasedFile& old) {
 int linkDuplicate(const char* keptPath, const char* duplicatePath) {
     Replacement replacement;
     Entry& entry = replacement.entry;
+    Entry keptEntry;
     LeasedFile kept;
     if (const int error = entry.open(duplicatePath); error != 0) return error;
     tidyOnce(entry);
-    int error = prepare(keptPath, &replacement, &kept);
+    int error = openBoth(keptPath, &replacement, &keptEntry, &kept);
     if (error == EALREADY) {  // one file already
         struct stat st = {};
         if (entry.status(entry.swapName(), &st) == 0) {
@@ -109,6 +114,10 @@ int linkDuplicate(const char* keptPath, const char* duplicatePath) {
         const bool isOne = entry.expect(entry.name, kept.id()) == 0;
         return isOne ? 0 : linkDuplicate(keptPath, duplicatePath);
     }
+    // First while nobody has to wait for it, then because somebody may have written meanwhile.
+    if (error == 0) error = makeDurable(kept);
+    if (error == 0) error = takeLeases(&replacement, &keptEntry, &kept);
+    if (error == 0) error = makeDurable(kept);
     if (error == 0) error = compare(kept, replacement.outgoing);
     const auto asked = LeasedFile::Clock::now();
     if (error == 0) error = kept.undisturbed();
@@ -126,6 +135,7 @@ int linkDuplicate(const char* keptPath, const char* duplicatePath) {
     // kernel may have let a writer in by force, that one may have come before.
     if (LeasedFile::Clock::now() - asked > LeasedFile::kLeast) error = kept.undisturbed();
     if (error != 0) return undo(entry, replacement.incoming, error);
+    noteLinked(kept);
     addPending(std::move(replacement), duplicatePath);
     return 0;
 }
@@ -142,11 +152,13 @@ int32_t createHardLink(const char* keptPath, const char* duplicatePath, bool ena
 int32_t checkHardLink(const char* keptPath, const char* duplicatePath, bool comparesBytes) {
     using namespace android::host;
     Replacement replacement;
+    Entry keptEntry;
     LeasedFile kept;
     if (const int error = replacement.entry.open(duplicatePath); error != 0) return error;
     const int directory = replacement.entry.directory.get();
     if (faccessat(directory, ".", W_OK, AT_EACCESS) != 0) return errno;
-    const int error = prepare(keptPath, &replacement, &kept);
+    int error = openBoth(keptPath, &replacement, &keptEntry, &kept);
     if (error == EALREADY) return 0;
+    if (error == 0) error = takeLeases(&replacement, &keptEntry, &kept);
     return error == 0 && comparesBytes ? compare(kept, replacement.outgoing) : error;
 }

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "android/log.h"
+#include "f2fs_io/durable.h"
 #include "f2fs_io/leased_file.h"
 #include "root/run_dir.h"
 #include "tavo_f2fs_io_extensions.h"
@@ -144,5 +145,6 @@ std::map<std::string, int32_t> settleLinks(bool waits) {
     const std::lock_guard also(adding);
     // Only when no more links are being made, each of which relies on the note.
     if (waits && pending.empty() && std::exchange(isNoted, false)) unlink(unfinishedNote().c_str());
+    if (waits) forgetDurable();
     return std::exchange(undone, {});
 }
