@@ -50,6 +50,19 @@ def start_another(service, root, **environment):
     return subprocess.run([service.binary], env={**os.environ, "RUX_ROOT": root, **environment}, capture_output=True, text=True, check=False)
 
 
+def check_who_waits_for_the_start_is_told(service):
+    """By a datagram to a socket with a name, or an abstract one: see sd_notify(3). From then on clients are served."""
+    for name in (service.base + "/ready", "\0" + service.base):
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+            manager.bind(name)
+            manager.settimeout(30)
+            service.kill()
+            environment = {**os.environ, "RUX_ROOT": service.root, "NOTIFY_SOCKET": name.replace("\0", "@")}
+            service.process = subprocess.Popen([service.binary], env=environment, stderr=subprocess.DEVNULL)
+            assert manager.recv(99) == b"READY=1"
+            service.call(STOP_SCAN)
+
+
 def check_start(service):
     text = service.log()
     assert text.count("\n") == 1 and " D rux     : main:" in text and text.endswith(": RUXStarting rux\n"), text

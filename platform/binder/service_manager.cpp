@@ -1,11 +1,15 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "android/log.h"
 #include "binder/IServiceManager.h"
@@ -60,6 +64,23 @@ base::unique_fd listenAt(const base::unique_fd& directory, const std::string& na
     return socket;
 }
 
+/// Tells who has started this process, and wants to know, that clients are served now:
+/// sd_notify(3).
+void notifyReady() {
+    constexpr std::string_view kReady = "READY=1";
+    const char* variable = getenv("NOTIFY_SOCKET");
+    const std::string_view name = variable == nullptr ? "" : variable;
+    sockaddr_un address = {};
+    if (name.empty() || name.size() >= sizeof(address.sun_path)) return;
+    address.sun_family = AF_UNIX;
+    name.copy(address.sun_path, name.size());
+    if (name[0] == '@') address.sun_path[0] = '\0';  // an abstract name, see unix(7)
+    const base::unique_fd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sendto(socket.get(), kReady.data(), kReady.size(), MSG_NOSIGNAL,
+           reinterpret_cast<const sockaddr*>(&address),
+           offsetof(sockaddr_un, sun_path) + name.size());
+}
+
 class ServiceManager : public IServiceManager {
   public:
     status_t addService(const String16& name, const sp<IBinder>& service, bool /*allowIsolated*/,
@@ -80,8 +101,10 @@ class ServiceManager : public IServiceManager {
         base::unique_fd socket = listenAt(directory, fileName);
         if (!socket.ok()) return -errno;
         const status_t status = Transport::self().listen(std::move(socket), service);
-        if (status == OK) lock.release();  // held until the process ends
-        return status;
+        if (status != OK) return status;
+        lock.release();  // held until the process ends
+        notifyReady();
+        return OK;
     }
 
     sp<IBinder> checkService(const String16& name) const override {
