@@ -421,17 +421,21 @@ def check_what_is_on_disk_when_the_power_goes(service):
         def write_when_all_was_synced():
             wait_for(lambda: swap_name("b") in os.listdir(disk + "/1"))
             write_anew(kept[1])
+            while not is_over.wait(0.01):
+                service.process.send_signal(signal.SIGCONT)
 
         assert shell(f"sync -f {disk}")
         write_anew(kept[0])
         with service.traced("-etrace=fsync,syncfs", "-einject=fsync,syncfs:error=EIO", "-P" + kept[0]):
             expect_refusal(service, *groups[0][:2], errno.EIO)
+        record(service, GROUPS, groups)
+        is_over = threading.Event()
         writer = threading.Thread(target=write_when_all_was_synced)
         writer.start()
-        with service.traced("-y", "-etrace=linkat,fsync,syncfs", "-einject=linkat:delay_exit=20000"):
-            record(service, GROUPS, groups)
+        with service.traced("-y", "-etrace=linkat,fsync,syncfs", "-einject=linkat:signal=SIGSTOP:when=1"):
             assert service.compress() == "2,4"
-        writer.join()
+            is_over.set()
+            writer.join()
         assert shell(f"sync {service.write('disk/other', '')}")  # with which the links are on disk
         directory = os.open(disk, os.O_RDONLY)
         fcntl.ioctl(directory, EXT4_IOC_SHUTDOWN, struct.pack("I", EXT4_GOING_FLAGS_NOLOGFLUSH))
@@ -439,7 +443,7 @@ def check_what_is_on_disk_when_the_power_goes(service):
         assert shell(f"umount {disk}", f"mount -o loop {service.base}/image {disk}")
         for number, paths in enumerate(groups, 1):
             assert [read(path) == CONTENT + str(number) for path in paths[1:]] == [True, True], paths
-        waits = re.findall(r"(f\w+|syncfs)\(\d+<(.*)>\)", read(service.base + "/calls"))
+        waits = re.findall(r"(fsync|syncfs)\(\d+<([^>]*)>", read(service.base + "/calls"))
         assert [wait for wait in waits if disk in wait[1]] == [("syncfs", kept[0]), ("fsync", kept[1])], "few waits for many files"
 
 
