@@ -5,6 +5,11 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
+. scripts/place.sh
+if [ "$(df -k --output=avail "$TMPDIR" | tail -n 1)" -lt 1000000 ]; then
+    echo "The tests need 1 GB in $TMPDIR, or TMPDIR to name another directory on a disk or in memory" >&2
+    exit 1
+fi
 
 preset=${1:-release}
 install_packages "${build_packages[@]}" "${test_packages[@]}"
