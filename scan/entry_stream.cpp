@@ -114,7 +114,9 @@ Entry EntryStream::entryOf(const dirent& found) {
 Entry::Kind EntryStream::enter(int above, const char* name, bool isBehindLink,
                                const std::string& realPath) {
     struct stat status = {};
-    const int directory = openat(above, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    constexpr int kHow = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+    int directory = openat(above, name, kHow | O_NOATIME);
+    if (directory < 0 && errno == EPERM) directory = openat(above, name, kHow);
     if (directory < 0) {
         if (errno == ENOTDIR) return Entry::Kind::NoDirectory;
         if (fstatat(above, name, &status, 0) != 0) return Entry::Kind::Unreadable;
