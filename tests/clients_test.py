@@ -57,8 +57,8 @@ def check_who_waits_for_the_start_is_told(service):
             manager.bind(name)
             manager.settimeout(30)
             service.kill()
-            environment = {**os.environ, "RUX_ROOT": service.root, "NOTIFY_SOCKET": name.replace("\0", "@")}
-            service.process = subprocess.Popen([service.binary], env=environment, stderr=subprocess.DEVNULL)
+            service.environment = {"NOTIFY_SOCKET": name.replace("\0", "@")}
+            service.launch()
             assert manager.recv(99) == b"READY=1"
             service.call(STOP_SCAN)
 

@@ -412,24 +412,23 @@ def check_what_is_on_disk_when_the_power_goes(service):
     with file_system(service, "mkfs.ext4 -q", "32M") as disk:
         if not disk:
             return
-        groups = [[service.write(f"disk/{number}/{name}", CONTENT + number) for name in "abc"] for number in "12"]
-        kept = [paths[0] for paths in groups]
+        groups = {number: [service.write(f"disk/{number}/{name}", CONTENT + number) for name in "abc"] for number in "12"}
 
-        def write_anew(path):
-            os.remove(path)
-            service.write(os.path.relpath(path, service.tree), read(path[:-1] + "b"))
+        def write_kept_anew(number):
+            os.remove(f"{disk}/{number}/a")
+            return service.write(f"disk/{number}/a", CONTENT + number)
 
         def write_when_all_was_synced():
             wait_for(lambda: swap_name("b") in os.listdir(disk + "/1"))
-            write_anew(kept[1])
+            write_kept_anew("2")
             while not is_over.wait(0.01):
                 service.process.send_signal(signal.SIGCONT)
 
         assert shell(f"sync -f {disk}")
-        write_anew(kept[0])
-        with service.traced("-etrace=fsync,syncfs", "-einject=fsync,syncfs:error=EIO", "-P" + kept[0]):
-            expect_refusal(service, *groups[0][:2], errno.EIO)
-        record(service, GROUPS, groups)
+        kept = write_kept_anew("1")
+        with service.traced("-etrace=fsync,syncfs", "-einject=fsync,syncfs:error=EIO", "-P" + kept):
+            expect_refusal(service, *groups["1"][:2], errno.EIO)
+        record(service, GROUPS, groups.values())
         is_over = threading.Event()
         writer = threading.Thread(target=write_when_all_was_synced)
         writer.start()
@@ -442,10 +441,10 @@ def check_what_is_on_disk_when_the_power_goes(service):
         fcntl.ioctl(directory, EXT4_IOC_SHUTDOWN, struct.pack("I", EXT4_GOING_FLAGS_NOLOGFLUSH))
         os.close(directory)
         assert shell(f"umount {disk}", f"mount -o loop {service.base}/image {disk}")
-        for number, paths in enumerate(groups, 1):
-            assert [read(path) == CONTENT + str(number) for path in paths[1:]] == [True, True], paths
+        for number, (_, *others) in groups.items():
+            assert all(read(path) == CONTENT + number for path in others), others
         waits = re.findall(r"(fsync|syncfs)\(\d+<([^>]*)>", read(service.base + "/calls"))
-        assert [wait for wait in waits if disk in wait[1]] == [("syncfs", kept[0]), ("fsync", kept[1])], "few waits for many files"
+        assert [wait for wait in waits if disk in wait[1]] == [("syncfs", kept), ("fsync", groups["2"][0])], "few waits for many files"
 
 
 @for_root

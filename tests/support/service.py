@@ -95,12 +95,16 @@ class Service:
         self.kill()
         subprocess.run(["rm", "-rf", self.base], check=False)  # trees may be deeper than Python goes
 
-    def start(self, *prefix):
-        """Starts the service, with `prefix` before its command, and waits until it answers."""
+    def launch(self, *prefix):
+        """Starts the service, with `prefix` before its command."""
         environment = {**os.environ, **self.environment, "RUX_ROOT": self.root}
         environment.pop("ANDROID_LOG_TAGS", None)
         with open(self.base + "/log", "ab") as log:
             self.process = subprocess.Popen([*prefix, self.binary], env=environment, stderr=log)
+
+    def start(self, *prefix):
+        """Launches it, and waits until it answers."""
+        self.launch(*prefix)
         deadline = time.monotonic() + 30
         while True:
             try:
