@@ -177,20 +177,6 @@ void lookAtAll(std::vector<Group>& groups, Look look,
     }
 }
 
-/// The members that a restore gives data of their own: one for each name.
-std::vector<const Member*> restorable(const std::vector<Group>& groups) {
-    std::set<NameId> seen;
-    std::vector<const Member*> members;
-    for (const Group& group : groups) {
-        for (const Member& member : group.members) {
-            if (member.state != State::Gone && !member.isSymlink &&
-                seen.insert(member.name()).second)
-                members.push_back(&member);
-        }
-    }
-    return members;
-}
-
 }  // namespace
 
 const Member* Group::kept() const {
@@ -335,11 +321,23 @@ std::vector<std::string> pathsWithoutUndo(const std::string& spaceId) {
     return without;
 }
 
-std::map<std::string, int64_t> takenUpByRestore(const std::vector<Group>& groups) {
+std::vector<const Member*> linkedMembers(const std::vector<Group>& groups) {
+    std::set<NameId> seen;
+    std::vector<const Member*> members;
+    for (const Group& group : groups) {
+        for (const Member& member : group.members) {
+            if (member.links > 1 && !member.isSymlink && seen.insert(member.name()).second)
+                members.push_back(&member);
+        }
+    }
+    return members;
+}
+
+std::map<std::string, int64_t> takenUpByRestore(const std::vector<const Member*>& linked) {
     std::map<FileId, std::set<NameId>> names;
     std::map<dev_t, std::string> paths;
     std::map<std::string, int64_t> bytes;
-    for (const Member* member : restorable(groups)) {
+    for (const Member* member : linked) {
         const std::string& path = paths.try_emplace(member->file.first, member->path).first->second;
         // The last of its names keeps the file, unless it has others elsewhere.
         std::set<NameId>& known = names[member->file];
@@ -349,13 +347,15 @@ std::map<std::string, int64_t> takenUpByRestore(const std::vector<Group>& groups
     return bytes;
 }
 
-int64_t checkRestored(const std::vector<Group>& groups, std::vector<std::string>* left) {
+int64_t checkRestored(const std::vector<const Member*>& linked, std::vector<std::string>* left) {
     int64_t bytes = 0;
-    for (const Member* member : restorable(groups)) {
+    std::map<FileId, int64_t> names;
+    for (const Member* member : linked) {
         struct stat st = {};
         if (lstat(member->path.c_str(), &st) != 0) continue;
         if (idOf(st) != member->file) {
-            bytes += ownBytes(member->path, st);
+            // The last name's copy takes what the file has given back.
+            if (++names[member->file] < member->links) bytes += ownBytes(member->path, st);
         } else if (st.st_nlink > 1) {
             left->push_back(member->path);
         }

@@ -63,11 +63,13 @@ int64_t linksWithoutUndo(const std::vector<Group>& groups);
 /// no undo, whoever has made them one.
 std::vector<std::string> pathsWithoutUndo(const std::string& spaceId);
 
-/// Bytes of blocks that are taken up when each path gets data of its own, on each file system by
-/// one of its paths.
-std::map<std::string, int64_t> takenUpByRestore(const std::vector<Group>& groups);
+/// The members that a restore gives data of their own: one for each name of a file that has
+/// several.
+std::vector<const Member*> linkedMembers(const std::vector<Group>& groups);
+/// Bytes of blocks that this takes up, on each file system by one of its paths.
+std::map<std::string, int64_t> takenUpByRestore(const std::vector<const Member*>& linked);
 /// Looks again at what was to be restored. Returns the bytes of blocks that were taken up, and adds
 /// the paths that still share their data.
-int64_t checkRestored(const std::vector<Group>& groups, std::vector<std::string>* left);
+int64_t checkRestored(const std::vector<const Member*>& linked, std::vector<std::string>* left);
 
 }  // namespace ruxctl

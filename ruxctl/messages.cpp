@@ -126,7 +126,7 @@ std::vector<std::string> chosenSpaces(const std::vector<std::string>& chosen) {
 }
 
 void startAfresh(const Client& client, const std::string& spaceId) {
-    carryOut(client, kScanOperation, ruleText({spaceId, {".*"}, {}}));
+    carryOut(client, kScanOperation, ruleText({spaceId, {}, {}}));
     if (!forgetRecords(spaceId, false))
         throw Failure("the records of " + spaceId + " cannot be removed: " + strerror(errno));
 }

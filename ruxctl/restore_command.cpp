@@ -22,7 +22,7 @@ namespace {
 struct Restore {
     std::vector<Group> groups;              // of all spaces
     std::map<std::string, int64_t> needed;  // bytes, by a path on each file system
-    int64_t files = 0;                      // that will get data of their own
+    std::vector<const Member*> linked;      // of these, those that get data of their own
     int64_t others = 0;                     // of those, that are not asked for by themselves
     int64_t taken = 0;                      // bytes
     std::vector<std::string> left;          // paths that are still linked
@@ -68,14 +68,12 @@ Restore lookAt(const std::vector<std::string>& spaceIds, const std::vector<std::
         return std::none_of(group.members.begin(), group.members.end(), isMatch) ||
                std::none_of(group.members.begin(), group.members.end(), hasText);
     });
-    for (const Group& group : restore.groups) {
-        for (const Member& member : group.members) {
-            if (member.state == State::Gone) continue;
-            restore.files += 1;
-            restore.others += isMatch(member) && hasText(member) ? 0 : 1;
-        }
-    }
-    restore.needed = takenUpByRestore(restore.groups);
+    restore.linked = linkedMembers(restore.groups);
+    restore.others =
+            std::count_if(restore.linked.begin(), restore.linked.end(), [&](const Member* member) {
+                return !isMatch(*member) || !hasText(*member);
+            });
+    restore.needed = takenUpByRestore(restore.linked);
     return restore;
 }
 
@@ -94,7 +92,7 @@ void requireRoom(const std::map<std::string, int64_t>& needed) {
 }
 
 void describe(const Restore& restore) {
-    std::cerr << counted(restore.files, "file") << " of "
+    std::cerr << counted(static_cast<int64_t>(restore.linked.size()), "file") << " of "
               << counted(static_cast<int64_t>(restore.groups.size()), "group")
               << " will get data of their own, taking up " << humanBytes(restore.allNeeded())
               << "\n";
@@ -124,12 +122,12 @@ void giveData(const Client& client, const std::vector<std::string>& patterns,
         });
         restore.seconds += outcome.seconds;
     }
-    restore.taken = checkRestored(restore.groups, &restore.left);
+    restore.taken = checkRestored(restore.linked, &restore.left);
 }
 
 void printJson(const Restore& restore, bool isDone) {
     Json::Value value(Json::objectValue);
-    value["files"] = static_cast<Json::Int64>(restore.files);
+    value["files"] = static_cast<Json::UInt64>(restore.linked.size());
     value["bytes"] = static_cast<Json::Int64>(isDone ? restore.taken : restore.allNeeded());
     value["dry_run"] = !isDone;
     value["left"] = Json::Value(Json::arrayValue);
@@ -139,11 +137,9 @@ void printJson(const Restore& restore, bool isDone) {
 
 void printPaths(const Restore& restore) {
     const std::set<std::string> left(restore.left.begin(), restore.left.end());
-    for (const Group& group : restore.groups) {
-        for (const Member& member : group.members) {
-            if (member.state != State::Gone && !left.contains(member.path))
-                std::cout << inked(Ink::Good, "own") << "  " << shown(member.path) << "\n";
-        }
+    for (const Member* member : restore.linked) {
+        if (!left.contains(member->path))
+            std::cout << inked(Ink::Good, "own") << "  " << shown(member->path) << "\n";
     }
 }
 
@@ -220,12 +216,17 @@ int restore(const RestoreOptions& options) {
     requireSpaces(spaceIds);
     Restore restore = lookAt(spaceIds, patterns, query.places);
     if (restore.groups.empty()) {
+        if (options.json) printJson(restore, !options.dryRun);
         std::cerr << "No linked files match; nothing has been changed\n";
         sayWhatPatternsAre(query.patterns);
         if (!query.spaceId.empty()) sayWhatHasNoUndo(query.spaceId);
         return kDone;
     }
-    if (restore.files == 0)
+    const auto isThere = [](const Group& group) {
+        return std::any_of(group.members.begin(), group.members.end(),
+                           [](const Member& member) { return member.state != State::Gone; });
+    };
+    if (std::none_of(restore.groups.begin(), restore.groups.end(), isThere))
         throw Failure("none of the linked files is there; is their disk mounted?");
     if (options.dryRun && options.json) {
         printJson(restore, false);

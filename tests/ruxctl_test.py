@@ -169,10 +169,12 @@ def check_compression_and_restore(service):
 
 def check_restores_of_directories(service):
     client = Client(service)
-    for name in ("one/a", "one/b", "two/a", "two/c", "two/d"):
+    for name in ("one/a", "one/b", "two/a", "two/b", "two/c", "two/d"):
         service.write(name, "c" * 5000 if name < "two/c" else "d" * 5000)
     client("dedupe", "--yes", service.tree)
     one, two = service.tree + "/one", service.tree + "/two"
+    os.remove(two + "/b")
+    service.write("two/b", "c" * 5000)  # a file of its own by now, which takes nothing
     plan = client("restore", "--dry-run", one)
     assert f"own  {two}/a\n" in plan and "/c\n" not in plan and "1 of them does not match by itself" in client.said, (plan, client.said)
     assert json.loads(client("restore", "--dry-run", "--json", one)) == {"bytes": 16384, "dry_run": True, "files": 3, "left": []}
@@ -189,6 +191,14 @@ def check_restores_of_directories(service):
     assert f"own  {one}/b\n" in client("restore", "--yes", "--verbose", one)
     assert inodes(one + "/a", one + "/b", two + "/a") == 3 and inodes(two + "/c", two + "/d") == 1
     assert json.loads(client("restore", "--yes", "--json", service.tree))["bytes"] == 8192
+    assert json.loads(client("restore", "--yes", "--json", service.tree)) == {"bytes": 0, "dry_run": False, "files": 0, "left": []}
+    # A path that leads to another group's file by now.
+    mixed = [service.write("mixed/" + name, name[0] * 5000) for name in ("e1", "e2", "f1", "f2")]
+    client("dedupe", "--yes", service.tree + "/mixed")
+    os.remove(mixed[2])
+    os.link(mixed[0], mixed[2])
+    before = disk_use(service.tree)
+    assert json.loads(client("restore", "--yes", "--json", service.tree))["bytes"] == disk_use(service.tree) - before == 16384
     client("restore", "--yes", status=2)
     client("restore", "--yes", one, "--match", "a")
     assert "Patterns match whole paths" in client.said, client.said
@@ -301,6 +311,7 @@ def check_figures(service):
     client("list")
     assert f"In {space}: " in client.said and f"ruxctl scan --fresh --space {space}, then compress" in client.said, client.said
     client("scan", "--fresh", "--space", space)
+    assert not service.logged("scanRules Incorrect format")
     client("compress", "--yes", space)
     assert inodes(tree + "/one", tree + "/two", tree + "/three") == 1
 
