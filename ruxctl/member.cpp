@@ -69,13 +69,16 @@ struct stat lookAt(Member& member, int64_t fileBytes, Directories& directories) 
     return st;
 }
 
+bool sharesBlocks(const std::string& path) {
+    struct statfs disk = {};
+    return statfs(path.c_str(), &disk) == 0 &&
+           (disk.f_type == BTRFS_SUPER_MAGIC || disk.f_type == XFS_SUPER_MAGIC);
+}
+
 int64_t ownBytes(const std::string& path, const struct stat& st) {
     constexpr uint32_t kExtents = 100;
     const int64_t bytes = int64_t{st.st_blocks} * 512;
-    struct statfs disk = {};
-    if (!S_ISREG(st.st_mode) || statfs(path.c_str(), &disk) != 0 ||
-        (disk.f_type != BTRFS_SUPER_MAGIC && disk.f_type != XFS_SUPER_MAGIC))
-        return bytes;
+    if (!S_ISREG(st.st_mode) || !sharesBlocks(path)) return bytes;
     const android::base::unique_fd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     int64_t shared = 0;
     alignas(fiemap) char room[sizeof(fiemap) + kExtents * sizeof(fiemap_extent)];

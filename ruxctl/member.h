@@ -73,8 +73,11 @@ class Directories {
 /// Returns the status of what is there, all zero where nothing is.
 struct stat lookAt(Member& member, int64_t fileBytes, Directories& directories);
 
-/// The bytes of blocks that the file has alone. File systems that copy on write may have given some
-/// to other files and to snapshots too (Documentation/filesystems/fiemap.rst of the kernel).
+/// Whether files may share blocks on the file system of the path, which copies on write: a copy may
+/// take up none, and a snapshot may keep those of a file.
+bool sharesBlocks(const std::string& path);
+/// The bytes of blocks that the file has alone (Documentation/filesystems/fiemap.rst of the
+/// kernel).
 int64_t ownBytes(const std::string& path, const struct stat& st);
 
 }  // namespace ruxctl

@@ -81,7 +81,7 @@ Restore lookAt(const std::vector<std::string>& spaceIds, const std::vector<std::
 void requireRoom(const std::map<std::string, int64_t>& needed) {
     for (const auto& [path, bytes] : needed) {
         struct statvfs fs = {};
-        if (statvfs(path.c_str(), &fs) != 0) continue;
+        if (sharesBlocks(path) || statvfs(path.c_str(), &fs) != 0) continue;
         const auto room = static_cast<int64_t>(fs.f_bavail * fs.f_frsize);
         if (bytes <= room) continue;
         throw Failure("the file system of " + path + " has " + humanBytes(room) + " left, and " +
@@ -92,10 +92,12 @@ void requireRoom(const std::map<std::string, int64_t>& needed) {
 }
 
 void describe(const Restore& restore) {
+    const bool isMost = std::any_of(restore.needed.begin(), restore.needed.end(),
+                                    [](const auto& share) { return sharesBlocks(share.first); });
     std::cerr << counted(static_cast<int64_t>(restore.linked.size()), "file") << " of "
               << counted(static_cast<int64_t>(restore.groups.size()), "group")
-              << " will get data of their own, taking up " << humanBytes(restore.allNeeded())
-              << "\n";
+              << " will get data of their own, taking up " << (isMost ? "at most " : "")
+              << humanBytes(restore.allNeeded()) << "\n";
     if (restore.others == 0) return;
     std::cerr << "A group is restored as a whole: " << grouped(restore.others) << " of them "
               << (restore.others == 1 ? "does not match by itself" : "do not match by themselves")

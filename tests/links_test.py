@@ -270,6 +270,9 @@ def check_what_copies_without_data_of_their_own_give_back(service):
         service.write("disk/a", ("x" * 8192 + "\0" * 8192) * 300)  # in more pieces than are asked for at once
         assert shell(f"cp --reflink=always {disk}/a {disk}/b", f"cp --reflink=never --sparse=always {disk}/a {disk}/c", "sync")
         assert figure("dedupe", "freed_bytes") in range(300 * 8192, 310 * 8192)
+        use = os.statvfs(disk)
+        assert shell(f"fallocate -l {use.f_bavail * use.f_bsize - (1 << 20)} {disk}/full")  # no room for copies with blocks
+        assert "taking up at most" in service.client("restore", "--dry-run", disk).stderr
         assert figure("restore", "bytes") == 0
 
 
