@@ -70,7 +70,8 @@ void sayWhatStaysApart(const std::vector<Group>& groups) {
     std::cerr
             << humanBytes(bytes)
             << " more could be given back among files of other owners, modes or file systems that "
-               "are equal among themselves: with a dedupe for each of their directories\n";
+               "are equal among themselves: with a dedupe for each of their directories; -x leaves "
+               "out other file systems\n";
 }
 
 /// Says what else there is to know, whether somebody is asked or not.
