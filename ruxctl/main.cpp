@@ -41,6 +41,12 @@ class CommandLine {
         try {
             mApp.parse(argc, argv);
         } catch (const CLI::ParseError& error) {
+            const bool isRequired =
+                    error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError);
+            if (isRequired && argc > 1 && mApp.get_subcommands().empty())
+                throw Failure(std::string("there is no command ") + argv[1] +
+                                      "; see `ruxctl --help`",
+                              kUsage);
             return mApp.exit(error) == 0 ? kDone : kUsage;
         }
         return mAction();
@@ -192,7 +198,7 @@ class CommandLine {
                 ->check(CLI::IsMember({"size", "count"}));
         command->add_option("--top", mGroups.top, "Only so many")
                 ->type_name("N")
-                ->check(CLI::PositiveNumber);
+                ->check(CLI::Range(1, 1'000'000'000).description(""));
         command->add_flag("--all", mGroups.all, "Those with nothing to give back as well");
         const std::pair<const char*, const char*> formats[] =
                 {{"json", "Print JSON"},

@@ -547,6 +547,8 @@ def check_usage(service):
                       ("call", "1", "\udcff"), ("stop", "restore"), ("groups", "--top", "0"),
                       ("groups", "--json", "--csv")):
         client(*arguments, status=2)
+    client("dedup", "--yes", service.tree, status=2)
+    assert "no command dedup;" in client.said, client.said
     with open("/dev/full", "w", encoding="ascii") as full:
         run = subprocess.run([client.binary, "status"], env=client.environment, stdout=full, stderr=subprocess.PIPE, check=False)
         assert run.returncode == 1 and b"standard output cannot be written" in run.stderr, run
