@@ -37,6 +37,7 @@ SpaceRule ruleOf(const Json::Value& element) {
     take(element, "one_file_system", rule.reach.staysOnFileSystem);
     take(element, "min_size", rule.reach.minBytes);
     take(element, "max_size", rule.reach.maxBytes);
+    take(element, "lone_size", rule.reach.loneBytes);
     return rule;
 }
 

@@ -25,6 +25,9 @@ struct Reach {
     /// "min_size", "max_size", in bytes. Smaller and larger files are neither read nor recorded.
     uint64_t minBytes = 0;
     uint64_t maxBytes = UINT64_MAX;
+    /// "lone_size", in bytes. Files of that size or more are neither read nor recorded when no
+    /// other one is of their size: none that the scan meets, and none in a group of the space.
+    uint64_t loneBytes = UINT64_MAX;
     /// Files that are left out whatever leads to them, if given. No request names them: the scan
     /// gives those of the database.
     const FileIds* excluded = nullptr;
@@ -40,7 +43,7 @@ struct SpaceRule {
     bool hasUnusablePlaces = false;                  ///< "dirs" is not empty, but `places` is.
     /// "refresh", of a scan: bring what the space knows of its starting paths up to date.
     bool refreshes = false;
-    Reach reach;  ///< "follow_links", "one_file_system", "min_size", "max_size".
+    Reach reach;  ///< "follow_links", "one_file_system", "min_size", "max_size", "lone_size".
 };
 
 /// Reads a request of space rules. False when `text` is not JSON.

@@ -22,6 +22,7 @@ struct Reach {
     bool staysOnFileSystem = false;
     uint64_t minBytes = 0;
     uint64_t maxBytes = UINT64_MAX;
+    uint64_t loneBytes = UINT64_MAX;  ///< from this size on only files whose size another has
 
     bool holds(int64_t bytes) const {
         return static_cast<uint64_t>(bytes) >= minBytes && static_cast<uint64_t>(bytes) <= maxBytes;

@@ -117,6 +117,7 @@ std::string scanText(const SpaceQuery& query, const Reach& reach, bool refreshes
     request[0]["one_file_system"] = reach.staysOnFileSystem;
     request[0]["min_size"] = static_cast<Json::UInt64>(reach.minBytes);
     request[0]["max_size"] = static_cast<Json::UInt64>(reach.maxBytes);
+    request[0]["lone_size"] = static_cast<Json::UInt64>(reach.loneBytes);
     return Json::FastWriter().write(request);
 }
 

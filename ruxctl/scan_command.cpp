@@ -27,6 +27,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr uint64_t kLoneBytes = 64 << 10;  // smaller files are read in no time
+
 /// The patterns with what the globs say.
 std::vector<std::string> patternsOf(const ScanOptions& options) {
     std::vector<std::string> patterns = options.query.patterns;
@@ -158,9 +160,12 @@ Outcome scanPortions(const Client& client, SpaceQuery query, const ScanOptions& 
     const int64_t readBefore = client.bytesMoved("rchar:");
     Outcome outcome;
     double secondsBefore = 0;
-    for (const auto& portion : portionsOf(query.places)) {
+    const auto portions = portionsOf(query.places);
+    Reach reach = options.reach;
+    if (portions.size() > 1) reach.loneBytes = UINT64_MAX;  // others may be in another one
+    for (const auto& portion : portions) {
         query.places = portion;
-        const std::string request = scanText(query, options.reach, options.refreshes);
+        const std::string request = scanText(query, reach, options.refreshes);
         outcome = carryOut(client, kScanOperation, request, [&](double seconds) {
             line.show(Interrupts::any() ? "Stopping; what has been recorded is being saved"
                                         : progressText(client.bytesMoved("rchar:") - readBefore,
@@ -189,6 +194,8 @@ void sayWhatIsLeftOut(const TreeCount& tree, bool verbose) {
         for (const auto& [path, reason] : tree.leftOut())
             std::cerr << "  " << shown(path) << ": " << reason << "\n";
     }
+    if (tree.lone() > 0)
+        std::cerr << counted(tree.lone(), "large file") << " not read: no other has the size\n";
     for (const std::string& glob : tree.unmatched())
         std::cerr << "Warning: no file matches " << glob << "\n";
     if (tree.outside() > 0) {
@@ -284,6 +291,7 @@ int dedupe(ScanOptions options, CompressOptions then) {
     options.listFile.clear();
     if (options.query.places.empty()) throw Failure("DIR or --files-from is required", kUsage);
     options.query.spaceId = spaceFor(options);
+    options.reach.loneBytes = kLoneBytes;
     options.quiet = true;
     options.links = !then.dryRun;
     if (const int exit = scan(options); exit != kDone) return exit;

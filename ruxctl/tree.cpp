@@ -75,7 +75,15 @@ void TreeCount::walk() {
             add(place, DT_UNKNOWN, kNoDevice, false);
         }
     }
+    for (const auto& [size, files] : mLarge) {
+        if (files > 1) mBytes += size * files;
+    }
     mIsDone = true;
+}
+
+int64_t TreeCount::lone() const {
+    return std::count_if(mLarge.begin(), mLarge.end(),
+                         [](const auto& size) { return size.second == 1; });
 }
 
 void TreeCount::add(const std::string& path, unsigned char type, dev_t device, bool isOutside) {
@@ -102,7 +110,10 @@ void TreeCount::addThere(const std::string& path, const struct stat& st, dev_t d
     } else if (S_ISDIR(st.st_mode)) {
         addDirectory(path, st, device, isOutside);
     } else if (!S_ISREG(st.st_mode) || mReach.holds(st.st_size)) {
-        mBytes += S_ISREG(st.st_mode) ? st.st_size : 0;
+        const int64_t bytes = S_ISREG(st.st_mode) ? st.st_size : 0;
+        const bool isLarge = static_cast<uint64_t>(bytes) >= mReach.loneBytes;
+        if (isLarge) ++mLarge[bytes];
+        mBytes += isLarge ? 0 : bytes;
         addFile(path, isOutside);
     }
 }

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <set>
 #include <string>
 #include <thread>
@@ -28,7 +29,7 @@ class TreeCount {
     TreeCount(const TreeCount&) = delete;
     TreeCount& operator=(const TreeCount&) = delete;
 
-    /// Bytes of all files; 0 as long as they are being counted.
+    /// Bytes of all files that will be read; 0 as long as they are being counted.
     int64_t bytes() const { return mIsDone ? mBytes : 0; }
 
     /// Waits for the end. Then the others may be asked for.
@@ -39,6 +40,8 @@ class TreeCount {
     const std::vector<std::string>& unfollowed() const { return mUnfollowed; }
     /// Files that symbolic links lead to and that do not lie below the places.
     int64_t outside() const { return mOutside; }
+    /// Large files whose size no other has.
+    int64_t lone() const;
     /// Globs that no file has matched.
     std::vector<std::string> unmatched() const;
 
@@ -55,6 +58,7 @@ class TreeCount {
     Places mRealPlaces;  // without symbolic links, where these are followed
     int64_t mBytes = 0;
     int64_t mOutside = 0;
+    std::map<int64_t, int64_t> mLarge;  // files, by size
     std::vector<std::pair<std::string, std::string>> mLeftOut;
     std::vector<std::string> mUnfollowed;
     std::vector<std::pair<std::string, PathPatterns>> mUnmatched;  // globs

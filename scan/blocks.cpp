@@ -22,6 +22,12 @@ bool needsDigest(const Item& item) {
 
 }  // namespace
 
+bool Item::isPostponed(const Reach& reach) const {
+    return isLone && needsDigest(*this) && entry.kind == Entry::Kind::File &&
+           static_cast<uint64_t>(status.st_size) >= reach.loneBytes &&
+           (judgement.known == nullptr || !judgement.known->holds(status));
+}
+
 Blocks::Blocks(EntryStream& stream, DigestCache& cache, const Selection& selection)
       : mStream(stream),
         mCache(cache),
@@ -163,7 +169,7 @@ Item* BlockReader::take() {
 bool BlockReader::begin(Item& item, const struct stat& status) {
     item.status = status;
     item.entry.kind = kindOf(status, mSelection.reach);
-    if (item.entry.kind != Entry::Kind::File) return false;
+    if (item.entry.kind != Entry::Kind::File || item.isPostponed(mSelection.reach)) return false;
     const SharedDigest own = notComputed();
     const std::lock_guard lock(mMutex);
     item.digest = mCache.findOrAdd(status, own);

@@ -35,6 +35,7 @@ void begin(SpaceRule& rule, const std::string& SpaceID_DBPath, ScanState& state)
         state.known.emplace();
     }
     state.pendingMembers = PendingMembers(state.knownPaths());
+    state.postponed.clear();
     state.isStopped = false;
 }
 
@@ -114,6 +115,7 @@ void Rux_scanDuplicateFilesImp(const std::string& scanRules) {
             }
             if (scanSpaceID(path, selection, state) != 0) RUX_LOGE("scanSpaceID fail");
         }
+        if (!state.isStopped) scanPostponed(selection, state);
         end(rule, SpaceID_DBPath, state);
     }
 }

@@ -2,10 +2,15 @@
 
 #include <sys/stat.h>
 
+#include <cstdint>
+#include <map>
+#include <utility>
+
 #include "control/log.h"
 #include "control/properties.h"
+#include "db/images.h"
+#include "db/records.h"
 #include "platform/include/tavo_f2fs_io_extensions.h"
-#include "scan/blocks.h"
 
 namespace rux {
 namespace {
@@ -19,6 +24,12 @@ void takeFile(const Item& item, ScanState& state) {
         if (state.tidied.insert(directory).second) removeStaleNames(directory.c_str());
     }
     calculateFileMD5(path, item.status, item.judgement, item.digest, state.pendingMembers);
+}
+
+/// Adds an image's groups, each as one file of its size.
+void countGroups(const Json::Value& image, std::map<int64_t, int>& files) {
+    if (!image.isObject()) return;
+    for (const Json::Value& group : image) ++files[groupFileBytes(group)];
 }
 
 }  // namespace
@@ -38,10 +49,18 @@ int scanSpaceID(const std::string& path, const Selection& selection, ScanState& 
             return -1;
         }
         const std::string realPath = selection.exceptions.empty() ? "" : realPathOf(path);
-        Judgement judgement = judge(path, realPath, selection);
-        if (selection.known != nullptr) judgement.known = selection.known->find(path);
-        calculateFileMD5(path, status, judgement, state.digests.findOrAdd(status, notComputed()),
-                         state.pendingMembers);
+        Item item;
+        item.entry.path = path;
+        item.entry.kind = kind;
+        item.status = status;
+        item.judgement = judge(path, realPath, selection);
+        if (selection.known != nullptr) item.judgement.known = selection.known->find(path);
+        if (item.isPostponed(selection.reach)) {
+            state.postponed.push_back(std::move(item));
+            return 0;
+        }
+        calculateFileMD5(path, status, item.judgement,
+                         state.digests.findOrAdd(status, notComputed()), state.pendingMembers);
         return 0;
     }
 
@@ -52,6 +71,8 @@ int scanSpaceID(const std::string& path, const Selection& selection, ScanState& 
             RUX_LOGD("stop.");
             state.isStopped = true;
             blocks.leaveDirectory();  // the one above stops at its next entry
+        } else if (item->isPostponed(selection.reach)) {
+            state.postponed.push_back(*item);
         } else if (kind == Entry::Kind::File) {
             takeFile(*item, state);
         } else if (kind == Entry::Kind::Unreadable) {
@@ -61,6 +82,30 @@ int scanSpaceID(const std::string& path, const Selection& selection, ScanState& 
         }
     }
     return 0;
+}
+
+void scanPostponed(const Selection& selection, ScanState& state) {
+    std::map<int64_t, int> files;  // by size; a group counts as one
+    countGroups(*checkNoCompressDB, files);
+    if (selection.known != nullptr) countGroups(*checkACompressDB, files);
+    for (const Item& item : state.postponed) ++files[item.status.st_size];
+    Block next;
+    for (Item& item : std::exchange(state.postponed, {})) {
+        item.isLone = files[item.status.st_size] == 1;
+        item.entry.kind = Entry::Kind::NoDirectory;  // its status may be another by now
+        if (!item.isLone) next.push_back(std::move(item));
+    }
+    while (!next.empty()) {
+        BlockReader reader(std::exchange(next, {}), selection, state.digests);
+        for (const Item& item : reader.finish(next)) {
+            if (getStopProp(kStopScan)) {
+                RUX_LOGD("stop.");
+                state.isStopped = true;
+                return;
+            }
+            if (item.entry.kind == Entry::Kind::File) takeFile(item, state);
+        }
+    }
 }
 
 }  // namespace rux

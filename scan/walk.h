@@ -7,6 +7,7 @@
 
 #include "db/known_paths.h"
 #include "db/space.h"
+#include "scan/blocks.h"
 #include "scan/digest_cache.h"
 #include "scan/fingerprint.h"
 #include "scan/pending_members.h"
@@ -22,6 +23,7 @@ struct ScanState {
     // Of the current rule:
     std::optional<KnownPaths> known;  // when it refreshes the space
     PendingMembers pendingMembers;
+    Block postponed;  // large files whose size no other may have
     bool isStopped = false;
 
     KnownPaths* knownPaths() { return known ? &*known : nullptr; }
@@ -32,5 +34,9 @@ struct ScanState {
 ///
 /// 0 when the path was walked, completely or up to a stop; -1 when it could not be opened.
 int scanSpaceID(const std::string& path, const Selection& selection, ScanState& state);
+
+/// The same for those of the postponed files that have the size of another one, or of the files of
+/// a group.
+void scanPostponed(const Selection& selection, ScanState& state);
 
 }  // namespace rux

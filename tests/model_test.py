@@ -40,7 +40,8 @@ NAMES = ["a.jpg", "b.jpg", "c.JPG", "archive.tar.gz", ".profile", "README", "fil
 PATTERNS = [".*"] * 9 + [r".*\.jpg", r".*\.(jpg|t)", ".*/[a-m][^/]*", "jpg", "(", "[", r".*é.*", ".*/d[12]?/.*"]
 MEMBERS = {"refresh": [True, True, True, True, False, 1, "true"], "follow_links": [False, False, True, 0, "false", None], "one_file_system": [True, True, False, 1],
            "min_size": [1, 1, 1, 2, 5000, 5000, 5001, 0, -1, 2**64, 1.5, "1", True],
-           "max_size": [1, 1, 1, 4999, 5000, 5000, 0, 2**64 - 1, 2**64, -1, 1.0]}
+           "max_size": [1, 1, 1, 4999, 5000, 5000, 0, 2**64 - 1, 2**64, -1, 1.0],
+           "lone_size": [0, 1, 1, 2, 5000, 5000, 5001, 2**64 - 1, 2**64, -1, 1.0]}
 SPACES = ["s"] * 20 + ["t"] * 6 + ["é u", "", "plain", "..", "a/b", "n\0l", "x" * 300]
 
 

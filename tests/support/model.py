@@ -65,7 +65,8 @@ def seconds(st):
 
 def reach_of(rule):
     """What the optional members of a scan's rule say; one of another type says nothing."""
-    reach = {"refresh": False, "follow_links": True, "one_file_system": False, "min_size": 0, "max_size": 2**64 - 1}
+    reach = {"refresh": False, "follow_links": True, "one_file_system": False, "min_size": 0, "max_size": 2**64 - 1,
+             "lone_size": 2**64 - 1}
     for name, default in reach.items():
         value = rule.get(name)
         if type(value) is type(default) and (isinstance(value, bool) or 0 <= value < 2**64):
@@ -331,7 +332,7 @@ class Model:
             if self.reach["refresh"]:
                 self.load(space, 2)
             self.before = [{} if not isinstance(image, dict) else image for image in copy.deepcopy(self.images)]
-            self.met, self.taken, self.is_stopped = set(), {}, False
+            self.met, self.taken, self.postponed, self.is_stopped = set(), {}, [], False
             patterns = self.compile(regs)
             for path in dirs:
                 if self.stops("scan"):
@@ -342,9 +343,22 @@ class Model:
                 self.entered = {}
                 if self.walk(path, patterns, exceptions, []) != 0:
                     self.log("E", function, "scanSpaceID fail")
+            if not self.is_stopped:
+                self.scan_postponed()
             self.remove_stale([] if self.is_stopped else dirs)
             self.save(space, 0, 1, 3)
         return None
+
+    def scan_postponed(self):
+        images = [image for image in self.images[1:3 if self.reach["refresh"] else 2] if isinstance(image, dict)]
+        sizes = [max(0, number(group, "f_size")) for image in images for group in image.values()] + [st.st_size for _, _, st in self.postponed]
+        for path, name, st in self.postponed:
+            if sizes.count(st.st_size) > 1:
+                if self.stops("scan"):
+                    self.log("D", "scanPostponed", "stop.")
+                    self.is_stopped = True
+                    return
+                self.take(path, name, st, False)
 
     def make(self, space):
         if status(space) is None and len(os.path.basename(space)) <= 255:
@@ -431,6 +445,14 @@ class Model:
             self.log("D", "calculateFileMD5", f"the path {path} is not valid UTF-8, skip")
             return
         is_exception = self.matches(exceptions, path) or is_behind_link(path) and self.matches(exceptions, os.path.realpath(path))
+        if not is_exception and st.st_size >= self.reach["lone_size"] and not (refresh and self.is_known(path) and self.holds(path, st)):
+            return self.postponed.append((path, name, st))
+        self.take(path, name, st, is_exception)
+
+    def take(self, path, name, st, is_exception):
+        refresh = self.reach["refresh"]
+        if refresh and path in self.met:
+            return
         if refresh and self.is_known(path):
             self.met.add(path)
             if not is_exception and self.holds(path, st):
