@@ -41,7 +41,7 @@ PATTERNS = [".*"] * 9 + [r".*\.jpg", r".*\.(jpg|t)", ".*/[a-m][^/]*", "jpg", "("
 MEMBERS = {"refresh": [True, True, True, True, False, 1, "true"], "follow_links": [False, False, True, 0, "false", None], "one_file_system": [True, True, False, 1],
            "min_size": [1, 1, 1, 2, 5000, 5000, 5001, 0, -1, 2**64, 1.5, "1", True],
            "max_size": [1, 1, 1, 4999, 5000, 5000, 0, 2**64 - 1, 2**64, -1, 1.0],
-           "lone_size": [0, 1, 1, 2, 5000, 5000, 5001, 2**64 - 1, 2**64, -1, 1.0]}
+           "lone_size": [0, 1, 1, 1, 2, 2, 5000, 2**64 - 1, 2**64, -1, 1.0]}
 SPACES = ["s"] * 20 + ["t"] * 6 + ["é u", "", "plain", "..", "a/b", "n\0l", "x" * 300]
 
 
@@ -86,7 +86,7 @@ class Session:
         if kind == "hard" and files and ".rux-swap" not in path:
             return os.link(pick.choice(files), path, follow_symlinks=False)
         with open(path, "w", encoding="ascii") as file:
-            file.write("" if kind == "empty" else "abcd"[pick.randrange(4)] * pick.choice([1, 1, 5000]))
+            file.write("" if kind == "empty" else "abcd"[pick.randrange(4)] * pick.choice([1, 1, 5000, pick.randrange(2, 6)]))
         os.chmod(path, pick.choice([0o644, 0o644, 0o644, 0o600]))
         if os.geteuid() == 0:
             os.chown(path, pick.choice([0] * 9 + [1234]), pick.choice([0] * 9 + [4321]))
@@ -211,7 +211,7 @@ class Session:
             rule["dirs"] = [tree]
         if operation == "scan":
             for name, values in MEMBERS.items():
-                if pick.random() < (0.7 if name == "refresh" else 0.3):
+                if pick.random() < (0.7 if name in ("refresh", "lone_size") else 0.3):
                     rule[name] = pick.choice(values)
         if pick.random() < 0.3:
             name = pick.choice(["sid", "regs", "dirs"])

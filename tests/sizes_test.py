@@ -61,6 +61,30 @@ def check_a_file_is_read_once_whatever_its_names(service):
     assert len(group["f_list"]) == 12
 
 
+def check_large_files_of_a_size_of_their_own(service):
+    def scan(*places, refresh=True):
+        before = service.bytes_read()
+        service.call(SCAN, json.dumps([{"sid": "s", "regs": [".*"], "dirs": places or [service.tree], "refresh": refresh, "lone_size": size}]))
+        return service.bytes_read() - before
+
+    size = 1 << 20
+    first, second = (service.write(name, "a" * size) for name in ("a1", "a2"))
+    small, lone, other = service.write("small", "s"), service.write("lone", "l" * (size + 1)), service.write("other", "o" * (size + 2))
+    assert size <= scan() < 3 * size and set(service.database(RECORDS)) == {first, second, small}
+    assert service.compress() and scan() < size
+    # What only a linked group has the size of, and what a lone file has, which is read then.
+    third, twin = service.write("a3", "a" * size), service.write("twin", "l" * (size + 1))
+    assert 3 * size <= scan() < 4 * size
+    groups = {tuple(group["f_list"]) for group in service.database(GROUPS).values()}
+    assert groups in [{(small,), pair, tuple(linked + [third])} for pair in ((lone, twin), (twin, lone)) for linked in ([first, second], [second, first])]
+    # A group that is not linked counts, and a file that is named itself does not wait for others in vain.
+    more = service.write("more", "m" * (size + 1))
+    scan(more, refresh=False)
+    assert more in service.database(RECORDS) and scan(other) < size and other not in service.database(RECORDS)
+    scan(other, service.write("another", "o" * (size + 2)))
+    assert other in service.database(RECORDS)
+
+
 def check_stop_in_a_long_file(service):
     size = 8 << 40
     paths = [service.write(name, "x") for name in "ab"]
