@@ -25,8 +25,9 @@ struct Reach {
     /// "min_size", "max_size", in bytes. Smaller and larger files are neither read nor recorded.
     uint64_t minBytes = 0;
     uint64_t maxBytes = UINT64_MAX;
-    /// "lone_size", in bytes. Files of that size or more are neither read nor recorded when no
-    /// other one is of their size: none that the scan meets, and none in a group of the space.
+    /// "lone_size", in bytes. Files of that size or more are neither digested nor recorded unless
+    /// another one has their size and begins alike: one that the scan meets, or of a group of the
+    /// space.
     uint64_t loneBytes = UINT64_MAX;
     /// Files that are left out whatever leads to them, if given. No request names them: the scan
     /// gives those of the database.

@@ -25,6 +25,12 @@ bool isLink(int directory, const dirent& entry) {
 
 }  // namespace
 
+int openQuietly(int above, const char* name, int flags) {
+    const int file = openat(above, name, O_RDONLY | O_CLOEXEC | O_NOATIME | flags);
+    if (file >= 0 || errno != EPERM) return file;
+    return openat(above, name, O_RDONLY | O_CLOEXEC | flags);
+}
+
 std::string realPathOf(const std::string& path) {
     std::error_code failure;
     std::filesystem::path way;
@@ -114,9 +120,7 @@ Entry EntryStream::entryOf(const dirent& found) {
 Entry::Kind EntryStream::enter(int above, const char* name, bool isBehindLink,
                                const std::string& realPath) {
     struct stat status = {};
-    constexpr int kHow = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
-    int directory = openat(above, name, kHow | O_NOATIME);
-    if (directory < 0 && errno == EPERM) directory = openat(above, name, kHow);
+    const int directory = openQuietly(above, name, O_DIRECTORY);
     if (directory < 0) {
         if (errno == ENOTDIR) return Entry::Kind::NoDirectory;
         if (fstatat(above, name, &status, 0) != 0) return Entry::Kind::Unreadable;

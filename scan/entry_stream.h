@@ -40,6 +40,9 @@ struct Entry {
 /// The kind of an entry that is no directory, or whose directory cannot be entered.
 Entry::Kind kindOf(const struct stat& status, const Reach& reach);
 
+/// open(2) for reading without a change of the access time, where that is granted.
+int openQuietly(int above, const char* name, int flags);
+
 /// The path without symbolic links; nothing when it has none, or leads nowhere.
 std::string realPathOf(const std::string& path);
 

@@ -35,7 +35,7 @@ void begin(SpaceRule& rule, const std::string& SpaceID_DBPath, ScanState& state)
         state.known.emplace();
     }
     state.pendingMembers = PendingMembers(state.knownPaths());
-    state.postponed.clear();
+    state.postponed = {};
     state.isStopped = false;
 }
 

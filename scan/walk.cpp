@@ -2,14 +2,10 @@
 
 #include <sys/stat.h>
 
-#include <cstdint>
-#include <map>
 #include <utility>
 
 #include "control/log.h"
 #include "control/properties.h"
-#include "db/images.h"
-#include "db/records.h"
 #include "platform/include/tavo_f2fs_io_extensions.h"
 
 namespace rux {
@@ -24,12 +20,6 @@ void takeFile(const Item& item, ScanState& state) {
         if (state.tidied.insert(directory).second) removeStaleNames(directory.c_str());
     }
     calculateFileMD5(path, item.status, item.judgement, item.digest, state.pendingMembers);
-}
-
-/// Adds an image's groups, each as one file of its size.
-void countGroups(const Json::Value& image, std::map<int64_t, int>& files) {
-    if (!image.isObject()) return;
-    for (const Json::Value& group : image) ++files[groupFileBytes(group)];
 }
 
 }  // namespace
@@ -56,7 +46,7 @@ int scanSpaceID(const std::string& path, const Selection& selection, ScanState& 
         item.judgement = judge(path, realPath, selection);
         if (selection.known != nullptr) item.judgement.known = selection.known->find(path);
         if (item.isPostponed(selection.reach)) {
-            state.postponed.push_back(std::move(item));
+            state.postponed.add(std::move(item));
             return 0;
         }
         calculateFileMD5(path, status, item.judgement,
@@ -72,7 +62,7 @@ int scanSpaceID(const std::string& path, const Selection& selection, ScanState& 
             state.isStopped = true;
             blocks.leaveDirectory();  // the one above stops at its next entry
         } else if (item->isPostponed(selection.reach)) {
-            state.postponed.push_back(*item);
+            state.postponed.add(*item);
         } else if (kind == Entry::Kind::File) {
             takeFile(*item, state);
         } else if (kind == Entry::Kind::Unreadable) {
@@ -85,27 +75,18 @@ int scanSpaceID(const std::string& path, const Selection& selection, ScanState& 
 }
 
 void scanPostponed(const Selection& selection, ScanState& state) {
-    std::map<int64_t, int> files;  // by size; a group counts as one
-    countGroups(*checkNoCompressDB, files);
-    if (selection.known != nullptr) countGroups(*checkACompressDB, files);
-    for (const Item& item : state.postponed) ++files[item.status.st_size];
-    Block next;
-    for (Item& item : std::exchange(state.postponed, {})) {
-        item.isLone = files[item.status.st_size] == 1;
-        item.entry.kind = Entry::Kind::NoDirectory;  // its status may be another by now
-        if (!item.isLone) next.push_back(std::move(item));
-    }
-    while (!next.empty()) {
+    if (state.postponed.empty()) return;
+    Block next = state.postponed.takeAlike(selection.known != nullptr);
+    state.isStopped = getStopProp(kStopScan);
+    while (!next.empty() && !state.isStopped) {
         BlockReader reader(std::exchange(next, {}), selection, state.digests);
         for (const Item& item : reader.finish(next)) {
-            if (getStopProp(kStopScan)) {
-                RUX_LOGD("stop.");
-                state.isStopped = true;
-                return;
-            }
+            state.isStopped = getStopProp(kStopScan);
+            if (state.isStopped) break;
             if (item.entry.kind == Entry::Kind::File) takeFile(item, state);
         }
     }
+    if (state.isStopped) RUX_LOGD("stop.");
 }
 
 }  // namespace rux

@@ -7,10 +7,10 @@
 
 #include "db/known_paths.h"
 #include "db/space.h"
-#include "scan/blocks.h"
 #include "scan/digest_cache.h"
 #include "scan/fingerprint.h"
 #include "scan/pending_members.h"
+#include "scan/postponed.h"
 
 namespace rux {
 
@@ -23,7 +23,7 @@ struct ScanState {
     // Of the current rule:
     std::optional<KnownPaths> known;  // when it refreshes the space
     PendingMembers pendingMembers;
-    Block postponed;  // large files whose size no other may have
+    PostponedFiles postponed;
     bool isStopped = false;
 
     KnownPaths* knownPaths() { return known ? &*known : nullptr; }
@@ -35,8 +35,7 @@ struct ScanState {
 /// 0 when the path was walked, completely or up to a stop; -1 when it could not be opened.
 int scanSpaceID(const std::string& path, const Selection& selection, ScanState& state);
 
-/// The same for those of the postponed files that have the size of another one, or of the files of
-/// a group.
+/// The same for those of the postponed files that may be equal to another one.
 void scanPostponed(const Selection& selection, ScanState& state);
 
 }  // namespace rux

@@ -61,7 +61,7 @@ def check_a_file_is_read_once_whatever_its_names(service):
     assert len(group["f_list"]) == 12
 
 
-def check_large_files_of_a_size_of_their_own(service):
+def check_large_files_that_no_other_can_be_equal_to(service):
     def scan(*places, refresh=True):
         before = service.bytes_read()
         service.call(SCAN, json.dumps([{"sid": "s", "regs": [".*"], "dirs": places or [service.tree], "refresh": refresh, "lone_size": size}]))
@@ -77,10 +77,11 @@ def check_large_files_of_a_size_of_their_own(service):
     assert 3 * size <= scan() < 4 * size
     groups = {tuple(group["f_list"]) for group in service.database(GROUPS).values()}
     assert groups in [{(small,), pair, tuple(linked + [third])} for pair in ((lone, twin), (twin, lone)) for linked in ([first, second], [second, first])]
-    # A group that is not linked counts, and a file that is named itself does not wait for others in vain.
-    more = service.write("more", "m" * (size + 1))
-    scan(more, refresh=False)
-    assert more in service.database(RECORDS) and scan(other) < size and other not in service.database(RECORDS)
+    # A group that is not linked counts, for files that begin as its files do; a place may be a file.
+    more, unlike = service.write("more", "l" * size + "m"), service.write("unlike", "u" + "l" * size)
+    scan(more, unlike, refresh=False)
+    assert more in service.database(RECORDS) and unlike not in service.database(RECORDS)
+    assert scan(other) < size and other not in service.database(RECORDS)
     scan(other, service.write("another", "o" * (size + 2)))
     assert other in service.database(RECORDS)
 

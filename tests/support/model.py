@@ -4,6 +4,7 @@ A model is asked before the service is: it reads the same files, and says the an
 texts, the properties, and which paths are one file afterwards.
 """
 
+import collections
 import copy
 import ctypes
 import hashlib
@@ -61,6 +62,14 @@ def md5_of(path):
 
 def seconds(st):
     return st.st_mtime_ns // 10**9
+
+
+def likeness(path, size):
+    """What files that may be equal have in common."""
+    if not isinstance(path, str) or "\0" in path or not os.path.isfile(path) or os.path.realpath(path) == UNREADABLE:
+        return size, b""
+    with open(path, "rb") as file:
+        return size, file.read(4096)
 
 
 def reach_of(rule):
@@ -350,15 +359,20 @@ class Model:
         return None
 
     def scan_postponed(self):
+        if not self.postponed:
+            return
+        self.is_stopped = self.stops("scan")
         images = [image for image in self.images[1:3 if self.reach["refresh"] else 2] if isinstance(image, dict)]
-        sizes = [max(0, number(group, "f_size")) for image in images for group in image.values()] + [st.st_size for _, _, st in self.postponed]
+        alike = collections.Counter(likeness(path, st.st_size) for path, _, st in self.postponed)
+        for group in [group for image in images for group in image.values() if isinstance(member(group, "f_list", list), list)]:
+            alike.update(likeness(path, max(0, number(group, "f_size"))) for path in group["f_list"])
         for path, name, st in self.postponed:
-            if sizes.count(st.st_size) > 1:
-                if self.stops("scan"):
-                    self.log("D", "scanPostponed", "stop.")
-                    self.is_stopped = True
-                    return
-                self.take(path, name, st, False)
+            if alike[likeness(path, st.st_size)] > 1 and not self.is_stopped:
+                self.is_stopped = self.stops("scan")
+                if not self.is_stopped:
+                    self.take(path, name, st, False)
+        if self.is_stopped:
+            self.log("D", "scanPostponed", "stop.")
 
     def make(self, space):
         if status(space) is None and len(os.path.basename(space)) <= 255:
