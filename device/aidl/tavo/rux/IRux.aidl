@@ -10,7 +10,8 @@ package tavo.rux;
 interface IRux {
     /**
      * Scans directories into the databases of their spaces. Ends early when told by property. Optional
-     * members of an element: "refresh", "follow_links", "one_file_system", "min_size", "max_size".
+     * members of an element: "refresh", "follow_links", "one_file_system", "min_size", "max_size",
+     * "lone_size".
      */
     void Rux_scanDuplicateFiles(@utf8InCpp String request);
 
