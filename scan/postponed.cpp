@@ -28,11 +28,8 @@ struct Counts {
 size_t likenessOf(int64_t fileBytes, const std::string& path) {
     if (getStopProp(kStopScan)) return 0;
     char text[4096] = {};
-    struct stat status = {};
-    ssize_t size = 0;
     const android::base::unique_fd file(openQuietly(AT_FDCWD, path.c_str(), O_NONBLOCK));
-    if (file.ok() && fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode))
-        size = pread(file.get(), text, sizeof(text), 0);
+    const ssize_t size = pread(file.get(), text, sizeof(text), 0);
     const std::string_view first(text, static_cast<size_t>(std::max<ssize_t>(size, 0)));
     return std::hash<std::string_view>()(first) ^ static_cast<size_t>(fileBytes);
 }

@@ -94,13 +94,18 @@ def check_stop_in_a_long_file(service):
             os.truncate(path, size)
     except OSError:
         return print("long files: skipped, none here")
-    # Not ahead of its turn.
-    client = threading.Thread(target=service.call, args=(SCAN, service.rule(dirs=paths[:1])))
-    client.start()
-    wait_for(lambda: paths[0] in service.open_files())
-    service.set_property("sys.ruxservice.stop_scan", "true")
-    client.join(30)
-    assert not client.is_alive() and service.logged("cal md5 error code != 0, continue") == 1
+    gone = service.write("gone", "x")
+    service.call(SCAN, service.rule(dirs=[gone]))
+    os.remove(gone)
+    # Not ahead of its turn, and not when another is of its size; what is gone is not known before the end.
+    for members in ({"dirs": paths[:1]}, {"dirs": [service.tree], "refresh": True, "lone_size": 1}):
+        client = threading.Thread(target=service.call, args=(SCAN, json.dumps([{"sid": "s", "regs": [".*"], **members}])))
+        client.start()
+        wait_for(lambda: set(paths) & set(service.open_files()))
+        service.set_property("sys.ruxservice.stop_scan", "true")
+        client.join(30)
+        assert not client.is_alive() and service.logged("cal md5 error code != 0, continue") == 1
+    assert service.logged("scanPostponed") == 1 and gone in service.database(RECORDS)
     service.edit(GROUPS, {"0": {"V": 1, "f_size": size, "f_list": paths}})
     assert service.compress() == f"1,{size}"  # holes are not compared
     return None
