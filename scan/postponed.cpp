@@ -1,6 +1,7 @@
 #include "scan/postponed.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,8 +29,14 @@ struct Counts {
 size_t likenessOf(int64_t fileBytes, const std::string& path) {
     if (getStopProp(kStopScan)) return 0;
     char text[4096] = {};
-    const android::base::unique_fd file(openQuietly(AT_FDCWD, path.c_str(), O_NONBLOCK));
-    const ssize_t size = pread(file.get(), text, sizeof(text), 0);
+    struct stat status = {};
+    ssize_t size = 0;
+    // What is no file is not opened: that might have an effect.
+    if (stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
+        const android::base::unique_fd file(
+                openQuietly(AT_FDCWD, path.c_str(), O_NONBLOCK | O_NOCTTY));
+        size = pread(file.get(), text, sizeof(text), 0);
+    }
     const std::string_view first(text, static_cast<size_t>(std::max<ssize_t>(size, 0)));
     return std::hash<std::string_view>()(first) ^ static_cast<size_t>(fileBytes);
 }

@@ -1,6 +1,8 @@
 /// Large files that wait until it is known whether another may be equal to them.
 #pragma once
 
+#include <utility>
+
 #include "scan/blocks.h"
 
 namespace rux {
