@@ -28,10 +28,10 @@ struct Item {
 };
 using Block = std::vector<Item>;
 
-/// Reads the status of a block's entries, and the digests of those files that need one, in their
-/// order. It begins with no further entry when the files have 512 MiB, which bounds what a stop
-/// makes undone, nor once the scan's stop property is set; digests under way then end with
-/// ECANCELED.
+/// Reads the status of a block's entries, and the digests of those files that need one and are not
+/// postponed, in their order. It begins with no further entry when the files have 512 MiB, which
+/// bounds what a stop makes undone, nor once the scan's stop property is set; digests under way
+/// then end with ECANCELED.
 class BlockReader {
   public:
     /// Begins in other threads.

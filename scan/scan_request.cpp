@@ -115,7 +115,7 @@ void Rux_scanDuplicateFilesImp(const std::string& scanRules) {
             }
             if (scanSpaceID(path, selection, state) != 0) RUX_LOGE("scanSpaceID fail");
         }
-        if (!state.isStopped) scanPostponed(selection, state);
+        scanPostponed(selection, state);
         end(rule, SpaceID_DBPath, state);
     }
 }

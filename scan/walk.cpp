@@ -22,6 +22,21 @@ void takeFile(const Item& item, ScanState& state) {
     calculateFileMD5(path, item.status, item.judgement, item.digest, state.pendingMembers);
 }
 
+/// Takes up a starting path that is a file.
+void takeStart(const std::string& path, const struct stat& status, const Selection& selection,
+               ScanState& state) {
+    const std::string realPath = selection.exceptions.empty() ? "" : realPathOf(path);
+    Item item;
+    item.entry.path = path;
+    item.entry.kind = Entry::Kind::File;
+    item.status = status;
+    item.judgement = judge(path, realPath, selection);
+    if (selection.known != nullptr) item.judgement.known = selection.known->find(path);
+    if (item.isPostponed(selection.reach)) return state.postponed.add(std::move(item));
+    calculateFileMD5(path, status, item.judgement, state.digests.findOrAdd(status, notComputed()),
+                     state.pendingMembers);
+}
+
 }  // namespace
 
 int scanSpaceID(const std::string& path, const Selection& selection, ScanState& state) {
@@ -38,19 +53,7 @@ int scanSpaceID(const std::string& path, const Selection& selection, ScanState& 
             RUX_LOG(ANDROID_LOG_ERROR, ":opendir", "The directory cannot be opened.");
             return -1;
         }
-        const std::string realPath = selection.exceptions.empty() ? "" : realPathOf(path);
-        Item item;
-        item.entry.path = path;
-        item.entry.kind = kind;
-        item.status = status;
-        item.judgement = judge(path, realPath, selection);
-        if (selection.known != nullptr) item.judgement.known = selection.known->find(path);
-        if (item.isPostponed(selection.reach)) {
-            state.postponed.add(std::move(item));
-            return 0;
-        }
-        calculateFileMD5(path, status, item.judgement,
-                         state.digests.findOrAdd(status, notComputed()), state.pendingMembers);
+        takeStart(path, status, selection, state);
         return 0;
     }
 
@@ -75,7 +78,7 @@ int scanSpaceID(const std::string& path, const Selection& selection, ScanState& 
 }
 
 void scanPostponed(const Selection& selection, ScanState& state) {
-    if (state.postponed.empty()) return;
+    if (state.isStopped || state.postponed.empty()) return;
     Block next = state.postponed.takeAlike(selection.known != nullptr);
     state.isStopped = getStopProp(kStopScan);
     while (!next.empty() && !state.isStopped) {

@@ -343,6 +343,10 @@ def check_what_is_left_out(service):
     with open(service.space + "/RUXFileInfo.json", encoding="utf-8") as file:
         assert stat.S_IMODE(os.fstat(file.fileno()).st_mode) == 0o600
     assert stat.S_IMODE(os.stat(service.space).st_mode) == 0o700
+    for name, letter in (("one", "o"), ("two", "t"), ("three", "t")):
+        service.write("large/" + name, letter * (70000 + ord(letter)))
+    shown = client.on_terminal("dedupe", "--dry-run", service.tree + "/large")[0]
+    assert "2 files recorded" in shown and "1 large file not read: no other has the size" in shown, shown
 
 
 class Page(html.parser.HTMLParser):
