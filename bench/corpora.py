@@ -9,16 +9,16 @@ MIB = 1 << 20
 EPOCH = 1_700_000_000  # modification time of the first file, in seconds
 
 
-def fill(directory, count, per_directory, sizes, seed, prefix):
-    """Writes `count` files, of which the last quarter are copies of the first quarter.
+def fill(directory, count, per_directory, sizes, seed, prefix, copies=None):
+    """Writes `count` files, of which the last are copies of the first: a quarter, or so many.
 
-    So half of the files are in pairs and half are alone. `sizes` draws a file's size in bytes."""
+    With a quarter, half of the files are in pairs and half are alone. `sizes` draws a file's size in bytes."""
     def path_of(index):
         suffix = "jpg" if index % 3 else "mp4"
         return directory / f"{prefix}{index // per_directory:05d}" / f"{prefix}_{index:07d}.{suffix}"
 
     random_bytes = random.Random(seed)
-    unique = count - count // 4
+    unique = count - (count // 4 if copies is None else copies)
     for index in range(count):
         file = path_of(index)
         file.parent.mkdir(exist_ok=True)
@@ -34,6 +34,11 @@ def media(directory):
     fill(directory, 800, 50, lambda r: r.randrange(MIB, 4 * MIB), 1, "album")
 
 
+def photos(directory):
+    """420 files of 1.5 to 6 MB, 1.5 GB, of which 20 are copies: few, as in most collections."""
+    fill(directory, 420, 50, lambda r: r.randrange(1_500_000, 6_000_000), 3, "photo", copies=20)
+
+
 def small(directory, count=100_000, sizes=lambda r: r.randrange(1_000, 9_000)):
     """100,000 files of 1 to 9 KB, 0.5 GB."""
     fill(directory, count, 200, sizes, 2, "notes")
@@ -44,7 +49,7 @@ def real(directory):
     shutil.copytree("/usr/share", directory, symlinks=True, dirs_exist_ok=True)
 
 
-CORPORA = {"media": media, "small": small, "real": real}
+CORPORA = {"media": media, "photos": photos, "small": small, "real": real}
 
 
 def make(name, parent):
