@@ -44,7 +44,7 @@ struct ScanOptions {
     bool verbose = false;  ///< names what is left out
     bool quiet = false;    ///< keeps standard output for what comes after
 };
-int scan(const ScanOptions& options);
+int scan(ScanOptions options);
 
 struct ListOptions {
     std::vector<std::string> spaceIds;  ///< none: all

@@ -334,15 +334,13 @@ std::vector<const Member*> linkedMembers(const std::vector<Group>& groups) {
 }
 
 std::map<std::string, int64_t> takenUpByRestore(const std::vector<const Member*>& linked) {
-    std::map<FileId, std::set<NameId>> names;
+    std::map<FileId, int64_t> names;
     std::map<dev_t, std::string> paths;
     std::map<std::string, int64_t> bytes;
     for (const Member* member : linked) {
         const std::string& path = paths.try_emplace(member->file.first, member->path).first->second;
         // The last of its names keeps the file, unless it has others elsewhere.
-        std::set<NameId>& known = names[member->file];
-        known.insert(member->name());
-        if (static_cast<int64_t>(known.size()) < member->links) bytes[path] += member->allocated;
+        if (++names[member->file] < member->links) bytes[path] += member->allocated;
     }
     return bytes;
 }

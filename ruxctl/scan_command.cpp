@@ -160,12 +160,9 @@ Outcome scanPortions(const Client& client, SpaceQuery query, const ScanOptions& 
     const int64_t readBefore = client.bytesMoved("rchar:");
     Outcome outcome;
     double secondsBefore = 0;
-    const auto portions = portionsOf(query.places);
-    Reach reach = options.reach;
-    if (portions.size() > 1) reach.loneBytes = UINT64_MAX;  // others may be in another one
-    for (const auto& portion : portions) {
+    for (const auto& portion : portionsOf(query.places)) {
         query.places = portion;
-        const std::string request = scanText(query, reach, options.refreshes);
+        const std::string request = scanText(query, options.reach, options.refreshes);
         outcome = carryOut(client, kScanOperation, request, [&](double seconds) {
             line.show(Interrupts::any() ? "Stopping; what has been recorded is being saved"
                                         : progressText(client.bytesMoved("rchar:") - readBefore,
@@ -251,8 +248,10 @@ std::string spaceFor(const ScanOptions& options) {
 
 }  // namespace
 
-int scan(const ScanOptions& options) {
+int scan(ScanOptions options) {
     const SpaceQuery query = queryOf(options);
+    // What is alone in one portion may have its like in another.
+    if (portionsOf(query.places).size() > 1) options.reach.loneBytes = UINT64_MAX;
     const Client client = service();
     const std::string root = client.root();
     for (const std::string& place : options.query.places)

@@ -23,7 +23,7 @@ bool needsDigest(const Item& item) {
 }  // namespace
 
 bool Item::isPostponed(const Reach& reach) const {
-    return isLone && needsDigest(*this) && entry.kind == Entry::Kind::File &&
+    return needsDigest(*this) && entry.kind == Entry::Kind::File &&
            static_cast<uint64_t>(status.st_size) >= reach.loneBytes &&
            (judgement.known == nullptr || !judgement.known->holds(status));
 }

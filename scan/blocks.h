@@ -21,9 +21,8 @@ struct Item {
     Judgement judgement;
     struct stat status = {};  // of what is no directory; of a file, from before its digest
     SharedDigest digest;      // of a path that needs one
-    bool isLone = true;       // as far as is known, no other file can be equal to it
 
-    /// Whether it is a large file, whose digest is not needed as long as it is a lone one.
+    /// Whether it is a large file, whose digest is not needed unless another may be equal to it.
     bool isPostponed(const Reach& reach) const;
 };
 using Block = std::vector<Item>;

@@ -73,9 +73,9 @@ Block PostponedFiles::takeAlike(bool withLinked) {
     }
     Block alike;
     for (size_t i = 0; i < items.size(); ++i) {
-        items[i].isLone = counts.byLikeness[likenesses[i]] == 1;
+        if (counts.byLikeness[likenesses[i]] == 1) continue;
         items[i].entry.kind = Entry::Kind::NoDirectory;  // its status may be another by now
-        if (!items[i].isLone) alike.push_back(std::move(items[i]));
+        alike.push_back(std::move(items[i]));
     }
     return alike;
 }

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <utility>
 
 #include "control/log.h"
@@ -79,10 +80,13 @@ int scanSpaceID(const std::string& path, const Selection& selection, ScanState& 
 
 void scanPostponed(const Selection& selection, ScanState& state) {
     if (state.isStopped || state.postponed.empty()) return;
+    Reach reach = selection.reach;
+    reach.loneBytes = UINT64_MAX;  // so that nothing is postponed again
+    const Selection alike{selection.regs, selection.exceptions, reach, selection.known};
     Block next = state.postponed.takeAlike(selection.known != nullptr);
     state.isStopped = getStopProp(kStopScan);
     while (!next.empty() && !state.isStopped) {
-        BlockReader reader(std::exchange(next, {}), selection, state.digests);
+        BlockReader reader(std::exchange(next, {}), alike, state.digests);
         for (const Item& item : reader.finish(next)) {
             state.isStopped = getStopProp(kStopScan);
             if (state.isStopped) break;

@@ -347,6 +347,12 @@ def check_what_is_left_out(service):
         service.write("large/" + name, letter * (70000 + ord(letter)))
     shown = client.on_terminal("dedupe", "--dry-run", service.tree + "/large")[0]
     assert "2 files recorded" in shown and "1 large file not read: no other has the size" in shown, shown
+    # Of a list that takes two requests the one does not know what the other meets.
+    small, lone = service.write("small", "s"), service.tree + "/large/one"
+    with open(service.base + "/list", "w", encoding="ascii") as file:
+        file.write(lone + "\n" + (small + "\n") * ((1 << 20) // len(small) + 1))
+    shown = client.on_terminal("dedupe", "--dry-run", "--files-from", file.name)[0]
+    assert "2 files recorded" in shown and "not read" not in shown, shown
 
 
 class Page(html.parser.HTMLParser):
