@@ -16,8 +16,8 @@ TEST(JsonTextTest, NestingStopsShortOfTheLibrarysOwnLimit) {
     EXPECT_FALSE(parseJson(nested(1000, "1"), value));
     EXPECT_FALSE(parseJson(nested(100000, ""), value));
     // Brackets in strings and comments do not nest.
-    EXPECT_TRUE(parseJson("[\"" + std::string(5000, '[') + "\\\"[\"]", value));
-    const std::string comment = "/*" + std::string(5000, '[') + "*/";
+    EXPECT_TRUE(parseJson("[\"\\\"" + std::string(5000, '[') + "\\\"[\"]", value));
+    const std::string comment = "/*/" + std::string(5000, '[') + "*/";
     EXPECT_TRUE(parseJson("// " + std::string(5000, '{') + "\n[" + comment + "1]", value));
     // But brackets behind a string or a comment do.
     EXPECT_FALSE(parseJson("[\"\"," + nested(999, "1") + "]", value));

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <filesystem>
+
 #include "tests/support/sandbox.h"
 
 namespace rux {
@@ -35,6 +38,35 @@ TEST(EntryStreamTest, GivesAgainWhatLiesBehindADirectoryThatWasLeft) {
 
     stream.leaveDirectory(1, {});
     EXPECT_FALSE(stream.next());
+}
+
+TEST(EntryStreamTest, LeavesADirectoryHoweverFarItHasBeenReadAhead) {
+    test::Sandbox sandbox;
+    for (const char* directory : {"a/b", "c/d"}) {
+        std::filesystem::create_directories(sandbox.path(directory));
+        for (const char* name : {"/1", "/2", "/../3"})
+            sandbox.write(directory + std::string(name), "x");
+    }
+    const Reach reach;
+    EntryStream reference(sandbox.path("."), reach);
+    const std::deque<Entry> all = read(reference, 100);
+    for (size_t met = 1; met <= all.size(); ++met) {
+        for (size_t ahead = 0; met + ahead <= all.size(); ++ahead) {
+            const size_t depth = all[met - 1].depth;
+            EntryStream stream(sandbox.path("."), reach);
+            read(stream, met);
+            stream.leaveDirectory(depth, read(stream, ahead));
+            const auto isAbove = [depth](const Entry& entry) { return entry.depth < depth; };
+            auto expected =
+                    std::find_if(all.begin() + static_cast<ptrdiff_t>(met), all.end(), isAbove);
+            for (const Entry& entry : read(stream, 100)) {
+                ASSERT_NE(expected, all.end()) << met << " met, " << ahead << " ahead";
+                EXPECT_EQ(entry.path, expected->path);
+                EXPECT_EQ(entry.depth, expected++->depth);
+            }
+            EXPECT_EQ(expected, all.end()) << met << " met, " << ahead << " ahead";
+        }
+    }
 }
 
 }  // namespace
