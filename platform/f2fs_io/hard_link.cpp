@@ -96,6 +96,17 @@ int compare(const LeasedFile& kept, const LeasedFile& old) {
     return compareBytes(kept.file.get(), old.file.get(), old.status.st_size, interrupted);
 }
 
+/// Whether both are names of one file, with nothing under the swap name that could change that.
+/// This spares opening the many links that were there before.
+bool areOneFile(const char* keptPath, const Entry& entry) {
+    struct stat st = {};
+    struct stat kept = {};
+    // The swap name first: until it is gone the link may be undone.
+    return entry.status(entry.swapName(), &st) == ENOENT && entry.status(entry.name, &st) == 0 &&
+           stat(keptPath, &kept) == 0 && idOf(kept) == idOf(st) && S_ISREG(st.st_mode) &&
+           entry.makers.mayLeadTo(st.st_uid) && refuseFileSystem(entry.directory) == 0;
+}
+
 int linkDuplicate(const char* keptPath, const char* duplicatePath) {
     Replacement replacement;
     Entry& entry = replacement.entry;
@@ -103,6 +114,7 @@ int linkDuplicate(const char* keptPath, const char* duplicatePath) {
     LeasedFile kept;
     if (const int error = entry.open(duplicatePath); error != 0) return error;
     tidyOnce(entry);
+    if (areOneFile(keptPath, entry)) return 0;
     int error = openBoth(keptPath, &replacement, &keptEntry, &kept);
     if (error == EALREADY) {  // one file already
         struct stat st = {};
