@@ -8,7 +8,9 @@
 #include <chrono>
 #include <future>
 #include <set>
+#include <string_view>
 #include <thread>
+#include <unordered_map>
 
 #include "f2fs_io/hard_link.h"
 #include "ruxctl/database.h"
@@ -66,46 +68,49 @@ void countApart(Group& group) {
     }
 }
 
-/// How many names each file has while they are moved from file to file.
+/// Where names lead, and how many each file has, while they are moved from file to file.
 class Names {
   public:
-    /// The file that a member's path leads to.
-    FileId fileOf(const Member& member) const {
+    struct Place {
+        FileId file;
+        const std::string* movedIn;  // the space in which that has become so, or null
+    };
+    Place of(const Member& member) const {
         const auto moved = mMoved.find(member.name());
-        return moved == mMoved.end() ? member.file : moved->second;
-    }
-    /// The space in which it has become that; empty where it was that before.
-    std::string movedIn(const Member& member) const {
-        const auto moved = mSpaces.find(member.name());
-        return moved == mSpaces.end() ? "" : *moved->second;
+        return moved == mMoved.end() ? Place{member.file, nullptr} : moved->second;
     }
     /// Makes one member's name lead to another one's file. Returns the bytes that this frees.
     int64_t move(const Member& member, const Member& kept, const std::string& spaceId) {
-        const FileId from = fileOf(member);
-        const FileId to = fileOf(kept);
+        const FileId from = of(member).file;
+        const FileId to = of(kept).file;
         if (from == to) return 0;
-        mCount.try_emplace(member.file, member.links);
-        mCount.try_emplace(kept.file, kept.links);
-        mMoved[member.name()] = to;
-        mSpaces[member.name()] = &spaceId;
-        ++mCount[to];
-        return --mCount[from] == 0 ? member.allocated : 0;
+        mMoved[member.name()] = {to, &spaceId};
+        ++mCount.try_emplace(to, kept.links).first->second;
+        return --mCount.try_emplace(from, member.links).first->second == 0 ? member.allocated : 0;
     }
 
   private:
-    std::map<NameId, FileId> mMoved;
-    std::map<NameId, const std::string*> mSpaces;
-    std::map<FileId, int64_t> mCount;
+    struct Hash {
+        size_t operator()(const FileId& file) const { return file.second; }
+        size_t operator()(const NameId& name) const {
+            return std::hash<std::string_view>()(name.second) ^ (*this)(name.first);
+        }
+    };
+    std::unordered_map<NameId, Place, Hash> mMoved;
+    std::unordered_map<FileId, int64_t, Hash> mCount;
 };
 
 /// Says what linking would do to each member, as the service goes about it.
 void plan(Group& group, Names& names) {
     Member* const kept = firstOf(group.members);
+    if (kept == nullptr) return;
+    const Names::Place keptPlace = names.of(*kept);
     for (Member& member : group.members) {
         if (member.state == State::Gone || &member == kept || member.isSymlink) continue;
-        if (names.fileOf(member) == names.fileOf(*kept)) {
-            for (const std::string& moved : {names.movedIn(member), names.movedIn(*kept)}) {
-                if (moved != group.spaceId && !moved.empty()) group.countedIn = moved;
+        const Names::Place place = names.of(member);
+        if (place.file == keptPlace.file) {
+            for (const std::string* moved : {place.movedIn, keptPlace.movedIn}) {
+                if (moved != nullptr && *moved != group.spaceId) group.countedIn = *moved;
             }
             continue;
         }
@@ -134,20 +139,16 @@ void addGroups(const std::string& spaceId, const SpaceTexts& texts, bool compres
 
 /// Gives the members their recorded times. A link has the time of the file that was kept instead.
 void addTimes(const SpaceTexts& texts, std::vector<Group>& groups, size_t first) {
-    std::vector<Member*> members;
+    std::unordered_multimap<std::string_view, Member*> members;  // by path
     for (size_t i = first; i < groups.size(); ++i) {
         if (groups[i].compressed) continue;
-        for (Member& member : groups[i].members) members.push_back(&member);
+        for (Member& member : groups[i].members) members.emplace(member.path, &member);
     }
-    std::sort(members.begin(), members.end(),
-              [](const Member* a, const Member* b) { return a->path < b->path; });
     texts.forEach(kRecords, [&](const std::string& path, const Json::Value& record) {
-        const auto precedes = [](const Member* a, const std::string& b) { return a->path < b; };
-        auto member = std::lower_bound(members.begin(), members.end(), path, precedes);
-        for (; member != members.end() && (*member)->path == path; ++member) {
-            if (record.isObject() && record["s_time"].isInt64())
-                (*member)->time = record["s_time"].asInt64();
-        }
+        if (!record.isObject() || !record["s_time"].isInt64()) return;
+        const auto [begin, end] = members.equal_range(path);
+        for (auto member = begin; member != end; ++member)
+            member->second->time = record["s_time"].asInt64();
     });
 }
 

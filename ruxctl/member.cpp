@@ -78,7 +78,10 @@ bool sharesBlocks(const std::string& path) {
 int64_t ownBytes(const std::string& path, const struct stat& st) {
     constexpr uint32_t kExtents = 100;
     const int64_t bytes = int64_t{st.st_blocks} * 512;
-    if (!S_ISREG(st.st_mode) || !sharesBlocks(path)) return bytes;
+    if (!S_ISREG(st.st_mode)) return bytes;
+    static thread_local std::pair<dev_t, bool> known;  // the last file system that was asked
+    if (known.first != st.st_dev) known = {st.st_dev, sharesBlocks(path)};
+    if (!known.second) return bytes;
     const android::base::unique_fd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     int64_t shared = 0;
     alignas(fiemap) char room[sizeof(fiemap) + kExtents * sizeof(fiemap_extent)];

@@ -83,12 +83,15 @@ std::string shown(const std::string& path) {
     std::string quoted = "$'";
     bool isPlain = true;
     for (size_t i = 0; i < path.size(); ++i) {
-        char octal[8];
-        snprintf(octal, sizeof(octal), "\\%03o", static_cast<unsigned char>(path[i]));
-        const bool isEscaped = isControl(path, i);
-        isPlain = isPlain && !isEscaped;
+        if (isControl(path, i)) {
+            char octal[8];
+            snprintf(octal, sizeof(octal), "\\%03o", static_cast<unsigned char>(path[i]));
+            quoted += octal;
+            isPlain = false;
+            continue;
+        }
         if (path[i] == '\'' || path[i] == '\\') quoted += '\\';
-        quoted += isEscaped ? octal : path.substr(i, 1);
+        quoted += path[i];
     }
     return isPlain ? path : quoted + "'";
 }
