@@ -116,8 +116,9 @@ void BlockReader::readStatus(Item& item) const {
 
 /// What one of the threads does.
 void BlockReader::readShare() {
-    const auto next = [this](void** file) -> const char* {
-        Item* const item = nextFile();
+    bool isFirst = true;  // of this thread, which has no long file keep it idle
+    const auto next = [&](void** file) -> const char* {
+        Item* const item = nextFile(std::exchange(isFirst, false) ? INT64_MAX : kMaxBytes);
         *file = item;
         return item != nullptr ? item->entry.path.c_str() : nullptr;
     };
@@ -145,8 +146,8 @@ void BlockReader::readShare() {
 }
 
 /// The next file whose digest may be needed. Of the entries before it the status is read.
-Item* BlockReader::nextFile() {
-    while (Item* const item = take()) {
+Item* BlockReader::nextFile(int64_t maxBytes) {
+    while (Item* const item = take(maxBytes)) {
         KnownPath*& known = item->judgement.known;
         if (mSelection.known != nullptr) known = mSelection.known->find(item->entry.path);
         if (needsDigest(*item) && item->entry.kind == Entry::Kind::Regular && known == nullptr)
@@ -160,9 +161,9 @@ Item* BlockReader::nextFile() {
     return nullptr;
 }
 
-Item* BlockReader::take() {
+Item* BlockReader::take(int64_t maxBytes) {
     const std::lock_guard lock(mMutex);
-    return mBytes < kMaxBytes && mTaken < mBlock.size() ? &mBlock[mTaken++] : nullptr;
+    return mBytes < maxBytes && mTaken < mBlock.size() ? &mBlock[mTaken++] : nullptr;
 }
 
 /// Whether the digest of a file with that status has to be computed.

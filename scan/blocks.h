@@ -28,9 +28,9 @@ struct Item {
 using Block = std::vector<Item>;
 
 /// Reads the status of a block's entries, and the digests of those files that need one and are not
-/// postponed, in their order. It begins with no further entry when the files have 512 MiB, which
-/// bounds what a stop makes undone, nor once the scan's stop property is set; digests under way
-/// then end with ECANCELED.
+/// postponed, in their order. Each thread begins with one of these. It begins with no further entry
+/// when the files have 512 MiB, which bounds what a stop makes undone, nor once the scan's stop
+/// property is set; digests under way then end with ECANCELED.
 class BlockReader {
   public:
     /// Begins in other threads.
@@ -43,8 +43,8 @@ class BlockReader {
   private:
     void readShare();
     void readStatus(Item& item) const;
-    Item* nextFile();
-    Item* take();
+    Item* nextFile(int64_t maxBytes);
+    Item* take(int64_t maxBytes);
     bool begin(Item& item, const struct stat& status);
     void end(Item& item, const FileMD5Result& result);
 
