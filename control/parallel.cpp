@@ -16,8 +16,9 @@ void inParallel(size_t parts, const std::function<void(size_t part)>& work) {
     for (std::future<void>& other : others) other.get();
 }
 
-SharedWork::SharedWork(const std::function<void()>& takePart) : mTakePart(takePart) {
-    for (size_t i = 1; i < processors(); ++i) mOthers.push_back(std::async(takePart));
+SharedWork::SharedWork(size_t threads, const std::function<void()>& takePart)
+      : mTakePart(takePart) {
+    for (size_t i = 1; i < threads; ++i) mOthers.push_back(std::async(takePart));
 }
 
 void SharedWork::finish() {

@@ -19,9 +19,9 @@ void inParallel(size_t parts, const std::function<void(size_t part)>& work);
 /// there is no more.
 class SharedWork {
   public:
-    /// Begins in other threads, so that each processor has one with that of the caller, as far as
-    /// the system grants them.
-    explicit SharedWork(const std::function<void()>& takePart);
+    /// Begins in other threads, `threads` with that of the caller, as far as the system grants
+    /// them.
+    SharedWork(size_t threads, const std::function<void()>& takePart);
 
     /// Takes part, and returns when nobody does any more. To be called once.
     void finish();

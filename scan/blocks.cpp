@@ -1,5 +1,7 @@
 #include "scan/blocks.h"
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <deque>
 #include <iterator>
@@ -15,9 +17,24 @@ namespace {
 
 constexpr size_t kMost = 8192;  // entries of a block
 constexpr int64_t kMaxBytes = int64_t{512} << 20;
+constexpr size_t kInHand = 32;          // digests at once for each processor; each has a buffer
+constexpr size_t kThreadsForDisk = 16;  // at least
+constexpr size_t kUnit = 512;           // bytes, in which getrusage(2) counts
+constexpr size_t kSmall = size_t{64} << 10;  // bytes of a file
+
+/// How many bytes this process has read from disks.
+size_t readFromDisk() {
+    rusage usage = {};
+    getrusage(RUSAGE_SELF, &usage);
+    return kUnit * static_cast<size_t>(usage.ru_inblock);
+}
 
 bool needsDigest(const Item& item) {
     return item.judgement.need == Need::Digest;
+}
+
+size_t digestsOf(const Block& block) {
+    return static_cast<size_t>(std::count_if(block.begin(), block.end(), needsDigest));
 }
 
 }  // namespace
@@ -32,7 +49,8 @@ Blocks::Blocks(EntryStream& stream, DigestCache& cache, const Selection& selecti
       : mStream(stream),
         mCache(cache),
         mSelection(selection),
-        mMayBeFinished(!fileInfoDB->empty()) {}
+        mMayBeFinished(!fileInfoDB->empty()),
+        mFromDisk(readFromDisk()) {}
 
 const Item* Blocks::next() {
     while (mNext == mBlock.size()) {
@@ -50,8 +68,16 @@ bool Blocks::advance() {
     mNext = 0;
     Block& next = rest.empty() ? mListed : rest;
     if (next.empty()) return !mBlock.empty();
-    mReader.emplace(std::exchange(next, {}), mSelection, mCache);
+    mReader.emplace(std::exchange(next, {}), readers(), mSelection, mCache);
     return true;
+}
+
+/// The threads for the next block. Where small files come from a disk, they mostly wait for it, and
+/// it is the faster the more ask.
+size_t Blocks::readers() {
+    const size_t before = std::exchange(mFromDisk, readFromDisk());
+    const size_t each = (mFromDisk - before) / std::max<size_t>(mBlock.size(), 1);
+    return each > kUnit && each < kSmall ? std::max(processors(), kThreadsForDisk) : processors();
 }
 
 Block Blocks::finishReading(Block& rest) {
@@ -91,12 +117,13 @@ void Blocks::leaveDirectory() {
     mStream.leaveDirectory(depth, std::move(ahead));
 }
 
-BlockReader::BlockReader(Block block, const Selection& selection, DigestCache& cache)
+BlockReader::BlockReader(Block block, size_t threads, const Selection& selection,
+                         DigestCache& cache)
       : mBlock(std::move(block)),
         mSelection(selection),
         mCache(cache),
-        mMostInHand(1 + std::count_if(mBlock.begin(), mBlock.end(), needsDigest) / processors()),
-        mWork([this] { readShare(); }) {}
+        mMostInHand(1 + std::min(digestsOf(mBlock), kInHand * processors()) / threads),
+        mWork(threads, [this] { readShare(); }) {}
 
 Block BlockReader::finish(Block& rest) {
     mWork.finish();

@@ -33,8 +33,8 @@ using Block = std::vector<Item>;
 /// property is set; digests under way then end with ECANCELED.
 class BlockReader {
   public:
-    /// Begins in other threads.
-    BlockReader(Block block, const Selection& selection, DigestCache& cache);
+    /// Begins in other threads, `threads` with that of the caller.
+    BlockReader(Block block, size_t threads, const Selection& selection, DigestCache& cache);
 
     /// Takes part, and returns when nobody reads any more: the entries that have been read, at
     /// least the first. The others are left in `rest`.
@@ -74,6 +74,7 @@ class Blocks {
     bool advance();
     Block finishReading(Block& rest);
     Block list();
+    size_t readers();
 
     EntryStream& mStream;
     DigestCache& mCache;
@@ -84,6 +85,7 @@ class Blocks {
     std::optional<BlockReader> mReader;  // of the next block
     Block mListed;                       // the one after that
     size_t mMost = 1024;                 // entries of a block; few at first, so that work begins
+    size_t mFromDisk;                    // bytes that had been read when a block was begun
 };
 
 }  // namespace rux

@@ -86,7 +86,7 @@ void scanPostponed(const Selection& selection, ScanState& state) {
     Block next = state.postponed.takeAlike(selection.known != nullptr);
     state.isStopped = getStopProp(kStopScan);
     while (!next.empty() && !state.isStopped) {
-        BlockReader reader(std::exchange(next, {}), alike, state.digests);
+        BlockReader reader(std::exchange(next, {}), processors(), alike, state.digests);
         for (const Item& item : reader.finish(next)) {
             state.isStopped = getStopProp(kStopScan);
             if (state.isStopped) break;
