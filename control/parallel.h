@@ -10,6 +10,9 @@ namespace rux {
 
 /// As many threads as the machine has processors.
 size_t processors();
+/// Threads that are worth while where each mostly waits for a disk, which is the faster the more
+/// ask.
+constexpr size_t kThreadsForDisk = 16;
 
 /// Calls `work` with 0 … `parts` - 1, all at once where the system grants threads, and returns when
 /// all calls have. Throws what one of them has thrown.

@@ -17,9 +17,8 @@ namespace {
 
 constexpr size_t kMost = 8192;  // entries of a block
 constexpr int64_t kMaxBytes = int64_t{512} << 20;
-constexpr size_t kInHand = 32;          // digests at once for each processor; each has a buffer
-constexpr size_t kThreadsForDisk = 16;  // at least
-constexpr size_t kUnit = 512;           // bytes, in which getrusage(2) counts
+constexpr size_t kInHand = 32;  // digests at once for each processor; each has a buffer
+constexpr size_t kUnit = 512;   // bytes, in which getrusage(2) counts
 constexpr size_t kSmall = size_t{64} << 10;  // bytes of a file
 
 /// How many bytes this process has read from disks.

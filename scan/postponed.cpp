@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "android-base/unique_fd.h"
+#include "control/parallel.h"
 #include "control/properties.h"
 #include "db/images.h"
 #include "db/records.h"
@@ -65,12 +66,12 @@ Block PostponedFiles::takeAlike(bool withLinked) {
     if (withLinked) count(*checkACompressDB, counts);
     std::erase_if(items,
                   [&counts](const Item& item) { return counts.bySize[item.status.st_size] == 1; });
-    std::vector<size_t> likenesses;
-    likenesses.reserve(items.size());
-    for (Item& item : items) {
-        likenesses.push_back(likenessOf(item.status.st_size, item.entry.path));
-        ++counts.byLikeness[likenesses.back()];
-    }
+    std::vector<size_t> likenesses(items.size());
+    inParallel(kThreadsForDisk, [&](size_t part) {
+        for (size_t i = part; i < items.size(); i += kThreadsForDisk)
+            likenesses[i] = likenessOf(items[i].status.st_size, items[i].entry.path);
+    });
+    for (const size_t likeness : likenesses) ++counts.byLikeness[likeness];
     Block alike;
     for (size_t i = 0; i < items.size(); ++i) {
         if (counts.byLikeness[likenesses[i]] == 1) continue;
