@@ -71,8 +71,8 @@ bool Blocks::advance() {
     return true;
 }
 
-/// The threads for the next block. Where small files come from a disk, they mostly wait for it, and
-/// it is the faster the more ask.
+/// The threads for the next block. Where those of the block before have met small files that came
+/// from a disk, they will mostly wait.
 size_t Blocks::readers() {
     const size_t before = std::exchange(mFromDisk, readFromDisk());
     const size_t each = (mFromDisk - before) / std::max<size_t>(mBlock.size(), 1);
@@ -142,7 +142,7 @@ void BlockReader::readStatus(Item& item) const {
 
 /// What one of the threads does.
 void BlockReader::readShare() {
-    bool isFirst = true;  // of this thread, which has no long file keep it idle
+    bool isFirst = true;  // which each thread gets, however long those of the others are
     const auto next = [&](void** file) -> const char* {
         Item* const item = nextFile(std::exchange(isFirst, false) ? INT64_MAX : kMaxBytes);
         *file = item;
