@@ -87,6 +87,9 @@ def check_large_files_that_no_other_can_be_equal_to(service):
     assert scan(other) < size and other not in service.database(RECORDS)
     scan(other, service.write("another", "o" * (size + 2)))
     assert other in service.database(RECORDS)
+    many = [service.write(f"many{i}", "m" * (size + 3)) for i in range(17)]  # more than threads that compare
+    scan(*many)
+    assert set(many) <= set(service.database(RECORDS))
 
 
 def check_stop_in_a_long_file(service):
