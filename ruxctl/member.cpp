@@ -15,6 +15,19 @@
 #include "android-base/unique_fd.h"
 
 namespace ruxctl {
+namespace {
+
+/// The number of the path's file system (see statfs(2)), 0 where it cannot be told.
+int64_t fileSystemOf(const std::string& path) {
+    struct statfs disk = {};
+    return statfs(path.c_str(), &disk) == 0 ? static_cast<int64_t>(disk.f_type) : 0;
+}
+
+bool copiesOnWrite(int64_t fileSystem) {
+    return fileSystem == BTRFS_SUPER_MAGIC || fileSystem == XFS_SUPER_MAGIC;
+}
+
+}  // namespace
 
 const char* nameOf(State state) {
     constexpr const char* kNames[] = {"there", "linked", "changed", "gone"};
@@ -70,18 +83,16 @@ struct stat lookAt(Member& member, int64_t fileBytes, Directories& directories) 
 }
 
 bool sharesBlocks(const std::string& path) {
-    struct statfs disk = {};
-    return statfs(path.c_str(), &disk) == 0 &&
-           (disk.f_type == BTRFS_SUPER_MAGIC || disk.f_type == XFS_SUPER_MAGIC);
+    return copiesOnWrite(fileSystemOf(path));
 }
 
 int64_t ownBytes(const std::string& path, const struct stat& st) {
     constexpr uint32_t kExtents = 100;
     const int64_t bytes = int64_t{st.st_blocks} * 512;
     if (!S_ISREG(st.st_mode)) return bytes;
-    static thread_local std::pair<dev_t, bool> known;  // the last file system that was asked
-    if (known.first != st.st_dev) known = {st.st_dev, sharesBlocks(path)};
-    if (!known.second) return bytes;
+    static thread_local std::pair<dev_t, int64_t> last;  // that was asked, and its file system
+    if (last.first != st.st_dev || last.second == 0) last = {st.st_dev, fileSystemOf(path)};
+    if (!copiesOnWrite(last.second)) return bytes;
     const android::base::unique_fd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     int64_t shared = 0;
     alignas(fiemap) char room[sizeof(fiemap) + kExtents * sizeof(fiemap_extent)];

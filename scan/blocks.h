@@ -28,9 +28,9 @@ struct Item {
 using Block = std::vector<Item>;
 
 /// Reads the status of a block's entries, and the digests of those files that need one and are not
-/// postponed, in their order. Each thread begins with one file; it begins with no further entry
-/// when the files of all have 512 MiB, which bounds what a stop makes undone, nor once the scan's
-/// stop property is set. Digests under way then end with ECANCELED.
+/// postponed, in their order. Each thread begins with one file, however long. No further entry is
+/// begun when the files have 512 MiB, which bounds what a stop makes undone, nor once the scan's
+/// stop property is set; digests under way then end with ECANCELED.
 class BlockReader {
   public:
     /// Begins in other threads, `threads` with that of the caller.
