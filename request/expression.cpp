@@ -1,183 +1,92 @@
 #include "request/expression.h"
 
-#include <algorithm>
-#include <cstddef>
-#include <utility>
+#define PCRE2_CODE_UNIT_WIDTH 8
+#include <pcre2.h>
 
-#include "request/expression_compiler.h"
+#include <array>
+#include <cstdint>
+#include <stdexcept>
+#include <vector>
 
 namespace rux {
 namespace {
 
-using Kind = Expression::Instruction::Kind;
-using Result = Expression::Result;
+constexpr size_t kMaxPattern = 16384;    // bytes
+constexpr uint32_t kMaxSteps = 100'000;  // of the matcher that backtracks
+// Of the matcher that follows all ways at once:
+constexpr uint32_t kNoLookAhead = 1;  // it would start anew for each
+constexpr size_t kWorkspace = 8192;   // integers, for ways; so the time is bounded as well
 
-constexpr size_t kMaxSteps = 20'000'000;        // a match; a fraction of a second
-constexpr size_t kMaxStates = size_t{1} << 28;  // bits that a match may use to remember states
+/// What an expression consists of. Whether its parentheses belong together is looked at when it is
+/// compiled.
+constexpr char kGrammar[] = R"((?x) (?:
+      [^\\\[(*+?{]++
+    | (?<escape> \\ (?: [^a-zA-Z] | [bBdDfnrsStvwW] | c[a-zA-Z] | x(?<hex>[\da-fA-F]{2})
+                      | u(?&hex){2} ) )
+    | \[ \^? (?: \[: [a-z]+ :\] | (?&escape) | [^\\\]] )* \]
+    | \( (?: \?[:=!] | (?![?*]) )
+    | (?: [*+?] | \{ \d+ (?: , \d* )? \} ) \?? (?![*+?{]) )*+ )";
 
-/// One match under way.
-class Matcher {
-  public:
-    Matcher(const Expression::Program& program, const std::string& text)
-          : mProgram(program), mText(text), mRegisters(program.registers, kUnset) {}
+using Code = std::shared_ptr<const pcre2_code>;
 
-    Result run() {
-        if (!mProgram.hasBackReferences) {
-            const size_t states = mProgram.code.size() * width();
-            if (states > kMaxStates) return Result::TooLong;
-            mVisited.resize(states);
-        }
-        const bool matched = runFrom(0, 0, true);
-        if (mSteps > kMaxSteps) return Result::TooLong;
-        return matched ? Result::Match : Result::NoMatch;
+std::string messageOf(int error) {
+    std::array<PCRE2_UCHAR, 256> text = {};
+    pcre2_get_error_message(error, text.data(), text.size());
+    return reinterpret_cast<const char*>(text.data());
+}
+
+Code compile(const std::string& pattern) {
+    constexpr uint32_t kOptions = PCRE2_ANCHORED | PCRE2_ENDANCHORED | PCRE2_DOLLAR_ENDONLY |
+                                  PCRE2_ALLOW_EMPTY_CLASS | PCRE2_ALT_BSUX;
+    static pcre2_compile_context* const rules = [] {
+        pcre2_compile_context* context = pcre2_compile_context_create(nullptr);
+        pcre2_set_max_pattern_length(context, kMaxPattern);
+        pcre2_set_newline(context, PCRE2_NEWLINE_ANYCRLF);  // no dot matches one of them
+        return context;
+    }();
+    int error = 0;
+    size_t place = 0;
+    const auto* text = reinterpret_cast<PCRE2_SPTR>(pattern.data());
+    pcre2_code* code = pcre2_compile(text, pattern.size(), kOptions, &error, &place, rules);
+    if (code == nullptr)
+        throw std::invalid_argument(messageOf(error) + " at byte " + std::to_string(place));
+    return {code, [](const pcre2_code* one) { pcre2_code_free(const_cast<pcre2_code*>(one)); }};
+}
+
+pcre2_match_context* limitedTo(uint32_t steps) {
+    pcre2_match_context* context = pcre2_match_context_create(nullptr);
+    pcre2_set_match_limit(context, steps);
+    return context;
+}
+
+Expression::Result match(const Code& code, const std::string& text) {
+    static pcre2_match_context* const steps = limitedTo(kMaxSteps);
+    static pcre2_match_context* const once = limitedTo(kNoLookAhead);
+    const std::unique_ptr<pcre2_match_data, void (*)(pcre2_match_data*)>
+            data(pcre2_match_data_create(1, nullptr), pcre2_match_data_free);
+    const auto* subject = reinterpret_cast<PCRE2_SPTR>(text.data());
+    int found = pcre2_match(code.get(), subject, text.size(), 0, 0, data.get(), steps);
+    if (found == PCRE2_ERROR_MATCHLIMIT) {
+        std::vector<int> workspace(kWorkspace);
+        found = pcre2_dfa_match(code.get(), subject, text.size(), 0, 0, data.get(), once,
+                                workspace.data(), workspace.size());
     }
-
-  private:
-    static constexpr size_t kUnset = SIZE_MAX;
-
-    /// What to do when the way being tried ends: try another, or first take back what it noted.
-    struct Pending {
-        size_t code;  // where the other way starts; kUnset for a register to be set back
-        size_t place;
-        size_t index;  // of the register
-    };
-
-    size_t width() const { return mText.size() + 1; }
-
-    /// Whether the program from `code` on accepts at `place`, at the end of the text if `whole`.
-    bool runFrom(size_t code, size_t place, bool whole) {
-        const size_t base = mPending.size();
-        mPending.push_back({code, place, 0});
-        while (mPending.size() > base && mSteps <= kMaxSteps) {
-            const Pending next = mPending.back();
-            mPending.pop_back();
-            if (next.code == kUnset) {
-                mRegisters[next.index] = next.place;
-            } else if (follow(next.code, next.place, whole)) {
-                mPending.resize(base);  // what was noted on the way stays
-                return true;
-            }
-        }
-        mPending.resize(base);
-        return false;
-    }
-
-    /// Follows one way until it accepts or ends; other ways are left in mPending.
-    bool follow(size_t code, size_t place, bool whole) {
-        while (++mSteps <= kMaxSteps) {
-            if (!mVisited.empty()) {
-                auto visited = mVisited[code * width() + place];
-                if (visited) return false;
-                visited = true;
-            }
-            const Expression::Instruction& at = mProgram.code[code];
-            const size_t jump = code + static_cast<size_t>(static_cast<ptrdiff_t>(at.jump));
-            switch (at.kind) {
-                case Kind::Accept:
-                    return !whole || place == mText.size();
-                case Kind::Set:
-                    if (place == mText.size()) return false;
-                    if (!mProgram.sets[at.value][byteAt(place)]) return false;
-                    ++place;
-                    break;
-                case Kind::Split:
-                    mPending.push_back({jump, place, 0});
-                    break;
-                case Kind::Jump:
-                    code = jump;
-                    continue;
-                case Kind::Begin:
-                    if (place != mBegin) return false;
-                    break;
-                case Kind::End:
-                    if (place != mText.size()) return false;
-                    break;
-                case Kind::Boundary:
-                case Kind::NotBoundary:
-                    if (isBoundary(place) != (at.kind == Kind::Boundary)) return false;
-                    break;
-                case Kind::Save:
-                    note(at.value, place);
-                    break;
-                case Kind::Progress:
-                    // Without it an empty turn would follow the other for ever; where states are
-                    // remembered none can.
-                    if (mProgram.hasBackReferences && mRegisters[at.value] == place) {
-                        code = jump;
-                        continue;
-                    }
-                    break;
-                case Kind::BackReference:
-                    if (!passReference(at.value, &place)) return false;
-                    break;
-                case Kind::LookAhead:
-                case Kind::LookPast:
-                    if (looksLike(code, place) != (at.kind == Kind::LookAhead)) return false;
-                    code = jump;
-                    continue;
-            }
-            ++code;
-        }
-        return false;
-    }
-
-    unsigned char byteAt(size_t place) const { return static_cast<unsigned char>(mText[place]); }
-
-    bool isBoundary(size_t place) const {
-        const bool before = place > mBegin && mProgram.wordBytes[byteAt(place - 1)];
-        const bool after = place < mText.size() && mProgram.wordBytes[byteAt(place)];
-        return before != after;
-    }
-
-    void note(size_t index, size_t place) {
-        if (!mProgram.hasBackReferences) return;  // nobody reads it
-        mPending.push_back({kUnset, mRegisters[index], index});
-        mRegisters[index] = place;
-    }
-
-    /// A group that has matched nothing yet is referred to in vain, as in the library.
-    bool passReference(size_t index, size_t* place) const {
-        const size_t start = mRegisters[index];
-        const size_t end = mRegisters[index + 1];
-        if (start == kUnset || end == kUnset || start > end) return false;
-        const size_t length = end - start;
-        if (mText.compare(*place, length, mText, start, length) != 0) return false;
-        *place += length;
-        return true;
-    }
-
-    /// Runs the program of the look-ahead at `code`. As in the library, that is a match of its own,
-    /// for which the text starts here.
-    bool looksLike(size_t code, size_t place) {
-        const size_t begin = std::exchange(mBegin, place);
-        const bool matched = runFrom(code + 1, place, false);
-        mBegin = begin;
-        if (!mVisited.empty()) {
-            // The next run, from elsewhere, must find all states open.
-            const size_t end = code + static_cast<size_t>(mProgram.code[code].jump);
-            std::fill(mVisited.begin() + static_cast<ptrdiff_t>((code + 1) * width()),
-                      mVisited.begin() + static_cast<ptrdiff_t>(end * width()), false);
-            mSteps += (end - code) * width() / 64;
-        }
-        return matched;
-    }
-
-    const Expression::Program& mProgram;
-    const std::string& mText;
-    std::vector<size_t> mRegisters;
-    std::vector<Pending> mPending;
-    std::vector<bool> mVisited;  // by instruction, then place
-    size_t mBegin = 0;           // where the text starts
-    size_t mSteps = 0;
-};
+    if (found < 0 && found != PCRE2_ERROR_NOMATCH) return Expression::Result::TooLong;
+    // The second matcher finds the longest beginning of the text that matches.
+    const bool isWhole = found >= 0 && pcre2_get_ovector_pointer(data.get())[1] == text.size();
+    return isWhole ? Expression::Result::Match : Expression::Result::NoMatch;
+}
 
 }  // namespace
 
-Expression::Expression(const std::string& pattern)
-      : mProgram(ExpressionCompiler(pattern).compile()) {}
+Expression::Expression(const std::string& pattern) : mCode(compile(pattern)) {
+    static const Code grammar = compile(kGrammar);
+    if (rux::match(grammar, pattern) != Result::Match)
+        throw std::invalid_argument("not ECMAScript's syntax");
+}
 
 Expression::Result Expression::match(const std::string& text) const {
-    return Matcher(mProgram, text).run();
+    return rux::match(mCode, text);
 }
 
 }  // namespace rux

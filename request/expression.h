@@ -1,61 +1,29 @@
-/// One regular expression: the standard library's language, without its appetite.
+/// One regular expression, matched in bounded time.
 #pragma once
 
-#include <bitset>
-#include <cstdint>
+#include <memory>
 #include <string>
-#include <vector>
+
+struct pcre2_real_code_8;
 
 namespace rux {
 
-/// An ECMAScript expression as `std::regex` reads it, matched against whole texts.
+/// An ECMAScript expression, matched against whole texts byte by byte.
 ///
-/// The library's matcher recurses for every character of the text and backtracks without bound.
-/// This one works on the heap and gives each match a limited number of steps; within them its
-/// answer is the library's. An expression without back-references meets no state twice at the same
-/// place, so its steps are at most the length of the text times that of the program.
+/// PCRE2 does it on the heap. Its options make its language ECMAScript's; what pcre2syntax(3) has
+/// beyond that is refused. When backtracking takes too many steps, its other matcher decides: that
+/// one follows all ways at once, but can do neither back-references nor, in good time, look-aheads.
 class Expression {
   public:
-    /// Throws `std::regex_error` for what is no expression, with the library's own reason where it
-    /// is the library that finds out.
+    /// Throws `std::invalid_argument`, with the reason, for what is no expression.
     explicit Expression(const std::string& pattern);
 
     enum class Result { Match, NoMatch, TooLong };
     /// Matches all of `text`. `TooLong`: undecided within the steps.
     Result match(const std::string& text) const;
 
-    /// One step of the program. Jumps are relative, so that a piece of program can be copied.
-    struct Instruction {
-        enum class Kind : uint8_t {
-            Set,            // one byte of sets[value]
-            Split,          // goes on at the next instruction, or else at `jump`
-            Jump,           // goes on at `jump`
-            Begin,          // the start of the text
-            End,            // the end of the text
-            Boundary,       // a word's start or end
-            NotBoundary,    // neither
-            Save,           // notes the place in register `value`
-            BackReference,  // what registers `value` and `value` + 1 enclose
-            Progress,       // goes on at `jump` when nothing was consumed since register `value`
-            LookAhead,      // the program from here to `jump` must match at this place
-            LookPast,       // it must not
-            Accept,         // the end of a look-ahead's program, or of the whole
-        } kind;
-        int32_t jump;
-        uint32_t value;
-    };
-    using ByteSet = std::bitset<256>;
-
-    struct Program {
-        std::vector<Instruction> code;
-        std::vector<ByteSet> sets;
-        ByteSet wordBytes;       // what \b takes for a part of a word
-        uint32_t registers = 0;  // of groups, then of loops
-        bool hasBackReferences = false;
-    };
-
   private:
-    Program mProgram;
+    std::shared_ptr<const pcre2_real_code_8> mCode;
 };
 
 }  // namespace rux

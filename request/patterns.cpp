@@ -2,7 +2,7 @@
 
 #include <linux/limits.h>
 
-#include <regex>
+#include <stdexcept>
 #include <utility>
 
 #include "control/log.h"
@@ -44,7 +44,7 @@ PatternList::Pattern PatternList::compile(const std::string& text) {
         return {text, std::move(wildcard), {}};
     try {
         return {text, {}, Expression(text)};
-    } catch (const std::regex_error& error) {
+    } catch (const std::invalid_argument& error) {
         RUX_LOGE("invalid pattern %s: %s", text.c_str(), error.what());
         return {text, {}, {}};
     }

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <regex>
+#include <stdexcept>
 #include <string_view>
 #include <system_error>
 
@@ -53,7 +53,7 @@ PathPatterns::PathPatterns(const std::vector<std::string>& patterns, bool tells)
         try {
             const rux::Expression isValid(pattern);
             valid.push_back(pattern);
-        } catch (const std::regex_error& error) {
+        } catch (const std::invalid_argument& error) {
             if (!tells) continue;
             const bool isGlob = pattern.starts_with('*') || pattern.starts_with('?');
             throw Failure("\"" + pattern + "\" is no regular expression (ECMAScript): " +

@@ -31,6 +31,6 @@ as_root() {
     fi
 }
 
-build_packages=(g++ cmake ninja-build libjsoncpp-dev libssl-dev libjemalloc-dev libcli11-dev)
+build_packages=(g++ cmake ninja-build libjsoncpp-dev libssl-dev libjemalloc-dev libcli11-dev libpcre2-dev)
 test_packages=(libgtest-dev python3 findutils coreutils libcap2-bin e2fsprogs xfsprogs strace aidl checkpolicy
                m4 man-db android-libbase-dev android-liblog-dev android-libutils-dev)

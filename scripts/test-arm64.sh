@@ -9,7 +9,7 @@ if ! dpkg --print-foreign-architectures | grep -qx arm64; then
     as_root dpkg --add-architecture arm64
 fi
 install_packages "${build_packages[@]}" "${test_packages[@]}" g++-aarch64-linux-gnu qemu-user-static \
-    libjsoncpp-dev:arm64 libssl-dev:arm64 libjemalloc2:arm64 libgtest-dev:arm64
+    libjsoncpp-dev:arm64 libssl-dev:arm64 libjemalloc2:arm64 libpcre2-dev:arm64 libgtest-dev:arm64
 cmake --preset arm64
 cmake --build --preset arm64
 
