@@ -11,8 +11,10 @@
 namespace rux {
 namespace {
 
-constexpr size_t kMaxPattern = 16384;    // bytes
-constexpr uint32_t kMaxSteps = 100'000;  // of the matcher that backtracks
+constexpr size_t kMaxPattern = 16384;  // bytes
+// Of the matcher that backtracks:
+constexpr uint32_t kMaxSteps = 250'000;
+constexpr uint32_t kMaxMemory = 4096;  // KiB
 // Of the matcher that follows all ways at once:
 constexpr uint32_t kNoLookAhead = 1;  // it would start anew for each
 constexpr size_t kWorkspace = 8192;   // integers, for ways; so the time is bounded as well
@@ -56,6 +58,7 @@ Code compile(const std::string& pattern) {
 pcre2_match_context* limitedTo(uint32_t steps) {
     pcre2_match_context* context = pcre2_match_context_create(nullptr);
     pcre2_set_match_limit(context, steps);
+    pcre2_set_heap_limit(context, kMaxMemory);
     return context;
 }
 
@@ -66,7 +69,7 @@ Expression::Result match(const Code& code, const std::string& text) {
             data(pcre2_match_data_create(1, nullptr), pcre2_match_data_free);
     const auto* subject = reinterpret_cast<PCRE2_SPTR>(text.data());
     int found = pcre2_match(code.get(), subject, text.size(), 0, 0, data.get(), steps);
-    if (found == PCRE2_ERROR_MATCHLIMIT) {
+    if (found == PCRE2_ERROR_MATCHLIMIT || found == PCRE2_ERROR_HEAPLIMIT) {
         std::vector<int> workspace(kWorkspace);
         found = pcre2_dfa_match(code.get(), subject, text.size(), 0, 0, data.get(), once,
                                 workspace.data(), workspace.size());

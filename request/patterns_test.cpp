@@ -90,6 +90,13 @@ TEST(PatternsTest, DoNotLoseThemselvesWhereBacktrackingWould) {
     }
     EXPECT_EQ(Expression("(.*a){100}").match(path), Result::Match);
     EXPECT_EQ(Expression("(?:(?=a*b)a)*|.*").match(path), Result::Match);
+    std::string names = "x";  // of directories that are left out
+    std::string deep;
+    for (int i = 0; i < 200; ++i) {
+        names += "|[^]*/name" + std::to_string(i) + "(?:/[^]*)?";
+        deep += "/abc";
+    }
+    EXPECT_EQ(Expression("(?!(?:" + names + ")$).*").match(deep), Result::Match);
     // With a back-reference every way has to be tried; the match gives up in good time.
     EXPECT_EQ(Expression("(a*)*(a*)*\\1[bc]").match(name), Result::TooLong);
     const PatternList anything({".*"});  // but for a path that no file can have
