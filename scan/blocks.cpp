@@ -86,11 +86,12 @@ Block Blocks::finishReading(Block& rest) {
     return read;
 }
 
-/// The next entries, and what their files need.
+/// The next entries, and what their files need: patterns may take long. One at least until the end
+/// of the walk.
 Block Blocks::list() {
     Block block;
     block.reserve(mMost);
-    while (block.size() < mMost) {
+    while (block.size() < mMost && (block.empty() || !getStopProp(kStopScan))) {
         std::optional<Entry> entry = mStream.next();
         if (!entry) break;
         Item& item = block.emplace_back();
