@@ -18,7 +18,7 @@ enum Exit : int {
     kUsage = 2,
     kNoService = 3,
     kBusy = 4,          ///< refused, because another operation is running
-    kInterrupted = 130  ///< ended early, as Ctrl-C asked
+    kInterrupted = 130  ///< ended early, as Ctrl-C or another client asked
 };
 
 /// The service's transactions.

@@ -55,7 +55,7 @@ class CommandLine {
   private:
     static constexpr char kExitStatuses[] =
             "Exit status: 0 done, 1 failed, 2 wrong usage, 3 no service answers, 4 refused because "
-            "another\noperation runs, 130 stopped by Ctrl-C. RUX_ROOT names the root whose service "
+            "another\noperation runs, 130 stopped early. RUX_ROOT names the root whose service "
             "is meant.";
 
     CLI::App* add(const char* name, const char* description, const char* examples,

@@ -39,7 +39,8 @@ bool succeeds(const Client& client, Code code, const std::optional<std::string>&
 class Admission {
   public:
     explicit Admission(const Operation& operation) : mOperation(operation) {
-        if (mOperation.stopProperty != nullptr && state() != "true") set("asked");
+        mIsTrueNew = state() != "true";
+        if (mOperation.stopProperty != nullptr && mIsTrueNew) set("asked");
     }
     ~Admission() {
         if (state() == "asked") set("false");
@@ -47,12 +48,15 @@ class Admission {
     Admission(const Admission&) = delete;
     Admission& operator=(const Admission&) = delete;
 
+    /// To be called while the answer is awaited.
+    void watch() { mIsTrueNew = mIsTrueNew || state() == "false"; }
     /// Whether the operation was refused, once it has been answered.
     bool wasRefused() const {
         const std::string now = state();
-        return now == "asked" || (now == "true" && !mStopped);
+        return now == "asked" || (now == "true" && !isStopped());
     }
-    bool isStopped() const { return mStopped; }
+    /// Whether this client or another one has asked for its end.
+    bool isStopped() const { return mStopped || (mIsTrueNew && state() == "true"); }
     /// To be said again and again: the request may not have been admitted when it was first.
     void stop(const Client& client) {
         if (mOperation.stopProperty == nullptr) return;
@@ -68,6 +72,7 @@ class Admission {
     void set(const char* value) const { SetProperty(mOperation.stopProperty, value); }
 
     const Operation& mOperation;
+    bool mIsTrueNew;  // whether a "true" by now is a request to stop this operation
     bool mStopped = false;
 };
 
@@ -133,6 +138,7 @@ std::optional<Outcome> attempt(const Client& client, const Operation& operation,
     });
     await(answer, [&] {
         tick(seconds());
+        admission.watch();
         if (Interrupts::any()) admission.stop(client);
     });
     outcome.stopped = admission.isStopped();

@@ -28,7 +28,7 @@ inline const Operation kRestoreOperation = {"a restore", nullptr, kRestore};
 struct Outcome {
     std::string text;      ///< the result of a compression
     int64_t number = 0;    ///< that of a restore
-    bool stopped = false;  ///< whether somebody at this client asked for its end
+    bool stopped = false;  ///< whether this client or another one asked for its end
     double seconds = 0;
 };
 

@@ -490,9 +490,15 @@ def check_refusals_and_interrupts(service):
     assert raw.wait(30) == 0
     assert json.loads(service.call(LIST, service.rule())) is not None
 
-    pipe = held("w")
-    last = client.start("scan", "--space", "w", service.tree)
-    writer = reached(pipe, last)
+    client("setprop", "sys.ruxservice.stop_scan", "false")  # no request of before
+    for space in "wx":
+        pipe = held(space)
+        last = client.start("scan", "--space", space, service.tree)
+        writer = reached(pipe, last)
+        if space == "w":  # another client stops it
+            client("stop", "scan")
+            let_go(pipe, writer)
+            assert "stopped; what was recorded is kept" in last.communicate(timeout=30)[1] and last.returncode == 130
     service.kill()
     os.close(writer)
     err = last.communicate(timeout=30)[1]
