@@ -154,6 +154,7 @@ std::optional<Outcome> attempt(const Client& client, const Operation& operation,
 Outcome carryOut(const Client& client, const Operation& operation, const std::string& request,
                  const std::function<void(double seconds)>& tick) {
     const Interrupts interrupts;
+    StatusLine line;
     while (true) {
         if (const auto outcome = attempt(client, operation, request, tick)) return *outcome;
         const std::string running = runningOperation().value_or("another operation");
@@ -162,6 +163,7 @@ Outcome carryOut(const Client& client, const Operation& operation, const std::st
                                   adviceFor(running),
                           kBusy);
         }
+        line.show("Waiting for the end of " + running);
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
     }
 }

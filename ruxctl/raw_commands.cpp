@@ -83,6 +83,9 @@ int stop(const std::string& operation) {
         std::cerr << "Nothing is running\n";
         return kDone;
     }
+    const std::string running = runningOperation().value_or(stopped.name);
+    if (!running.starts_with(stopped.name))
+        throw Failure("what runs is " + running + ", not " + stopped.name);
     setProperty(stopped.stopProperty, "true");
     if (stopped.stopNote) client.call(*stopped.stopNote, std::nullopt);
     return kDone;

@@ -17,6 +17,7 @@ import signal
 import stat
 import subprocess
 import sys
+import threading
 import time
 
 from support.service import LIST, SCAN, TOKEN, checks, for_root, string16
@@ -438,12 +439,13 @@ def check_refusals_and_interrupts(service):
     # A scan is held by the pipe that stands where its marks are to be read.
     def held(space):
         pipe = f"{os.path.dirname(service.space)}/{space}/RUXModifyFileInfo.json"
+        shutil.rmtree(os.path.dirname(pipe), ignore_errors=True)
         os.makedirs(os.path.dirname(pipe))
         os.mkfifo(pipe)
         return pipe
 
-    def reached(pipe, process):
-        while process.poll() is None:
+    def reached(pipe, process=None):
+        while process is None or process.poll() is None:
             try:
                 return os.open(pipe, os.O_WRONLY | os.O_NONBLOCK)
             except OSError:
@@ -466,6 +468,8 @@ def check_refusals_and_interrupts(service):
     for command in (("scan", "--space", "s", service.tree), ("compress", "--yes", "t"), ("forget", "--yes", "t"),
                     ("scan", "--fresh", "--space", "t", service.tree)):
         expect_busy(*command, what=r"a scan (process ")
+    client("stop", "compress", status=1)
+    assert "what runs is a scan (process " in client.said, client.said
     assert client("getprop", "sys.ruxservice.stop_scan") == "false\n"
     waiting = client.start("compress", "--wait", "--yes", "t")
     long_scan.send_signal(signal.SIGINT)
@@ -489,6 +493,26 @@ def check_refusals_and_interrupts(service):
     let_go(pipe, writer)
     assert raw.wait(30) == 0
     assert json.loads(service.call(LIST, service.rule())) is not None
+
+    # Another one gets its turn between what a dedupe scans and what it links.
+    (space,) = json.loads(client("dedupe", "--dry-run", "--json", service.tree))["spaces"]
+    pipe, other = held(space), held("y")
+    both = client.start("dedupe", "--yes", service.tree)
+    writer = reached(pipe, both)
+    is_in = threading.Event()
+
+    def squeeze_in():
+        while not is_in.is_set():
+            service.call(SCAN, service.rule(space="y"))
+
+    squeezing = threading.Thread(target=squeeze_in)
+    squeezing.start()
+    let_go(pipe, writer)
+    writer = reached(other)
+    is_in.set()
+    let_go(other, writer)
+    squeezing.join()
+    assert "linked in" in both.communicate(timeout=30)[0] and both.returncode == 0
 
     client("setprop", "sys.ruxservice.stop_scan", "false")  # no request of before
     for space in "wx":
