@@ -161,7 +161,7 @@ Outcome carryOut(const Client& client, const Operation& operation, const std::st
         if (!waits || Interrupts::any()) {
             throw Failure("the service is busy with " + running + "; wait for its end (--wait), " +
                                   adviceFor(running),
-                          kBusy);
+                          Interrupts::any() ? kInterrupted : kBusy);
         }
         line.show("Waiting for the end of " + running);
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
