@@ -11,7 +11,6 @@
 namespace rux {
 namespace {
 
-constexpr size_t kMaxPattern = 16384;  // bytes
 // Of the matcher that backtracks:
 constexpr uint32_t kMaxSteps = 250'000;
 constexpr uint32_t kMaxMemory = 4096;  // KiB
@@ -42,7 +41,6 @@ Code compile(const std::string& pattern) {
                                   PCRE2_ALLOW_EMPTY_CLASS | PCRE2_ALT_BSUX;
     static pcre2_compile_context* const rules = [] {
         pcre2_compile_context* context = pcre2_compile_context_create(nullptr);
-        pcre2_set_max_pattern_length(context, kMaxPattern);
         pcre2_set_newline(context, PCRE2_NEWLINE_ANYCRLF);  // no dot matches one of them
         return context;
     }();
