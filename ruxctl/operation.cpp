@@ -39,8 +39,7 @@ bool succeeds(const Client& client, Code code, const std::optional<std::string>&
 class Admission {
   public:
     explicit Admission(const Operation& operation) : mOperation(operation) {
-        mIsTrueNew = state() != "true";
-        if (mOperation.stopProperty != nullptr && mIsTrueNew) set("asked");
+        if (mOperation.stopProperty != nullptr && state() != "true") set("asked");
     }
     ~Admission() {
         if (state() == "asked") set("false");
@@ -48,15 +47,15 @@ class Admission {
     Admission(const Admission&) = delete;
     Admission& operator=(const Admission&) = delete;
 
-    /// To be called while the answer is awaited.
-    void watch() { mIsTrueNew = mIsTrueNew || state() == "false"; }
+    /// To be called while the answer is awaited: a refusal comes at once.
+    void watch() { mIsAdmitted = mIsAdmitted || state() != "asked"; }
     /// Whether the operation was refused, once it has been answered.
     bool wasRefused() const {
         const std::string now = state();
         return now == "asked" || (now == "true" && !isStopped());
     }
     /// Whether this client or another one has asked for its end.
-    bool isStopped() const { return mStopped || (mIsTrueNew && state() == "true"); }
+    bool isStopped() const { return mStopped || (mIsAdmitted && state() == "true"); }
     /// To be said again and again: the request may not have been admitted when it was first.
     void stop(const Client& client) {
         if (mOperation.stopProperty == nullptr) return;
@@ -72,7 +71,7 @@ class Admission {
     void set(const char* value) const { SetProperty(mOperation.stopProperty, value); }
 
     const Operation& mOperation;
-    bool mIsTrueNew;  // whether a "true" by now is a request to stop this operation
+    bool mIsAdmitted = false;
     bool mStopped = false;
 };
 

@@ -487,6 +487,7 @@ def check_refusals_and_interrupts(service):
     raw = subprocess.Popen([client.binary, "call", str(SCAN), service.rule(space="v")], env=client.environment)
     writer = reached(pipe, raw)
     assert "busy" in client("status")
+    client("setprop", "ruxctl.operation", f"{waiting.pid} 1 a restore")  # of a process that has ended
     expect_busy("restore", "--yes", "--space", "t")
     expect_busy("scan", "--space", "s", service.tree)
     client("stop", "scan")
@@ -514,12 +515,12 @@ def check_refusals_and_interrupts(service):
     squeezing.join()
     assert "linked in" in both.communicate(timeout=30)[0] and both.returncode == 0
 
-    client("setprop", "sys.ruxservice.stop_scan", "false")  # no request of before
     for space in "wx":
         pipe = held(space)
         last = client.start("scan", "--space", space, service.tree)
         writer = reached(pipe, last)
         if space == "w":  # another client stops it
+            time.sleep(0.5)  # a refusal would have come by then
             client("stop", "scan")
             let_go(pipe, writer)
             assert "stopped; what was recorded is kept" in last.communicate(timeout=30)[1] and last.returncode == 130
