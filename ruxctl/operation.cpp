@@ -155,7 +155,10 @@ Outcome carryOut(const Client& client, const Operation& operation, const std::st
     const Interrupts interrupts;
     StatusLine line;
     while (true) {
-        if (const auto outcome = attempt(client, operation, request, tick)) return *outcome;
+        if (const auto outcome = attempt(client, operation, request, tick)) {
+            waits = true;  // what else the command needs: others may get their turn in between
+            return *outcome;
+        }
         const std::string running = runningOperation().value_or("another operation");
         if (!waits || Interrupts::any()) {
             throw Failure("the service is busy with " + running + "; wait for its end (--wait), " +

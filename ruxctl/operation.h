@@ -41,7 +41,8 @@ Outcome carryOut(
         const Client& client, const Operation& operation, const std::string& request,
         const std::function<void(double seconds)>& tick = [](double) {});
 
-/// From now on an operation that is refused waits for its turn.
+/// From now on an operation that is refused waits for its turn, as all do but the first of a
+/// command.
 void waitWhenBusy();
 
 /// Whether a long operation is running. Asks with a scan of nothing, which for some microseconds is

@@ -295,7 +295,6 @@ int dedupe(ScanOptions options, CompressOptions then) {
     options.links = !then.dryRun;
     if (const int exit = scan(options); exit != kDone) return exit;
     then.spaceIds = {options.query.spaceId};
-    waitWhenBusy();  // another one may have got its turn in between
     return compress(then);
 }
 
