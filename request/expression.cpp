@@ -73,7 +73,7 @@ Expression::Result match(const Code& code, const std::string& text) {
                                 workspace.data(), workspace.size());
     }
     if (found < 0 && found != PCRE2_ERROR_NOMATCH) return Expression::Result::TooLong;
-    // The second matcher finds the longest beginning of the text that matches.
+    // The second matcher may find an empty text at the beginning, which is not the whole.
     const bool isWhole = found >= 0 && pcre2_get_ovector_pointer(data.get())[1] == text.size();
     return isWhole ? Expression::Result::Match : Expression::Result::NoMatch;
 }
