@@ -12,7 +12,7 @@ namespace rux {
 namespace {
 
 // Of the matcher that backtracks:
-constexpr uint32_t kMaxSteps = 250'000;
+constexpr uint32_t kMaxSteps = 200'000;
 constexpr uint32_t kMaxMemory = 4096;  // KiB
 // Of the matcher that follows all ways at once:
 constexpr uint32_t kNoLookAhead = 1;  // it would start anew for each
