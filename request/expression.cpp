@@ -11,9 +11,9 @@
 namespace rux {
 namespace {
 
-// Of the matcher that backtracks:
-constexpr uint32_t kMaxSteps = 200'000;
-constexpr uint32_t kMaxMemory = 4096;  // KiB
+constexpr uint32_t kMaxNesting = 1000;   // parentheses in parentheses
+constexpr uint32_t kMaxMemory = 4096;    // KiB, of a match
+constexpr uint32_t kMaxSteps = 200'000;  // of the matcher that backtracks
 // Of the matcher that follows all ways at once:
 constexpr uint32_t kNoLookAhead = 1;  // it would start anew for each
 constexpr size_t kWorkspace = 8192;   // integers, for ways; so the time is bounded as well
@@ -41,6 +41,7 @@ Code compile(const std::string& pattern) {
                                   PCRE2_ALLOW_EMPTY_CLASS | PCRE2_ALT_BSUX;
     static pcre2_compile_context* const rules = [] {
         pcre2_compile_context* context = pcre2_compile_context_create(nullptr);
+        pcre2_set_parens_nest_limit(context, kMaxNesting);
         pcre2_set_newline(context, PCRE2_NEWLINE_ANYCRLF);  // no dot matches one of them
         return context;
     }();
@@ -61,15 +62,15 @@ pcre2_match_context* limitedTo(uint32_t steps) {
 }
 
 Expression::Result match(const Code& code, const std::string& text) {
-    static pcre2_match_context* const steps = limitedTo(kMaxSteps);
-    static pcre2_match_context* const once = limitedTo(kNoLookAhead);
+    static pcre2_match_context* const backtracking = limitedTo(kMaxSteps);
+    static pcre2_match_context* const allWays = limitedTo(kNoLookAhead);
     const std::unique_ptr<pcre2_match_data, void (*)(pcre2_match_data*)>
             data(pcre2_match_data_create(1, nullptr), pcre2_match_data_free);
     const auto* subject = reinterpret_cast<PCRE2_SPTR>(text.data());
-    int found = pcre2_match(code.get(), subject, text.size(), 0, 0, data.get(), steps);
+    int found = pcre2_match(code.get(), subject, text.size(), 0, 0, data.get(), backtracking);
     if (found == PCRE2_ERROR_MATCHLIMIT || found == PCRE2_ERROR_HEAPLIMIT) {
         std::vector<int> workspace(kWorkspace);
-        found = pcre2_dfa_match(code.get(), subject, text.size(), 0, 0, data.get(), once,
+        found = pcre2_dfa_match(code.get(), subject, text.size(), 0, 0, data.get(), allWays,
                                 workspace.data(), workspace.size());
     }
     if (found < 0 && found != PCRE2_ERROR_NOMATCH) return Expression::Result::TooLong;
