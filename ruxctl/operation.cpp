@@ -52,7 +52,7 @@ class Admission {
     /// Whether the operation was refused, once it has been answered.
     bool wasRefused() const {
         const std::string now = state();
-        return now == "asked" || (now == "true" && !isStopped());
+        return now == "asked" || (now == "true" && !mStopped && !mIsAdmitted);
     }
     /// Whether this client or another one has asked for its end.
     bool isStopped() const { return mStopped || (mIsAdmitted && state() == "true"); }
