@@ -213,10 +213,8 @@ def check_large_texts_and_hostile_patterns(service):
     deep = service.tree + "/" + "a" * 250
     while len(deep) < 3800:
         deep += "/" + "a" * 250
-    os.makedirs(deep)
     for path in (name, deep + "/" + "a" * (4095 - len(deep) - 1)):
-        with open(path, "w", encoding="ascii") as file:
-            file.write("x")
+        service.write(path, "x")
     for pattern in ("(a+)+b", "(.*)*x", "(a|aa)+$", "(.*a){50}b", "(.*)(.*)(.*)\\1b"):
         service.call(SCAN, service.rule(regs=[pattern, pattern + "|y"]))
     service.scan()

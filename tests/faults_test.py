@@ -238,8 +238,7 @@ def check_what_a_kill_left_is_tidied_up_wherever_it_works_next(service):
     service.scan()
     service.kill()
     os.link(d, left)
-    with open(alone, "w", encoding="ascii") as file:
-        file.write("the only name")
+    service.write(alone, "the only name")
     mark = service.root + "/run/rux/unsettled"
     with open(mark, "wb"):
         service.start()

@@ -119,13 +119,9 @@ def check_what_is_not_the_same(service):
 
 def check_a_difference_wherever_it_is(service):
     content = random.Random(1).randbytes((3 << 20) + 777)  # so large that two threads compare
-    kept, duplicate = service.tree + "/kept", service.tree + "/duplicate"
-    for path in (kept, duplicate):
-        with open(path, "wb") as file:
-            file.write(content)
+    kept, duplicate = service.write("kept", content), service.tree + "/duplicate"
     for at in (*range(0, len(content), len(content) // 30), len(content) - 1):
-        with open(duplicate, "wb") as file:
-            file.write(content[:at] + bytes([content[at] ^ 1]) + content[at + 1:])
+        service.write("duplicate", content[:at] + bytes([content[at] ^ 1]) + content[at + 1:])
         expect_refusal(service, kept, duplicate, errno.EILSEQ)
     for at in (0, 1 << 17, 1 << 18, 1 << 28, (1 << 30) - 1):  # the rest are holes
         for path in (kept, duplicate):

@@ -403,9 +403,7 @@ class Session:
         self.populate(self.service.tree, 0)
         if pick.random() < 0.1:  # enough for several values of the progress
             for i in range(230):
-                os.makedirs(self.service.tree + "/many", exist_ok=True)
-                with open(f"{self.service.tree}/many/{i}", "w", encoding="ascii") as file:
-                    file.write("many")
+                self.service.write(f"many/{i}", "many")
         if pick.random() < 0.3:  # more ways to a directory than are walked
             os.makedirs(self.service.tree + "/few/few")
             self.make(self.service.tree + "/few/few/file", 3)

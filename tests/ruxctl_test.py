@@ -258,12 +258,10 @@ def check_figures(service):
     """The preview's figure, the result's and what du sees are one, whatever links there are before."""
     client = Client(service)
     tree = f"{service.base}/linked"
-    os.makedirs(tree + "/d")
     large, small = "l" * 700000, "s" * 30000
     for name in ("one", "two", "three"):
-        for path, content in ((f"{tree}/{name}", large), (f"{tree}/d/{name}", small)):
-            with open(path, "w", encoding="ascii") as file:
-                file.write(content)
+        service.write(f"{tree}/{name}", large)
+        service.write(f"{tree}/d/{name}", small)
     os.link(tree + "/three", tree + "/d/three-too")
     os.link(tree + "/d/two", service.base + "/outside")  # frees nothing
     os.symlink("two", tree + "/pointer")
@@ -325,10 +323,8 @@ def check_what_is_left_out(service):
         with open(os.fsencode(tree) + b"/" + name, "w", encoding="ascii") as file:
             file.write("odd")
     os.chmod(tree + "/closed", 0)
-    os.makedirs(service.base + "/outside")
     for name in ("far", "near"):
-        with open(service.base + "/outside/" + name, "w", encoding="ascii") as file:
-            file.write(name)
+        service.write("../outside/" + name, name)
     for name, target in (("out", "../outside/far"), ("all", "../outside"), ("in", "a\nb")):
         os.symlink(target, f"{tree}/{name}")
     assert client("scan", "--follow", "--space", "s", tree).startswith("5 files recorded in")
@@ -350,9 +346,8 @@ def check_what_is_left_out(service):
     assert "2 files recorded" in shown and "1 large file not read: no other has the size" in shown, shown
     # Of a list that takes two requests the one does not know what the other meets.
     small, lone = service.write("small", "s"), service.tree + "/large/one"
-    with open(service.base + "/list", "w", encoding="ascii") as file:
-        file.write(lone + "\n" + (small + "\n") * ((1 << 20) // len(small) + 1))
-    shown = client.on_terminal("dedupe", "--dry-run", "--files-from", file.name)[0]
+    listed = service.write("../list", lone + "\n" + (small + "\n") * ((1 << 20) // len(small) + 1))
+    shown = client.on_terminal("dedupe", "--dry-run", "--files-from", listed)[0]
     assert "2 files recorded" in shown and "not read" not in shown, shown
 
 
@@ -452,6 +447,11 @@ def check_refusals_and_interrupts(service):
                 time.sleep(0.01)
         raise AssertionError("the scan was not held")
 
+    def held_scan(space):
+        pipe = held(space)
+        scan = client.start("scan", "--space", space, service.tree)
+        return scan, pipe, reached(pipe, scan)
+
     def let_go(pipe, writer):
         os.unlink(pipe)
         os.close(writer)
@@ -461,9 +461,7 @@ def check_refusals_and_interrupts(service):
         advice = "ruxctl stop scan, list or compress" if what == "another operation" else "end it: ruxctl stop scan\n"
         assert f"busy with {what}" in client.said and advice in client.said, client.said
 
-    pipe = held("u")
-    long_scan = client.start("scan", "--space", "u", service.tree)
-    writer = reached(pipe, long_scan)
+    long_scan, pipe, writer = held_scan("u")
     assert re.search(r"busy with a scan \(process \d+, for ", client("status"))
     for command in (("scan", "--space", "s", service.tree), ("compress", "--yes", "t"), ("forget", "--yes", "t"),
                     ("scan", "--fresh", "--space", "t", service.tree)):
@@ -515,15 +513,14 @@ def check_refusals_and_interrupts(service):
     squeezing.join()
     assert "linked in" in both.communicate(timeout=30)[0] and both.returncode == 0
 
-    for space in "wx":
-        pipe = held(space)
-        last = client.start("scan", "--space", space, service.tree)
-        writer = reached(pipe, last)
-        if space == "w":  # another client stops it
-            time.sleep(0.5)  # a refusal would have come by then
-            client("stop", "scan")
-            let_go(pipe, writer)
-            assert "stopped; what was recorded is kept" in last.communicate(timeout=30)[1] and last.returncode == 130
+    # Another client stops it.
+    stopped, pipe, writer = held_scan("w")
+    time.sleep(0.5)  # a refusal would have come by then
+    client("stop", "scan")
+    let_go(pipe, writer)
+    assert "stopped; what was recorded is kept" in stopped.communicate(timeout=30)[1] and stopped.returncode == 130
+
+    last, _, writer = held_scan("x")
     service.kill()
     os.close(writer)
     err = last.communicate(timeout=30)[1]

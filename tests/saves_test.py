@@ -255,9 +255,7 @@ def check_strangers():
     with Service(RUX) as service:
         change_tree(service, "scan")
         service.scan()
-        outside, place = f"{service.base}/outside", f"{service.space}/{JOURNAL}"
-        with open(outside, "wb") as file:
-            file.write(b"RUXSave1" + b"\xff" * 100)
+        outside, place = service.write("../outside", b"RUXSave1" + b"\xff" * 100), f"{service.space}/{JOURNAL}"
         strangers = [lambda: os.symlink(outside, place), lambda: os.mkdir(place), lambda: os.mkfifo(place)]
         if os.geteuid() == 0:
             strangers.append(lambda: (shutil.copy(outside, place), os.chown(place, 12345, -1)))

@@ -195,11 +195,11 @@ class Service:
         return found
 
     def write(self, name, content):
-        """Writes a file of the tree, with its directories; returns its path."""
-        path = f"{self.tree}/{name}"
+        """Writes a file of the tree, or with that whole path, and its directories; returns its path."""
+        path = os.path.join(self.tree, name)
         os.makedirs(os.path.dirname(path), exist_ok=True)
-        with open(path, "w", encoding="utf-8") as file:
-            file.write(content)
+        with open(path, "wb") as file:
+            file.write(content if isinstance(content, bytes) else content.encode())
         return path
 
     def database(self, name):
